@@ -1,0 +1,67 @@
+// Element creation and lookup by UUID in large models, and the memory an element costs.
+#include "TestMetamodel.hpp"
+
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+
+#include <vector>
+
+namespace {
+
+using kivra::Model;
+using kivra::test::Book;
+
+std::size_t heapInUse() {
+    auto const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+void BM_CreateElements(benchmark::State &state) {
+    auto const count = static_cast<std::size_t>(state.range(0));
+    double bytesPerElement = 0;
+    for (auto _ : state) {
+        Model model = Model::createTransientModel();
+        std::size_t const before = heapInUse();
+        for (std::size_t i = 0; i < count; ++i)
+            Book::create(model);
+        bytesPerElement = double(heapInUse() - before) / double(count);
+        state.PauseTiming();
+        model->destroy();
+        model.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * count);
+    // Everything an element costs: the object and its entries in both tables.
+    state.counters["bytes/element"] = bytesPerElement;
+    state.counters["object bytes"] = double(sizeof(Book::Impl));
+}
+BENCHMARK(BM_CreateElements)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void BM_FindElementByUuid(benchmark::State &state) {
+    auto const count = static_cast<std::size_t>(state.range(0));
+    Model model = Model::createTransientModel();
+    std::vector<boost::uuids::uuid> ids;
+    ids.reserve(count);
+    for (std::size_t i = 0; i < count; ++i)
+        ids.push_back(Book::create(model)->getUuid());
+    std::size_t next = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(model->findElement(ids[next]));
+        next = (next + 7919) % count; // stride through the table, not along the insertion order
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FindElementByUuid)->Arg(1'000'000);
+
+void BM_ModelKindTests(benchmark::State &state) {
+    Model model = Model::createTransientModel();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(model->isTransientModel());
+        benchmark::DoNotOptimize(model->isRegistryModel());
+        benchmark::DoNotOptimize(model->empty());
+    }
+}
+BENCHMARK(BM_ModelKindTests);
+
+} // namespace

@@ -1,0 +1,45 @@
+#pragma once
+/// \file
+/// Forward declarations of kivra's core classes, for headers that only name them.
+
+#include <boost/uuid/uuid.hpp>
+
+#include <functional>
+#include <memory>
+
+namespace kivra {
+
+class ElementImpl;
+class TransactionCoordinator;
+class Model;
+class ModelConstellation;
+class ModelElement;
+class ModelSpec;
+class Transaction;
+class TransactionImpl;
+class ListenerHolderBase;
+class ExtensionListener;
+class WorkQueue;
+class ModelUpdater;
+class AbstractOwnedCollection;
+class AbstractTransactionFactoryImpl;
+class ElementId;
+class Value;
+
+namespace log {
+class Span;
+} // namespace log
+
+namespace io {
+class Endpoint;
+} // namespace io
+
+namespace datasource {
+class ActiveDataSource;
+class TransactionId;
+} // namespace datasource
+
+/// Makes the work queue of a model or a constellation from its owner and a span.
+using WorkQueueFactory = std::function<std::shared_ptr<WorkQueue>(TransactionCoordinator *, log::Span)>;
+
+} // namespace kivra

@@ -1,0 +1,260 @@
+#pragma once
+/// \file
+/// The model: a container of elements with one identity, one URI, one current
+/// transaction and one table of all its elements.
+
+#include <kivra/ElementImpl.hpp>
+#include <kivra/Handles.hpp>
+#include <kivra/Transaction.hpp>
+#include <kivra/log/Span.hpp>
+#include <kivra/services/Hashers.hpp>
+
+#include <boost/optional/optional.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kivra {
+
+/// Whether a model holds generated (reified) elements or reflective ones; never both.
+enum class ModelContent : std::uint32_t {
+    Undetermined = 0,       ///< nothing created yet, nothing declared
+    InferredReified = 1,    ///< the first element was reified
+    InferredReflective = 2, ///< the first element was reflective
+    DeclaredReified = 3,    ///< fixed by the spec for the model's life
+    DeclaredReflective = 4, ///< fixed by the spec for the model's life
+};
+
+/// Where `findElement` may look.
+enum class FindElementBehavior : std::uint32_t {
+    InMemoryOnly = 0,       ///< the element table only
+    LoadFromDataSource = 1, ///< also the attached data source, on a miss
+};
+
+/// The settings of a new model, with fluent setters.
+///
+/// Example:
+/// \code
+///   Model model = Model::create(ModelSpec().setModelReified().setLoggingDomain("library"));
+/// \endcode
+class ModelSpec {
+public:
+    /// The model's UUID; unset, a fresh one is drawn.
+    ModelSpec &setUuid(boost::uuids::uuid const &uuid) { uuid_ = uuid; return *this; }
+    /// The constellation to join; unset, `Model::create` makes a new one.
+    ModelSpec &setConstellation(ModelConstellation const &constellation);
+    /// The factory of the model's work queue; unset, the default queue.
+    ModelSpec &setWorkQueueFactory(WorkQueueFactory factory) { workQueueFactory_ = std::move(factory); return *this; }
+    /// The domain of the model's logger; unset, empty.
+    ModelSpec &setLoggingDomain(std::string domain) { loggingDomain_ = std::move(domain); return *this; }
+    /// Declares that the model holds generated elements only.
+    ModelSpec &setModelReified() { content_ = ModelContent::DeclaredReified; return *this; }
+    /// Declares that the model holds reflective elements only.
+    ModelSpec &setModelReflective() { content_ = ModelContent::DeclaredReflective; return *this; }
+
+    boost::uuids::uuid getUuid() const { return uuid_.value_or(boost::uuids::uuid{}); }
+    ModelConstellation const &getConstellation() const { return constellation_; }
+    WorkQueueFactory const &getWorkQueueFactory() const { return workQueueFactory_; }
+    std::string getLoggingDomain() const { return loggingDomain_.value_or(std::string()); }
+    ModelContent getModelContent() const { return content_.value_or(ModelContent::Undetermined); }
+
+private:
+    boost::optional<boost::uuids::uuid> uuid_;
+    ModelConstellation constellation_;
+    WorkQueueFactory workQueueFactory_;
+    boost::optional<std::string> loggingDomain_;
+    boost::optional<ModelContent> content_;
+};
+
+/// The implementation of a model; all model operations are its members, reached through
+/// `Model::operator->`.
+///
+/// There are three kinds of model, told by their state: a constellation model belongs to
+/// a `ModelConstellation` and may refer to its other models through proxies; a transient
+/// model stands alone with an empty URI; a registry model stands alone with a fixed URI.
+///
+/// A model keeps its top-level elements alive; contained elements are kept by their
+/// containers. It is used by one thread at a time.
+class Model::Impl final : public TransactionCoordinator {
+public:
+    ~Impl() override;
+
+    Model getModel() const override;
+    meta::Class const &getMetaClass() const override;
+    void removeRef() override;
+
+    // --- Queries ---------------------------------------------------------------------
+
+    std::u16string const &getModelURI() const noexcept { return modelURI_; }
+    /// The URI in location form, the constellation's key.
+    std::u16string const &getLocationURI() const noexcept { return locationURI_; }
+    ModelConstellation getModelConstellation() const;
+    ModelContent getModelContent() const;
+    std::uint64_t serialNumber() const noexcept { return serialNumber_; }
+
+    /// True when the model has no top-level element.
+    bool empty() const noexcept { return topLevelElements_.empty(); }
+    bool isCoordinatorOf(Model const &model) const override { return model.get() == this; }
+    bool isTransactionInProgress() const override { return currentTransaction_ != nullptr; }
+    bool isRegistryModel() const noexcept { return !constellation_ && !modelURI_.empty(); }
+    bool isTransientModel() const noexcept { return !constellation_ && modelURI_.empty(); }
+    bool isModelDestroying() const noexcept { return validity_ == Destroying; }
+    bool isFrozen() const noexcept { return freezeCount_ > 0; }
+    bool isFrozenOnNotify() const noexcept { return freezeOnNotify_; }
+    bool isParsingInProgress() const noexcept { return parseCount_ > 0; }
+    bool isDataSourceLoadingInProgress() const noexcept { return dataSourceLoadingCount_ > 0; }
+    bool isDetectAndRevertUnchangedProperties() const noexcept { return detectAndRevertUnchangedProperties_; }
+
+    /// The model's span, made on first use with the logger name "kivra::cpp" and, then
+    /// only, the logging `domain`; it carries the context "modelID".
+    log::Span getSpan(std::string const &domain = {});
+
+    // --- Elements --------------------------------------------------------------------
+
+    /// The element with `uuid`, or a null handle. A destroyed element is not found.
+    ModelElement findElement(boost::uuids::uuid const &uuid,
+                             FindElementBehavior behavior = FindElementBehavior::InMemoryOnly) const;
+    /// Every live element, in no particular order.
+    std::vector<ModelElement> getAllElements(FindElementBehavior behavior = FindElementBehavior::InMemoryOnly) const;
+    /// Every element without a container, in no particular order.
+    std::vector<ModelElement> getTopLevelElements() const;
+    /// The number of live elements.
+    std::size_t elementCount() const noexcept { return elements_.size(); }
+
+    // --- Changes to the whole model --------------------------------------------------
+
+    /// Renames a constellation model. Raises `InvalidValue` for a model without a
+    /// constellation and `UniquenessConstraint` when the URI is taken in it.
+    void setModelURI(std::u16string const &uri);
+    /// Destroys every element, leaves the constellation and invalidates the model.
+    /// Never raises.
+    void destroy() noexcept;
+    /// Destroys every element in one transaction; the model stays.
+    void destroyAllContents();
+    /// Hands every element to `target` without copying; the target's listeners see them
+    /// created. Raises `CannotChangeModel` before anything moves when the target is null,
+    /// invalid or this model, when this model has listeners or a transaction in
+    /// progress, or when a UUID is in both models.
+    void moveAllContentsTo(Model const &target);
+    /// Moves a lone constellation model into `target`. Raises `CannotMigrateModel`.
+    void migrateToConstellation(ModelConstellation const &target);
+
+    // --- Transactions ----------------------------------------------------------------
+
+    /// Begins a transaction, nested when one is in progress; `revertible` keeps old
+    /// values so that a roll-back can restore them. Raises `InvalidModel` after `destroy`.
+    Transaction beginTransaction(bool revertible = false);
+    Transaction beginRevertibleTransaction() { return beginTransaction(true); }
+
+    // --- In-progress state -----------------------------------------------------------
+
+    ParseInProgressIndicator startParse();
+    DataSourceLoadingInProgressIndicator startDataSourceLoading();
+    DataSourceModificationInProgressIndicator startDataSourceModification();
+
+    // --- Element protocol: called by ModelElement::Impl ------------------------------
+
+    /// Raises `ModelFrozen` or `NoOpenTransaction` when the model may not change now.
+    void validateTransaction() const;
+    /// Enters a new element; raises `UUIDConflict` (and clears the element's UUID) when
+    /// the UUID is taken.
+    void elementCreated(ModelElement::Impl *element, bool topLevel);
+    void elementDestroying(ModelElement::Impl *element);
+    void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex);
+    void elementMadeTopLevel(ModelElement::Impl *element);
+    void elementNoLongerTopLevel(ModelElement::Impl *element);
+    void allElementsDestroying();
+    void allElementsDestroyed();
+    /// Forgets an element without any report.
+    void remove(ModelElement::Impl *element) noexcept;
+    /// Brings back a destroyed element (roll-back only).
+    void resurrectElement(ModelElement::Impl *element);
+
+    /// The transaction in progress, or null.
+    TransactionImpl *currentTransaction() const noexcept { return currentTransaction_; }
+    ModelConstellation::Impl *constellationImpl() const noexcept { return constellation_; }
+
+private:
+    friend class Model;
+    friend class ModelConstellation;
+    friend class TransactionImpl;
+
+    Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
+         WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
+         ModelContent content);
+
+    static Model make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
+                      WorkQueueFactory const &factory, std::string const &domain, ModelContent content);
+    void setConstellation(ModelConstellation::Impl *constellation);
+    bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
+    bool isInMultiModelConstellation() const noexcept;
+
+    template <class V>
+    using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
+
+    UuidMap<ModelElement> topLevelElements_;
+    UuidMap<ModelElement::Impl *> elements_;
+    TransactionImpl *currentTransaction_ = nullptr;
+    std::vector<ListenerHolderBase *> listeners_;
+    std::uint32_t listenerDepth_ = 1;
+    std::uint64_t serialNumber_;
+    std::int32_t freezeCount_ = 0;
+    bool freezeOnNotify_ = false;
+    std::int32_t dataSourceLoadingCount_ = 0;
+    std::int32_t dataSourceModificationCount_ = 0;
+    std::int32_t parseCount_ = 0;
+    std::unique_ptr<meta::DataModelUsageProvider> usageProvider_;
+    ModelConstellation::Impl *constellation_ = nullptr;
+    std::u16string modelURI_;
+    std::u16string locationURI_;
+    datasource::ActiveDataSource *dataSource_ = nullptr;
+    bool detectAndRevertUnchangedProperties_ = false;
+    std::shared_ptr<WorkQueue> workQueue_;
+    log::Span span_;
+
+    friend class Model::InProgressIndicator;
+};
+
+/// A move-only guard that counts one piece of work in progress on a model while it lives.
+/// A moved-from guard does nothing.
+class Model::InProgressIndicator {
+public:
+    InProgressIndicator(InProgressIndicator &&other) noexcept = default;
+    InProgressIndicator &operator=(InProgressIndicator &&other) noexcept;
+    ~InProgressIndicator();
+
+protected:
+    friend class Model::Impl;
+    InProgressIndicator(Model model, std::int32_t Model::Impl::*counter, bool onlyWhileValid);
+
+private:
+    Model model_;
+    std::int32_t Model::Impl::*counter_;
+    bool onlyWhileValid_;
+};
+
+/// While one lives, the inverse side of non-composite references is left to the parser.
+class Model::ParseInProgressIndicator : public InProgressIndicator {
+    using InProgressIndicator::InProgressIndicator;
+    friend class Model::Impl;
+};
+/// While one lives, changes that loading makes are not recorded.
+class Model::DataSourceLoadingInProgressIndicator : public InProgressIndicator {
+    using InProgressIndicator::InProgressIndicator;
+    friend class Model::Impl;
+};
+/// While one lives, the data source is writing the model's changes.
+class Model::DataSourceModificationInProgressIndicator : public InProgressIndicator {
+    using InProgressIndicator::InProgressIndicator;
+    friend class Model::Impl;
+};
+
+inline Model::Impl *Model::get() const noexcept { return static_cast<Impl *>(rawImpl()); }
+inline Model::Model(Impl *impl, bool addReference) noexcept : HandleBase(impl, addReference) {}
+inline Model::Impl *Model::release() noexcept { return static_cast<Impl *>(releaseImpl()); }
+
+} // namespace kivra

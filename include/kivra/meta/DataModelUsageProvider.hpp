@@ -1,0 +1,45 @@
+#pragma once
+/// \file
+/// What a model uses: its packages and whether it holds reified or reflective elements.
+
+#include <kivra/Handles.hpp>
+#include <kivra/Model.hpp>
+
+#include <string>
+#include <vector>
+
+namespace kivra::meta {
+
+/// Keeps account of what a model uses, told of every element created and destroyed.
+class DataModelUsageProvider {
+public:
+    virtual ~DataModelUsageProvider() = default;
+    /// The URIs of the used packages.
+    virtual std::vector<std::u16string> getUsedPackageUris() const;
+    /// The packages that the model's elements and endpoints are instances of.
+    virtual std::vector<ModelElement> getUsedPackages() const = 0;
+    virtual ModelContent getModelContent() const = 0;
+    virtual void elementCreated(ModelElement::Impl *) {}
+    virtual void elementDestroying(ModelElement::Impl *) {}
+    virtual void allElementsDestroyed() {}
+};
+
+/// The usage account of ordinary models: infers the content from the first element and
+/// refuses elements of the other kind.
+class DefaultModelUsageProvider : public DataModelUsageProvider {
+public:
+    explicit DefaultModelUsageProvider(ModelContent content) : content_(content) {}
+
+    std::vector<ModelElement> getUsedPackages() const override;
+    ModelContent getModelContent() const override { return content_; }
+    /// Raises `InvalidReflectiveModelContent` or `InvalidReifiedModelContent` for an
+    /// element of the other kind than the model's.
+    void elementCreated(ModelElement::Impl *element) override;
+    /// Forgets the inferred content; a declared one stays.
+    void allElementsDestroyed() override;
+
+private:
+    ModelContent content_;
+};
+
+} // namespace kivra::meta

@@ -1,0 +1,407 @@
+#include "core/TransactionImpl.hpp"
+
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/WorkQueue.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataModelUsageProvider.hpp>
+
+#include <basalt/log/DiagnosticLogger.hpp>
+
+#include <atomic>
+
+namespace kivra {
+
+namespace {
+
+std::atomic<std::uint64_t> modelSerialNumbers{0};
+
+// Tables start small and never grow past one element per bucket: lookups stay at one
+// probe on average.
+template <class Table> void shapeTable(Table &table) {
+    table.max_load_factor(1.0f);
+    table.rehash(8);
+}
+
+} // namespace
+
+// --- Creation --------------------------------------------------------------------------
+
+Model::Impl::Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
+                  WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
+                  ModelContent content)
+    : TransactionCoordinator(uuid, Valid), serialNumber_(++modelSerialNumbers),
+      usageProvider_(std::make_unique<meta::DefaultModelUsageProvider>(content)) {
+    shapeTable(topLevelElements_);
+    shapeTable(elements_);
+    addRef(); // the reference the returned handle adopts
+    if (logCreation) {
+        log::Span span = getSpan(loggingDomain);
+        span->log(basalt::log::info, "Model created");
+    }
+    if (constellation) {
+        modelURI_ = locationURI_ = u"memory://" + [](std::uint64_t n) {
+            std::string const digits = std::to_string(n);
+            return std::u16string(digits.begin(), digits.end());
+        }(serialNumber_);
+        return;
+    }
+    auto const &factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
+    workQueue_ = factory(this, logCreation ? getSpan() : log::Span());
+}
+
+Model Model::Impl::make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
+                        WorkQueueFactory const &factory, std::string const &domain, ModelContent content) {
+    ModelConstellation members = constellation ? constellation : ModelConstellation::create(factory);
+    Model model(new Impl(uuid, members.get(), factory, /*logCreation=*/true, domain, content), /*addReference=*/false);
+    members->addModelToConstellation(model.get());
+    return model;
+}
+
+Model Model::create(ModelSpec const &spec) {
+    return Impl::make(spec.getUuid(), spec.getConstellation(), spec.getWorkQueueFactory(), spec.getLoggingDomain(),
+                      spec.getModelContent());
+}
+Model Model::create(ModelConstellation const &constellation, WorkQueueFactory const &factory) {
+    return Impl::make({}, constellation, factory, {}, ModelContent::Undetermined);
+}
+Model Model::create(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
+                    WorkQueueFactory const &factory) {
+    return Impl::make(uuid, constellation, factory, {}, ModelContent::Undetermined);
+}
+Model Model::createWithLoggingDomain(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
+                                     WorkQueueFactory const &factory, std::string const &domain) {
+    return Impl::make(uuid, constellation, factory, domain, ModelContent::Undetermined);
+}
+Model Model::createTransientModel(ModelSpec const &spec) {
+    return Model(new Impl(spec.getUuid(), nullptr, spec.getWorkQueueFactory(), true, spec.getLoggingDomain(),
+                          spec.getModelContent()),
+                 false);
+}
+Model Model::createTransientModel(boost::uuids::uuid const &uuid, WorkQueueFactory const &factory) {
+    return Model(new Impl(uuid, nullptr, factory, true, {}, ModelContent::Undetermined), false);
+}
+Model Model::createRegistryModel(std::u16string const &uri, ModelSpec const &spec) {
+    Model model(new Impl(spec.getUuid(), nullptr, spec.getWorkQueueFactory(), /*logCreation=*/false,
+                         spec.getLoggingDomain(), spec.getModelContent()),
+                false);
+    model->modelURI_ = model->locationURI_ = uri;
+    return model;
+}
+Model Model::createRegistryModel(std::u16string const &uri, boost::uuids::uuid const &uuid,
+                                 WorkQueueFactory const &factory) {
+    Model model(new Impl(uuid, nullptr, factory, false, {}, ModelContent::Undetermined), false);
+    model->modelURI_ = model->locationURI_ = uri;
+    return model;
+}
+
+ModelSpec &ModelSpec::setConstellation(ModelConstellation const &constellation) {
+    constellation_ = constellation;
+    return *this;
+}
+
+// --- Lifetime --------------------------------------------------------------------------
+
+Model::Impl::~Impl() {
+    guardAgainstReentrantDeletion();
+    if (validity_ != Invalid)
+        destroy();
+}
+
+void Model::Impl::removeRef() {
+    if (refCount_.fetch_sub(1) != 1)
+        return;
+    // A member of a constellation lives as long as the constellation does; the
+    // constellation decides whether both are now unreferenced.
+    if (constellation_)
+        constellation_->modelIsNotExternallyReferenced(this);
+    else
+        deleteThis();
+}
+
+Model Model::Impl::getModel() const { return Model(const_cast<Impl *>(this), true); }
+
+meta::Class const &Model::Impl::getMetaClass() const {
+    // The registry of metaclasses describes models once it exists; until then a model
+    // has no metaclass to show.
+    static meta::Class const none;
+    return none;
+}
+
+ModelConstellation Model::Impl::getModelConstellation() const {
+    return constellation_ ? ModelConstellation(constellation_) : ModelConstellation();
+}
+
+ModelContent Model::Impl::getModelContent() const { return usageProvider_->getModelContent(); }
+
+bool Model::Impl::isInMultiModelConstellation() const noexcept {
+    return constellation_ && constellation_->isMultiModelConstellation();
+}
+
+void Model::Impl::setConstellation(ModelConstellation::Impl *constellation) {
+    constellation_ = constellation;
+    // A member uses its constellation's queue.
+    if (constellation_)
+        workQueue_.reset();
+}
+
+log::Span Model::Impl::getSpan(std::string const &domain) {
+    if (!span_)
+        span_ = domain.empty() ? log::Span::create("kivra::cpp") : log::Span::createWithDomain(domain, "kivra::cpp");
+    return span_;
+}
+
+// --- Elements --------------------------------------------------------------------------
+
+ModelElement Model::Impl::findElement(boost::uuids::uuid const &uuid, FindElementBehavior) const {
+    auto const found = elements_.find(uuid);
+    return found == elements_.end() ? ModelElement() : ModelElement(found->second, true);
+}
+
+std::vector<ModelElement> Model::Impl::getAllElements(FindElementBehavior) const {
+    std::vector<ModelElement> result;
+    result.reserve(elements_.size());
+    for (auto const &entry : elements_)
+        result.push_back(ModelElement(entry.second, true));
+    return result;
+}
+
+std::vector<ModelElement> Model::Impl::getTopLevelElements() const {
+    std::vector<ModelElement> result;
+    result.reserve(topLevelElements_.size());
+    for (auto const &entry : topLevelElements_)
+        result.push_back(entry.second);
+    return result;
+}
+
+void Model::Impl::validateTransaction() const {
+    if (validity_ == Destroying)
+        return;
+    if (freezeCount_ != 0)
+        raise<messages::ModelFrozen>();
+    if (currentTransaction_ || dataSourceLoadingCount_ != 0)
+        return;
+    if (isInMultiModelConstellation() || !listeners_.empty())
+        raise<messages::NoOpenTransaction>();
+}
+
+void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
+    validateTransaction();
+    if (!elements_.emplace(element->getUuid(), element).second) {
+        // The loser must not take the winner's table entry with it when it dies.
+        element->clearUuid();
+        raise<messages::UUIDConflict>();
+    }
+    if (reportsChanges())
+        currentTransaction_->elementCreated(element);
+    usageProvider_->elementCreated(element);
+    if (topLevel)
+        topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+}
+
+void Model::Impl::elementDestroying(ModelElement::Impl *element) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementDestroying(element);
+    usageProvider_->elementDestroying(element);
+    remove(element);
+    if (elements_.empty())
+        usageProvider_->allElementsDestroyed();
+}
+
+void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementModifying(element, propertyIndex);
+}
+
+void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementContainmentChanging(element);
+    topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+}
+
+void Model::Impl::elementNoLongerTopLevel(ModelElement::Impl *element) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementContainmentChanging(element);
+    topLevelElements_.erase(element->getUuid());
+}
+
+void Model::Impl::allElementsDestroying() {
+    validateTransaction();
+    if (currentTransaction_)
+        currentTransaction_->allElementsDestroying();
+}
+
+void Model::Impl::allElementsDestroyed() {
+    validateTransaction();
+    if (currentTransaction_)
+        currentTransaction_->allElementsDestroyed();
+}
+
+void Model::Impl::remove(ModelElement::Impl *element) noexcept {
+    elements_.erase(element->getUuid());
+    // Erasing may drop the last reference to the element: keep it alive until this
+    // call is done with it.
+    auto const found = topLevelElements_.find(element->getUuid());
+    if (found != topLevelElements_.end()) {
+        ModelElement keep = std::move(found->second);
+        topLevelElements_.erase(found);
+    }
+}
+
+void Model::Impl::resurrectElement(ModelElement::Impl *element) {
+    element->resurrect();
+    elements_.emplace(element->getUuid(), element);
+    if (element->isTopLevel())
+        topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+}
+
+// --- Changes to the whole model ------------------------------------------------------
+
+void Model::Impl::setModelURI(std::u16string const &uri) {
+    if (uri == modelURI_)
+        return;
+    if (!constellation_)
+        raise<messages::InvalidValue>();
+    // Without a model id normalizer service the location form is the URI itself.
+    std::u16string const location = uri;
+    if (location != locationURI_)
+        constellation_->modelURIAboutToChange(locationURI_, location);
+    modelURI_ = location;
+    locationURI_ = location;
+}
+
+void Model::Impl::destroy() noexcept {
+    if (validity_ == Invalid)
+        return;
+    if (workQueue_)
+        workQueue_->discard();
+    validity_ = Destroying;
+    try {
+        Transaction transaction = beginTransaction(false);
+        listeners_.clear();
+        bool const multi = isInMultiModelConstellation();
+        auto const topLevel = getTopLevelElements();
+        for (auto const &element : topLevel)
+            element->destroyRecursively(/*modelDestroying=*/true, /*removeFromContainer=*/false, multi);
+        topLevelElements_.clear();
+        // Nothing of a dying model is committed or reported.
+        if (currentTransaction_)
+            currentTransaction_->abandon();
+    } catch (...) {
+        // A model's end must not fail its caller; what is left is released below.
+        topLevelElements_.clear();
+        if (currentTransaction_)
+            currentTransaction_->abandon();
+    }
+    invalidate();
+    if (constellation_) {
+        ModelConstellation::Impl *constellation = std::exchange(constellation_, nullptr);
+        constellation->modelIsDestroyed(this);
+    }
+}
+
+void Model::Impl::destroyAllContents() {
+    bool const multi = isInMultiModelConstellation();
+    Transaction transaction = beginTransaction(false);
+    auto const topLevel = getTopLevelElements();
+    allElementsDestroying();
+    for (auto const &element : topLevel)
+        element->destroyRecursively(/*modelDestroying=*/false, /*removeFromContainer=*/false, multi);
+    allElementsDestroyed();
+    usageProvider_->allElementsDestroyed();
+    topLevelElements_.clear();
+    transaction.commit();
+}
+
+void Model::Impl::moveAllContentsTo(Model const &target) {
+    Impl *to = target.get();
+    if (!to || !target || to == this || !listeners_.empty() || currentTransaction_)
+        raise<messages::CannotChangeModel>();
+    for (auto const &entry : elements_)
+        if (to->findElement(entry.first, FindElementBehavior::LoadFromDataSource))
+            raise<messages::CannotChangeModel>();
+
+    {
+        Transaction transaction = to->beginTransaction(false);
+        for (auto const &entry : elements_) {
+            ModelElement::Impl *element = entry.second;
+            element->model_ = to;
+            try {
+                to->elementCreated(element, element->isTopLevel());
+            } catch (std::exception const &) {
+                element->model_ = this;
+                throw std::exception();
+            }
+        }
+        transaction.commit();
+    }
+    elements_.clear();
+    topLevelElements_.clear();
+    usageProvider_->allElementsDestroyed();
+}
+
+void Model::Impl::migrateToConstellation(ModelConstellation const &target) {
+    if (target.get() == constellation_)
+        return;
+    if (currentTransaction_ || !constellation_ || constellation_->isMultiModelConstellation() || !target ||
+        (workQueue_ && !workQueue_->empty()))
+        raise<messages::CannotMigrateModel>();
+    target->addModelToConstellation(this);
+}
+
+// --- Transactions --------------------------------------------------------------------
+
+Transaction Model::Impl::beginTransaction(bool revertible) {
+    if (validity_ == Invalid)
+        raise<messages::InvalidModel>();
+    if (currentTransaction_) {
+        auto *nested = new NestedTransaction(currentTransaction_);
+        nested->addRef();
+        return Transaction(nested);
+    }
+    auto *transaction = new TransactionImpl(this, revertible || listenerDepth_ == 2);
+    transaction->addRef();
+    currentTransaction_ = transaction;
+    return Transaction(transaction);
+}
+
+// --- In-progress state ---------------------------------------------------------------
+
+Model::InProgressIndicator::InProgressIndicator(Model model, std::int32_t Model::Impl::*counter, bool onlyWhileValid)
+    : model_(std::move(model)), counter_(counter), onlyWhileValid_(onlyWhileValid) {
+    ++(model_.get()->*counter_);
+}
+
+Model::InProgressIndicator &Model::InProgressIndicator::operator=(InProgressIndicator &&other) noexcept {
+    if (this != &other) {
+        InProgressIndicator old(std::move(*this));
+        model_ = std::move(other.model_);
+        counter_ = other.counter_;
+        onlyWhileValid_ = other.onlyWhileValid_;
+    }
+    return *this;
+}
+
+Model::InProgressIndicator::~InProgressIndicator() {
+    Impl *model = model_.get();
+    if (model && (!onlyWhileValid_ || model->isValid()))
+        --(model->*counter_);
+}
+
+Model::ParseInProgressIndicator Model::Impl::startParse() {
+    return ParseInProgressIndicator(getModel(), &Impl::parseCount_, false);
+}
+Model::DataSourceLoadingInProgressIndicator Model::Impl::startDataSourceLoading() {
+    return DataSourceLoadingInProgressIndicator(getModel(), &Impl::dataSourceLoadingCount_, true);
+}
+Model::DataSourceModificationInProgressIndicator Model::Impl::startDataSourceModification() {
+    return DataSourceModificationInProgressIndicator(getModel(), &Impl::dataSourceModificationCount_, true);
+}
+
+} // namespace kivra

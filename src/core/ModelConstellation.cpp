@@ -1,0 +1,151 @@
+#include <kivra/ModelConstellation.hpp>
+
+#include <kivra/Messages.hpp>
+#include <kivra/WorkQueue.hpp>
+#include <kivra/meta/Class.hpp>
+
+#include <vector>
+
+namespace kivra {
+
+namespace {
+bool sameFamily(ModelContent a, ModelContent b) {
+    auto reified = [](ModelContent c) { return c == ModelContent::InferredReified || c == ModelContent::DeclaredReified; };
+    return reified(a) == reified(b);
+}
+} // namespace
+
+ModelConstellation ModelConstellation::create(WorkQueueFactory const &factory) {
+    auto *impl = new Impl(factory);
+    return ModelConstellation(impl);
+}
+
+ModelConstellation::Impl::Impl(WorkQueueFactory const &workQueueFactory) : TransactionCoordinator({}, Valid) {
+    auto const &factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
+    workQueue_ = factory(this, log::Span());
+}
+
+ModelConstellation::Impl::~Impl() {
+    guardAgainstReentrantDeletion();
+    destroy();
+}
+
+meta::Class const &ModelConstellation::Impl::getMetaClass() const {
+    static meta::Class const none;
+    return none;
+}
+
+void ModelConstellation::Impl::removeRef() {
+    if (refCount_.fetch_sub(1) == 1 && !hasAliveModels())
+        deleteThis();
+}
+
+bool ModelConstellation::Impl::hasAliveModels() {
+    // The walk holds a reference so that nothing it looks at can go away under it; the
+    // reference is dropped without a second check, which the caller makes.
+    refCount_.fetch_add(1);
+    bool alive = false;
+    for (auto const &entry : models_)
+        if (entry.second->referenceCount() != 0) {
+            alive = true;
+            break;
+        }
+    refCount_.fetch_sub(1);
+    return alive;
+}
+
+void ModelConstellation::Impl::modelIsNotExternallyReferenced(Model::Impl *) {
+    // Taking and dropping one reference runs the deletion check of `removeRef`.
+    addRef();
+    removeRef();
+}
+
+bool ModelConstellation::Impl::isCoordinatorOf(Model const &model) const {
+    for (auto const &entry : models_)
+        if (entry.second == model.get())
+            return true;
+    return false;
+}
+
+void ModelConstellation::Impl::debug_validateModelContent(ModelContent content) const {
+    if (content == ModelContent::Undetermined)
+        return;
+    for (auto const &entry : models_) {
+        ModelContent const member = entry.second->getModelContent();
+        if (member != ModelContent::Undetermined && !sameFamily(member, content))
+            raise<messages::InvalidModelContentAddedToConstellation>();
+    }
+}
+
+void ModelConstellation::Impl::addModelToConstellation(Model::Impl *model) {
+    debug_validateModelContent(model->getModelContent());
+    if (models_.count(model->getLocationURI()))
+        raise<messages::UniquenessConstraint>();
+    models_.emplace(model->getLocationURI(), model);
+    if (ModelConstellation::Impl *previous = model->constellationImpl(); previous && previous != this)
+        previous->modelIsDestroyed(model);
+    model->setConstellation(this);
+    latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
+}
+
+void ModelConstellation::Impl::modelIsDestroyed(Model::Impl *model) {
+    ModelConstellation keep(this);
+    models_.erase(model->getLocationURI());
+    for (auto entry = latestURIs_.begin(); entry != latestURIs_.end();) {
+        if (entry->second.model != model) {
+            ++entry;
+        } else if (model->getModelURI().starts_with(u"memory://")) {
+            entry = latestURIs_.erase(entry);
+        } else {
+            entry->second = LatestEntry{nullptr, model->getModelURI()};
+            ++entry;
+        }
+    }
+}
+
+void ModelConstellation::Impl::modelURIAboutToChange(std::u16string const &from, std::u16string const &to) {
+    if (models_.count(to))
+        raise<messages::UniquenessConstraint>();
+    auto const found = models_.find(from);
+    if (found == models_.end())
+        return;
+    Model::Impl *model = found->second;
+    models_.erase(found);
+    models_.emplace(to, model);
+    latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
+}
+
+Model ModelConstellation::Impl::peekModel(std::u16string const &uri) const {
+    auto const found = models_.find(uri);
+    return found == models_.end() ? Model() : found->second->getModel();
+}
+
+std::u16string ModelConstellation::Impl::getLatestModelURI(std::u16string const &uri) const {
+    auto const found = latestURIs_.find(uri);
+    if (found == latestURIs_.end())
+        return uri;
+    return found->second.model ? found->second.model->getModelURI() : found->second.uri;
+}
+
+void ModelConstellation::Impl::setModelURIOverride(std::u16string const &uri, std::u16string const &replacement) {
+    latestURIs_[uri] = LatestEntry{nullptr, replacement};
+}
+
+void ModelConstellation::Impl::destroy() noexcept {
+    if (validity_ == Invalid)
+        return;
+    if (workQueue_)
+        workQueue_->discard();
+    std::vector<Model> members;
+    members.reserve(models_.size());
+    for (auto const &entry : models_)
+        members.push_back(entry.second->getModel());
+    for (auto const &model : members)
+        model->destroy();
+    invalidate();
+    // The handles above are the last references of the members; dropping them deletes
+    // the models, which no longer count on this constellation.
+    members.clear();
+}
+
+} // namespace kivra

@@ -1,0 +1,128 @@
+#include "TestMetamodel.hpp"
+
+#include <kivra/services/Hashers.hpp>
+
+#include <boost/uuid/string_generator.hpp>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <type_traits>
+
+namespace kivra {
+namespace {
+
+using test::Book;
+
+static_assert(!std::is_convertible_v<Model, ModelElement> && !std::is_convertible_v<ModelElement, Model>,
+              "unrelated handles do not convert");
+static_assert(!std::is_convertible_v<ModelConstellation, Model>);
+static_assert(std::is_nothrow_move_constructible_v<Model> && std::is_nothrow_move_assignable_v<ModelElement>);
+static_assert(sizeof(Model) == sizeof(void *) && sizeof(Book) == sizeof(void *), "a handle is one pointer");
+
+boost::uuids::uuid uuidOf(char const *text) { return boost::uuids::string_generator()(text); }
+
+TEST(ElementImpl, NilUuidDrawsAVersionFourIdentity) {
+    Model model = Model::createTransientModel();
+    std::set<boost::uuids::uuid> seen;
+    for (int i = 0; i < 100; ++i) {
+        Book book = Book::create(model);
+        auto const id = book->getUuid();
+        EXPECT_EQ(id.version(), boost::uuids::uuid::version_random_number_based);
+        EXPECT_EQ(id.variant(), boost::uuids::uuid::variant_rfc_4122);
+        EXPECT_TRUE(seen.insert(id).second);
+    }
+}
+
+TEST(ElementImpl, GivenUuidIsKeptBitForBit) {
+    // Not a version 4 UUID: still kept as it is.
+    auto const id = uuidOf("a559b870-6892-3eec-8508-6ce5485e9784");
+    Model model = Model::createTransientModel(id);
+    EXPECT_EQ(model->getUuid(), id);
+    EXPECT_EQ(Book::create(model, id)->getUuid(), id);
+}
+
+TEST(ElementImpl, UuidHashIsItsFirstWord) {
+    auto const id = uuidOf("0102030405060708090a0b0c0d0e0f10");
+    EXPECT_EQ(services::hashers::KivraHasher<boost::uuids::uuid>()(id), 0x0807060504030201ull);
+    EXPECT_EQ(std::hash<ModelElement>()(ModelElement()), 0u);
+    Model model = Model::createTransientModel();
+    Book book = Book::create(model, id);
+    EXPECT_EQ(std::hash<ModelElement>()(book), 0x0807060504030201ull);
+}
+
+TEST(ElementImpl, TextHashIsFnv1a) {
+    // Reference values of FNV-1a 64.
+    EXPECT_EQ(services::hashers::KivraHasher<std::string>()(""), 0xcbf29ce484222325ull);
+    EXPECT_EQ(services::hashers::KivraHasher<std::string>()("a"), 0xaf63dc4c8601ec8cull);
+    // UTF-16 text hashes its code units as little-endian bytes.
+    EXPECT_EQ(services::hashers::KivraHasher<std::u16string>()(u"a"),
+              services::hashers::fnv1a("a\0", 2));
+}
+
+TEST(ElementImpl, DestroyedElementIsFalseButStillReachable) {
+    Model model = Model::createTransientModel();
+    Book book = Book::create(model);
+    auto const id = book->getUuid();
+    ModelElement copy = book;
+    book->destroy();
+    EXPECT_FALSE(book);
+    EXPECT_FALSE(copy);
+    ASSERT_NE(copy.get(), nullptr);
+    EXPECT_EQ(copy->getUuid(), id);
+    EXPECT_FALSE(model->findElement(id));
+    book->destroy(); // twice is harmless
+}
+
+TEST(ElementImpl, HandleCountsFollowCopiesAndMoves) {
+    Model model = Model::createTransientModel();
+    Book book = Book::create(model);
+    auto *impl = book.get();
+    std::uint32_t const base = impl->referenceCount();
+    {
+        ModelElement copy = book;
+        EXPECT_EQ(impl->referenceCount(), base + 1);
+        ModelElement moved = std::move(copy);
+        EXPECT_EQ(copy.get(), nullptr);
+        EXPECT_EQ(impl->referenceCount(), base + 1);
+        ModelElement other;
+        other.swap(moved);
+        EXPECT_EQ(other, book);
+        other = other; // self-assignment keeps the count
+        EXPECT_EQ(impl->referenceCount(), base + 1);
+    }
+    EXPECT_EQ(impl->referenceCount(), base);
+}
+
+int invalidations = 0;
+void countInvalidation(ElementImpl *element, AbstractOwnedCollection *) {
+    if (element)
+        ++invalidations;
+}
+void otherCallback(ElementImpl *, AbstractOwnedCollection *) { ADD_FAILURE() << "the second callback took over"; }
+
+TEST(ElementImpl, FirstInvalidateCallbackWins) {
+    ElementImpl::setInvalidateCallback(&countInvalidation);
+    ElementImpl::setInvalidateCallback(&otherCallback);
+    Model model = Model::createTransientModel();
+    Book book = Book::create(model);
+    int const before = invalidations;
+    book->destroy();
+    EXPECT_EQ(invalidations, before + 1);
+}
+
+TEST(ElementImpl, HandleMadeDuringDeletionCannotDeleteAgain) {
+    int const before = Book::Impl::deletions;
+    Book::Impl::onDelete = [](Book::Impl *dying) {
+        ModelElement again = test::handleOf(dying);
+        ModelElement copy = again;
+    };
+    {
+        Model model = Model::createTransientModel();
+        Book::create(model)->destroy();
+    }
+    Book::Impl::onDelete = nullptr;
+    EXPECT_EQ(Book::Impl::deletions, before + 1);
+}
+
+} // namespace
+} // namespace kivra

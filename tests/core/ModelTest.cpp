@@ -1,0 +1,204 @@
+#include "TestMetamodel.hpp"
+
+#include <kivra/Messages.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/WorkQueue.hpp>
+
+#include <gtest/gtest.h>
+
+namespace kivra {
+namespace {
+
+using test::Book;
+using test::ReflectiveNote;
+
+template <class M, class F> void expectRaises(F &&f) {
+    try {
+        f();
+        ADD_FAILURE() << "nothing raised";
+    } catch (Error<M> const &) {
+    }
+}
+
+TEST(Model, KindsFollowConstellationAndUri) {
+    Model member = Model::create(ModelSpec());
+    EXPECT_FALSE(member->isRegistryModel());
+    EXPECT_FALSE(member->isTransientModel());
+    EXPECT_EQ(member->getModelURI(), u"memory://" + [&] {
+        auto digits = std::to_string(member->serialNumber());
+        return std::u16string(digits.begin(), digits.end());
+    }());
+    EXPECT_TRUE(member->getModelConstellation());
+
+    Model transient = Model::createTransientModel();
+    EXPECT_TRUE(transient->isTransientModel());
+    EXPECT_TRUE(transient->getModelURI().empty());
+    EXPECT_FALSE(transient->getModelConstellation());
+    EXPECT_GT(transient->serialNumber(), member->serialNumber());
+
+    Model registry = Model::createRegistryModel(u"registry://metaRegistry/model");
+    EXPECT_TRUE(registry->isRegistryModel());
+    EXPECT_EQ(registry->getModelURI(), u"registry://metaRegistry/model");
+    EXPECT_EQ(registry->getLocationURI(), u"registry://metaRegistry/model");
+}
+
+TEST(Model, SetModelUriNeedsAConstellationAndAFreeUri) {
+    Model transient = Model::createTransientModel();
+    transient->setModelURI(u""); // the present URI: nothing to do, even here
+    expectRaises<messages::InvalidValue>([&] { transient->setModelURI(u"file:///a"); });
+
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    a->setModelURI(u"file:///a");
+    EXPECT_EQ(a->getModelURI(), u"file:///a");
+    EXPECT_EQ(constellation->peekModel(u"file:///a"), a);
+    expectRaises<messages::UniquenessConstraint>([&] { b->setModelURI(u"file:///a"); });
+    EXPECT_EQ(constellation->peekModel(b->getModelURI()), b);
+}
+
+TEST(Model, UuidConflictKeepsTheFirstElement) {
+    Model model = Model::createTransientModel();
+    Book first = Book::create(model);
+    auto const id = first->getUuid();
+    expectRaises<messages::UUIDConflict>([&] { Book::create(model, id); });
+    // The loser is gone and took nothing with it.
+    EXPECT_EQ(model->findElement(id), first);
+    EXPECT_EQ(model->elementCount(), 1u);
+    EXPECT_EQ(model->getTopLevelElements().size(), 1u);
+}
+
+TEST(Model, ChangesOutsideATransactionOnlyInALoneModel) {
+    Model lone = Model::createTransientModel();
+    EXPECT_NO_THROW(Book::create(lone));
+
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    EXPECT_NO_THROW(Book::create(a)); // alone in its constellation
+    Model b = Model::create(constellation);
+    expectRaises<messages::NoOpenTransaction>([&] { Book::create(a); });
+
+    Transaction transaction = a->beginTransaction();
+    EXPECT_NO_THROW(Book::create(a));
+    EXPECT_EQ(transaction.commit(), TransactionResult::Committed);
+}
+
+TEST(Model, TablesKeepTopLevelElementsAlive) {
+    Model model = Model::createTransientModel();
+    auto const id = Book::create(model)->getUuid();
+    ModelElement found = model->findElement(id);
+    ASSERT_TRUE(found);
+    EXPECT_FALSE(model->empty());
+    EXPECT_EQ(model->getAllElements().size(), 1u);
+    found->destroy();
+    EXPECT_TRUE(model->empty());
+    EXPECT_FALSE(model->findElement(id));
+    EXPECT_TRUE(model->getAllElements().empty());
+}
+
+TEST(Model, ContentIsInferredFromTheFirstElementUnlessDeclared) {
+    Model model = Model::createTransientModel();
+    EXPECT_EQ(model->getModelContent(), ModelContent::Undetermined);
+    Book::create(model);
+    EXPECT_EQ(model->getModelContent(), ModelContent::InferredReified);
+    expectRaises<messages::InvalidReflectiveModelContent>([&] { ReflectiveNote::create(model); });
+    EXPECT_EQ(model->elementCount(), 1u);
+
+    // Emptied completely, an undeclared model may switch kinds.
+    model->destroyAllContents();
+    EXPECT_EQ(model->getModelContent(), ModelContent::Undetermined);
+    EXPECT_NO_THROW(ReflectiveNote::create(model));
+    EXPECT_EQ(model->getModelContent(), ModelContent::InferredReflective);
+
+    Model declared = Model::createTransientModel(ModelSpec().setModelReified());
+    Book::create(declared);
+    declared->destroyAllContents();
+    EXPECT_EQ(declared->getModelContent(), ModelContent::DeclaredReified);
+    expectRaises<messages::InvalidReflectiveModelContent>([&] { ReflectiveNote::create(declared); });
+}
+
+TEST(Model, ConstellationRefusesTheOtherContentFamily) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model reified = Model::create(ModelSpec().setConstellation(constellation).setModelReified());
+    expectRaises<messages::InvalidModelContentAddedToConstellation>(
+        [&] { Model::create(ModelSpec().setConstellation(constellation).setModelReflective()); });
+    EXPECT_EQ(constellation->modelsCount(), 1u);
+
+    // An undetermined member learns its content at its first element, and is checked then.
+    Model open = Model::create(constellation);
+    Transaction transaction = open->beginTransaction();
+    expectRaises<messages::InvalidModelContentAddedToConstellation>([&] { ReflectiveNote::create(open); });
+    EXPECT_EQ(open->getModelContent(), ModelContent::Undetermined);
+}
+
+TEST(Model, DestroyInvalidatesEveryElementAndTheModel) {
+    ModelElement kept;
+    Model model = Model::createTransientModel();
+    for (int i = 0; i < 3; ++i)
+        kept = Book::create(model);
+    model->destroy();
+    EXPECT_FALSE(model);
+    EXPECT_FALSE(kept);
+    EXPECT_TRUE(model->empty());
+    expectRaises<messages::InvalidModel>([&] { model->beginTransaction(); });
+    model->destroy(); // harmless
+}
+
+TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {
+    Model source = Model::createTransientModel();
+    Model target = Model::createTransientModel();
+    Book a = Book::create(source);
+    Book b = Book::create(source);
+    Book::create(target, b->getUuid());
+
+    expectRaises<messages::CannotChangeModel>([&] { source->moveAllContentsTo(target); });
+    EXPECT_EQ(a->getModelImpl(), source.get());
+    EXPECT_EQ(source->elementCount(), 2u);
+    EXPECT_EQ(target->elementCount(), 1u);
+
+    expectRaises<messages::CannotChangeModel>([&] { source->moveAllContentsTo(source); });
+    expectRaises<messages::CannotChangeModel>([&] { source->moveAllContentsTo(Model()); });
+}
+
+TEST(Model, MoveAllContentsHandsElementsOver) {
+    Model source = Model::createTransientModel();
+    Model target = Model::createTransientModel();
+    Book a = Book::create(source);
+    source->moveAllContentsTo(target);
+    EXPECT_EQ(a->getModelImpl(), target.get());
+    EXPECT_EQ(target->findElement(a->getUuid()), a);
+    EXPECT_TRUE(source->empty());
+    EXPECT_EQ(source->elementCount(), 0u);
+    EXPECT_TRUE(source); // the source model itself stays
+}
+
+TEST(Model, InProgressIndicatorsCountWhileTheyLive) {
+    Model model = Model::createTransientModel();
+    {
+        auto parse = model->startParse();
+        EXPECT_TRUE(model->isParsingInProgress());
+        auto moved = std::move(parse);
+        EXPECT_TRUE(model->isParsingInProgress());
+        auto loading = model->startDataSourceLoading();
+        EXPECT_TRUE(model->isDataSourceLoadingInProgress());
+    }
+    EXPECT_FALSE(model->isParsingInProgress());
+    EXPECT_FALSE(model->isDataSourceLoadingInProgress());
+}
+
+TEST(Model, MigrateNeedsALoneMemberAndNoTransaction) {
+    ModelConstellation first = ModelConstellation::create();
+    ModelConstellation second = ModelConstellation::create();
+    Model model = Model::create(first);
+    model->migrateToConstellation(second);
+    EXPECT_EQ(model->getModelConstellation(), second);
+    EXPECT_EQ(first->modelsCount(), 0u);
+    EXPECT_EQ(second->modelsCount(), 1u);
+
+    Model other = Model::create(second);
+    expectRaises<messages::CannotMigrateModel>([&] { model->migrateToConstellation(first); });
+    expectRaises<messages::CannotMigrateModel>([&] { Model::createTransientModel()->migrateToConstellation(first); });
+}
+
+} // namespace
+} // namespace kivra

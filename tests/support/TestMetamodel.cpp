@@ -1,0 +1,54 @@
+#include "TestMetamodel.hpp"
+
+namespace kivra::test {
+
+namespace {
+meta::Class const &noClass() {
+    static meta::Class const none;
+    return none;
+}
+
+struct HandleMaker : ModelElement {
+    HandleMaker(ModelElement::Impl *impl) : ModelElement(impl, true) {}
+};
+} // namespace
+
+ModelElement handleOf(ModelElement::Impl *impl) { return HandleMaker(impl); }
+
+Book::Impl *Book::get() const noexcept { return static_cast<Impl *>(ModelElement::get()); }
+Book::Book(Impl *impl, bool addReference) noexcept : ModelElement(impl, addReference) {}
+
+Book Book::create(Model const &model, boost::uuids::uuid const &uuid) {
+    auto *impl = new Impl(model, uuid);
+    Book book(impl, true);
+    impl->notifyCreated();
+    return book;
+}
+
+meta::Class const &Book::Impl::getMetaClass() const { return noClass(); }
+
+Book::Impl::~Impl() {
+    ++deletions;
+    if (onDelete)
+        onDelete(this);
+}
+
+class ReflectiveNote::Impl final : public ModelElement::Impl {
+public:
+    Impl(Model const &model, boost::uuids::uuid const &uuid) : ModelElement::Impl(model, uuid) {}
+    meta::Class const &getMetaClass() const override { return noClass(); }
+    bool isReflective() const override { return true; }
+    void doDestroy(bool modelDestroying, bool multiModel) override {
+        ModelElement::Impl::doDestroy(modelDestroying, multiModel);
+    }
+};
+
+ReflectiveNote ReflectiveNote::create(Model const &model, boost::uuids::uuid const &uuid) {
+    auto *impl = new Impl(model, uuid);
+    impl->addRef();
+    ReflectiveNote note(impl);
+    impl->notifyCreated();
+    return note;
+}
+
+} // namespace kivra::test
