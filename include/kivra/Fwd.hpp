@@ -40,6 +40,6 @@ class TransactionId;
 } // namespace datasource
 
 /// Makes the work queue of a model or a constellation from its owner and a span.
-using WorkQueueFactory = std::function<std::shared_ptr<WorkQueue>(TransactionCoordinator *, log::Span)>;
+using WorkQueueFactory = std::function<std::shared_ptr<WorkQueue>(TransactionCoordinator const *, log::Span)>;
 
 } // namespace kivra

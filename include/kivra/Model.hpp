@@ -6,6 +6,7 @@
 #include <kivra/ElementImpl.hpp>
 #include <kivra/Handles.hpp>
 #include <kivra/Transaction.hpp>
+#include <kivra/WorkQueue.hpp>
 #include <kivra/log/Span.hpp>
 #include <kivra/services/Hashers.hpp>
 
@@ -108,6 +109,8 @@ public:
     bool isParsingInProgress() const noexcept { return parseCount_ > 0; }
     bool isDataSourceLoadingInProgress() const noexcept { return dataSourceLoadingCount_ > 0; }
     bool isDetectAndRevertUnchangedProperties() const noexcept { return detectAndRevertUnchangedProperties_; }
+    /// True when the element with `uuid` was destroyed in the transaction in progress.
+    bool isDestroyedInCurrentTransaction(boost::uuids::uuid const &uuid) const;
 
     /// The model's span, made on first use with the logger name "kivra::cpp" and, then
     /// only, the logging `domain`; it carries the context "modelID".
@@ -149,6 +152,16 @@ public:
     /// values so that a roll-back can restore them. Raises `InvalidModel` after `destroy`.
     Transaction beginTransaction(bool revertible = false);
     Transaction beginRevertibleTransaction() { return beginTransaction(true); }
+
+    // --- Work ------------------------------------------------------------------------
+
+    /// Queues an update to run with this model once no transaction is in progress: at
+    /// the end of the current one, or at once when none is open. A constellation model
+    /// uses its constellation's queue; a destroyed model drops the update.
+    void addToWorkQueue(std::unique_ptr<ModelUpdater> &&updater);
+    void addToWorkQueue(std::function<void(Model const &)> update);
+    /// Runs the model's own queue, if it has one.
+    void processWorkQueue();
 
     // --- In-progress state -----------------------------------------------------------
 

@@ -26,7 +26,8 @@ public:
     void removeRef() override;
 
     bool isCoordinatorOf(Model const &model) const override;
-    bool isTransactionInProgress() const override { return false; }
+    /// True while a transaction runs on any member.
+    bool isTransactionInProgress() const override;
     bool isMultiModelConstellation() const noexcept { return models_.size() > 1; }
     std::uint64_t modelsCount() const noexcept { return models_.size(); }
     /// True when a member is referenced from outside.
@@ -54,7 +55,10 @@ public:
     void modelIsNotExternallyReferenced(Model::Impl *model);
     /// Raises `InvalidModelContentAddedToConstellation` when `content` cannot join.
     void debug_validateModelContent(ModelContent content) const;
-    WorkQueue &workQueue() const noexcept { return *workQueue_; }
+
+    /// Queues an update on the constellation's queue, unless the constellation is destroyed.
+    void addToWorkQueue(WorkItem &&item);
+    void processWorkQueue();
 
 private:
     friend class ModelConstellation;

@@ -1,8 +1,8 @@
 #pragma once
 /// \file
-/// Work that waits for the end of the current transaction.
+/// Work that waits until no transaction runs on its model or constellation.
 
-#include <kivra/Fwd.hpp>
+#include <kivra/Handles.hpp>
 #include <kivra/log/Span.hpp>
 
 #include <deque>
@@ -11,31 +11,76 @@
 
 namespace kivra {
 
-/// The queue of work of a model or a constellation. Items run after the outermost
-/// transaction of their owner has finished, on the thread that finished it.
+/// An update of a model that may have to wait for the end of a transaction: a listener
+/// that wants to change a model while a commit is under way queues one.
+class ModelUpdater {
+public:
+    virtual ~ModelUpdater() = default;
+    virtual void operator()(Model const &model) = 0;
+};
+
+/// A `ModelUpdater` that calls a function. An empty function raises `std::bad_function_call`.
+class FunctionModelUpdater final : public ModelUpdater {
+public:
+    explicit FunctionModelUpdater(std::function<void(Model const &)> function) : function_(std::move(function)) {}
+    void operator()(Model const &model) override { function_(model); }
+
+private:
+    std::function<void(Model const &)> function_;
+};
+
+/// One queued update with the model it applies to. Move-only.
+class WorkItem {
+public:
+    WorkItem(Model const &model, std::unique_ptr<ModelUpdater> &&updater);
+    WorkItem(WorkItem &&) noexcept;
+    WorkItem &operator=(WorkItem &&) noexcept;
+    ~WorkItem();
+
+    Model const &getModel() const noexcept { return model_; }
+    /// Calls the updater with the item's model.
+    void execute();
+
+private:
+    Model model_;
+    std::unique_ptr<ModelUpdater> updater_;
+};
+
+/// The queue of updates of a model or a constellation, first in, first out. An update
+/// runs at once when its coordinator is between transactions, and otherwise waits for
+/// the end of the running transaction, on the thread that ends it.
 class WorkQueue {
 public:
-    WorkQueue(TransactionCoordinator *owner, log::Span span);
+    /// A queue owned by `coordinator`; `span`, which may be null, is the parent of the
+    /// queue's own span.
+    WorkQueue(TransactionCoordinator const *coordinator, log::Span span);
     virtual ~WorkQueue();
     WorkQueue(WorkQueue const &) = delete;
     WorkQueue &operator=(WorkQueue const &) = delete;
 
-    /// Queues `item`; it runs at the next `processWorkQueue` outside a transaction.
-    void addToWorkQueue(std::function<void()> item);
-    /// Runs the queued items in order, unless the owner is in a transaction.
-    virtual void processWorkQueue();
+    /// Queues `item` and runs what may run. Dropped when the coordinator is destroyed.
+    void addToWorkQueue(WorkItem &&item);
+    /// Runs items while `isOkToProcess()`. An update that fails is logged and the next
+    /// one runs; an `InterruptException` is logged and rethrown, leaving the rest queued.
+    void processWorkQueue();
     /// Drops every queued item without running it.
-    void discard() noexcept { items_.clear(); }
+    void discardWorkQueue() noexcept;
     bool empty() const noexcept { return items_.empty(); }
-    TransactionCoordinator *owner() const noexcept { return owner_; }
+    /// The span "WorkQueue" under the parent span, made on first use.
+    log::Span getSpan();
+
+protected:
+    /// True when the coordinator is alive, between transactions, and items wait.
+    virtual bool isOkToProcess() const;
 
 private:
-    TransactionCoordinator *owner_;
+    std::deque<WorkItem> items_;
+    TransactionCoordinator const *coordinator_;
+    log::Span parentSpan_;
     log::Span span_;
-    std::deque<std::function<void()>> items_;
 };
 
-/// The work queue factory used when none is given.
-std::shared_ptr<WorkQueue> DefaultWorkQueueFactory(TransactionCoordinator *owner, log::Span span);
+/// The work queue factory used when none is given: a plain `WorkQueue`.
+std::shared_ptr<WorkQueue> DefaultWorkQueueFactory(TransactionCoordinator const *coordinator, log::Span span);
 
 } // namespace kivra

@@ -48,7 +48,7 @@ Model::Impl::Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *cons
         }(serialNumber_);
         return;
     }
-    auto const &factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
+    WorkQueueFactory const factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
     workQueue_ = factory(this, logCreation ? getSpan() : log::Span());
 }
 
@@ -280,7 +280,7 @@ void Model::Impl::destroy() noexcept {
     if (validity_ == Invalid)
         return;
     if (workQueue_)
-        workQueue_->discard();
+        workQueue_->discardWorkQueue();
     validity_ = Destroying;
     try {
         Transaction transaction = beginTransaction(false);
@@ -369,6 +369,31 @@ Transaction Model::Impl::beginTransaction(bool revertible) {
     transaction->addRef();
     currentTransaction_ = transaction;
     return Transaction(transaction);
+}
+
+bool Model::Impl::isDestroyedInCurrentTransaction(boost::uuids::uuid const &uuid) const {
+    return currentTransaction_ && currentTransaction_->isDestroyed(uuid);
+}
+
+// --- Work ------------------------------------------------------------------------------
+
+void Model::Impl::addToWorkQueue(std::unique_ptr<ModelUpdater> &&updater) {
+    if (validity_ == Invalid)
+        return;
+    WorkItem item(getModel(), std::move(updater));
+    if (constellation_)
+        constellation_->addToWorkQueue(std::move(item));
+    else
+        workQueue_->addToWorkQueue(std::move(item));
+}
+
+void Model::Impl::addToWorkQueue(std::function<void(Model const &)> update) {
+    addToWorkQueue(std::make_unique<FunctionModelUpdater>(std::move(update)));
+}
+
+void Model::Impl::processWorkQueue() {
+    if (workQueue_)
+        workQueue_->processWorkQueue();
 }
 
 // --- In-progress state ---------------------------------------------------------------

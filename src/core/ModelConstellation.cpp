@@ -21,7 +21,7 @@ ModelConstellation ModelConstellation::create(WorkQueueFactory const &factory) {
 }
 
 ModelConstellation::Impl::Impl(WorkQueueFactory const &workQueueFactory) : TransactionCoordinator({}, Valid) {
-    auto const &factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
+    WorkQueueFactory const factory = workQueueFactory ? workQueueFactory : WorkQueueFactory(&DefaultWorkQueueFactory);
     workQueue_ = factory(this, log::Span());
 }
 
@@ -63,6 +63,13 @@ void ModelConstellation::Impl::modelIsNotExternallyReferenced(Model::Impl *) {
 bool ModelConstellation::Impl::isCoordinatorOf(Model const &model) const {
     for (auto const &entry : models_)
         if (entry.second == model.get())
+            return true;
+    return false;
+}
+
+bool ModelConstellation::Impl::isTransactionInProgress() const {
+    for (auto const &entry : models_)
+        if (entry.second->isTransactionInProgress())
             return true;
     return false;
 }
@@ -115,6 +122,13 @@ void ModelConstellation::Impl::modelURIAboutToChange(std::u16string const &from,
     latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
 }
 
+void ModelConstellation::Impl::addToWorkQueue(WorkItem &&item) {
+    if (validity_ != Invalid)
+        workQueue_->addToWorkQueue(std::move(item));
+}
+
+void ModelConstellation::Impl::processWorkQueue() { workQueue_->processWorkQueue(); }
+
 Model ModelConstellation::Impl::peekModel(std::u16string const &uri) const {
     auto const found = models_.find(uri);
     return found == models_.end() ? Model() : found->second->getModel();
@@ -134,8 +148,7 @@ void ModelConstellation::Impl::setModelURIOverride(std::u16string const &uri, st
 void ModelConstellation::Impl::destroy() noexcept {
     if (validity_ == Invalid)
         return;
-    if (workQueue_)
-        workQueue_->discard();
+    workQueue_->discardWorkQueue();
     std::vector<Model> members;
     members.reserve(models_.size());
     for (auto const &entry : models_)

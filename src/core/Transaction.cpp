@@ -1,6 +1,7 @@
 #include "core/TransactionImpl.hpp"
 
 #include <kivra/Messages.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/WorkQueue.hpp>
 
@@ -62,6 +63,12 @@ TransactionResult TransactionImpl::tryFinish() {
 
 TransactionResult TransactionImpl::doCommit() {
     finish();
+    // The effects are complete: work waiting for the end of the transaction runs now.
+    Model::Impl *model = model_.get();
+    if (auto *constellation = model->constellationImpl())
+        constellation->processWorkQueue();
+    else
+        model->processWorkQueue();
     return TransactionResult::Committed;
 }
 
@@ -78,6 +85,8 @@ void TransactionImpl::finish() noexcept {
     Model::Impl *model = model_.get();
     if (model->currentTransaction_ == this)
         model->currentTransaction_ = nullptr;
+    // Destroyed elements may go now; a handle held elsewhere keeps its tombstone.
+    destroyedElements_.reset();
 }
 
 void TransactionImpl::abandon() noexcept { finish(); }
@@ -107,7 +116,16 @@ void TransactionImpl::elementCreated(ModelElement::Impl *) {
         raise<messages::CreateWithDestroyAll>();
     recordChange();
 }
-void TransactionImpl::elementDestroying(ModelElement::Impl *) { recordChange(); }
+void TransactionImpl::elementDestroying(ModelElement::Impl *element) {
+    recordChange();
+    if (!destroyedElements_)
+        destroyedElements_ = std::make_unique<decltype(destroyedElements_)::element_type>();
+    destroyedElements_->emplace(element->getUuid(), model_->findElement(element->getUuid()));
+}
+
+bool TransactionImpl::isDestroyed(boost::uuids::uuid const &uuid) const {
+    return destroyedElements_ && destroyedElements_->count(uuid) != 0;
+}
 void TransactionImpl::elementModifying(ModelElement::Impl *, std::uint64_t) { recordChange(); }
 void TransactionImpl::elementContainmentChanging(ModelElement::Impl *) { recordChange(); }
 void TransactionImpl::allElementsDestroying() { flags_ |= AllElementsDestroying; }

@@ -5,6 +5,8 @@
 #include <kivra/Transaction.hpp>
 
 #include <cstdint>
+#include <memory>
+#include <unordered_map>
 
 namespace kivra {
 
@@ -65,6 +67,9 @@ public:
     /// Ends the transaction with nothing run and nothing restored: the model is going away.
     void abandon() noexcept;
 
+    /// True when the element was destroyed while this transaction ran.
+    bool isDestroyed(boost::uuids::uuid const &uuid) const;
+
 private:
     friend class NestedTransaction;
 
@@ -76,6 +81,11 @@ private:
     void recordChange();
 
     Model model_;
+    /// Keeps destroyed elements in memory until the transaction ends, so that their
+    /// identity is still there to restore.
+    std::unique_ptr<std::unordered_map<boost::uuids::uuid, ModelElement,
+                                       services::hashers::KivraHasher<boost::uuids::uuid>>>
+        destroyedElements_;
     std::uint32_t flags_ = 0;
     std::int32_t commitRequests_ = 0;
 };

@@ -126,3 +126,42 @@ TEST(ElementImpl, HandleMadeDuringDeletionCannotDeleteAgain) {
 
 } // namespace
 } // namespace kivra
+
+#include <kivra/UuidLiteral.hpp>
+
+namespace kivra {
+namespace {
+
+TEST(UuidLiteral, ParsesDigitsAndSkipsDashesAnywhere) {
+    constexpr auto id = parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269");
+    static_assert(id.data[0] == 0x42 && id.data[15] == 0x69, "parsed at compile time");
+    EXPECT_EQ(id, boost::uuids::string_generator()("42663bf5-8b3d-3c82-938a-ed709e37a269"));
+    EXPECT_EQ(parseUuidLiteral("42663BF58B3D3C82938AED709E37A269"), id);
+    EXPECT_EQ(parseUuidLiteral("--42663bf5-8b3d3c82-938aed709e37a2-69-"), id);
+}
+
+TEST(UuidLiteral, RefusesBadText) {
+    struct Case {
+        char const *text;
+        char const *message;
+    };
+    constexpr Case cases[] = {
+        {"42663bf5-8b3d-3c82-938a-ed709e37a26g", "invalid character in uuid literal"},
+        {"{42663bf5-8b3d-3c82-938a-ed709e37a269}", "invalid character in uuid literal"},
+        {"42663bf5-8b3d-3c82-938a-ed709e37a2", "did not write 16 bytes to uuid"},
+        {"42663bf5-8b3d-3c82-938a-ed709e37a2690", "did not write 16 bytes to uuid"},
+        {"", "did not write 16 bytes to uuid"},
+    };
+    for (auto const &c : cases) {
+        SCOPED_TRACE(c.text);
+        try {
+            parseUuidLiteral(c.text);
+            ADD_FAILURE() << "accepted";
+        } catch (std::domain_error const &error) {
+            EXPECT_STREQ(error.what(), c.message);
+        }
+    }
+}
+
+} // namespace
+} // namespace kivra

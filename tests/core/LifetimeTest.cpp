@@ -10,14 +10,14 @@ namespace {
 
 // A work queue that tells when its owner frees it: a constellation's queue dies with it.
 struct TracedQueue : WorkQueue {
-    TracedQueue(TransactionCoordinator *owner, log::Span span, int &freed)
+    TracedQueue(TransactionCoordinator const *owner, log::Span span, int &freed)
         : WorkQueue(owner, std::move(span)), freed(freed) {}
     ~TracedQueue() override { ++freed; }
     int &freed;
 };
 
 WorkQueueFactory tracedFactory(int &freed) {
-    return [&freed](TransactionCoordinator *owner, log::Span span) {
+    return [&freed](TransactionCoordinator const *owner, log::Span span) {
         return std::make_shared<TracedQueue>(owner, std::move(span), freed);
     };
 }

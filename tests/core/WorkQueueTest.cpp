@@ -1,0 +1,82 @@
+#include "TestMetamodel.hpp"
+
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/WorkQueue.hpp>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace kivra {
+namespace {
+
+TEST(WorkQueue, UpdateWaitsForTheOutermostCommit) {
+    Model model = Model::createTransientModel();
+    std::vector<int> ran;
+    model->addToWorkQueue([&](Model const &) { ran.push_back(1); });
+    EXPECT_EQ(ran, std::vector<int>{1}); // no transaction: at once
+
+    {
+        Transaction outer = model->beginTransaction();
+        Transaction inner = model->beginTransaction();
+        model->addToWorkQueue([&](Model const &m) {
+            EXPECT_EQ(m, model);
+            EXPECT_FALSE(m->isTransactionInProgress());
+            ran.push_back(2);
+        });
+        inner.commit();
+        EXPECT_EQ(ran.size(), 1u);
+        outer.commit();
+    }
+    EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
+TEST(WorkQueue, FailingUpdateDoesNotStopTheNext) {
+    Model model = Model::createTransientModel();
+    bool second = false;
+    Transaction transaction = model->beginTransaction();
+    model->addToWorkQueue([](Model const &) { throw std::runtime_error("broken"); });
+    model->addToWorkQueue([&](Model const &) { second = true; });
+    transaction.commit();
+    EXPECT_TRUE(second);
+}
+
+TEST(WorkQueue, UpdateThatOpensATransactionHoldsUpTheRest) {
+    Model model = Model::createTransientModel();
+    Transaction kept;
+    int later = 0;
+    Transaction transaction = model->beginTransaction();
+    model->addToWorkQueue([&](Model const &m) { kept = m->beginTransaction(); });
+    model->addToWorkQueue([&](Model const &) { ++later; });
+    transaction.commit();
+    EXPECT_EQ(later, 0);
+    kept.commit(); // its end runs what waited
+    EXPECT_EQ(later, 1);
+}
+
+TEST(WorkQueue, ConstellationModelsShareOneQueue) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    int ran = 0;
+    Transaction transaction = a->beginTransaction();
+    b->addToWorkQueue([&](Model const &) { ++ran; }); // waits: a member is in a transaction
+    EXPECT_EQ(ran, 0);
+    transaction.commit();
+    EXPECT_EQ(ran, 1);
+}
+
+TEST(WorkQueue, DestroyedModelDropsItsWork) {
+    Model model = Model::createTransientModel();
+    int ran = 0;
+    {
+        Transaction transaction = model->beginTransaction();
+        model->addToWorkQueue([&](Model const &) { ++ran; });
+        model->destroy();
+    }
+    model->addToWorkQueue([&](Model const &) { ++ran; });
+    EXPECT_EQ(ran, 0);
+}
+
+} // namespace
+} // namespace kivra
