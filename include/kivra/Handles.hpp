@@ -34,6 +34,9 @@ public:
     Impl *operator->() const noexcept { return get(); }
     void swap(Model &other) noexcept { swapImpl(other); }
 
+    /// The metaclass that describes models.
+    static meta::Class const &metaClass();
+
     /// A new model in a new constellation, or in the spec's constellation when it is valid.
     static Model create(ModelSpec const &spec);
     /// A new model in `constellation`, or in a new one when the handle is null.
@@ -75,6 +78,9 @@ public:
     Impl *operator->() const noexcept { return get(); }
     void swap(ModelConstellation &other) noexcept { swapImpl(other); }
 
+    /// The metaclass that describes constellations.
+    static meta::Class const &metaClass();
+
     /// A new, empty constellation whose work queue `factory` makes (the default queue
     /// when empty).
     static ModelConstellation create(WorkQueueFactory const &factory = {});
@@ -106,6 +112,11 @@ public:
     Impl *get() const noexcept;
     Impl *operator->() const noexcept { return get(); }
     void swap(ModelElement &other) noexcept { swapImpl(other); }
+
+    /// The metaclass at the root of every element class.
+    static meta::Class const &metaClass();
+    /// A counted handle on `impl`, or a null handle.
+    static ModelElement fromImpl(Impl *impl) noexcept;
 
     /// Handles compare by the identity of the element.
     friend bool operator==(ModelElement const &a, ModelElement const &b) noexcept {

@@ -4,6 +4,7 @@
 
 #include <kivra/ElementImpl.hpp>
 #include <kivra/Handles.hpp>
+#include <kivra/Transaction.hpp>
 
 #include <cstdint>
 
@@ -43,6 +44,12 @@ public:
     /// Announces a change of the property at `index` before it happens; index 0 and
     /// `size_t(-1)` are no property.
     void notifyModifying(std::uint64_t index);
+
+    /// Raises `CannotModifyProxy` for a proxy: the first step of every mutator.
+    void checkModifiable() const;
+    /// Opens the transaction of one change of the property at `index` and announces the
+    /// change: the middle of every typed setter, shared so that setters stay one line.
+    Transaction beginModification(std::uint64_t index);
 
     /// Destroys the element and its contained subtree in one transaction. Harmless on a
     /// destroyed element.
@@ -89,6 +96,7 @@ protected:
 
 inline ModelElement::Impl *ModelElement::get() const noexcept { return static_cast<Impl *>(rawImpl()); }
 inline ModelElement::ModelElement(Impl *impl, bool addReference) noexcept : HandleBase(impl, addReference) {}
+inline ModelElement ModelElement::fromImpl(Impl *impl) noexcept { return ModelElement(impl, true); }
 inline ModelElement::Impl *ModelElement::release() noexcept { return static_cast<Impl *>(releaseImpl()); }
 
 } // namespace kivra

@@ -5,7 +5,9 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/WorkQueue.hpp>
+#include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 #include <kivra/meta/DataModelUsageProvider.hpp>
 
 #include <basalt/log/DiagnosticLogger.hpp>
@@ -123,12 +125,12 @@ void Model::Impl::removeRef() {
 
 Model Model::Impl::getModel() const { return Model(const_cast<Impl *>(this), true); }
 
-meta::Class const &Model::Impl::getMetaClass() const {
-    // The registry of metaclasses describes models once it exists; until then a model
-    // has no metaclass to show.
-    static meta::Class const none;
-    return none;
+meta::Class const &Model::metaClass() {
+    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784"));
+    return slot;
 }
+
+meta::Class const &Model::Impl::getMetaClass() const { return Model::metaClass(); }
 
 ModelConstellation Model::Impl::getModelConstellation() const {
     return constellation_ ? ModelConstellation(constellation_) : ModelConstellation();

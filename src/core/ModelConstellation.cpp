@@ -2,7 +2,9 @@
 
 #include <kivra/Messages.hpp>
 #include <kivra/WorkQueue.hpp>
+#include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <vector>
 
@@ -30,10 +32,12 @@ ModelConstellation::Impl::~Impl() {
     destroy();
 }
 
-meta::Class const &ModelConstellation::Impl::getMetaClass() const {
-    static meta::Class const none;
-    return none;
+meta::Class const &ModelConstellation::metaClass() {
+    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("9dbcfe9e-bec1-3843-9db4-a894b2344149"));
+    return slot;
 }
+
+meta::Class const &ModelConstellation::Impl::getMetaClass() const { return ModelConstellation::metaClass(); }
 
 void ModelConstellation::Impl::removeRef() {
     if (refCount_.fetch_sub(1) == 1 && !hasAliveModels())

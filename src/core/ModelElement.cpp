@@ -2,6 +2,9 @@
 
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/UuidLiteral.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 #include <kivra/ModelConstellation.hpp>
 
 namespace kivra {
@@ -20,6 +23,11 @@ ModelElement::Impl::~Impl() {
     }
 }
 
+meta::Class const &ModelElement::metaClass() {
+    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269"));
+    return slot;
+}
+
 Model ModelElement::Impl::getModel() const { return model_->getModel(); }
 
 ModelElement ModelElement::Impl::container() const { return ModelElement(containerImpl(), true); }
@@ -34,6 +42,17 @@ void ModelElement::Impl::notifyModifying(std::uint64_t index) {
     if (index == 0 || index == std::uint64_t(-1) || validity_ == UnderConstruction || validity_ == Proxy)
         return;
     model_->elementModifying(this, index);
+}
+
+void ModelElement::Impl::checkModifiable() const {
+    if (isProxy())
+        raise<messages::CannotModifyProxy>();
+}
+
+Transaction ModelElement::Impl::beginModification(std::uint64_t index) {
+    Transaction transaction = model_->beginTransaction(false);
+    notifyModifying(index);
+    return transaction;
 }
 
 void ModelElement::Impl::notifyDestroying() { model_->elementDestroying(this); }
