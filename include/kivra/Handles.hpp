@@ -22,6 +22,8 @@ public:
     class ParseInProgressIndicator;
     class DataSourceLoadingInProgressIndicator;
     class DataSourceModificationInProgressIndicator;
+    class Freezer;
+    class Thawer;
 
     Model() noexcept = default;
 

@@ -163,6 +163,13 @@ public:
     /// Runs the model's own queue, if it has one.
     void processWorkQueue();
 
+    /// Freezes the model for as long as the returned guard lives: every change raises
+    /// `ModelFrozen`. Freezes add up.
+    Freezer freeze();
+    /// Makes the model freeze while observers are told of a commit or roll-back, so that
+    /// they change it only through `addToWorkQueue`.
+    void setFreezeOnNotify(bool freeze) noexcept { freezeOnNotify_ = freeze; }
+
     // --- In-progress state -----------------------------------------------------------
 
     ParseInProgressIndicator startParse();
@@ -230,6 +237,7 @@ private:
     log::Span span_;
 
     friend class Model::InProgressIndicator;
+    friend class Model::Freezer;
 };
 
 /// A move-only guard that counts one piece of work in progress on a model while it lives.
@@ -264,6 +272,48 @@ class Model::DataSourceLoadingInProgressIndicator : public InProgressIndicator {
 class Model::DataSourceModificationInProgressIndicator : public InProgressIndicator {
     using InProgressIndicator::InProgressIndicator;
     friend class Model::Impl;
+};
+
+/// A move-only guard that keeps a model frozen while it lives; it can lift its own freeze
+/// for a while through `thaw()`. A freezer that outlives its model's destruction does nothing.
+class Model::Freezer {
+public:
+    explicit Freezer(Model const &model);
+    Freezer(Freezer &&other) noexcept;
+    Freezer &operator=(Freezer &&other) noexcept;
+    ~Freezer();
+
+    bool isActive() const noexcept { return static_cast<bool>(model_.get()); }
+    explicit operator bool() const noexcept { return isActive(); }
+    /// Lifts this freezer's freeze and lets the model go.
+    void deactivate() noexcept;
+    /// Lifts this freezer's freeze until the returned guard goes; nested thaws lift it once.
+    Thawer thaw();
+
+private:
+    friend class Model::Thawer;
+    void doThaw() noexcept;
+    void undoThaw() noexcept;
+
+    Model model_;
+    std::int32_t thawCount_ = 0;
+};
+
+/// A move-only guard during whose life its freezer's freeze is lifted.
+class Model::Thawer {
+public:
+    explicit Thawer(Freezer *freezer);
+    Thawer(Thawer &&other) noexcept;
+    Thawer &operator=(Thawer &&other) noexcept;
+    ~Thawer() { deactivate(); }
+
+    bool isActive() const noexcept { return freezer_ != nullptr; }
+    explicit operator bool() const noexcept { return isActive(); }
+    /// Puts the freeze back.
+    void deactivate() noexcept;
+
+private:
+    Freezer *freezer_;
 };
 
 inline Model::Impl *Model::get() const noexcept { return static_cast<Impl *>(rawImpl()); }

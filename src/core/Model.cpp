@@ -398,6 +398,68 @@ void Model::Impl::processWorkQueue() {
         workQueue_->processWorkQueue();
 }
 
+// --- Freezing ------------------------------------------------------------------------
+
+Model::Freezer Model::Impl::freeze() { return Freezer(getModel()); }
+
+Model::Freezer::Freezer(Model const &model) : model_(model) { ++model_->freezeCount_; }
+
+Model::Freezer::Freezer(Freezer &&other) noexcept
+    : model_(std::move(other.model_)), thawCount_(std::exchange(other.thawCount_, 0)) {}
+
+Model::Freezer &Model::Freezer::operator=(Freezer &&other) noexcept {
+    if (this != &other) {
+        deactivate();
+        model_ = std::move(other.model_);
+        thawCount_ = std::exchange(other.thawCount_, 0);
+    }
+    return *this;
+}
+
+Model::Freezer::~Freezer() { deactivate(); }
+
+void Model::Freezer::deactivate() noexcept {
+    if (!model_.get())
+        return;
+    // A destroyed model's count no longer matters; a thawed freezer has lifted its share.
+    if (model_.get()->isValid() && thawCount_ == 0)
+        --model_->freezeCount_;
+    thawCount_ = 0;
+    model_.reset();
+}
+
+void Model::Freezer::doThaw() noexcept {
+    if (++thawCount_ == 1 && model_.get())
+        --model_->freezeCount_;
+}
+
+void Model::Freezer::undoThaw() noexcept {
+    if (thawCount_-- == 1 && model_.get())
+        ++model_->freezeCount_;
+}
+
+Model::Thawer Model::Freezer::thaw() { return Thawer(this); }
+
+Model::Thawer::Thawer(Freezer *freezer) : freezer_(freezer) {
+    if (freezer_)
+        freezer_->doThaw();
+}
+
+Model::Thawer::Thawer(Thawer &&other) noexcept : freezer_(std::exchange(other.freezer_, nullptr)) {}
+
+Model::Thawer &Model::Thawer::operator=(Thawer &&other) noexcept {
+    if (this != &other) {
+        deactivate();
+        freezer_ = std::exchange(other.freezer_, nullptr);
+    }
+    return *this;
+}
+
+void Model::Thawer::deactivate() noexcept {
+    if (Freezer *freezer = std::exchange(freezer_, nullptr))
+        freezer->undoThaw();
+}
+
 // --- In-progress state ---------------------------------------------------------------
 
 Model::InProgressIndicator::InProgressIndicator(Model model, std::int32_t Model::Impl::*counter, bool onlyWhileValid)

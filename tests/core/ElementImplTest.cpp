@@ -87,7 +87,8 @@ TEST(ElementImpl, HandleCountsFollowCopiesAndMoves) {
         ModelElement other;
         other.swap(moved);
         EXPECT_EQ(other, book);
-        other = other; // self-assignment keeps the count
+        ModelElement const &alias = other;
+        other = alias; // self-assignment keeps the count
         EXPECT_EQ(impl->referenceCount(), base + 1);
     }
     EXPECT_EQ(impl->referenceCount(), base);

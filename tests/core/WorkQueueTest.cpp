@@ -80,3 +80,44 @@ TEST(WorkQueue, DestroyedModelDropsItsWork) {
 
 } // namespace
 } // namespace kivra
+
+#include <kivra/Messages.hpp>
+
+namespace kivra {
+namespace {
+
+TEST(Freezer, FreezesAddUpAndThawsNestOnce) {
+    Model model = Model::createTransientModel();
+    auto first = model->freeze();
+    {
+        auto second = model->freeze();
+        EXPECT_TRUE(model->isFrozen());
+    }
+    EXPECT_TRUE(model->isFrozen()); // one freezer is still there
+    EXPECT_THROW(test::Book::create(model), Error<messages::ModelFrozen>);
+    {
+        auto thawed = first.thaw();
+        auto again = first.thaw();
+        EXPECT_FALSE(model->isFrozen());
+        EXPECT_NO_THROW(test::Book::create(model));
+        again.deactivate();
+        EXPECT_FALSE(model->isFrozen()); // the outer thaw still holds
+    }
+    EXPECT_TRUE(model->isFrozen());
+    first.deactivate();
+    EXPECT_FALSE(model->isFrozen());
+    EXPECT_FALSE(first);
+}
+
+TEST(Freezer, OutlivingItsModelDoesNothing) {
+    Model model = Model::createTransientModel();
+    auto freezer = model->freeze();
+    auto moved = std::move(freezer);
+    EXPECT_FALSE(freezer.isActive());
+    model->destroy();
+    moved.deactivate(); // the destroyed model's count is left alone
+    EXPECT_FALSE(moved);
+}
+
+} // namespace
+} // namespace kivra

@@ -28,6 +28,8 @@ public:
     bool getIsAbstract() const noexcept { return isAbstract_; }
     void setIsAbstract(bool value);
 
+#include <kivra/meta/detail/ClassExtra.inc>
+
 protected:
     friend class Class;
     Impl(Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}

@@ -44,6 +44,8 @@ public:
     bool hasCachedQualifiedName() const noexcept { return cachedQualifiedName_.has_value(); }
     void setCachedQualifiedName(boost::optional<basalt::ustring> const &value);
 
+#include <kivra/meta/detail/PackageExtra.inc>
+
 protected:
     friend class Package;
     Impl(Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}

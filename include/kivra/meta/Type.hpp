@@ -34,6 +34,8 @@ public:
     bool hasCachedQualifiedName() const noexcept { return cachedQualifiedName_.has_value(); }
     void setCachedQualifiedName(boost::optional<basalt::ustring> const &value);
 
+#include <kivra/meta/detail/TypeExtra.inc>
+
 protected:
     friend class Type;
     Impl(Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
