@@ -4,6 +4,7 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/DataModelUsageProvider.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
+#include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 
 namespace kivra::meta {
@@ -80,7 +81,7 @@ bool MetaRegistry::isValidUri(basalt::ustring const &uri) {
 Type MetaRegistry::fetchType(basalt::ustring const &name, bool load) {
     std::lock_guard lock(mutex_);
     if (auto const found = types_.find(name); found != types_.end())
-        return found->second;
+        return found->second.type;
     if (name == u"meta.Model")
         return Model::metaClass();
     if (name == u"meta.ModelElement")
@@ -89,7 +90,7 @@ Type MetaRegistry::fetchType(basalt::ustring const &name, bool load) {
         return {};
     // No metamodel loader knows more names yet: remember the miss, so that the name is
     // not asked for again.
-    return types_.emplace(name, Type()).first->second;
+    return types_.emplace(name, TypeRecord{}).first->second.type;
 }
 
 Type MetaRegistry::getType(basalt::ustring const &name) { return fetchType(name, true); }
@@ -105,16 +106,40 @@ PrimitiveType MetaRegistry::getPrimitiveType(basalt::ustring const &name) {
     return PrimitiveType::fromImpl(dynamic_cast<PrimitiveType::Impl *>(type.get()));
 }
 
-void MetaRegistry::registerType(Type const &type) {
+void MetaRegistry::registerType(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator) {
     std::lock_guard lock(mutex_);
     basalt::ustring name = type->getQualifiedName();
-    if (!types_.emplace(name, type).second)
+    TypeRecord record{type, {}};
+    if (instantiator)
+        record.instantiators.push_back(std::move(instantiator));
+    if (!types_.emplace(name, std::move(record)).second)
         raise<messages::DuplicateTypeInRegistry>(name);
+}
+
+void MetaRegistry::updateCollectionInstantiator(Type const &type,
+                                                std::unique_ptr<detail::CollectionInstantiator> instantiator) {
+    std::lock_guard lock(mutex_);
+    if (auto const found = types_.find(type->getQualifiedName()); found != types_.end())
+        found->second.instantiators.push_back(std::move(instantiator));
+}
+
+boost::optional<Value> MetaRegistry::instantiateUnmanagedCollection(Property const &property) {
+    std::lock_guard lock(mutex_);
+    Type const type = property->getType();
+    if (!type.get())
+        return boost::none;
+    auto const found = types_.find(type->getQualifiedName());
+    if (found == types_.end() || found->second.type != type)
+        return boost::none;
+    for (auto const &instantiator : found->second.instantiators)
+        if (auto value = instantiator->instantiateUnmanagedCollection(property))
+            return value;
+    return boost::none;
 }
 
 void MetaRegistry::unregisterType(Type const &type, basalt::ustring const &name) {
     std::lock_guard lock(mutex_);
-    if (auto const found = types_.find(name); found != types_.end() && found->second == type)
+    if (auto const found = types_.find(name); found != types_.end() && found->second.type == type)
         types_.erase(found);
 }
 

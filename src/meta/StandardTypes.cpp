@@ -17,10 +17,11 @@ namespace kivra::meta {
 namespace {
 
 PrimitiveType makeType(MetaRegistry &registry, Model const &model, char const *uuid, char16_t const *name,
-                       char const *cppName, char const *vantorName, char const *typeidName) {
+                       char const *cppName, char const *vantorName, char const *typeidName,
+                       std::unique_ptr<detail::CollectionInstantiator> instantiator) {
     PrimitiveType type = PrimitiveType::create(model, parseUuidLiteral(uuid));
     type->setName(name);
-    registry.registerType(type);
+    registry.registerType(type, std::move(instantiator));
     registry.registerTypeNames(type, cppName, vantorName, typeidName);
     return type;
 }
@@ -31,9 +32,10 @@ void StandardTypes::initializeTypes(MetaRegistry &registry) {
     auto locked = registry.getMetaRegistryModel();
     Model const &model = locked.get();
 #define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
-    member = makeType(registry, model, uuid, u"" #Name, cppName, vantorName, typeid(Native).name());
+    member = makeType(registry, model, uuid, u"" #Name, cppName, vantorName, typeid(Native).name(),                \
+                      std::make_unique<detail::CollectionInstantiatorImpl<Native, 7, 7>>());
 #define KIVRA_OPAQUE_PRIMITIVE(Name, uuid, cppName, vantorName)                                                        \
-    makeType(registry, model, uuid, u"" #Name, cppName, vantorName, "");
+    makeType(registry, model, uuid, u"" #Name, cppName, vantorName, "", nullptr);
 #include <kivra/meta/PrimitiveTypes.def>
 }
 

@@ -3,6 +3,7 @@
 /// The process-wide catalogue of types and the model that holds the metamodel.
 
 #include <kivra/Model.hpp>
+#include <kivra/meta/CollectionInstantiator.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/services/Hashers.hpp>
 
@@ -11,10 +12,12 @@
 #include <boost/optional/optional.hpp>
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -67,9 +70,15 @@ public:
     /// The primitive type of that name; empty when unknown or not primitive.
     PrimitiveType getPrimitiveType(basalt::ustring const &name);
 
-    /// Enters a type under its qualified name. Raises `DuplicateTypeInRegistry` when the
-    /// name is taken.
-    void registerType(Type const &type);
+    /// Enters a type under its qualified name, with the maker of its collections, if any.
+    /// Raises `DuplicateTypeInRegistry` when the name is taken.
+    void registerType(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator = nullptr);
+    /// Adds a maker of collections to a registered type, for a metamodel that serves a
+    /// type another one owns.
+    void updateCollectionInstantiator(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator);
+    /// A free-standing empty collection value for `property`, made by the instantiators of
+    /// its type; none when they cannot make it.
+    boost::optional<Value> instantiateUnmanagedCollection(Property const &property);
     /// Removes the record of `name` when it holds this very type.
     void unregisterType(Type const &type, basalt::ustring const &name);
 
@@ -93,8 +102,13 @@ private:
         std::size_t operator()(Type const &type) const noexcept;
     };
 
+    struct TypeRecord {
+        Type type;
+        std::vector<std::unique_ptr<detail::CollectionInstantiator>> instantiators;
+    };
+
     Model model_;
-    NameMap<Type> types_;
+    NameMap<TypeRecord> types_;
     std::unordered_map<Type, std::pair<std::string, std::string>, TypeHash> typeNames_;
     std::unordered_multimap<std::string, PrimitiveType> typeidNames_;
     std::recursive_mutex mutex_;

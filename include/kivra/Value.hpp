@@ -1,0 +1,203 @@
+#pragma once
+/// \file
+/// The dynamic value: what every reflective read and write of a property carries.
+
+#include <kivra/Handles.hpp>
+#include <kivra/meta/Handles.hpp>
+
+#include <basalt/ustring.hpp>
+
+#include <boost/none.hpp>
+#include <boost/optional/optional_fwd.hpp>
+#include <boost/uuid/uuid.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boost::posix_time {
+class ptime;
+} // namespace boost::posix_time
+
+namespace kivra {
+
+/// The shape of a `Value`, and the multiplicity class of a property. Shapes from
+/// `Sequence` on are collections.
+enum class ValueFlags : std::uint32_t {
+    Optional = 0,     ///< an optional slot; as a value: no content
+    Single = 1,       ///< exactly one entry: a scalar, an element handle, a data type object
+    Sequence = 2,     ///< ordered collection
+    SortedSet = 3,    ///< unordered, not hashed, entries not elements
+    HashSet = 4,      ///< unordered, hashed or element-typed
+    Map = 5,          ///< qualified by a property, keys unique, not hashed
+    HashMap = 6,      ///< qualified, keys unique, hashed
+    Multimap = 7,     ///< qualified, keys not unique, not hashed
+    HashMultimap = 8, ///< qualified, keys not unique, hashed
+};
+
+/// True for the collection shapes.
+constexpr bool isCollection(ValueFlags flags) noexcept { return static_cast<std::uint32_t>(flags) >= 2; }
+
+/// What a `Value` holds: a metamodel type, a shape, and whether the payload is the
+/// reflective form or a collection owned by an element. Reads are plain field reads.
+class ValueMeta {
+public:
+    /// The given type and shape, no qualifier, not reflective, managed.
+    ValueMeta(meta::Type const &type, ValueFlags flags);
+    /// The type and shape of a property, with its qualifier when it has one.
+    explicit ValueMeta(meta::Property const &property);
+
+    meta::Type const &getType() const noexcept { return type_; }
+    /// The type of the keys of a map shape; empty otherwise.
+    meta::Type const &getQualifiedBy() const noexcept { return qualifiedBy_; }
+    /// The property that qualifies a map shape; empty otherwise.
+    meta::Property const &getQualifiedByProperty() const noexcept { return qualifiedByProperty_; }
+    ValueFlags getFlags() const noexcept { return flags_; }
+    /// False for a free-standing collection that the value owns.
+    bool isManaged() const noexcept { return managed_; }
+    /// True when the payload has the reflective form.
+    bool isReflective() const noexcept { return reflective_; }
+    void setQualifiedBy(meta::Type const &type) { qualifiedBy_ = type; }
+    /// The description of one entry: the same type, `Single`, no qualifier.
+    ValueMeta getEntryType() const;
+
+protected:
+    friend class Value;
+    /// The shape of a property from its bounds, order, hashing and qualifier.
+    static ValueFlags doGetFlags(meta::Property const &property);
+    /// Marks the payload reflective; an element value is then typed at the root class.
+    void setReflective();
+    void setUnmanaged() noexcept { managed_ = false; }
+
+    meta::Type type_;
+    meta::Type qualifiedBy_;
+    meta::Property qualifiedByProperty_;
+    ValueFlags flags_;
+    bool reflective_ = false;
+    bool managed_ = true;
+};
+
+class Value;
+
+namespace detail {
+template <class T> inline constexpr bool isScalarPayload = false;
+#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
+    template <> inline constexpr bool isScalarPayload<Native> = true;
+#include <kivra/meta/PrimitiveTypes.def>
+} // namespace detail
+
+/// The native types that travel in a `Value` as scalars: those of the standard primitive
+/// types (`std::uint64_t` also carries enum literals).
+template <class T>
+concept ScalarPayload = detail::isScalarPayload<T>;
+
+/// The operations a `Value` needs on its type-erased payload. Each native type has one
+/// static table; a null entry has the meaning given beside it.
+struct PayloadFunctions {
+    void (*deleter)(void *payload);                        ///< null: the payload is not owned
+    void *(*cloner)(void const *payload);                  ///< null: copies share the pointer
+    bool (*equals)(void const *a, void const *b);          ///< null: pointer identity
+    bool (*less)(void const *a, void const *b);            ///< null: values have no order
+    std::uint64_t (*hash)(void const *payload);            ///< null: no hash
+    std::vector<Value> (*entries)(Value const &);         ///< set for unmanaged collections
+};
+
+/// The one dynamic value of the library: a `ValueMeta` and a type-erased payload that
+/// copies, compares, orders, hashes and frees itself through its `PayloadFunctions`.
+///
+/// Scalars of the standard primitive types travel as their native types (`bool`, the
+/// integers, `double`, `basalt::ustring`, `std::string`, `boost::uuids::uuid`,
+/// `boost::posix_time::ptime`), enum literals as `std::uint64_t`, element references as
+/// `ModelElement`.
+///
+/// Example:
+/// \code
+///   Value title(meta::StandardTypes::stringMeta, basalt::ustring(u"Dune"));
+///   basalt::ustring const &text = title.get<basalt::ustring>();
+/// \endcode
+class Value : public ValueMeta {
+public:
+    enum class ComparisonResult { Equal = 0, Less = 1, Greater = 2, Incomparable = 3 };
+
+    /// The empty optional of `type`: no payload.
+    Value(meta::Type const &type, boost::none_t);
+    /// A scalar: `type` must be the standard primitive type of `T`, or an enum for
+    /// `std::uint64_t`; otherwise `CannotCastIncompatibleTypes` with the type's qualified
+    /// name. `required` plays no part for a present value.
+    template <ScalarPayload T> Value(meta::Type const &type, T const &native, bool required = true);
+    /// A scalar that may be absent: without `required`, an absent value gives the empty
+    /// optional; with it, an absent enum value raises `InvalidValue`.
+    template <ScalarPayload T> Value(meta::Type const &type, boost::optional<T> const &native, bool required);
+    /// An element reference, typed by the element's metaclass, or by `declared` when the
+    /// handle is empty.
+    Value(meta::Type const &declared, ModelElement const &element);
+
+    Value(Value const &other);
+    Value(Value &&other) noexcept;
+    Value &operator=(Value const &other);
+    Value &operator=(Value &&other) noexcept;
+    ~Value();
+
+    /// An empty element reference of `cls`.
+    static Value createEmptyValue(meta::Class const &cls);
+    /// The empty or default value of a single-valued property: default when `lower` is 1.
+    /// Raises `CannotCastIncompatibleTypes` for a collection property.
+    static Value createEmptyValue(meta::Property const &property);
+    /// The default (`required`) or empty value of a type. Raises `InvalidValue` for a type
+    /// that has no way to make one.
+    static Value createEmptyValue(meta::Type const &type, bool required);
+    /// An empty free-standing collection of the property's shape. Raises `InvalidValue`
+    /// when none can be made for its type.
+    static Value createEmptyUnmanagedCollectionValue(meta::Property const &property);
+    /// The value of an enum literal: its enum as type, its number sign-extended to 64 bits.
+    static Value createEnumValue(meta::EnumLiteral const &literal);
+
+    /// The native payload. Raises `CannotCastIncompatibleTypes` when the value does not
+    /// hold a `T`, and `InvalidValue` when it holds nothing.
+    template <ScalarPayload T> T const &get() const;
+    /// The referenced element; raises `CannotCastIncompatibleTypes` for other values.
+    ModelElement getElement() const;
+    /// True when the value carries a payload (an empty optional does not).
+    bool hasPayload() const noexcept { return payload_ != nullptr; }
+
+    /// The entries as single values: none for an empty optional, itself for a single one.
+    std::vector<Value> extractEntryValues() const;
+    /// Raises `InvalidValue` or `CannotCastIncompatibleTypes` when this value cannot be
+    /// stored in `property`.
+    void checkCompatibleWithProperty(meta::Property const &property) const;
+    bool isCompatibleWithProperty(meta::Property const &property) const noexcept;
+
+    /// Same type, same shape, and equal payloads (or the same pointer without an equality).
+    bool operator==(Value const &other) const;
+    bool operator!=(Value const &other) const { return !(*this == other); }
+    /// The order of two values of one type; an empty payload comes first.
+    ComparisonResult compareWithOtherValue(Value const &other) const;
+    /// The payload's hash; 0 for a value whose payload has none.
+    std::uint64_t hashValues() const;
+
+    PayloadFunctions const *getPayloadFunctions() const noexcept { return functions_; }
+    void const *getPayload() const noexcept { return payload_; }
+
+    /// A value of `meta` that takes ownership of `payload`, freed through `functions`:
+    /// the way serializers and collections make values of their own payload types.
+    Value(ValueMeta const &meta, void *payload, PayloadFunctions const *functions) noexcept
+        : ValueMeta(meta), payload_(payload), functions_(functions) {}
+    /// A free-standing collection of the property's shape that takes ownership of
+    /// `container`, read and freed through `functions`.
+    static Value adoptUnmanagedCollection(meta::Property const &property, void *container,
+                                          PayloadFunctions const *functions) noexcept;
+
+private:
+    void freePayload() noexcept;
+    [[noreturn]] void raiseIncompatible() const;
+
+    void *payload_ = nullptr;
+    PayloadFunctions const *functions_ = nullptr;
+};
+
+namespace internal {
+/// True for a non-empty type whose metaclass is `meta::Enum` or derives from it.
+bool isEnumType(meta::Type const &type);
+} // namespace internal
+
+} // namespace kivra

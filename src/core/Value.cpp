@@ -1,0 +1,297 @@
+#include <kivra/Value.hpp>
+
+#include "core/ValuePayloads.hpp"
+
+#include <kivra/Messages.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataType.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <boost/optional/optional.hpp>
+
+#include <utility>
+
+namespace kivra {
+
+namespace {
+
+bool isClass(meta::Type const &type) { return dynamic_cast<meta::Class::Impl const *>(type.get()) != nullptr; }
+
+basalt::ustring qualifiedName(meta::Type const &type) { return type.get() ? type->getQualifiedName() : basalt::ustring(); }
+
+// Element references: the payload is a heap handle, which may be empty.
+void deleteElement(void *payload) { delete static_cast<ModelElement *>(payload); }
+void *cloneElement(void const *payload) { return new ModelElement(*static_cast<ModelElement const *>(payload)); }
+bool elementEquals(void const *a, void const *b) {
+    if (!a || !b)
+        return a == b;
+    return *static_cast<ModelElement const *>(a) == *static_cast<ModelElement const *>(b);
+}
+bool elementLess(void const *, void const *) { return false; }
+std::uint64_t elementHash(void const *payload) {
+    return payload ? std::hash<ModelElement>()(*static_cast<ModelElement const *>(payload)) : 0;
+}
+constexpr PayloadFunctions elementFunctions{&deleteElement, &cloneElement, &elementEquals, &elementLess, &elementHash,
+                                            nullptr};
+
+} // namespace
+
+// --- ValueMeta -----------------------------------------------------------------------------
+
+ValueMeta::ValueMeta(meta::Type const &type, ValueFlags flags) : type_(type), flags_(flags) {}
+
+ValueMeta::ValueMeta(meta::Property const &property) : type_(property->getType()), flags_(doGetFlags(property)) {
+    if (meta::Property const key = property->getQualifiedBy(); key.get()) {
+        qualifiedByProperty_ = key;
+        qualifiedBy_ = key->getType();
+    }
+}
+
+ValueMeta ValueMeta::getEntryType() const { return ValueMeta(type_, ValueFlags::Single); }
+
+ValueFlags ValueMeta::doGetFlags(meta::Property const &property) {
+    // `upper` is unbounded at all ones, so it compares as unsigned.
+    if (property->getUpper() < 2u)
+        return property->getLower() == 0 && !isClass(property->getType()) ? ValueFlags::Optional : ValueFlags::Single;
+    if (property->getQualifiedBy().get()) {
+        if (property->getIsQualificationUnique())
+            return property->getIsHashed() ? ValueFlags::HashMap : ValueFlags::Map;
+        return property->getIsHashed() ? ValueFlags::HashMultimap : ValueFlags::Multimap;
+    }
+    if (property->getIsOrdered())
+        return ValueFlags::Sequence;
+    if (!property->getIsHashed() && !isClass(property->getType()))
+        return ValueFlags::SortedSet;
+    return ValueFlags::HashSet;
+}
+
+void ValueMeta::setReflective() {
+    reflective_ = true;
+    // A reflective element is typed at the root only.
+    if (isClass(type_))
+        type_ = ModelElement::metaClass();
+}
+
+// --- Construction --------------------------------------------------------------------------
+
+Value::Value(meta::Type const &type, boost::none_t) : ValueMeta(type, ValueFlags::Optional) {}
+
+template <ScalarPayload T> Value::Value(meta::Type const &type, T const &native, bool) : ValueMeta(type, ValueFlags::Single) {
+    detail::checkScalarType<T>(type);
+    payload_ = new T(native);
+    functions_ = &detail::ScalarPayload<T>::functions;
+}
+
+template <ScalarPayload T>
+Value::Value(meta::Type const &type, boost::optional<T> const &native, bool required)
+    : ValueMeta(type, ValueFlags::Optional) {
+    detail::checkScalarType<T>(type);
+    if (!native) {
+        if (required && internal::isEnumType(type))
+            raise<messages::InvalidValue>();
+        if (!required)
+            return;
+        // A required value of a plain type that is absent: its default.
+        payload_ = new T();
+    } else {
+        payload_ = new T(*native);
+    }
+    flags_ = ValueFlags::Single;
+    functions_ = &detail::ScalarPayload<T>::functions;
+}
+
+Value::Value(meta::Type const &declared, ModelElement const &element)
+    : ValueMeta(declared, ValueFlags::Single), payload_(new ModelElement(element)), functions_(&elementFunctions) {
+    // Typed by the element's own class once the metamodel describes it.
+    if (element.get())
+        if (meta::Class const &cls = element->getMetaClass(); cls.get())
+            type_ = cls;
+}
+
+Value::Value(Value const &other)
+    : ValueMeta(other), functions_(other.functions_) {
+    payload_ = other.payload_ && functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;
+}
+
+Value::Value(Value &&other) noexcept
+    : ValueMeta(std::move(other)), payload_(std::exchange(other.payload_, nullptr)), functions_(other.functions_) {}
+
+Value &Value::operator=(Value const &other) {
+    if (this == &other)
+        return *this;
+    ValueMeta::operator=(other);
+    freePayload();
+    functions_ = other.functions_;
+    payload_ = other.payload_ && functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;
+    return *this;
+}
+
+Value &Value::operator=(Value &&other) noexcept {
+    ValueMeta::operator=(std::move(other));
+    std::swap(payload_, other.payload_);
+    std::swap(functions_, other.functions_);
+    return *this;
+}
+
+Value::~Value() { freePayload(); }
+
+void Value::freePayload() noexcept {
+    if (payload_ && functions_ && functions_->deleter)
+        functions_->deleter(payload_);
+    payload_ = nullptr;
+}
+
+void Value::raiseIncompatible() const { raise<messages::CannotCastIncompatibleTypes>(qualifiedName(type_)); }
+
+// --- Factories -------------------------------------------------------------------------------
+
+Value Value::createEmptyValue(meta::Class const &cls) { return Value(cls, ModelElement()); }
+
+Value Value::createEmptyValue(meta::Property const &property) {
+    if (property->getUpper() > 1u)
+        raise<messages::CannotCastIncompatibleTypes>(qualifiedName(property->getType()));
+    return createEmptyValue(property->getType(), property->getLower() == 1);
+}
+
+Value Value::createEmptyValue(meta::Type const &type, bool required) {
+    if (auto *cls = dynamic_cast<meta::Class::Impl *>(type.get()))
+        return createEmptyValue(meta::Class::fromImpl(cls));
+    // The standard types make their own defaults; data types and enums make theirs through
+    // the serializers of their metamodel.
+    if (auto value = detail::defaultScalarValue(type, required))
+        return std::move(*value);
+    raise<messages::InvalidValue>();
+}
+
+Value Value::createEmptyUnmanagedCollectionValue(meta::Property const &property) {
+    if (auto value = meta::MetaRegistry::getInstance()->instantiateUnmanagedCollection(property))
+        return std::move(*value);
+    raise<messages::InvalidValue>();
+}
+
+Value Value::adoptUnmanagedCollection(meta::Property const &property, void *container,
+                                      PayloadFunctions const *functions) noexcept {
+    ValueMeta meta(property);
+    meta.setUnmanaged();
+    return Value(meta, container, functions);
+}
+
+Value Value::createEnumValue(meta::EnumLiteral const &literal) {
+    auto const number = static_cast<std::uint64_t>(static_cast<std::int64_t>(literal->getValue()));
+    return Value(literal->getParentEnum(), number);
+}
+
+// --- Reads -----------------------------------------------------------------------------------
+
+template <ScalarPayload T> T const &Value::get() const {
+    if (!payload_) {
+        detail::checkScalarType<T>(type_); // a `T` that is absent, or no `T` at all
+        raise<messages::InvalidValue>();
+    }
+    if (functions_ != &detail::ScalarPayload<T>::functions)
+        raiseIncompatible();
+    return *static_cast<T const *>(payload_);
+}
+
+ModelElement Value::getElement() const {
+    if (functions_ != &elementFunctions)
+        raiseIncompatible();
+    return *static_cast<ModelElement const *>(payload_);
+}
+
+std::vector<Value> Value::extractEntryValues() const {
+    if (flags_ == ValueFlags::Optional)
+        return {};
+    if (flags_ == ValueFlags::Single)
+        return {*this};
+    if (!managed_ && functions_ && functions_->entries)
+        return functions_->entries(*this);
+    // Collections owned by elements read through their own collection interfaces.
+    raise<messages::CannotCastIncompatibleTypes>(qualifiedName(type_));
+}
+
+void Value::checkCompatibleWithProperty(meta::Property const &property) const {
+    if (!property || !property->getType())
+        raise<messages::InvalidValue>();
+    meta::Type const declared = property->getType();
+    if (isClass(declared) && isClass(type_)) {
+        if (!type_->isA(declared))
+            raise<messages::CannotCastIncompatibleTypes>(qualifiedName(declared));
+    } else if (declared != type_) {
+        raise<messages::CannotCastIncompatibleTypes>(qualifiedName(declared));
+    }
+    ValueFlags const shape = doGetFlags(property);
+    if (!(shape == ValueFlags::Optional && flags_ == ValueFlags::Single) && shape != flags_)
+        raise<messages::InvalidValue>();
+    // A collection inside a data type is always free-standing.
+    if (property->getUpper() > 1u && managed_ &&
+        dynamic_cast<meta::DataType::Impl *>(property->getOwningType().get()) != nullptr)
+        raise<messages::InvalidValue>();
+}
+
+bool Value::isCompatibleWithProperty(meta::Property const &property) const noexcept {
+    try {
+        checkCompatibleWithProperty(property);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+// --- Comparison ------------------------------------------------------------------------------
+
+bool Value::operator==(Value const &other) const {
+    if (type_ != other.type_ || flags_ != other.flags_)
+        return false;
+    if (functions_ && functions_->equals)
+        return functions_->equals(payload_, other.payload_);
+    return payload_ == other.payload_;
+}
+
+Value::ComparisonResult Value::compareWithOtherValue(Value const &other) const {
+    if (type_ != other.type_)
+        return ComparisonResult::Incomparable;
+    if (!payload_)
+        return other.payload_ ? ComparisonResult::Less : ComparisonResult::Equal;
+    if (!other.payload_)
+        return ComparisonResult::Greater;
+    if (!functions_ || !functions_->less)
+        return ComparisonResult::Incomparable;
+    if (functions_->less(payload_, other.payload_))
+        return ComparisonResult::Less;
+    if (functions_->less(other.payload_, payload_))
+        return ComparisonResult::Greater;
+    return ComparisonResult::Equal;
+}
+
+std::uint64_t Value::hashValues() const {
+    return functions_ && functions_->hash && payload_ ? functions_->hash(payload_) : 0;
+}
+
+namespace detail {
+boost::optional<Value> defaultScalarValue(meta::Type const &type, bool required) {
+#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
+    if (type == primitiveTypeOf<Native>())                                                                           \
+        return required ? Value(type, Native()) : Value(type, boost::none);
+#include <kivra/meta/PrimitiveTypes.def>
+    return boost::none;
+}
+} // namespace detail
+
+namespace internal {
+bool isEnumType(meta::Type const &type) { return dynamic_cast<meta::Enum::Impl const *>(type.get()) != nullptr; }
+} // namespace internal
+
+// One instantiation of each scalar form for every native type of the standard types.
+#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
+    template Value::Value(meta::Type const &, Native const &, bool);                                                 \
+    template Value::Value(meta::Type const &, boost::optional<Native> const &, bool);                                \
+    template Native const &Value::get<Native>() const;
+#include <kivra/meta/PrimitiveTypes.def>
+
+} // namespace kivra
