@@ -78,6 +78,8 @@ protected:
 };
 
 class Value;
+class AbstractPrimitiveCollection;
+class ReferenceCollection;
 
 namespace detail {
 template <class T> inline constexpr bool isScalarPayload = false;
@@ -131,6 +133,16 @@ public:
     /// An element reference, typed by the element's metaclass, or by `declared` when the
     /// handle is empty.
     Value(meta::Type const &declared, ModelElement const &element);
+
+    /// A view of the primitive collection that an element owns for `property`: the value
+    /// points at it, copies share it, and it must not outlive the element.
+    Value(AbstractPrimitiveCollection &collection, meta::Property const &property);
+    /// A view of the element collection that an element owns for `property`.
+    Value(ReferenceCollection &collection, meta::Property const &property);
+    static Value createPrimitiveCollectionValue(meta::Property const &property, AbstractPrimitiveCollection &collection);
+    static Value createElementCollectionValue(meta::Property const &property, ReferenceCollection &collection);
+    /// As `createElementCollectionValue`, marked reflective.
+    static Value createReflectiveReferenceCollection(meta::Property const &property, ReferenceCollection &collection);
 
     Value(Value const &other);
     Value(Value &&other) noexcept;

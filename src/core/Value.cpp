@@ -113,6 +113,26 @@ Value::Value(meta::Type const &declared, ModelElement const &element)
             type_ = cls;
 }
 
+Value::Value(AbstractPrimitiveCollection &collection, meta::Property const &property)
+    : ValueMeta(property), payload_(&collection) {}
+
+Value::Value(ReferenceCollection &collection, meta::Property const &property)
+    : ValueMeta(property), payload_(&collection) {}
+
+Value Value::createPrimitiveCollectionValue(meta::Property const &property, AbstractPrimitiveCollection &collection) {
+    return Value(collection, property);
+}
+
+Value Value::createElementCollectionValue(meta::Property const &property, ReferenceCollection &collection) {
+    return Value(collection, property);
+}
+
+Value Value::createReflectiveReferenceCollection(meta::Property const &property, ReferenceCollection &collection) {
+    Value value(collection, property);
+    value.setReflective();
+    return value;
+}
+
 Value::Value(Value const &other)
     : ValueMeta(other), functions_(other.functions_) {
     payload_ = other.payload_ && functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;

@@ -199,3 +199,25 @@ TEST_F(ValueTest, UnmanagedCollectionsOwnTheirContainer) {
 
 } // namespace
 } // namespace kivra
+
+namespace kivra {
+namespace {
+
+TEST_F(ValueTest, ManagedCollectionValuesAreViews) {
+    // Only the address matters to the value: it neither reads nor frees the collection.
+    alignas(std::max_align_t) unsigned char storage[64];
+    auto &collection = *reinterpret_cast<ReferenceCollection *>(storage);
+    meta::Class const book = cls();
+    meta::Property const books = property(book, 0, many, true);
+    Value const view = Value::createElementCollectionValue(books, collection);
+    Value const copy = view;
+    EXPECT_TRUE(view.isManaged());
+    EXPECT_EQ(copy.getPayload(), static_cast<void *>(storage));
+    EXPECT_EQ(copy, view);
+    EXPECT_EQ(view.getFlags(), ValueFlags::Sequence);
+    EXPECT_TRUE(view.isCompatibleWithProperty(books));
+    EXPECT_FALSE(view.isCompatibleWithProperty(property(book, 0, many))); // another shape
+}
+
+} // namespace
+} // namespace kivra
