@@ -1,5 +1,7 @@
 // Element creation and lookup by UUID in large models, and the memory an element costs.
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
+
+#include <library/Book.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -10,7 +12,8 @@
 namespace {
 
 using kivra::Model;
-using kivra::test::Book;
+using kivra::test::Probe;
+using kivra::test::library::Book;
 
 std::size_t heapInUse() {
     auto const info = mallinfo2();
@@ -24,7 +27,7 @@ void BM_CreateElements(benchmark::State &state) {
         Model model = Model::createTransientModel();
         std::size_t const before = heapInUse();
         for (std::size_t i = 0; i < count; ++i)
-            Book::create(model);
+            Probe::create(model);
         bytesPerElement = double(heapInUse() - before) / double(count);
         state.PauseTiming();
         model->destroy();
@@ -34,7 +37,8 @@ void BM_CreateElements(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * count);
     // Everything an element costs: the object and its entries in both tables.
     state.counters["bytes/element"] = bytesPerElement;
-    state.counters["object bytes"] = double(sizeof(Book::Impl));
+    state.counters["base bytes"] = double(sizeof(kivra::ModelElement::Impl));
+    state.counters["Book bytes"] = double(sizeof(Book::Impl));
 }
 BENCHMARK(BM_CreateElements)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Iterations(3);
 
@@ -44,7 +48,7 @@ void BM_FindElementByUuid(benchmark::State &state) {
     std::vector<boost::uuids::uuid> ids;
     ids.reserve(count);
     for (std::size_t i = 0; i < count; ++i)
-        ids.push_back(Book::create(model)->getUuid());
+        ids.push_back(Probe::create(model)->getUuid());
     std::size_t next = 0;
     for (auto _ : state) {
         benchmark::DoNotOptimize(model->findElement(ids[next]));

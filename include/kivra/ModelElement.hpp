@@ -5,26 +5,59 @@
 #include <kivra/ElementImpl.hpp>
 #include <kivra/Handles.hpp>
 #include <kivra/Transaction.hpp>
+#include <kivra/meta/Handles.hpp>
+
+#include <boost/optional/optional_fwd.hpp>
+
+#include <basalt/ustring.hpp>
 
 #include <cstdint>
+#include <vector>
 
 namespace kivra {
 
 class ProxyId;
 
-/// The base of every element: the link to its container, its model, and the protocol
-/// that announces its creation, changes and destruction to the model.
+/// The base of every element: the link to its container, its model, and the protocols
+/// by which it announces changes to its model and keeps both ends of its bidirectional
+/// references consistent.
 ///
 /// Subclasses hold the properties; each generated operation answers for its own class
 /// and passes everything else up, ending here. An element is kept alive by the model
 /// while top level, by its container while contained, and by any handle.
 class ModelElement::Impl : public ElementImpl {
 public:
+    /// The access mode of reflective operations, told apart by identity: public callers
+    /// pass `PUBLIC_ACCESS`, for which properties without a public accessor or mutator
+    /// do not exist; library code passes one of the others.
+    class ReflectionPrivateTag {
+    public:
+        static ReflectionPrivateTag const PUBLIC_ACCESS;
+        static ReflectionPrivateTag const PRIVILEGED_ACCESS;
+        static ReflectionPrivateTag const NO_PROXY_RESOLVE;
+        static ReflectionPrivateTag const IN_MEMORY_ONLY;
+
+        ReflectionPrivateTag(ReflectionPrivateTag const &) = delete;
+        ReflectionPrivateTag &operator=(ReflectionPrivateTag const &) = delete;
+
+        bool isPrivileged() const noexcept { return this != &PUBLIC_ACCESS; }
+        /// False when proxies are to be returned as they are.
+        bool resolveProxies() const noexcept { return this != &NO_PROXY_RESOLVE && this != &IN_MEMORY_ONLY; }
+
+    private:
+        ReflectionPrivateTag() = default;
+    };
+
+    /// Index that stands for no property: announcing it records nothing.
+    static constexpr std::uint64_t noPropertyIndex = std::uint64_t(-1);
+
     ~Impl() override;
 
     Model getModel() const override;
     /// The raw owning model; never null.
     Model::Impl *getModelImpl() const noexcept { return model_; }
+
+    // --- Containment ----------------------------------------------------------------
 
     /// True when the element has no container.
     bool isTopLevel() const noexcept { return containmentFeature_ == nullptr; }
@@ -35,24 +68,86 @@ public:
     ModelElement container() const;
     /// The containing element, raw; null when top level.
     Impl *containerImpl() const noexcept { return containmentFeature_ ? container_ : nullptr; }
+    /// The container's composite property that holds this element; empty when top level.
+    meta::Property containmentFeature() const;
+    meta::Property::Impl *containmentFeatureImpl() const noexcept;
+    /// This element's own property that points to its container (the opposite of the
+    /// containment feature); empty when top level or when there is none.
+    meta::Property containerFeature() const;
 
+    // --- Reflective access ----------------------------------------------------------
+
+    /// Whether the property has a value. Raises `NoSuchProperty` for a property this
+    /// element does not have.
+    virtual bool hasPropertyValue(meta::Property const &property, ReflectionPrivateTag const &tag) const;
+    /// The property's value. Raises `NoSuchProperty` for a property this element does not
+    /// have, or does not show under `tag`.
+    virtual Value getPropertyValue(meta::Property const &property, ReflectionPrivateTag const &tag) const;
+    /// Sets the property's value as its typed setter would. Raises `NoSuchProperty`,
+    /// `CannotSetReadOnlyProperty`, or what the setter raises.
+    virtual void setPropertyValue(meta::Property const &property, Value const &value, ReflectionPrivateTag const &tag);
+    /// The property with that change-tracking index along the class chain; empty when none.
+    virtual meta::Property getPropertyByIndex(std::uint64_t index) const;
+    /// The element's identifying text, for classes that have one; empty otherwise.
+    virtual basalt::ustring identifier() const;
     /// True for elements driven by the metamodel alone.
     virtual bool isReflective() const { return false; }
 
+    // --- Creation and change protocol -----------------------------------------------
+
     /// Announces a new element to its model: it becomes `Valid` and top level.
     void notifyCreated();
-    /// Announces a change of the property at `index` before it happens; index 0 and
-    /// `size_t(-1)` are no property.
+    /// Announces a change of the property at `index` before it happens. Index 0 and
+    /// `noPropertyIndex` are no property; nothing is announced before the element is
+    /// created, nor for a proxy.
     void notifyModifying(std::uint64_t index);
-
     /// Raises `CannotModifyProxy` for a proxy: the first step of every mutator.
     void checkModifiable() const;
-    /// Opens the transaction of one change of the property at `index` and announces the
-    /// change: the middle of every typed setter, shared so that setters stay one line.
+    /// Opens the transaction of one change of the property at `index` and announces it.
     Transaction beginModification(std::uint64_t index);
 
-    /// Destroys the element and its contained subtree in one transaction. Harmless on a
-    /// destroyed element.
+    /// Stores the link to a container (or, with a null container, removes it) and keeps
+    /// the model's top-level table in step. No far end, no guard. Raises `CannotChangeModel`
+    /// for a container in another model.
+    void basicSetContainer(Impl *container, meta::Property const &feature, std::uint64_t index);
+    /// Takes the element out of its container, telling the container, in a transaction.
+    void makeUncontained();
+    /// Raises `CircularContainment` when `newContainer` is this element or lies in its subtree.
+    void checkCircularContainment(ModelElement const &newContainer) const;
+    /// Raises `CannotCreateCrossModelAssociation` (or `CircularContainment`) when this
+    /// element may not refer to `target` through `property`.
+    void checkCompatibleModel(Impl const *target, meta::Property const &property) const;
+
+    // --- Association protocol: called by the far end --------------------------------
+
+    /// Stores `other` on `property`, the end of this element's class whose opposite was
+    /// changed, and goes no further. Raises `NoSuchProperty` for an unknown property.
+    virtual void inverseAdd(ModelElement const &other, meta::Property const &property);
+    /// Clears `other` from `property` and goes no further.
+    virtual void inverseRemove(ModelElement const &other, meta::Property const &property);
+    /// Whether `property` holds a proxy of `other`; the link to a container never does.
+    virtual bool inverseContainsProxyTo(ModelElement const &other, meta::Property const &property) const;
+    /// Stores `other` on `property` without touching the other end: how parsers and
+    /// proxy conversion set an end.
+    virtual void basicAssociate(ModelElement const &other, meta::Property const &property);
+
+    /// Tells `target`, when it is a real element, to store this element on `property`
+    /// (an end of `target`'s class). Without `force`, while the model is parsed, the far
+    /// end of a many-valued, non-composite pair is left to the parser.
+    void _inverseAddThis(Impl *target, meta::Property const &property, bool force);
+    /// Tells `target`, when it is a real element, to forget this element on `property`.
+    void _inverseRemoveThis(Impl *target, meta::Property const &property);
+    bool _inverseContainsThis(Impl *target, meta::Property const &property);
+    /// Makes `element` a child of this one on the composite `property`.
+    void _setContainedByThis(Impl *element, meta::Property const &property);
+    /// Makes `element` top level again with no notice but the top-level report.
+    void _basicSetUncontained(Impl *element);
+    void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
+
+    // --- Destruction ------------------------------------------------------------------
+
+    /// Destroys the element and its contained subtree in one transaction, and takes it
+    /// out of its container and the far ends of its references. Harmless when destroyed.
     void destroy();
     /// Destroys the element and its subtree inside the caller's transaction.
     void destroyRecursively(bool modelDestroying, bool removeFromContainer, bool multiModel);
@@ -70,6 +165,8 @@ protected:
     void clearUuid() noexcept { uuid_ = boost::uuids::uuid{}; }
     /// Roll-back brings a destroyed element back with its identity.
     void resurrect() noexcept { validity_ = Valid; }
+    /// Drops the link to the container of a destroyed element.
+    void forgetContainer() noexcept;
 
     /// Hook after the model has entered the new element.
     virtual void didCreate() {}
@@ -81,11 +178,21 @@ protected:
     virtual void disassociateIncoming() {}
     /// Destroys what the element contains; generated overrides end in this one.
     virtual void doDestroy(bool modelDestroying, bool multiModel) = 0;
+    /// Turns references into proxies when the model of their targets goes away.
+    virtual void convertReferencesToProxies(bool multiModel, boost::optional<ProxyId> &proxyId);
+    /// Drops references and containment with no call to the far ends: the roll-back's way
+    /// to forget a created element, whose far ends are restored by their own records.
+    virtual void basicDisassociateAll() {}
+    /// Replaces `target` on `property` by a proxy of `proxyId`.
+    virtual void convertToProxy(meta::Property const &property, ProxyId const &proxyId, ModelElement const &target);
+
+    /// Raises `NoSuchProperty` with the property's name and this element's class.
+    [[noreturn]] void raiseNoSuchProperty(meta::Property const &property) const;
 
     /// The containing element; meaningful only while `containmentFeature_` is set.
     Impl *container_ = nullptr;
-    /// The container's composite property that holds this element (a `meta::Property`);
-    /// an element is contained exactly when this is set.
+    /// The container's composite property (a `meta::Property` element) that holds this
+    /// element; an element is contained exactly when this is set.
     Impl *containmentFeature_ = nullptr;
     Model::Impl *model_;
     /// Values of the model's extensions of this element's class; made on first use.

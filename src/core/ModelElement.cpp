@@ -1,13 +1,39 @@
 #include <kivra/ModelElement.hpp>
 
+#include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
-#include <kivra/UuidLiteral.hpp>
-#include <kivra/meta/Class.hpp>
-#include <kivra/meta/detail/Metaclasses.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <kivra/UuidLiteral.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
+
+#include <boost/optional/optional.hpp>
 
 namespace kivra {
+
+using Tag = ModelElement::Impl::ReflectionPrivateTag;
+Tag const Tag::PUBLIC_ACCESS;
+Tag const Tag::PRIVILEGED_ACCESS;
+Tag const Tag::NO_PROXY_RESOLVE;
+Tag const Tag::IN_MEMORY_ONLY;
+
+namespace {
+
+bool isMultiModel(Model::Impl const *model) {
+    return model->constellationImpl() && model->constellationImpl()->isMultiModelConstellation();
+}
+
+meta::Property::Impl *asProperty(ModelElement::Impl *feature) { return static_cast<meta::Property::Impl *>(feature); }
+
+} // namespace
+
+meta::Class const &ModelElement::metaClass() {
+    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269"));
+    return slot;
+}
 
 ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
     : ElementImpl(uuid, UnderConstruction), model_(model.get()) {
@@ -23,14 +49,50 @@ ModelElement::Impl::~Impl() {
     }
 }
 
-meta::Class const &ModelElement::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269"));
-    return slot;
-}
-
 Model ModelElement::Impl::getModel() const { return model_->getModel(); }
 
+// --- Containment -------------------------------------------------------------------------
+
 ModelElement ModelElement::Impl::container() const { return ModelElement(containerImpl(), true); }
+
+meta::Property::Impl *ModelElement::Impl::containmentFeatureImpl() const noexcept {
+    return asProperty(containmentFeature_);
+}
+
+meta::Property ModelElement::Impl::containmentFeature() const {
+    return meta::Property::fromImpl(containmentFeatureImpl());
+}
+
+meta::Property ModelElement::Impl::containerFeature() const {
+    return containmentFeature_ ? containmentFeatureImpl()->getOpposite() : meta::Property();
+}
+
+// --- Reflective access -------------------------------------------------------------------
+
+void ModelElement::Impl::raiseNoSuchProperty(meta::Property const &property) const {
+    meta::Class const &cls = getMetaClass();
+    raise<messages::NoSuchProperty>(property ? property->getName() : basalt::ustring(),
+                                    cls.get() ? cls->getQualifiedName() : basalt::ustring());
+}
+
+bool ModelElement::Impl::hasPropertyValue(meta::Property const &property, ReflectionPrivateTag const &) const {
+    raiseNoSuchProperty(property);
+}
+
+Value ModelElement::Impl::getPropertyValue(meta::Property const &property, ReflectionPrivateTag const &) const {
+    // Extensions, which a model adds to a class for itself, answer here once they exist.
+    raiseNoSuchProperty(property);
+}
+
+void ModelElement::Impl::setPropertyValue(meta::Property const &property, Value const &, ReflectionPrivateTag const &) {
+    raiseNoSuchProperty(property);
+}
+
+meta::Property ModelElement::Impl::getPropertyByIndex(std::uint64_t) const { return {}; }
+
+basalt::ustring ModelElement::Impl::identifier() const { return {}; }
+
+// --- Creation and change protocol --------------------------------------------------------
 
 void ModelElement::Impl::notifyCreated() {
     validity_ = Valid;
@@ -39,7 +101,7 @@ void ModelElement::Impl::notifyCreated() {
 }
 
 void ModelElement::Impl::notifyModifying(std::uint64_t index) {
-    if (index == 0 || index == std::uint64_t(-1) || validity_ == UnderConstruction || validity_ == Proxy)
+    if (index == 0 || index == noPropertyIndex || validity_ == UnderConstruction || validity_ == Proxy)
         return;
     model_->elementModifying(this, index);
 }
@@ -55,39 +117,180 @@ Transaction ModelElement::Impl::beginModification(std::uint64_t index) {
     return transaction;
 }
 
+void ModelElement::Impl::basicSetContainer(Impl *container, meta::Property const &feature, std::uint64_t index) {
+    notifyModifying(index);
+    if (container && feature) {
+        if (container->model_ != model_)
+            raise<messages::CannotChangeModel>();
+        // The table changes before the pointers, so that the transaction still reads the
+        // old container.
+        if (isTopLevel())
+            model_->elementNoLongerTopLevel(this);
+        container_ = container;
+        containmentFeature_ = feature.get();
+    } else {
+        if (!isTopLevel())
+            model_->elementMadeTopLevel(this);
+        container_ = nullptr;
+        containmentFeature_ = nullptr;
+    }
+}
+
+void ModelElement::Impl::makeUncontained() {
+    if (isTopLevel())
+        return;
+    Transaction transaction = model_->beginTransaction(false);
+    ModelElement const self(this, true);
+    meta::Property const feature = containmentFeature();
+    if (!container_->isProxy())
+        container_->inverseRemove(self, feature);
+    // The far end may have run this already.
+    if (!isTopLevel()) {
+        meta::Property const opposite = feature->getOpposite();
+        notifyModifying(opposite ? std::uint64_t(opposite->getPropertyIndex()) : noPropertyIndex);
+        model_->elementMadeTopLevel(this);
+        container_ = nullptr;
+        containmentFeature_ = nullptr;
+    }
+    transaction.commit();
+}
+
+void ModelElement::Impl::checkCircularContainment(ModelElement const &newContainer) const {
+    for (Impl const *ancestor = newContainer.get(); ancestor; ancestor = ancestor->containerImpl())
+        if (ancestor == this)
+            raise<messages::CircularContainment>();
+}
+
+void ModelElement::Impl::checkCompatibleModel(Impl const *target, meta::Property const &property) const {
+    if (!target || !target->isValid())
+        return;
+    if (!target->isProxy() && target->model_ == model_)
+        return;
+    meta::Property::Impl const *p = property.get();
+    if (p && p->getIsComposite()) {
+        if (target->isProxy() && target->proxyId_->getModelId())
+            raise<messages::CannotCreateCrossModelAssociation>();
+        target->checkCircularContainment(ModelElement(const_cast<Impl *>(this), true));
+    }
+    bool const twoWay = p && p->getOpposite();
+    if (model_->isRegistryModel())
+        raise<messages::CannotCreateCrossModelAssociation>();
+    // References into the metamodel, and out of a transient model, are one-way only.
+    if ((target->model_->isRegistryModel() || model_->isTransientModel()) && twoWay)
+        raise<messages::CannotCreateCrossModelAssociation>();
+}
+
+// --- Association protocol ----------------------------------------------------------------
+
+void ModelElement::Impl::inverseAdd(ModelElement const &, meta::Property const &property) {
+    raiseNoSuchProperty(property);
+}
+
+void ModelElement::Impl::inverseRemove(ModelElement const &, meta::Property const &property) {
+    raiseNoSuchProperty(property);
+}
+
+bool ModelElement::Impl::inverseContainsProxyTo(ModelElement const &, meta::Property const &property) const {
+    // The far end of a composite is the link to the container, which holds no proxy.
+    if (property) {
+        meta::Property const opposite = property->getOpposite();
+        if (opposite && opposite->getIsComposite())
+            return true;
+    }
+    raiseNoSuchProperty(property);
+}
+
+void ModelElement::Impl::basicAssociate(ModelElement const &, meta::Property const &property) {
+    raiseNoSuchProperty(property);
+}
+
+void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &property, bool force) {
+    if (!target || target->isProxy())
+        return;
+    if (!force && property->getUpper() != 1 && !property->getIsComposite()) {
+        // While a document is read, both ends of a many-valued pair arrive by themselves.
+        meta::Property const opposite = property->getOpposite();
+        bool const oppositeComposite = opposite && opposite->getIsComposite();
+        if (!oppositeComposite && model_->isParsingInProgress())
+            return;
+    }
+    target->inverseAdd(ModelElement(this, true), property);
+}
+
+void ModelElement::Impl::_inverseRemoveThis(Impl *target, meta::Property const &property) {
+    if (!target || target->isProxy())
+        return;
+    target->inverseRemove(ModelElement(this, true), property);
+}
+
+bool ModelElement::Impl::_inverseContainsThis(Impl *target, meta::Property const &property) {
+    return target->inverseContainsProxyTo(ModelElement(this, true), property);
+}
+
+void ModelElement::Impl::_setContainedByThis(Impl *element, meta::Property const &property) {
+    element->makeUncontained();
+    element->basicSetContainer(this, property, noPropertyIndex);
+}
+
+void ModelElement::Impl::_basicSetUncontained(Impl *element) { element->basicSetContainer(nullptr, {}, noPropertyIndex); }
+
+void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying, bool multiModel) {
+    if (element)
+        element->destroyRecursively(modelDestroying, false, multiModel);
+}
+
+void ModelElement::Impl::convertReferencesToProxies(bool, boost::optional<ProxyId> &) {}
+
+void ModelElement::Impl::convertToProxy(meta::Property const &, ProxyId const &, ModelElement const &) {}
+
+// --- Destruction ---------------------------------------------------------------------------
+
 void ModelElement::Impl::notifyDestroying() { model_->elementDestroying(this); }
 
 void ModelElement::Impl::destroy() {
     if (validity_ == Invalid)
         return;
-    ModelElement keep(this, true);
-    bool const multiModel = model_->constellationImpl() && model_->constellationImpl()->isMultiModelConstellation();
+    ModelElement const keep(this, true);
+    bool const multiModel = isMultiModel(model_);
     Transaction transaction = model_->beginTransaction(false);
     if (validity_ != Invalid) {
         if (!isProxy()) {
             aboutToDestroy();
             notifyDestroying();
             disassociateIncoming();
+            if (!isTopLevel())
+                container_->inverseRemove(keep, containmentFeature());
             doDestroy(/*modelDestroying=*/false, multiModel);
         }
+        forgetContainer();
         invalidate();
     }
     transaction.commit();
 }
 
-void ModelElement::Impl::destroyRecursively(bool modelDestroying, bool, bool multiModel) {
+void ModelElement::Impl::destroyRecursively(bool modelDestroying, bool removeFromContainer, bool multiModel) {
     if (validity_ == Invalid)
         return;
-    // The model's table may hold the last reference: the element must outlive this call.
-    ModelElement keep(this, true);
+    // The container or the model's table may hold the last reference.
+    ModelElement const keep(this, true);
     if (!isProxy()) {
         aboutToDestroy();
         notifyDestroying();
         if (!modelDestroying)
             disassociateIncoming();
+        if (removeFromContainer && !isTopLevel())
+            container_->inverseRemove(keep, containmentFeature());
         doDestroy(modelDestroying, multiModel);
     }
+    forgetContainer();
     invalidate();
+}
+
+void ModelElement::Impl::forgetContainer() noexcept {
+    // A tombstone may outlive its container; the change record, not this link, is what a
+    // roll-back restores containment from.
+    container_ = nullptr;
+    containmentFeature_ = nullptr;
 }
 
 void ModelElement::Impl::invalidate() { ElementImpl::invalidate(); }

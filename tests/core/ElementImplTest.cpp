@@ -1,4 +1,6 @@
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
+
+#include <library/Book.hpp>
 
 #include <kivra/services/Hashers.hpp>
 
@@ -11,7 +13,7 @@
 namespace kivra {
 namespace {
 
-using test::Book;
+using test::library::Book;
 
 static_assert(!std::is_convertible_v<Model, ModelElement> && !std::is_convertible_v<ModelElement, Model>,
               "unrelated handles do not convert");
@@ -112,17 +114,18 @@ TEST(ElementImpl, FirstInvalidateCallbackWins) {
 }
 
 TEST(ElementImpl, HandleMadeDuringDeletionCannotDeleteAgain) {
-    int const before = Book::Impl::deletions;
-    Book::Impl::onDelete = [](Book::Impl *dying) {
+    using test::Probe;
+    int const before = Probe::Impl::deletions;
+    Probe::Impl::onDelete = [](Probe::Impl *dying) {
         ModelElement again = test::handleOf(dying);
         ModelElement copy = again;
     };
     {
         Model model = Model::createTransientModel();
-        Book::create(model)->destroy();
+        Probe::create(model)->destroy();
     }
-    Book::Impl::onDelete = nullptr;
-    EXPECT_EQ(Book::Impl::deletions, before + 1);
+    Probe::Impl::onDelete = nullptr;
+    EXPECT_EQ(Probe::Impl::deletions, before + 1);
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
+
+#include <library/Book.hpp>
 
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/WorkQueue.hpp>
@@ -53,10 +55,10 @@ TEST(Lifetime, ModelWithoutHandlesStaysWhileTheConstellationIsHeld) {
 }
 
 TEST(Lifetime, ElementsHeldAfterTheirModelDiesAreTombstones) {
-    test::Book book;
+    test::library::Book book;
     {
         Model model = Model::createTransientModel();
-        book = test::Book::create(model);
+        book = test::library::Book::create(model);
     }
     EXPECT_FALSE(book);
     EXPECT_NE(book.get(), nullptr);
@@ -66,10 +68,10 @@ TEST(Lifetime, DestroyingAConstellationDestroysItsModels) {
     ModelConstellation constellation = ModelConstellation::create();
     Model a = Model::create(constellation);
     Model b = Model::create(constellation);
-    test::Book book;
+    test::library::Book book;
     {
         Transaction transaction = a->beginTransaction();
-        book = test::Book::create(a);
+        book = test::library::Book::create(a);
         transaction.commit();
     }
     constellation->destroy();

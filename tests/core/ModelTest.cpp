@@ -1,4 +1,6 @@
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
+
+#include <library/Book.hpp>
 
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
@@ -9,7 +11,7 @@
 namespace kivra {
 namespace {
 
-using test::Book;
+using test::library::Book;
 using test::ReflectiveNote;
 
 template <class M, class F> void expectRaises(F &&f) {

@@ -1,4 +1,6 @@
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
+
+#include <library/Book.hpp>
 
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/WorkQueue.hpp>
@@ -94,12 +96,12 @@ TEST(Freezer, FreezesAddUpAndThawsNestOnce) {
         EXPECT_TRUE(model->isFrozen());
     }
     EXPECT_TRUE(model->isFrozen()); // one freezer is still there
-    EXPECT_THROW(test::Book::create(model), Error<messages::ModelFrozen>);
+    EXPECT_THROW(test::library::Book::create(model), Error<messages::ModelFrozen>);
     {
         auto thawed = first.thaw();
         auto again = first.thaw();
         EXPECT_FALSE(model->isFrozen());
-        EXPECT_NO_THROW(test::Book::create(model));
+        EXPECT_NO_THROW(test::library::Book::create(model));
         again.deactivate();
         EXPECT_FALSE(model->isFrozen()); // the outer thaw still holds
     }

@@ -1,16 +1,21 @@
 #pragma once
 /// \file
-/// Not API: the frame of generated typed setters, shared by all of them.
+/// Not API: the frames of generated typed setters, shared by all of them so that each
+/// setter is one line.
 
+#include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
 
 #include <cstdint>
 
 namespace kivra::detail {
 
-/// Sets one plain member of an element with the setter frame: proxy test, compare and
-/// return when equal (no transaction, no record), open a transaction, announce, store,
-/// commit. An exception leaves through the transaction, which then votes to roll back.
+/// A plain member: proxy test, compare and return when equal (no transaction, no
+/// record), open a transaction, announce, store, commit. An exception leaves through
+/// the transaction, which then votes to roll back.
 template <class T, class U>
 void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint64_t index) {
     element.checkModifiable();
@@ -20,5 +25,76 @@ void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint
     member = value;
     transaction.commit();
 }
+
+/// A single reference: with an opposite, the far ends are told too.
+template <class H>
+void setReference(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
+                  std::uint64_t index) {
+    element.checkModifiable();
+    if (member == value)
+        return;
+    element.checkCompatibleModel(value.get(), property);
+    Transaction transaction = element.beginModification(index);
+    H const old = std::exchange(member, value);
+    if (meta::Property const opposite = property ? property->getOpposite() : meta::Property()) {
+        element._inverseRemoveThis(old.get(), opposite);
+        element._inverseAddThis(value.get(), opposite, /*force=*/false);
+    }
+    transaction.commit();
+}
+
+/// A single composite reference: the new child leaves its old container and the old
+/// child becomes top level.
+template <class H>
+void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
+                  std::uint64_t index) {
+    element.checkModifiable();
+    if (member == value)
+        return;
+    if (value.get()) {
+        if (value->getModelImpl() != element.getModelImpl())
+            raise<messages::CannotChangeModel>();
+        value->checkCircularContainment(ModelElement::fromImpl(&element));
+    }
+    Transaction transaction = element.beginModification(index);
+    if (value.get())
+        element._setContainedByThis(value.get(), property);
+    H const old = std::exchange(member, value);
+    if (old.get() && old->containerImpl() == &element)
+        element._basicSetUncontained(old.get());
+    transaction.commit();
+}
+
+/// The reverse end of a composite: the element moves to `container`, held by its
+/// composite `feature`, or becomes top level.
+template <class H>
+void setContainer(ModelElement::Impl &element, H const &container, meta::Property const &feature, std::uint64_t index) {
+    element.checkModifiable();
+    if (element.containerImpl() == container.get())
+        return;
+    if (container.get() && container->getModelImpl() != element.getModelImpl())
+        raise<messages::CannotChangeModel>();
+    element.checkCircularContainment(container);
+    Transaction transaction = element.beginModification(index);
+    if (!element.isTopLevel())
+        element.makeUncontained();
+    element.basicSetContainer(container.get(), feature, index);
+    element._inverseAddThis(container.get(), feature, /*force=*/true);
+    transaction.commit();
+}
+
+/// `element` as an `Impl` of the target class (null for a null handle); raises
+/// `CannotCastIncompatibleTypes` with the element's class for an element of another class.
+template <class TargetImpl> TargetImpl *elementAs(ModelElement const &element) {
+    if (!element.get())
+        return nullptr;
+    if (auto *target = dynamic_cast<TargetImpl *>(element.get()))
+        return target;
+    meta::Class const &cls = element->getMetaClass();
+    raise<messages::CannotCastIncompatibleTypes>(cls.get() ? cls->getQualifiedName() : basalt::ustring());
+}
+
+/// The element that `value` refers to, as above.
+template <class TargetImpl> TargetImpl *elementAs(Value const &value) { return elementAs<TargetImpl>(value.getElement()); }
 
 } // namespace kivra::detail

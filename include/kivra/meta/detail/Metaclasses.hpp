@@ -2,7 +2,7 @@
 /// \file
 /// Not API: where the handles of the metaclasses are kept.
 
-#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Handles.hpp>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -12,5 +12,7 @@ namespace kivra::meta::detail {
 /// and keeps its address, empty until the self-description enters the metaclass. Each
 /// class's `metaClass()` asks for its slot once and keeps the reference.
 Class &metaclassSlot(boost::uuids::uuid const &uuid);
+/// The slot of the property with `uuid`, in the same way.
+Property &propertySlot(boost::uuids::uuid const &uuid);
 
 } // namespace kivra::meta::detail

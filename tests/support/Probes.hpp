@@ -1,6 +1,6 @@
 #pragma once
-// A small metamodel written in the pattern of generated metaclasses, shared by the tests
-// of every subsystem.
+// Element classes that the generated sample metamodel (library/) cannot stand for:
+// one that reports its own deletion, and one that passes for a reflective element.
 
 #include <kivra/Model.hpp>
 #include <kivra/ModelElement.hpp>
@@ -10,33 +10,33 @@
 
 namespace kivra::test {
 
-/// A generated-style element class: handle, `Impl`, `create`.
-class Book : public ModelElement {
+/// The smallest element: the base and nothing else, with a hook that runs at deletion.
+class Probe : public ModelElement {
 public:
     class Impl;
 
-    Book() noexcept = default;
+    Probe() noexcept = default;
     Impl *get() const noexcept;
     Impl *operator->() const noexcept { return get(); }
 
-    /// A new top-level book in `model`.
-    static Book create(Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A new top-level probe in `model`.
+    static Probe create(Model const &model, boost::uuids::uuid const &uuid = {});
 
 private:
-    Book(Impl *impl, bool addReference) noexcept;
+    Probe(Impl *impl, bool addReference) noexcept;
 };
 
-class Book::Impl : public ModelElement::Impl {
+class Probe::Impl : public ModelElement::Impl {
 public:
     meta::Class const &getMetaClass() const override;
 
     /// Runs while the element is being deleted, to test what code in destructors may do.
     static inline std::function<void(Impl *)> onDelete;
-    /// Counts deletions of books.
+    /// Counts deletions of probes.
     static inline int deletions = 0;
 
 protected:
-    friend class Book;
+    friend class Probe;
     Impl(Model const &model, boost::uuids::uuid const &uuid) : ModelElement::Impl(model, uuid) {}
     ~Impl() override;
     void doDestroy(bool modelDestroying, bool multiModel) override {

@@ -1,4 +1,4 @@
-#include "TestMetamodel.hpp"
+#include "Probes.hpp"
 
 namespace kivra::test {
 
@@ -15,19 +15,19 @@ struct HandleMaker : ModelElement {
 
 ModelElement handleOf(ModelElement::Impl *impl) { return HandleMaker(impl); }
 
-Book::Impl *Book::get() const noexcept { return static_cast<Impl *>(ModelElement::get()); }
-Book::Book(Impl *impl, bool addReference) noexcept : ModelElement(impl, addReference) {}
+Probe::Impl *Probe::get() const noexcept { return static_cast<Impl *>(ModelElement::get()); }
+Probe::Probe(Impl *impl, bool addReference) noexcept : ModelElement(impl, addReference) {}
 
-Book Book::create(Model const &model, boost::uuids::uuid const &uuid) {
+Probe Probe::create(Model const &model, boost::uuids::uuid const &uuid) {
     auto *impl = new Impl(model, uuid);
-    Book book(impl, true);
+    Probe probe(impl, true);
     impl->notifyCreated();
-    return book;
+    return probe;
 }
 
-meta::Class const &Book::Impl::getMetaClass() const { return noClass(); }
+meta::Class const &Probe::Impl::getMetaClass() const { return noClass(); }
 
-Book::Impl::~Impl() {
+Probe::Impl::~Impl() {
     ++deletions;
     if (onDelete)
         onDelete(this);
