@@ -3,7 +3,9 @@
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/meta/Class.hpp>
+
+#include <notes/Note.hpp>
+#include <notes/Notebook.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
@@ -14,38 +16,6 @@
 namespace {
 
 using basalt::i18n::ustring_to_utf8;
-
-// An element class as a metamodel's generated code shapes it: a one-pointer handle over
-// an implementation that derives from ModelElement::Impl.
-class Note : public kivra::ModelElement {
-public:
-    class Impl;
-    Note() = default;
-    static Note create(kivra::Model const &model);
-
-private:
-    explicit Note(kivra::ModelElement::Impl *impl) : ModelElement(impl, /*addReference=*/true) {}
-};
-
-class Note::Impl final : public kivra::ModelElement::Impl {
-public:
-    explicit Impl(kivra::Model const &model) : ModelElement::Impl(model, /*uuid=*/{}) {}
-    kivra::meta::Class const &getMetaClass() const override {
-        static kivra::meta::Class const unregistered;
-        return unregistered;
-    }
-
-protected:
-    void doDestroy(bool modelDestroying, bool multiModel) override {
-        ModelElement::Impl::doDestroy(modelDestroying, multiModel);
-    }
-};
-
-Note Note::create(kivra::Model const &model) {
-    Note note(new Impl(model));
-    note->notifyCreated();
-    return note;
-}
 
 void errors() {
     std::cout << "== Errors\n";
@@ -74,18 +44,24 @@ void models() {
     // With two models, every change needs a transaction; nested ones vote, the outermost
     // commit ends it.
     kivra::Transaction transaction = drafts->beginTransaction();
-    Note first = Note::create(drafts);
-    Note second = Note::create(drafts);
+    // Note and Notebook are generated from examples/Notes.tables.
+    notes::Note first = notes::Note::create(drafts);
+    notes::Note second = notes::Note::create(drafts);
+    first->setText(u"buy milk");
+    notes::Notebook book = notes::Notebook::create(drafts);
+    book->setPinned(first);
     transaction.commit();
     std::cout << "elements in drafts: " << drafts->elementCount() << ", found by UUID "
-              << first->getUuid() << ": " << (drafts->findElement(first->getUuid()) == first) << '\n';
+              << first->getUuid() << ": " << (drafts->findElement(first->getUuid()) == first) << '\n'
+              << "pinned in its notebook: " << ustring_to_utf8(book->getPinned()->getText())
+              << ", top-level elements: " << drafts->getTopLevelElements().size() << '\n';
 
     // A destroyed element stays a tombstone for the handles that still name it.
     kivra::Transaction removal = drafts->beginTransaction();
     second->destroy();
     removal.commit();
-    std::cout << "second note valid after destroy: " << bool(second) << ", still "
-              << drafts->elementCount() << " element in drafts\n";
+    std::cout << "second note valid after destroy: " << bool(second) << ", "
+              << drafts->elementCount() << " elements left in drafts\n";
 
     // Work waits until no transaction runs.
     kivra::Transaction busy = archive->beginTransaction();

@@ -230,6 +230,65 @@ def initial(prop):
     return "{" + ZERO.get(prop.type, "0" if prop.type not in ("String", "StdString", "UUID", "DateTime") else "") + "}"
 
 
+def storage_members(mm, cls):
+    return [(p, mm.kind(p)) for p in cls.props if mm.kind(p) in ("value", "optional", "reference", "composite")]
+
+
+def write_records(mm, cls, base):
+    own = storage_members(mm, cls)
+    ends = [p for p in cls.props if mm.kind(p) == "container-end"]
+    cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = {p.name}_;\n        return;\n" for p, _ in own)
+    cases += "".join(f"    case {p.name}Index:\n        storage->setOldContainer(container(), containmentFeature());\n        return;\n" for p in ends)
+    cast = f"    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);\n" if own else ""
+    restore = "".join(f"    if (own->isChanged({p.name}Index))\n        {p.name}_ = own->{p.name}_;\n" for p, _ in own)
+    out = f"""
+::kivra::ModelElement::Impl::Changes *{cls.name}::Impl::createChanges() const {{
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}}
+
+::kivra::ModelElement::Impl::Storage *{cls.name}::Impl::createStorage() const {{
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}}
+
+void {cls.name}::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {{
+{cast}    switch (index) {{
+{cases}    default:
+        {base}::copyValue(storage, index);
+    }}
+}}
+
+void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {{
+{cast}{restore}    {base}::copyStateFromStorage(storage);
+}}
+"""
+    if not own:
+        return out
+    plain = [(p, k) for p, k in own if k in ("value", "optional")]
+    revert = "".join(f"    if (isChanged(Impl::{p.name}Index) && {p.name}_ == self->{p.name}_)\n        clearModified(Impl::{p.name}Index);\n" for p, _ in plain)
+    old = []
+    for p, k in own:
+        guard = f"property == Impl::{p.name}Property() && isChanged(Impl::{p.name}Index){visible(p, False)}"
+        if k == "value":
+            old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_);\n")
+        elif k == "optional":
+            old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
+        else:
+            old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement({p.name}_));\n")
+    self_cast = f"    [[maybe_unused]] auto const *self = static_cast<{cls.name}::Impl const *>(element);\n" if plain else ""
+    out += f"""
+bool {cls.name}::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {{
+{self_cast}{revert}    return {base}::Storage::revertUnchanged(element);
+}}
+
+::kivra::Value {cls.name}::Impl::Storage::getOldValue({META}::Property const &property, {TAG} const &tag) const {{
+    if (!property.get())
+        return {base}::Storage::getOldValue(property, tag);
+{"".join(old)}    return {base}::Storage::getOldValue(property, tag);
+}}
+"""
+    return out
+
+
 def write_handles(mm):
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The handles of the classes of `{mm.dotted}`: one pointer each, converting up the class chain.\n\n",
            "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n\n#include <boost/uuid/uuid.hpp>\n\n",
@@ -255,7 +314,7 @@ public:
 """)
         if not cls.abstract:
             out.append(f"""    /// A new `{cls.name}` in `model`, top level; a nil `uuid` draws a fresh one.
-    static {cls.name} create(Model const &model, boost::uuids::uuid const &uuid = {{}});
+    static {cls.name} create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {{}});
 """)
         out.append(f"""
 protected:
@@ -268,7 +327,7 @@ protected:
 
 def write_header(mm, cls, extra_dir):
     kinds = [(p, mm.kind(p)) for p in cls.props if mm.kind(p)]
-    includes = {f"{mm.prefix}/Handles.hpp", "kivra/ModelElement.hpp", "kivra/meta/Handles.hpp"}
+    includes = {f"{mm.prefix}/Handles.hpp", "kivra/ChangeRecords.hpp", "kivra/ModelElement.hpp", "kivra/meta/Handles.hpp"}
     if cls.superclass != "ModelElement":
         includes.add(mm.header(cls.superclass))
     std_includes = {"cstdint"}
@@ -332,6 +391,15 @@ public:
     void setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) override;
 """)
     out.append(f"    {META}::Property getPropertyByIndex(std::uint64_t index) const override;\n")
+    if storage_members(mm, cls):
+        out.append("\n    class Storage;\n")
+    else:
+        out.append(f"\n    using Storage = {mm.impl_base(cls)}::Storage;\n")
+    out.append(f"""    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+""")
     if any(k in ("reference", "composite", "container-end") for _, k in kinds):
         out.append(f"""    void inverseAdd(::kivra::ModelElement const &other, {META}::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, {META}::Property const &property) override;
@@ -343,7 +411,7 @@ public:
     out.append(f"""
 protected:
     friend class {cls.name};
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 """)
     if any(k == "reference" and p.opposite for p, k in kinds):
@@ -358,8 +426,28 @@ protected:
             out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
         else:
             out.append(f"    {p.type} {p.name}_;\n")
-    out.append(f"""}};
+    out.append("};\n")
+    if storage_members(mm, cls):
+        out.append(f"""
+/// The old values of `{cls.name}`'s own members in a deep transaction.
+class {cls.name}::Impl::Storage : public {mm.impl_base(cls)}::Storage {{
+public:
+    using {mm.impl_base(cls)}::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
 
+private:
+    friend class {cls.name}::Impl;
+""")
+        for p, k in storage_members(mm, cls):
+            if k == "value":
+                out.append(f"    {native(p)} {p.name}_{initial(p)};\n")
+            elif k == "optional":
+                out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
+            else:
+                out.append(f"    {p.type} {p.name}_;\n")
+        out.append("};\n")
+    out.append(f"""
 inline {cls.name}::Impl *{cls.name}::get() const noexcept {{
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }}
@@ -410,7 +498,7 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
 """)
     if not cls.abstract:
         out.append(f"""
-{cls.name} {cls.name}::create(Model const &model, boost::uuids::uuid const &uuid) {{
+{cls.name} {cls.name}::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {{
     {cls.name} element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -472,6 +560,7 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     if kinds:
         out.append(write_reflective(mm, cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
+    out.append(write_records(mm, cls, base))
     if any(k in ("reference", "composite", "container-end") for _, k in kinds):
         out.append(write_association(mm, cls, kinds, base))
     out.append(f"\n}} // namespace {mm.ns}\n")
@@ -750,6 +839,7 @@ METAMODELS = [
     ("src/meta/Metamodel.tables", "kivra::meta", "include/kivra/meta", "src/meta/generated", "kivra/meta"),
     ("tests/support/Library.tables", "kivra::test::library", "tests/support/library", "tests/support/library",
      "library"),
+    ("examples/Notes.tables", "notes", "examples/notes", "examples/notes", "notes"),
 ]
 
 

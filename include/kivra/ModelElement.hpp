@@ -48,6 +48,9 @@ public:
         ReflectionPrivateTag() = default;
     };
 
+    class Changes;
+    class Storage;
+
     /// Index that stands for no property: announcing it records nothing.
     static constexpr std::uint64_t noPropertyIndex = std::uint64_t(-1);
 
@@ -64,10 +67,11 @@ public:
     bool isProxy() const noexcept { return proxyId_ != nullptr; }
     /// True when `other` is not null and in the same model.
     bool isSameModel(Impl const *other) const noexcept { return other && other->model_ == model_; }
-    /// The containing element, as a counted handle; null when top level.
+    /// The containing element, as a counted handle; null when top level or destroyed.
     ModelElement container() const;
-    /// The containing element, raw; null when top level.
-    Impl *containerImpl() const noexcept { return containmentFeature_ ? container_ : nullptr; }
+    /// The containing element, raw; null when top level. A destroyed element keeps its
+    /// link, for a roll-back to bring it back, but shows none: its container may be gone.
+    Impl *containerImpl() const noexcept { return containmentFeature_ && validity_ != Invalid ? container_ : nullptr; }
     /// The container's composite property that holds this element; empty when top level.
     meta::Property containmentFeature() const;
     meta::Property::Impl *containmentFeatureImpl() const noexcept;
@@ -144,6 +148,18 @@ public:
     void _basicSetUncontained(Impl *element);
     void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
 
+    // --- Change records: called by the transaction ------------------------------------
+
+    /// A new record of which properties change (shallow transactions). Owned by the caller.
+    virtual Changes *createChanges() const = 0;
+    /// A new record that also keeps old values (deep transactions). Owned by the caller.
+    virtual Storage *createStorage() const = 0;
+    /// Copies the present value of the property at `index` into `storage`. Raises
+    /// `NoSuchProperty` for an index this element does not have.
+    virtual void copyValue(Storage *storage, std::uint64_t index) const;
+    /// Puts back every value whose bit is set in `storage`, with no far end and no notice.
+    virtual void copyStateFromStorage(Storage *storage);
+
     // --- Destruction ------------------------------------------------------------------
 
     /// Destroys the element and its contained subtree in one transaction, and takes it
@@ -165,8 +181,6 @@ protected:
     void clearUuid() noexcept { uuid_ = boost::uuids::uuid{}; }
     /// Roll-back brings a destroyed element back with its identity.
     void resurrect() noexcept { validity_ = Valid; }
-    /// Drops the link to the container of a destroyed element.
-    void forgetContainer() noexcept;
 
     /// Hook after the model has entered the new element.
     virtual void didCreate() {}

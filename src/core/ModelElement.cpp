@@ -1,5 +1,6 @@
 #include <kivra/ModelElement.hpp>
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -56,7 +57,7 @@ Model ModelElement::Impl::getModel() const { return model_->getModel(); }
 ModelElement ModelElement::Impl::container() const { return ModelElement(containerImpl(), true); }
 
 meta::Property::Impl *ModelElement::Impl::containmentFeatureImpl() const noexcept {
-    return asProperty(containmentFeature_);
+    return validity_ != Invalid ? asProperty(containmentFeature_) : nullptr;
 }
 
 meta::Property ModelElement::Impl::containmentFeature() const {
@@ -243,6 +244,26 @@ void ModelElement::Impl::convertReferencesToProxies(bool, boost::optional<ProxyI
 
 void ModelElement::Impl::convertToProxy(meta::Property const &, ProxyId const &, ModelElement const &) {}
 
+// --- Change records ------------------------------------------------------------------------
+
+void ModelElement::Impl::copyValue(Storage *, std::uint64_t index) const {
+    raiseNoSuchProperty(getPropertyByIndex(index));
+}
+
+void ModelElement::Impl::copyStateFromStorage(Storage *storage) {
+    if (!storage->isContainerChanged())
+        return;
+    // Both ends of a containment have records of their own: this end puts back only its
+    // link, with no far end and no notice.
+    if (meta::Property const &feature = storage->getOldContainmentFeature(); feature) {
+        basicSetContainer(storage->getOldContainer().get(), feature, noPropertyIndex);
+    } else if (!isTopLevel()) {
+        model_->elementMadeTopLevel(this);
+        container_ = nullptr;
+        containmentFeature_ = nullptr;
+    }
+}
+
 // --- Destruction ---------------------------------------------------------------------------
 
 void ModelElement::Impl::notifyDestroying() { model_->elementDestroying(this); }
@@ -262,7 +283,6 @@ void ModelElement::Impl::destroy() {
                 container_->inverseRemove(keep, containmentFeature());
             doDestroy(/*modelDestroying=*/false, multiModel);
         }
-        forgetContainer();
         invalidate();
     }
     transaction.commit();
@@ -282,15 +302,7 @@ void ModelElement::Impl::destroyRecursively(bool modelDestroying, bool removeFro
             container_->inverseRemove(keep, containmentFeature());
         doDestroy(modelDestroying, multiModel);
     }
-    forgetContainer();
     invalidate();
-}
-
-void ModelElement::Impl::forgetContainer() noexcept {
-    // A tombstone may outlive its container; the change record, not this link, is what a
-    // roll-back restores containment from.
-    container_ = nullptr;
-    containmentFeature_ = nullptr;
 }
 
 void ModelElement::Impl::invalidate() { ElementImpl::invalidate(); }

@@ -1,5 +1,7 @@
 #include "Probes.hpp"
 
+#include <kivra/ChangeRecords.hpp>
+
 namespace kivra::test {
 
 namespace {
@@ -27,6 +29,13 @@ Probe Probe::create(Model const &model, boost::uuids::uuid const &uuid) {
 
 meta::Class const &Probe::Impl::getMetaClass() const { return noClass(); }
 
+ModelElement::Impl::Changes *Probe::Impl::createChanges() const {
+    return new Changes(getUuid(), getModelImpl(), getMetaClass(), 0);
+}
+ModelElement::Impl::Storage *Probe::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), 1);
+}
+
 Probe::Impl::~Impl() {
     ++deletions;
     if (onDelete)
@@ -38,6 +47,8 @@ public:
     Impl(Model const &model, boost::uuids::uuid const &uuid) : ModelElement::Impl(model, uuid) {}
     meta::Class const &getMetaClass() const override { return noClass(); }
     bool isReflective() const override { return true; }
+    Changes *createChanges() const override { return new Changes(getUuid(), getModelImpl(), getMetaClass(), 0); }
+    Storage *createStorage() const override { return new Storage(getUuid(), getModelImpl(), getMetaClass(), 1); }
     void doDestroy(bool modelDestroying, bool multiModel) override {
         ModelElement::Impl::doDestroy(modelDestroying, multiModel);
     }

@@ -29,6 +29,8 @@ private:
 class Probe::Impl : public ModelElement::Impl {
 public:
     meta::Class const &getMetaClass() const override;
+    Changes *createChanges() const override;
+    Storage *createStorage() const override;
 
     /// Runs while the element is being deleted, to test what code in destructors may do.
     static inline std::function<void(Impl *)> onDelete;

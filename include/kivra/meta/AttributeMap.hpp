@@ -3,6 +3,7 @@
 /// \file
 /// The `AttributeMap` class of `kivra.meta`: its handle's implementation.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
@@ -23,9 +24,15 @@ public:
     Class const &getMetaClass() const override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
+    using Storage = ::kivra::ModelElement::Impl::Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+
 protected:
     friend class AttributeMap;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 };
 

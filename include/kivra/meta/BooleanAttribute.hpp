@@ -3,6 +3,7 @@
 /// \file
 /// The `BooleanAttribute` class of `kivra.meta`: its handle's implementation.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -31,11 +32,29 @@ public:
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+
 protected:
     friend class BooleanAttribute;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    bool value_{false};
+};
+
+/// The old values of `BooleanAttribute`'s own members in a deep transaction.
+class BooleanAttribute::Impl::Storage : public Attribute::Impl::Storage {
+public:
+    using Attribute::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class BooleanAttribute::Impl;
     bool value_{false};
 };
 

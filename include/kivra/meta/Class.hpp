@@ -3,6 +3,7 @@
 /// \file
 /// The `Class` class of `kivra.meta`: its handle's implementation.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/StructuredType.hpp>
@@ -40,6 +41,12 @@ public:
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
+
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
@@ -48,9 +55,22 @@ public:
 
 protected:
     friend class Class;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    Class superclass_;
+    bool isAbstract_{false};
+};
+
+/// The old values of `Class`'s own members in a deep transaction.
+class Class::Impl::Storage : public StructuredType::Impl::Storage {
+public:
+    using StructuredType::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Class::Impl;
     Class superclass_;
     bool isAbstract_{false};
 };

@@ -3,6 +3,7 @@
 /// \file
 /// The `DynamicExtensions` class of `kivra.meta`: its handle's implementation.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
@@ -38,15 +39,33 @@ public:
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
+
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class DynamicExtensions;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    std::uint64_t modelID_{0};
+};
+
+/// The old values of `DynamicExtensions`'s own members in a deep transaction.
+class DynamicExtensions::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
+public:
+    using ::kivra::ModelElement::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class DynamicExtensions::Impl;
     std::uint64_t modelID_{0};
 };
 

@@ -25,7 +25,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static NamedElement fromImpl(Impl *impl) noexcept;
     /// A new `NamedElement` in `model`, top level; a nil `uuid` draws a fresh one.
-    static NamedElement create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static NamedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     NamedElement(Impl *impl, bool addReference) noexcept;
@@ -46,7 +46,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static TypedElement fromImpl(Impl *impl) noexcept;
     /// A new `TypedElement` in `model`, top level; a nil `uuid` draws a fresh one.
-    static TypedElement create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static TypedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     TypedElement(Impl *impl, bool addReference) noexcept;
@@ -86,7 +86,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Argument fromImpl(Impl *impl) noexcept;
     /// A new `Argument` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Argument create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Argument create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Argument(Impl *impl, bool addReference) noexcept;
@@ -107,7 +107,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Operation fromImpl(Impl *impl) noexcept;
     /// A new `Operation` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Operation create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Operation create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Operation(Impl *impl, bool addReference) noexcept;
@@ -128,7 +128,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Endpoint fromImpl(Impl *impl) noexcept;
     /// A new `Endpoint` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Endpoint create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Endpoint create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Endpoint(Impl *impl, bool addReference) noexcept;
@@ -149,7 +149,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Property fromImpl(Impl *impl) noexcept;
     /// A new `Property` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Property create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Property create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Property(Impl *impl, bool addReference) noexcept;
@@ -170,7 +170,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Extension fromImpl(Impl *impl) noexcept;
     /// A new `Extension` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Extension create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Extension create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Extension(Impl *impl, bool addReference) noexcept;
@@ -191,7 +191,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Type fromImpl(Impl *impl) noexcept;
     /// A new `Type` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Type create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Type create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Type(Impl *impl, bool addReference) noexcept;
@@ -212,7 +212,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static StructuredType fromImpl(Impl *impl) noexcept;
     /// A new `StructuredType` in `model`, top level; a nil `uuid` draws a fresh one.
-    static StructuredType create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static StructuredType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     StructuredType(Impl *impl, bool addReference) noexcept;
@@ -233,7 +233,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Class fromImpl(Impl *impl) noexcept;
     /// A new `Class` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Class create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Class create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Class(Impl *impl, bool addReference) noexcept;
@@ -254,7 +254,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static DataType fromImpl(Impl *impl) noexcept;
     /// A new `DataType` in `model`, top level; a nil `uuid` draws a fresh one.
-    static DataType create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static DataType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     DataType(Impl *impl, bool addReference) noexcept;
@@ -275,7 +275,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static PrimitiveType fromImpl(Impl *impl) noexcept;
     /// A new `PrimitiveType` in `model`, top level; a nil `uuid` draws a fresh one.
-    static PrimitiveType create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static PrimitiveType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     PrimitiveType(Impl *impl, bool addReference) noexcept;
@@ -296,7 +296,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Enum fromImpl(Impl *impl) noexcept;
     /// A new `Enum` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Enum create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Enum create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Enum(Impl *impl, bool addReference) noexcept;
@@ -317,7 +317,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static EnumLiteral fromImpl(Impl *impl) noexcept;
     /// A new `EnumLiteral` in `model`, top level; a nil `uuid` draws a fresh one.
-    static EnumLiteral create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static EnumLiteral create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     EnumLiteral(Impl *impl, bool addReference) noexcept;
@@ -338,7 +338,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Package fromImpl(Impl *impl) noexcept;
     /// A new `Package` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Package create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Package create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Package(Impl *impl, bool addReference) noexcept;
@@ -359,7 +359,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static DynamicExtensions fromImpl(Impl *impl) noexcept;
     /// A new `DynamicExtensions` in `model`, top level; a nil `uuid` draws a fresh one.
-    static DynamicExtensions create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static DynamicExtensions create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     DynamicExtensions(Impl *impl, bool addReference) noexcept;
@@ -399,7 +399,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static AttributeMap fromImpl(Impl *impl) noexcept;
     /// A new `AttributeMap` in `model`, top level; a nil `uuid` draws a fresh one.
-    static AttributeMap create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static AttributeMap create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     AttributeMap(Impl *impl, bool addReference) noexcept;
@@ -420,7 +420,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static AttributeMapAttribute fromImpl(Impl *impl) noexcept;
     /// A new `AttributeMapAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static AttributeMapAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static AttributeMapAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     AttributeMapAttribute(Impl *impl, bool addReference) noexcept;
@@ -441,7 +441,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static BooleanAttribute fromImpl(Impl *impl) noexcept;
     /// A new `BooleanAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static BooleanAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static BooleanAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     BooleanAttribute(Impl *impl, bool addReference) noexcept;
@@ -462,7 +462,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static DateTimeAttribute fromImpl(Impl *impl) noexcept;
     /// A new `DateTimeAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static DateTimeAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static DateTimeAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     DateTimeAttribute(Impl *impl, bool addReference) noexcept;
@@ -483,7 +483,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static IntegerAttribute fromImpl(Impl *impl) noexcept;
     /// A new `IntegerAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static IntegerAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static IntegerAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     IntegerAttribute(Impl *impl, bool addReference) noexcept;
@@ -504,7 +504,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static RealAttribute fromImpl(Impl *impl) noexcept;
     /// A new `RealAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static RealAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static RealAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     RealAttribute(Impl *impl, bool addReference) noexcept;
@@ -525,7 +525,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static StringAttribute fromImpl(Impl *impl) noexcept;
     /// A new `StringAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static StringAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static StringAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     StringAttribute(Impl *impl, bool addReference) noexcept;
@@ -546,7 +546,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static UUIDAttribute fromImpl(Impl *impl) noexcept;
     /// A new `UUIDAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
-    static UUIDAttribute create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static UUIDAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     UUIDAttribute(Impl *impl, bool addReference) noexcept;

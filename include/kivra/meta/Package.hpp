@@ -5,6 +5,7 @@
 
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
@@ -65,6 +66,12 @@ public:
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
+
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
@@ -73,9 +80,23 @@ public:
 
 protected:
     friend class Package;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    basalt::ustring uri_{};
+    boost::optional<std::string> defaultVantorCategory_;
+    boost::optional<basalt::ustring> cachedQualifiedName_;
+};
+
+/// The old values of `Package`'s own members in a deep transaction.
+class Package::Impl::Storage : public NamedElement::Impl::Storage {
+public:
+    using NamedElement::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Package::Impl;
     basalt::ustring uri_{};
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;

@@ -5,6 +5,7 @@
 
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
@@ -151,15 +152,51 @@ public:
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
+
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class Property;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    bool isDerived_{false};
+    bool isComposite_{false};
+    bool isReadOnly_{false};
+    bool isUnique_{false};
+    Property qualifiedBy_;
+    bool customQualification_{false};
+    bool isQualificationUnique_{true};
+    Property opposite_;
+    std::int32_t propertyIndex_{0};
+    bool isPublicAccessor_{true};
+    bool isPublicMutator_{true};
+    bool isTransient_{false};
+    bool isSparse_{false};
+    boost::optional<std::string> vantorDispCategory_;
+    bool vantorDispSkipEmpty_{false};
+    bool isSetOnce_{false};
+    bool isVantorHidden_{false};
+    boost::optional<basalt::ustring> defaultValue_;
+    bool isQueryIndex_{false};
+};
+
+/// The old values of `Property`'s own members in a deep transaction.
+class Property::Impl::Storage : public TypedElement::Impl::Storage {
+public:
+    using TypedElement::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Property::Impl;
     bool isDerived_{false};
     bool isComposite_{false};
     bool isReadOnly_{false};

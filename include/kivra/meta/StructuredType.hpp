@@ -3,6 +3,7 @@
 /// \file
 /// The `StructuredType` class of `kivra.meta`: its handle's implementation.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
@@ -47,11 +48,30 @@ public:
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+
 protected:
     friend class StructuredType;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    std::string vantorName_{};
+    bool vantorCompactDisplay_{false};
+};
+
+/// The old values of `StructuredType`'s own members in a deep transaction.
+class StructuredType::Impl::Storage : public Type::Impl::Storage {
+public:
+    using Type::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class StructuredType::Impl;
     std::string vantorName_{};
     bool vantorCompactDisplay_{false};
 };

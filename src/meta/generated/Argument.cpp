@@ -27,7 +27,7 @@ Class const &Argument::Impl::getMetaClass() const { return Argument::metaClass()
     return slot;
 }
 
-Argument Argument::create(Model const &model, boost::uuids::uuid const &uuid) {
+Argument Argument::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Argument element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -86,6 +86,50 @@ void Argument::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Argument::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Argument::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Argument::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case isInputIndex:
+        own->isInput_ = isInput_;
+        return;
+    case operationIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        TypedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Argument::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(isInputIndex))
+        isInput_ = own->isInput_;
+    TypedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Argument::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Argument::Impl const *>(element);
+    if (isChanged(Impl::isInputIndex) && isInput_ == self->isInput_)
+        clearModified(Impl::isInputIndex);
+    return TypedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Argument::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return TypedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::isInputProperty() && isChanged(Impl::isInputIndex))
+        return ::kivra::Value(property->getType(), isInput_);
+    return TypedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Argument::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -82,6 +82,50 @@ void Attribute::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     }
 }
 
+::kivra::ModelElement::Impl::Changes *Attribute::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Attribute::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Attribute::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case keyIndex:
+        own->key_ = key_;
+        return;
+    case ownerIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Attribute::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(keyIndex))
+        key_ = own->key_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Attribute::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Attribute::Impl const *>(element);
+    if (isChanged(Impl::keyIndex) && key_ == self->key_)
+        clearModified(Impl::keyIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Attribute::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::keyProperty() && isChanged(Impl::keyIndex))
+        return ::kivra::Value(property->getType(), key_);
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+}
+
 void Attribute::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == ownerProperty()) {
         notifyModifying(ownerIndex);

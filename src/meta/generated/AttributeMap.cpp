@@ -21,7 +21,7 @@ Class const &AttributeMap::Impl::getMetaClass() const { return AttributeMap::met
     return slot;
 }
 
-AttributeMap AttributeMap::create(Model const &model, boost::uuids::uuid const &uuid) {
+AttributeMap AttributeMap::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     AttributeMap element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -40,6 +40,25 @@ void AttributeMap::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *AttributeMap::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *AttributeMap::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void AttributeMap::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    switch (index) {
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void AttributeMap::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
 } // namespace kivra::meta

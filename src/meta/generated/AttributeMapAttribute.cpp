@@ -22,7 +22,7 @@ Class const &AttributeMapAttribute::Impl::getMetaClass() const { return Attribut
     return slot;
 }
 
-AttributeMapAttribute AttributeMapAttribute::create(Model const &model, boost::uuids::uuid const &uuid) {
+AttributeMapAttribute AttributeMapAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     AttributeMapAttribute element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -71,6 +71,44 @@ void AttributeMapAttribute::Impl::setPropertyValue(::kivra::meta::Property const
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *AttributeMapAttribute::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *AttributeMapAttribute::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void AttributeMapAttribute::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case valueIndex:
+        own->value_ = value_;
+        return;
+    default:
+        Attribute::Impl::copyValue(storage, index);
+    }
+}
+
+void AttributeMapAttribute::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(valueIndex))
+        value_ = own->value_;
+    Attribute::Impl::copyStateFromStorage(storage);
+}
+
+bool AttributeMapAttribute::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    return Attribute::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value AttributeMapAttribute::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Attribute::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::valueProperty() && isChanged(Impl::valueIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(value_));
+    return Attribute::Impl::Storage::getOldValue(property, tag);
 }
 
 void AttributeMapAttribute::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

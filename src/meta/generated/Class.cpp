@@ -30,7 +30,7 @@ Class const &Class::Impl::getMetaClass() const { return Class::metaClass(); }
     return slot;
 }
 
-Class Class::create(Model const &model, boost::uuids::uuid const &uuid) {
+Class Class::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Class element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -89,6 +89,54 @@ void Class::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Class::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Class::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Class::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case superclassIndex:
+        own->superclass_ = superclass_;
+        return;
+    case isAbstractIndex:
+        own->isAbstract_ = isAbstract_;
+        return;
+    default:
+        StructuredType::Impl::copyValue(storage, index);
+    }
+}
+
+void Class::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(superclassIndex))
+        superclass_ = own->superclass_;
+    if (own->isChanged(isAbstractIndex))
+        isAbstract_ = own->isAbstract_;
+    StructuredType::Impl::copyStateFromStorage(storage);
+}
+
+bool Class::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Class::Impl const *>(element);
+    if (isChanged(Impl::isAbstractIndex) && isAbstract_ == self->isAbstract_)
+        clearModified(Impl::isAbstractIndex);
+    return StructuredType::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Class::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return StructuredType::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::superclassProperty() && isChanged(Impl::superclassIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(superclass_));
+    if (property == Impl::isAbstractProperty() && isChanged(Impl::isAbstractIndex))
+        return ::kivra::Value(property->getType(), isAbstract_);
+    return StructuredType::Impl::Storage::getOldValue(property, tag);
 }
 
 void Class::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

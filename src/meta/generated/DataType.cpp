@@ -16,7 +16,7 @@ Class const &DataType::metaClass() {
 
 Class const &DataType::Impl::getMetaClass() const { return DataType::metaClass(); }
 
-DataType DataType::create(Model const &model, boost::uuids::uuid const &uuid) {
+DataType DataType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     DataType element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -33,6 +33,25 @@ void DataType::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *DataType::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *DataType::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void DataType::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    switch (index) {
+    default:
+        StructuredType::Impl::copyValue(storage, index);
+    }
+}
+
+void DataType::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    StructuredType::Impl::copyStateFromStorage(storage);
 }
 
 } // namespace kivra::meta

@@ -21,7 +21,7 @@ Class const &DateTimeAttribute::Impl::getMetaClass() const { return DateTimeAttr
     return slot;
 }
 
-DateTimeAttribute DateTimeAttribute::create(Model const &model, boost::uuids::uuid const &uuid) {
+DateTimeAttribute DateTimeAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     DateTimeAttribute element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -66,6 +66,47 @@ void DateTimeAttribute::Impl::setPropertyValue(::kivra::meta::Property const &pr
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *DateTimeAttribute::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *DateTimeAttribute::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void DateTimeAttribute::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case valueIndex:
+        own->value_ = value_;
+        return;
+    default:
+        Attribute::Impl::copyValue(storage, index);
+    }
+}
+
+void DateTimeAttribute::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(valueIndex))
+        value_ = own->value_;
+    Attribute::Impl::copyStateFromStorage(storage);
+}
+
+bool DateTimeAttribute::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<DateTimeAttribute::Impl const *>(element);
+    if (isChanged(Impl::valueIndex) && value_ == self->value_)
+        clearModified(Impl::valueIndex);
+    return Attribute::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value DateTimeAttribute::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Attribute::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::valueProperty() && isChanged(Impl::valueIndex))
+        return ::kivra::Value(property->getType(), value_);
+    return Attribute::Impl::Storage::getOldValue(property, tag);
 }
 
 } // namespace kivra::meta

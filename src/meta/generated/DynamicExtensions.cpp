@@ -31,7 +31,7 @@ Class const &DynamicExtensions::Impl::getMetaClass() const { return DynamicExten
     return slot;
 }
 
-DynamicExtensions DynamicExtensions::create(Model const &model, boost::uuids::uuid const &uuid) {
+DynamicExtensions DynamicExtensions::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     DynamicExtensions element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -92,6 +92,50 @@ void DynamicExtensions::Impl::setPropertyValue(::kivra::meta::Property const &pr
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *DynamicExtensions::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *DynamicExtensions::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void DynamicExtensions::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case modelIDIndex:
+        own->modelID_ = modelID_;
+        return;
+    case owningClassIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void DynamicExtensions::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(modelIDIndex))
+        modelID_ = own->modelID_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool DynamicExtensions::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<DynamicExtensions::Impl const *>(element);
+    if (isChanged(Impl::modelIDIndex) && modelID_ == self->modelID_)
+        clearModified(Impl::modelIDIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value DynamicExtensions::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::modelIDProperty() && isChanged(Impl::modelIDIndex))
+        return ::kivra::Value(property->getType(), modelID_);
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void DynamicExtensions::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

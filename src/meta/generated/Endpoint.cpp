@@ -27,7 +27,7 @@ Class const &Endpoint::Impl::getMetaClass() const { return Endpoint::metaClass()
     return slot;
 }
 
-Endpoint Endpoint::create(Model const &model, boost::uuids::uuid const &uuid) {
+Endpoint Endpoint::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Endpoint element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -86,6 +86,50 @@ void Endpoint::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Endpoint::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Endpoint::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Endpoint::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case millisecondTimeoutIndex:
+        own->millisecondTimeout_ = millisecondTimeout_;
+        return;
+    case owningPackageIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        Parameterized::Impl::copyValue(storage, index);
+    }
+}
+
+void Endpoint::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(millisecondTimeoutIndex))
+        millisecondTimeout_ = own->millisecondTimeout_;
+    Parameterized::Impl::copyStateFromStorage(storage);
+}
+
+bool Endpoint::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Endpoint::Impl const *>(element);
+    if (isChanged(Impl::millisecondTimeoutIndex) && millisecondTimeout_ == self->millisecondTimeout_)
+        clearModified(Impl::millisecondTimeoutIndex);
+    return Parameterized::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Endpoint::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Parameterized::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::millisecondTimeoutProperty() && isChanged(Impl::millisecondTimeoutIndex))
+        return ::kivra::Value(property->getType(), millisecondTimeout_);
+    return Parameterized::Impl::Storage::getOldValue(property, tag);
 }
 
 void Endpoint::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -27,7 +27,7 @@ Class const &Enum::Impl::getMetaClass() const { return Enum::metaClass(); }
     return slot;
 }
 
-Enum Enum::create(Model const &model, boost::uuids::uuid const &uuid) {
+Enum Enum::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Enum element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -76,6 +76,44 @@ void Enum::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Enum::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Enum::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Enum::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case underlyingTypeIndex:
+        own->underlyingType_ = underlyingType_;
+        return;
+    default:
+        Type::Impl::copyValue(storage, index);
+    }
+}
+
+void Enum::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(underlyingTypeIndex))
+        underlyingType_ = own->underlyingType_;
+    Type::Impl::copyStateFromStorage(storage);
+}
+
+bool Enum::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    return Type::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Enum::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Type::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::underlyingTypeProperty() && isChanged(Impl::underlyingTypeIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(underlyingType_));
+    return Type::Impl::Storage::getOldValue(property, tag);
 }
 
 void Enum::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -32,7 +32,7 @@ Class const &EnumLiteral::Impl::getMetaClass() const { return EnumLiteral::metaC
     return slot;
 }
 
-EnumLiteral EnumLiteral::create(Model const &model, boost::uuids::uuid const &uuid) {
+EnumLiteral EnumLiteral::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     EnumLiteral element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -101,6 +101,59 @@ void EnumLiteral::Impl::setPropertyValue(::kivra::meta::Property const &property
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *EnumLiteral::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *EnumLiteral::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void EnumLiteral::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case valueIndex:
+        own->value_ = value_;
+        return;
+    case publicIdentifierIndex:
+        own->publicIdentifier_ = publicIdentifier_;
+        return;
+    case parentEnumIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        NamedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void EnumLiteral::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(valueIndex))
+        value_ = own->value_;
+    if (own->isChanged(publicIdentifierIndex))
+        publicIdentifier_ = own->publicIdentifier_;
+    NamedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool EnumLiteral::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<EnumLiteral::Impl const *>(element);
+    if (isChanged(Impl::valueIndex) && value_ == self->value_)
+        clearModified(Impl::valueIndex);
+    if (isChanged(Impl::publicIdentifierIndex) && publicIdentifier_ == self->publicIdentifier_)
+        clearModified(Impl::publicIdentifierIndex);
+    return NamedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value EnumLiteral::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return NamedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::valueProperty() && isChanged(Impl::valueIndex))
+        return ::kivra::Value(property->getType(), value_);
+    if (property == Impl::publicIdentifierProperty() && isChanged(Impl::publicIdentifierIndex))
+        return ::kivra::Value(property->getType(), publicIdentifier_, false);
+    return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void EnumLiteral::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

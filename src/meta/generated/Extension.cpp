@@ -22,7 +22,7 @@ Class const &Extension::Impl::getMetaClass() const { return Extension::metaClass
     return slot;
 }
 
-Extension Extension::create(Model const &model, boost::uuids::uuid const &uuid) {
+Extension Extension::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Extension element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -71,6 +71,28 @@ void Extension::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Extension::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Extension::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Extension::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    switch (index) {
+    case ownerIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        Property::Impl::copyValue(storage, index);
+    }
+}
+
+void Extension::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    Property::Impl::copyStateFromStorage(storage);
 }
 
 void Extension::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -21,7 +21,7 @@ Class const &NamedElement::Impl::getMetaClass() const { return NamedElement::met
     return slot;
 }
 
-NamedElement NamedElement::create(Model const &model, boost::uuids::uuid const &uuid) {
+NamedElement NamedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     NamedElement element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -66,6 +66,47 @@ void NamedElement::Impl::setPropertyValue(::kivra::meta::Property const &propert
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *NamedElement::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *NamedElement::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void NamedElement::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case nameIndex:
+        own->name_ = name_;
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void NamedElement::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(nameIndex))
+        name_ = own->name_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool NamedElement::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<NamedElement::Impl const *>(element);
+    if (isChanged(Impl::nameIndex) && name_ == self->name_)
+        clearModified(Impl::nameIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value NamedElement::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::nameProperty() && isChanged(Impl::nameIndex))
+        return ::kivra::Value(property->getType(), name_);
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 } // namespace kivra::meta

@@ -42,7 +42,7 @@ Class const &Operation::Impl::getMetaClass() const { return Operation::metaClass
     return slot;
 }
 
-Operation Operation::create(Model const &model, boost::uuids::uuid const &uuid) {
+Operation Operation::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Operation element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -131,6 +131,77 @@ void Operation::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Operation::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Operation::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Operation::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case isAbstractIndex:
+        own->isAbstract_ = isAbstract_;
+        return;
+    case isStaticIndex:
+        own->isStatic_ = isStatic_;
+        return;
+    case isPublicIndex:
+        own->isPublic_ = isPublic_;
+        return;
+    case isEventIndex:
+        own->isEvent_ = isEvent_;
+        return;
+    case owningTypeIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        Parameterized::Impl::copyValue(storage, index);
+    }
+}
+
+void Operation::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(isAbstractIndex))
+        isAbstract_ = own->isAbstract_;
+    if (own->isChanged(isStaticIndex))
+        isStatic_ = own->isStatic_;
+    if (own->isChanged(isPublicIndex))
+        isPublic_ = own->isPublic_;
+    if (own->isChanged(isEventIndex))
+        isEvent_ = own->isEvent_;
+    Parameterized::Impl::copyStateFromStorage(storage);
+}
+
+bool Operation::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Operation::Impl const *>(element);
+    if (isChanged(Impl::isAbstractIndex) && isAbstract_ == self->isAbstract_)
+        clearModified(Impl::isAbstractIndex);
+    if (isChanged(Impl::isStaticIndex) && isStatic_ == self->isStatic_)
+        clearModified(Impl::isStaticIndex);
+    if (isChanged(Impl::isPublicIndex) && isPublic_ == self->isPublic_)
+        clearModified(Impl::isPublicIndex);
+    if (isChanged(Impl::isEventIndex) && isEvent_ == self->isEvent_)
+        clearModified(Impl::isEventIndex);
+    return Parameterized::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Operation::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Parameterized::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::isAbstractProperty() && isChanged(Impl::isAbstractIndex))
+        return ::kivra::Value(property->getType(), isAbstract_);
+    if (property == Impl::isStaticProperty() && isChanged(Impl::isStaticIndex))
+        return ::kivra::Value(property->getType(), isStatic_);
+    if (property == Impl::isPublicProperty() && isChanged(Impl::isPublicIndex))
+        return ::kivra::Value(property->getType(), isPublic_);
+    if (property == Impl::isEventProperty() && isChanged(Impl::isEventIndex))
+        return ::kivra::Value(property->getType(), isEvent_);
+    return Parameterized::Impl::Storage::getOldValue(property, tag);
 }
 
 void Operation::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -56,7 +56,7 @@ Class const &Package::Impl::getMetaClass() const { return Package::metaClass(); 
     return slot;
 }
 
-Package Package::create(Model const &model, boost::uuids::uuid const &uuid) {
+Package Package::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Package element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -143,6 +143,68 @@ void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Package::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Package::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Package::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case uriIndex:
+        own->uri_ = uri_;
+        return;
+    case defaultVantorCategoryIndex:
+        own->defaultVantorCategory_ = defaultVantorCategory_;
+        return;
+    case cachedQualifiedNameIndex:
+        own->cachedQualifiedName_ = cachedQualifiedName_;
+        return;
+    case parentPackageIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        NamedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Package::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(uriIndex))
+        uri_ = own->uri_;
+    if (own->isChanged(defaultVantorCategoryIndex))
+        defaultVantorCategory_ = own->defaultVantorCategory_;
+    if (own->isChanged(cachedQualifiedNameIndex))
+        cachedQualifiedName_ = own->cachedQualifiedName_;
+    NamedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Package::Impl const *>(element);
+    if (isChanged(Impl::uriIndex) && uri_ == self->uri_)
+        clearModified(Impl::uriIndex);
+    if (isChanged(Impl::defaultVantorCategoryIndex) && defaultVantorCategory_ == self->defaultVantorCategory_)
+        clearModified(Impl::defaultVantorCategoryIndex);
+    if (isChanged(Impl::cachedQualifiedNameIndex) && cachedQualifiedName_ == self->cachedQualifiedName_)
+        clearModified(Impl::cachedQualifiedNameIndex);
+    return NamedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Package::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return NamedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::uriProperty() && isChanged(Impl::uriIndex))
+        return ::kivra::Value(property->getType(), uri_);
+    if (property == Impl::defaultVantorCategoryProperty() && isChanged(Impl::defaultVantorCategoryIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), defaultVantorCategory_, false);
+    if (property == Impl::cachedQualifiedNameProperty() && isChanged(Impl::cachedQualifiedNameIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+    return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Package::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

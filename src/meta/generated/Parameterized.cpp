@@ -36,4 +36,23 @@ void Parameterized::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     }
 }
 
+::kivra::ModelElement::Impl::Changes *Parameterized::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Parameterized::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Parameterized::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    switch (index) {
+    default:
+        TypedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Parameterized::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    TypedElement::Impl::copyStateFromStorage(storage);
+}
+
 } // namespace kivra::meta

@@ -16,7 +16,7 @@ Class const &PrimitiveType::metaClass() {
 
 Class const &PrimitiveType::Impl::getMetaClass() const { return PrimitiveType::metaClass(); }
 
-PrimitiveType PrimitiveType::create(Model const &model, boost::uuids::uuid const &uuid) {
+PrimitiveType PrimitiveType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     PrimitiveType element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -33,6 +33,25 @@ void PrimitiveType::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *PrimitiveType::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *PrimitiveType::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void PrimitiveType::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    switch (index) {
+    default:
+        Type::Impl::copyValue(storage, index);
+    }
+}
+
+void PrimitiveType::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    Type::Impl::copyStateFromStorage(storage);
 }
 
 } // namespace kivra::meta

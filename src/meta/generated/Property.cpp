@@ -116,7 +116,7 @@ Class const &Property::Impl::getMetaClass() const { return Property::metaClass()
     return slot;
 }
 
-Property Property::create(Model const &model, boost::uuids::uuid const &uuid) {
+Property Property::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Property element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -359,6 +359,208 @@ void Property::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Property::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Property::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Property::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case isDerivedIndex:
+        own->isDerived_ = isDerived_;
+        return;
+    case isCompositeIndex:
+        own->isComposite_ = isComposite_;
+        return;
+    case isReadOnlyIndex:
+        own->isReadOnly_ = isReadOnly_;
+        return;
+    case isUniqueIndex:
+        own->isUnique_ = isUnique_;
+        return;
+    case qualifiedByIndex:
+        own->qualifiedBy_ = qualifiedBy_;
+        return;
+    case customQualificationIndex:
+        own->customQualification_ = customQualification_;
+        return;
+    case isQualificationUniqueIndex:
+        own->isQualificationUnique_ = isQualificationUnique_;
+        return;
+    case oppositeIndex:
+        own->opposite_ = opposite_;
+        return;
+    case propertyIndexIndex:
+        own->propertyIndex_ = propertyIndex_;
+        return;
+    case isPublicAccessorIndex:
+        own->isPublicAccessor_ = isPublicAccessor_;
+        return;
+    case isPublicMutatorIndex:
+        own->isPublicMutator_ = isPublicMutator_;
+        return;
+    case isTransientIndex:
+        own->isTransient_ = isTransient_;
+        return;
+    case isSparseIndex:
+        own->isSparse_ = isSparse_;
+        return;
+    case vantorDispCategoryIndex:
+        own->vantorDispCategory_ = vantorDispCategory_;
+        return;
+    case vantorDispSkipEmptyIndex:
+        own->vantorDispSkipEmpty_ = vantorDispSkipEmpty_;
+        return;
+    case isSetOnceIndex:
+        own->isSetOnce_ = isSetOnce_;
+        return;
+    case isVantorHiddenIndex:
+        own->isVantorHidden_ = isVantorHidden_;
+        return;
+    case defaultValueIndex:
+        own->defaultValue_ = defaultValue_;
+        return;
+    case isQueryIndexIndex:
+        own->isQueryIndex_ = isQueryIndex_;
+        return;
+    case owningTypeIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        TypedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Property::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(isDerivedIndex))
+        isDerived_ = own->isDerived_;
+    if (own->isChanged(isCompositeIndex))
+        isComposite_ = own->isComposite_;
+    if (own->isChanged(isReadOnlyIndex))
+        isReadOnly_ = own->isReadOnly_;
+    if (own->isChanged(isUniqueIndex))
+        isUnique_ = own->isUnique_;
+    if (own->isChanged(qualifiedByIndex))
+        qualifiedBy_ = own->qualifiedBy_;
+    if (own->isChanged(customQualificationIndex))
+        customQualification_ = own->customQualification_;
+    if (own->isChanged(isQualificationUniqueIndex))
+        isQualificationUnique_ = own->isQualificationUnique_;
+    if (own->isChanged(oppositeIndex))
+        opposite_ = own->opposite_;
+    if (own->isChanged(propertyIndexIndex))
+        propertyIndex_ = own->propertyIndex_;
+    if (own->isChanged(isPublicAccessorIndex))
+        isPublicAccessor_ = own->isPublicAccessor_;
+    if (own->isChanged(isPublicMutatorIndex))
+        isPublicMutator_ = own->isPublicMutator_;
+    if (own->isChanged(isTransientIndex))
+        isTransient_ = own->isTransient_;
+    if (own->isChanged(isSparseIndex))
+        isSparse_ = own->isSparse_;
+    if (own->isChanged(vantorDispCategoryIndex))
+        vantorDispCategory_ = own->vantorDispCategory_;
+    if (own->isChanged(vantorDispSkipEmptyIndex))
+        vantorDispSkipEmpty_ = own->vantorDispSkipEmpty_;
+    if (own->isChanged(isSetOnceIndex))
+        isSetOnce_ = own->isSetOnce_;
+    if (own->isChanged(isVantorHiddenIndex))
+        isVantorHidden_ = own->isVantorHidden_;
+    if (own->isChanged(defaultValueIndex))
+        defaultValue_ = own->defaultValue_;
+    if (own->isChanged(isQueryIndexIndex))
+        isQueryIndex_ = own->isQueryIndex_;
+    TypedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Property::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Property::Impl const *>(element);
+    if (isChanged(Impl::isDerivedIndex) && isDerived_ == self->isDerived_)
+        clearModified(Impl::isDerivedIndex);
+    if (isChanged(Impl::isCompositeIndex) && isComposite_ == self->isComposite_)
+        clearModified(Impl::isCompositeIndex);
+    if (isChanged(Impl::isReadOnlyIndex) && isReadOnly_ == self->isReadOnly_)
+        clearModified(Impl::isReadOnlyIndex);
+    if (isChanged(Impl::isUniqueIndex) && isUnique_ == self->isUnique_)
+        clearModified(Impl::isUniqueIndex);
+    if (isChanged(Impl::customQualificationIndex) && customQualification_ == self->customQualification_)
+        clearModified(Impl::customQualificationIndex);
+    if (isChanged(Impl::isQualificationUniqueIndex) && isQualificationUnique_ == self->isQualificationUnique_)
+        clearModified(Impl::isQualificationUniqueIndex);
+    if (isChanged(Impl::propertyIndexIndex) && propertyIndex_ == self->propertyIndex_)
+        clearModified(Impl::propertyIndexIndex);
+    if (isChanged(Impl::isPublicAccessorIndex) && isPublicAccessor_ == self->isPublicAccessor_)
+        clearModified(Impl::isPublicAccessorIndex);
+    if (isChanged(Impl::isPublicMutatorIndex) && isPublicMutator_ == self->isPublicMutator_)
+        clearModified(Impl::isPublicMutatorIndex);
+    if (isChanged(Impl::isTransientIndex) && isTransient_ == self->isTransient_)
+        clearModified(Impl::isTransientIndex);
+    if (isChanged(Impl::isSparseIndex) && isSparse_ == self->isSparse_)
+        clearModified(Impl::isSparseIndex);
+    if (isChanged(Impl::vantorDispCategoryIndex) && vantorDispCategory_ == self->vantorDispCategory_)
+        clearModified(Impl::vantorDispCategoryIndex);
+    if (isChanged(Impl::vantorDispSkipEmptyIndex) && vantorDispSkipEmpty_ == self->vantorDispSkipEmpty_)
+        clearModified(Impl::vantorDispSkipEmptyIndex);
+    if (isChanged(Impl::isSetOnceIndex) && isSetOnce_ == self->isSetOnce_)
+        clearModified(Impl::isSetOnceIndex);
+    if (isChanged(Impl::isVantorHiddenIndex) && isVantorHidden_ == self->isVantorHidden_)
+        clearModified(Impl::isVantorHiddenIndex);
+    if (isChanged(Impl::defaultValueIndex) && defaultValue_ == self->defaultValue_)
+        clearModified(Impl::defaultValueIndex);
+    if (isChanged(Impl::isQueryIndexIndex) && isQueryIndex_ == self->isQueryIndex_)
+        clearModified(Impl::isQueryIndexIndex);
+    return TypedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Property::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return TypedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::isDerivedProperty() && isChanged(Impl::isDerivedIndex))
+        return ::kivra::Value(property->getType(), isDerived_);
+    if (property == Impl::isCompositeProperty() && isChanged(Impl::isCompositeIndex))
+        return ::kivra::Value(property->getType(), isComposite_);
+    if (property == Impl::isReadOnlyProperty() && isChanged(Impl::isReadOnlyIndex))
+        return ::kivra::Value(property->getType(), isReadOnly_);
+    if (property == Impl::isUniqueProperty() && isChanged(Impl::isUniqueIndex))
+        return ::kivra::Value(property->getType(), isUnique_);
+    if (property == Impl::qualifiedByProperty() && isChanged(Impl::qualifiedByIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(qualifiedBy_));
+    if (property == Impl::customQualificationProperty() && isChanged(Impl::customQualificationIndex))
+        return ::kivra::Value(property->getType(), customQualification_);
+    if (property == Impl::isQualificationUniqueProperty() && isChanged(Impl::isQualificationUniqueIndex))
+        return ::kivra::Value(property->getType(), isQualificationUnique_);
+    if (property == Impl::oppositeProperty() && isChanged(Impl::oppositeIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(opposite_));
+    if (property == Impl::propertyIndexProperty() && isChanged(Impl::propertyIndexIndex))
+        return ::kivra::Value(property->getType(), propertyIndex_);
+    if (property == Impl::isPublicAccessorProperty() && isChanged(Impl::isPublicAccessorIndex))
+        return ::kivra::Value(property->getType(), isPublicAccessor_);
+    if (property == Impl::isPublicMutatorProperty() && isChanged(Impl::isPublicMutatorIndex))
+        return ::kivra::Value(property->getType(), isPublicMutator_);
+    if (property == Impl::isTransientProperty() && isChanged(Impl::isTransientIndex))
+        return ::kivra::Value(property->getType(), isTransient_);
+    if (property == Impl::isSparseProperty() && isChanged(Impl::isSparseIndex))
+        return ::kivra::Value(property->getType(), isSparse_);
+    if (property == Impl::vantorDispCategoryProperty() && isChanged(Impl::vantorDispCategoryIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), vantorDispCategory_, false);
+    if (property == Impl::vantorDispSkipEmptyProperty() && isChanged(Impl::vantorDispSkipEmptyIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), vantorDispSkipEmpty_);
+    if (property == Impl::isSetOnceProperty() && isChanged(Impl::isSetOnceIndex))
+        return ::kivra::Value(property->getType(), isSetOnce_);
+    if (property == Impl::isVantorHiddenProperty() && isChanged(Impl::isVantorHiddenIndex))
+        return ::kivra::Value(property->getType(), isVantorHidden_);
+    if (property == Impl::defaultValueProperty() && isChanged(Impl::defaultValueIndex))
+        return ::kivra::Value(property->getType(), defaultValue_, false);
+    if (property == Impl::isQueryIndexProperty() && isChanged(Impl::isQueryIndexIndex))
+        return ::kivra::Value(property->getType(), isQueryIndex_);
+    return TypedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Property::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -41,7 +41,7 @@ Class const &StructuredType::Impl::getMetaClass() const { return StructuredType:
     return slot;
 }
 
-StructuredType StructuredType::create(Model const &model, boost::uuids::uuid const &uuid) {
+StructuredType StructuredType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     StructuredType element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -102,6 +102,56 @@ void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &prope
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *StructuredType::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *StructuredType::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void StructuredType::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case vantorNameIndex:
+        own->vantorName_ = vantorName_;
+        return;
+    case vantorCompactDisplayIndex:
+        own->vantorCompactDisplay_ = vantorCompactDisplay_;
+        return;
+    default:
+        Type::Impl::copyValue(storage, index);
+    }
+}
+
+void StructuredType::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(vantorNameIndex))
+        vantorName_ = own->vantorName_;
+    if (own->isChanged(vantorCompactDisplayIndex))
+        vantorCompactDisplay_ = own->vantorCompactDisplay_;
+    Type::Impl::copyStateFromStorage(storage);
+}
+
+bool StructuredType::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<StructuredType::Impl const *>(element);
+    if (isChanged(Impl::vantorNameIndex) && vantorName_ == self->vantorName_)
+        clearModified(Impl::vantorNameIndex);
+    if (isChanged(Impl::vantorCompactDisplayIndex) && vantorCompactDisplay_ == self->vantorCompactDisplay_)
+        clearModified(Impl::vantorCompactDisplayIndex);
+    return Type::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value StructuredType::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Type::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::vantorNameProperty() && isChanged(Impl::vantorNameIndex))
+        return ::kivra::Value(property->getType(), vantorName_);
+    if (property == Impl::vantorCompactDisplayProperty() && isChanged(Impl::vantorCompactDisplayIndex))
+        return ::kivra::Value(property->getType(), vantorCompactDisplay_);
+    return Type::Impl::Storage::getOldValue(property, tag);
 }
 
 } // namespace kivra::meta

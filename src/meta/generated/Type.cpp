@@ -32,7 +32,7 @@ Class const &Type::Impl::getMetaClass() const { return Type::metaClass(); }
     return slot;
 }
 
-Type Type::create(Model const &model, boost::uuids::uuid const &uuid) {
+Type Type::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Type element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -101,6 +101,59 @@ void Type::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Type::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Type::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Type::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case isVantorHiddenIndex:
+        own->isVantorHidden_ = isVantorHidden_;
+        return;
+    case cachedQualifiedNameIndex:
+        own->cachedQualifiedName_ = cachedQualifiedName_;
+        return;
+    case owningPackageIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        NamedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Type::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(isVantorHiddenIndex))
+        isVantorHidden_ = own->isVantorHidden_;
+    if (own->isChanged(cachedQualifiedNameIndex))
+        cachedQualifiedName_ = own->cachedQualifiedName_;
+    NamedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Type::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Type::Impl const *>(element);
+    if (isChanged(Impl::isVantorHiddenIndex) && isVantorHidden_ == self->isVantorHidden_)
+        clearModified(Impl::isVantorHiddenIndex);
+    if (isChanged(Impl::cachedQualifiedNameIndex) && cachedQualifiedName_ == self->cachedQualifiedName_)
+        clearModified(Impl::cachedQualifiedNameIndex);
+    return NamedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Type::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return NamedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::isVantorHiddenProperty() && isChanged(Impl::isVantorHiddenIndex))
+        return ::kivra::Value(property->getType(), isVantorHidden_);
+    if (property == Impl::cachedQualifiedNameProperty() && isChanged(Impl::cachedQualifiedNameIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+    return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Type::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -42,7 +42,7 @@ Class const &TypedElement::Impl::getMetaClass() const { return TypedElement::met
     return slot;
 }
 
-TypedElement TypedElement::create(Model const &model, boost::uuids::uuid const &uuid) {
+TypedElement TypedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     TypedElement element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -129,6 +129,81 @@ void TypedElement::Impl::setPropertyValue(::kivra::meta::Property const &propert
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *TypedElement::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *TypedElement::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void TypedElement::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case typeIndex:
+        own->type_ = type_;
+        return;
+    case lowerIndex:
+        own->lower_ = lower_;
+        return;
+    case upperIndex:
+        own->upper_ = upper_;
+        return;
+    case isOrderedIndex:
+        own->isOrdered_ = isOrdered_;
+        return;
+    case isHashedIndex:
+        own->isHashed_ = isHashed_;
+        return;
+    default:
+        NamedElement::Impl::copyValue(storage, index);
+    }
+}
+
+void TypedElement::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(typeIndex))
+        type_ = own->type_;
+    if (own->isChanged(lowerIndex))
+        lower_ = own->lower_;
+    if (own->isChanged(upperIndex))
+        upper_ = own->upper_;
+    if (own->isChanged(isOrderedIndex))
+        isOrdered_ = own->isOrdered_;
+    if (own->isChanged(isHashedIndex))
+        isHashed_ = own->isHashed_;
+    NamedElement::Impl::copyStateFromStorage(storage);
+}
+
+bool TypedElement::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<TypedElement::Impl const *>(element);
+    if (isChanged(Impl::lowerIndex) && lower_ == self->lower_)
+        clearModified(Impl::lowerIndex);
+    if (isChanged(Impl::upperIndex) && upper_ == self->upper_)
+        clearModified(Impl::upperIndex);
+    if (isChanged(Impl::isOrderedIndex) && isOrdered_ == self->isOrdered_)
+        clearModified(Impl::isOrderedIndex);
+    if (isChanged(Impl::isHashedIndex) && isHashed_ == self->isHashed_)
+        clearModified(Impl::isHashedIndex);
+    return NamedElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value TypedElement::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return NamedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::typeProperty() && isChanged(Impl::typeIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(type_));
+    if (property == Impl::lowerProperty() && isChanged(Impl::lowerIndex))
+        return ::kivra::Value(property->getType(), lower_);
+    if (property == Impl::upperProperty() && isChanged(Impl::upperIndex))
+        return ::kivra::Value(property->getType(), upper_);
+    if (property == Impl::isOrderedProperty() && isChanged(Impl::isOrderedIndex))
+        return ::kivra::Value(property->getType(), isOrdered_);
+    if (property == Impl::isHashedProperty() && isChanged(Impl::isHashedIndex))
+        return ::kivra::Value(property->getType(), isHashed_);
+    return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void TypedElement::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

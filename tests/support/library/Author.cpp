@@ -33,7 +33,7 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
     return slot;
 }
 
-Author Author::create(Model const &model, boost::uuids::uuid const &uuid) {
+Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Author element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -98,6 +98,54 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Author::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Author::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Author::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case nameIndex:
+        own->name_ = name_;
+        return;
+    case favouriteIndex:
+        own->favourite_ = favourite_;
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Author::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(nameIndex))
+        name_ = own->name_;
+    if (own->isChanged(favouriteIndex))
+        favourite_ = own->favourite_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Author::Impl const *>(element);
+    if (isChanged(Impl::nameIndex) && name_ == self->name_)
+        clearModified(Impl::nameIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Author::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::nameProperty() && isChanged(Impl::nameIndex))
+        return ::kivra::Value(property->getType(), name_);
+    if (property == Impl::favouriteProperty() && isChanged(Impl::favouriteIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(favourite_));
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Author::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -69,7 +69,7 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
     return slot;
 }
 
-Book Book::create(Model const &model, boost::uuids::uuid const &uuid) {
+Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Book element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -230,6 +230,101 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Book::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Book::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Book::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case titleIndex:
+        own->title_ = title_;
+        return;
+    case subtitleIndex:
+        own->subtitle_ = subtitle_;
+        return;
+    case authorIndex:
+        own->author_ = author_;
+        return;
+    case pagesIndex:
+        own->pages_ = pages_;
+        return;
+    case sequelIndex:
+        own->sequel_ = sequel_;
+        return;
+    case isbnIndex:
+        own->isbn_ = isbn_;
+        return;
+    case appendixIndex:
+        own->appendix_ = appendix_;
+        return;
+    case shelfIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    case appendixOfIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Book::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(titleIndex))
+        title_ = own->title_;
+    if (own->isChanged(subtitleIndex))
+        subtitle_ = own->subtitle_;
+    if (own->isChanged(authorIndex))
+        author_ = own->author_;
+    if (own->isChanged(pagesIndex))
+        pages_ = own->pages_;
+    if (own->isChanged(sequelIndex))
+        sequel_ = own->sequel_;
+    if (own->isChanged(isbnIndex))
+        isbn_ = own->isbn_;
+    if (own->isChanged(appendixIndex))
+        appendix_ = own->appendix_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Book::Impl const *>(element);
+    if (isChanged(Impl::titleIndex) && title_ == self->title_)
+        clearModified(Impl::titleIndex);
+    if (isChanged(Impl::subtitleIndex) && subtitle_ == self->subtitle_)
+        clearModified(Impl::subtitleIndex);
+    if (isChanged(Impl::pagesIndex) && pages_ == self->pages_)
+        clearModified(Impl::pagesIndex);
+    if (isChanged(Impl::isbnIndex) && isbn_ == self->isbn_)
+        clearModified(Impl::isbnIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Book::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::titleProperty() && isChanged(Impl::titleIndex))
+        return ::kivra::Value(property->getType(), title_);
+    if (property == Impl::subtitleProperty() && isChanged(Impl::subtitleIndex))
+        return ::kivra::Value(property->getType(), subtitle_, false);
+    if (property == Impl::authorProperty() && isChanged(Impl::authorIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(author_));
+    if (property == Impl::pagesProperty() && isChanged(Impl::pagesIndex))
+        return ::kivra::Value(property->getType(), pages_);
+    if (property == Impl::sequelProperty() && isChanged(Impl::sequelIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(sequel_));
+    if (property == Impl::isbnProperty() && isChanged(Impl::isbnIndex) && tag.isPrivileged())
+        return ::kivra::Value(property->getType(), isbn_, false);
+    if (property == Impl::appendixProperty() && isChanged(Impl::appendixIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(appendix_));
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Book::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -27,7 +27,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Shelf fromImpl(Impl *impl) noexcept;
     /// A new `Shelf` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Shelf create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Shelf create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Shelf(Impl *impl, bool addReference) noexcept;
@@ -48,7 +48,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
     /// A new `Book` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Book create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Book create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Book(Impl *impl, bool addReference) noexcept;
@@ -69,7 +69,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Novel fromImpl(Impl *impl) noexcept;
     /// A new `Novel` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Novel create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Novel create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Novel(Impl *impl, bool addReference) noexcept;
@@ -90,7 +90,7 @@ public:
     /// A counted handle on `impl`, or a null handle.
     static Author fromImpl(Impl *impl) noexcept;
     /// A new `Author` in `model`, top level; a nil `uuid` draws a fresh one.
-    static Author create(Model const &model, boost::uuids::uuid const &uuid = {});
+    static Author create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
 
 protected:
     Author(Impl *impl, bool addReference) noexcept;

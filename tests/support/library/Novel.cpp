@@ -22,7 +22,7 @@ Class const &Novel::Impl::getMetaClass() const { return Novel::metaClass(); }
     return slot;
 }
 
-Novel Novel::create(Model const &model, boost::uuids::uuid const &uuid) {
+Novel Novel::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Novel element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -67,6 +67,47 @@ void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Novel::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Novel::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Novel::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case genreIndex:
+        own->genre_ = genre_;
+        return;
+    default:
+        Book::Impl::copyValue(storage, index);
+    }
+}
+
+void Novel::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(genreIndex))
+        genre_ = own->genre_;
+    Book::Impl::copyStateFromStorage(storage);
+}
+
+bool Novel::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Novel::Impl const *>(element);
+    if (isChanged(Impl::genreIndex) && genre_ == self->genre_)
+        clearModified(Impl::genreIndex);
+    return Book::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Novel::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Book::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::genreProperty() && isChanged(Impl::genreIndex))
+        return ::kivra::Value(property->getType(), genre_, false);
+    return Book::Impl::Storage::getOldValue(property, tag);
 }
 
 } // namespace kivra::test::library

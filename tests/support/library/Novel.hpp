@@ -5,6 +5,7 @@
 
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Book.hpp>
@@ -35,11 +36,29 @@ public:
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
+    class Storage;
+    ::kivra::ModelElement::Impl::Changes *createChanges() const override;
+    ::kivra::ModelElement::Impl::Storage *createStorage() const override;
+    void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
+    void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+
 protected:
     friend class Novel;
-    Impl(Model const &model, boost::uuids::uuid const &uuid) : Book::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Book::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
+    boost::optional<basalt::ustring> genre_;
+};
+
+/// The old values of `Novel`'s own members in a deep transaction.
+class Novel::Impl::Storage : public Book::Impl::Storage {
+public:
+    using Book::Impl::Storage::Storage;
+    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Novel::Impl;
     boost::optional<basalt::ustring> genre_;
 };
 

@@ -28,7 +28,7 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
-Shelf Shelf::create(Model const &model, boost::uuids::uuid const &uuid) {
+Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
@@ -87,6 +87,54 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     default:
         return {};
     }
+}
+
+::kivra::ModelElement::Impl::Changes *Shelf::Impl::createChanges() const {
+    return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
+}
+
+::kivra::ModelElement::Impl::Storage *Shelf::Impl::createStorage() const {
+    return new Storage(getUuid(), getModelImpl(), getMetaClass(), propertyCount + 1);
+}
+
+void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    switch (index) {
+    case labelIndex:
+        own->label_ = label_;
+        return;
+    case featuredIndex:
+        own->featured_ = featured_;
+        return;
+    default:
+        ::kivra::ModelElement::Impl::copyValue(storage, index);
+    }
+}
+
+void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(labelIndex))
+        label_ = own->label_;
+    if (own->isChanged(featuredIndex))
+        featured_ = own->featured_;
+    ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
+    [[maybe_unused]] auto const *self = static_cast<Shelf::Impl const *>(element);
+    if (isChanged(Impl::labelIndex) && label_ == self->label_)
+        clearModified(Impl::labelIndex);
+    return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
+}
+
+::kivra::Value Shelf::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::labelProperty() && isChanged(Impl::labelIndex))
+        return ::kivra::Value(property->getType(), label_);
+    if (property == Impl::featuredProperty() && isChanged(Impl::featuredIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(featured_));
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void Shelf::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

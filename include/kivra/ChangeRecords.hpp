@@ -1,0 +1,116 @@
+#pragma once
+/// \file
+/// What a transaction records of each element it touches, and how it gives it back.
+
+#include <kivra/ModelElement.hpp>
+#include <kivra/meta/Handles.hpp>
+
+#include <cstdint>
+#include <vector>
+
+namespace kivra {
+
+/// The record of one element in one transaction: a bit for the creation, one per
+/// property index, one for the container and one for the destruction. Shared by the
+/// transaction and the reports made from it; counted by `ChangesHolder`.
+class ModelElement::Impl::Changes {
+public:
+    /// A record for the element `uuid` of class `metaClass` whose highest property
+    /// index is `n`.
+    Changes(boost::uuids::uuid const &uuid, Model::Impl *model, meta::Class const &metaClass, std::uint64_t n);
+    virtual ~Changes();
+    Changes(Changes const &) = delete;
+    Changes &operator=(Changes const &) = delete;
+
+    /// Marks the container as changed; true when it was marked already. A `Storage`
+    /// keeps the first old container.
+    virtual bool setOldContainer(ModelElement const &oldContainer, meta::Property const &oldFeature);
+    /// Clears the bits of properties that are back to their old value; false when no bit
+    /// is left. A record without old values keeps all its bits.
+    virtual bool revertUnchanged(ModelElement::Impl *element);
+
+    bool isCreated() const noexcept { return test(0); }
+    void setCreated() noexcept { set(0); }
+    bool isDestroyed() const noexcept { return test(bitCount_ - 1); }
+    void setDestroyed() noexcept { set(bitCount_ - 1); }
+    bool isContainerChanged() const noexcept { return test(bitCount_ - 2); }
+    /// Whether the property at `index` changed; false outside the record's range.
+    bool isChanged(std::uint64_t index) const noexcept { return index > 0 && index < bitCount_ - 2 && test(index); }
+    /// Marks the property at `index`; true when it was marked already.
+    bool setModified(std::uint64_t index) noexcept;
+    void clearModified(std::uint64_t index) noexcept;
+    /// Whether `property` changed: false for an invalid property or one that the record's
+    /// class does not have.
+    bool isChanged(meta::Property const &property) const;
+    /// True when any bit is set.
+    bool any() const noexcept;
+
+    boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
+    meta::Class const &getMetaClass() const noexcept { return metaClass_; }
+    Model::Impl *getModel() const noexcept { return model_; }
+    /// A record of the same element with no bits and no old values.
+    Changes *createEmptyShallowCopy() const;
+
+    void addRef() noexcept { ++refCount_; }
+    void removeRef() noexcept {
+        if (--refCount_ == 0)
+            delete this;
+    }
+
+protected:
+    std::uint64_t containerBit() const noexcept { return bitCount_ - 2; }
+    bool test(std::uint64_t bit) const noexcept { return (bits_[bit / 32] >> (bit % 32)) & 1u; }
+    void set(std::uint64_t bit) noexcept { bits_[bit / 32] |= 1u << (bit % 32); }
+    void clear(std::uint64_t bit) noexcept { bits_[bit / 32] &= ~(1u << (bit % 32)); }
+
+private:
+    boost::uuids::uuid uuid_;
+    Model::Impl *model_;
+    meta::Class metaClass_;
+    std::vector<std::uint32_t> bits_;
+    std::uint64_t bitCount_;
+    std::uint32_t refCount_ = 0;
+};
+
+/// A record that also keeps the old value of each property the first time it changes,
+/// so that a roll-back can put it back. Generated classes derive one storage each, with
+/// one shadow member per member of their `Impl`.
+class ModelElement::Impl::Storage : public Changes {
+public:
+    using Changes::Changes;
+
+    bool setOldContainer(ModelElement const &oldContainer, meta::Property const &oldFeature) override;
+    bool revertUnchanged(ModelElement::Impl *element) override;
+    /// The value before the transaction of a property whose bit is set. Raises
+    /// `NoSuchProperty` for a property that this record does not keep.
+    virtual Value getOldValue(meta::Property const &property, ReflectionPrivateTag const &tag) const;
+
+    ModelElement const &getOldContainer() const noexcept { return oldContainer_; }
+    meta::Property const &getOldContainmentFeature() const noexcept { return oldContainmentFeature_; }
+
+private:
+    ModelElement oldContainer_;
+    meta::Property oldContainmentFeature_;
+};
+
+/// A counted pointer to a change record.
+class ChangesHolder {
+public:
+    explicit ChangesHolder(ModelElement::Impl::Changes *changes) noexcept : changes_(changes) { changes_->addRef(); }
+    ChangesHolder(ChangesHolder const &other) noexcept : changes_(other.changes_) { changes_->addRef(); }
+    ChangesHolder &operator=(ChangesHolder const &other) noexcept {
+        other.changes_->addRef();
+        changes_->removeRef();
+        changes_ = other.changes_;
+        return *this;
+    }
+    ~ChangesHolder() { changes_->removeRef(); }
+
+    ModelElement::Impl::Changes *get() const noexcept { return changes_; }
+    ModelElement::Impl::Changes *operator->() const noexcept { return changes_; }
+
+private:
+    ModelElement::Impl::Changes *changes_;
+};
+
+} // namespace kivra

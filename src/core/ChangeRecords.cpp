@@ -1,0 +1,75 @@
+#include <kivra/ChangeRecords.hpp>
+
+#include <kivra/Messages.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+#include <kivra/meta/StructuredType.hpp>
+
+#include <algorithm>
+
+namespace kivra {
+
+using Changes = ModelElement::Impl::Changes;
+using Storage = ModelElement::Impl::Storage;
+
+Changes::Changes(boost::uuids::uuid const &uuid, Model::Impl *model, meta::Class const &metaClass, std::uint64_t n)
+    : uuid_(uuid), model_(model), metaClass_(metaClass), bits_((n + 3 + 31) / 32, 0u), bitCount_(n + 3) {}
+
+Changes::~Changes() = default;
+
+bool Changes::setOldContainer(ModelElement const &, meta::Property const &) {
+    bool const was = isContainerChanged();
+    set(bitCount_ - 2);
+    return was;
+}
+
+bool Changes::revertUnchanged(ModelElement::Impl *) { return true; }
+
+bool Changes::setModified(std::uint64_t index) noexcept {
+    bool const was = test(index);
+    set(index);
+    return was;
+}
+
+void Changes::clearModified(std::uint64_t index) noexcept { clear(index); }
+
+bool Changes::isChanged(meta::Property const &property) const {
+    if (!property)
+        return false;
+    // A property of another class shares index numbers with this one's: check the owner.
+    if (meta::StructuredType const owner = property->getOwningType(); owner.get() && metaClass_.get() &&
+                                                                       !metaClass_->isA(owner))
+        return false;
+    auto const index = property->getPropertyIndex();
+    return index > 0 && isChanged(std::uint64_t(index));
+}
+
+bool Changes::any() const noexcept {
+    return std::any_of(bits_.begin(), bits_.end(), [](std::uint32_t block) { return block != 0; });
+}
+
+Changes *Changes::createEmptyShallowCopy() const { return new Changes(uuid_, model_, metaClass_, bitCount_ - 3); }
+
+bool Storage::setOldContainer(ModelElement const &oldContainer, meta::Property const &oldFeature) {
+    bool const was = Changes::setOldContainer(oldContainer, oldFeature);
+    if (!was) {
+        oldContainer_ = oldContainer;
+        oldContainmentFeature_ = oldFeature;
+    }
+    return was;
+}
+
+bool Storage::revertUnchanged(ModelElement::Impl *element) {
+    if (isContainerChanged() && oldContainer_.get() == element->containerImpl() &&
+        oldContainmentFeature_.get() == element->containmentFeatureImpl())
+        clear(containerBit());
+    return any();
+}
+
+Value Storage::getOldValue(meta::Property const &property, ReflectionPrivateTag const &) const {
+    raise<messages::NoSuchProperty>(property ? property->getName() : basalt::ustring(),
+                                    getMetaClass().get() ? getMetaClass()->getQualifiedName() : basalt::ustring());
+}
+
+} // namespace kivra
