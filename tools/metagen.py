@@ -225,8 +225,13 @@ def param(prop):
 def initial(prop):
     if prop.type not in PRIMITIVES or prop.shape != "Single":
         return "{}"
-    if prop.default and prop.type in ("Boolean", "Integer", "UnlimitedNatural", "UInteger64", "Integer64"):
-        return "{" + prop.default + "}"
+    if prop.default:
+        if prop.type == "String":
+            return '{u"' + prop.default + '"}'
+        if prop.type == "StdString":
+            return '{"' + prop.default + '"}'
+        if prop.type not in ("UUID", "DateTime"):  # "random" and "now" are made at run time
+            return "{" + prop.default + "}"
     return "{" + ZERO.get(prop.type, "0" if prop.type not in ("String", "StdString", "UUID", "DateTime") else "") + "}"
 
 
@@ -416,6 +421,8 @@ protected:
 """)
     if any(k == "reference" and p.opposite for p, k in kinds):
         out.append("    void disassociateIncoming() override;\n")
+    if any(k in ("reference", "composite") for p, k in kinds):
+        out.append("    void basicDisassociateAll() override;\n")
     members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite")]
     if members:
         out.append("\n")
@@ -508,7 +515,10 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     body = []
     for p, k in kinds:
         if k == "composite":
-            body.append(f"""    if ({p.type} const child = std::move({p.name}_); child.get() && !child->isProxy())
+            # Announced first, so that a roll-back gets the child back into its place.
+            body.append(f"""    if ({p.name}_.get())
+        notifyModifying({p.name}Index);
+    if ({p.type} const child = std::move({p.name}_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
 """)
     out.append(f"""
@@ -521,6 +531,14 @@ void {cls.name}::Impl::doDestroy(bool modelDestroying, bool multiModel) {{
         out.append(f"""
 void {cls.name}::Impl::disassociateIncoming() {{
 {lines}    {base}::disassociateIncoming();
+}}
+""")
+    if any(k in ("reference", "composite") for p, k in kinds):
+        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k in ("reference", "composite"))
+        out.append(f"""
+void {cls.name}::Impl::basicDisassociateAll() {{
+    // The far ends are put back by their own records.
+{lines}    {base}::basicDisassociateAll();
 }}
 """)
     for p, k in kinds:

@@ -35,9 +35,17 @@ Notebook Notebook::create(::kivra::Model const &model, boost::uuids::uuid const 
 }
 
 void Notebook::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (pinned_.get())
+        notifyModifying(pinnedIndex);
     if (Note const child = std::move(pinned_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
+}
+
+void Notebook::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    pinned_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
 void Notebook::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMember(*this, title_, value, titleIndex); }

@@ -53,6 +53,7 @@ protected:
     friend class Notebook;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     basalt::ustring title_{};
     Note pinned_;

@@ -148,10 +148,36 @@ public:
 
     // --- Transactions ----------------------------------------------------------------
 
-    /// Begins a transaction, nested when one is in progress; `revertible` keeps old
-    /// values so that a roll-back can restore them. Raises `InvalidModel` after `destroy`.
+    /// Begins a transaction through the model's factory, nested when one is in progress;
+    /// `revertible` keeps old values so that a roll-back can restore them. Raises
+    /// `InvalidModel` after `destroy`.
     Transaction beginTransaction(bool revertible = false);
     Transaction beginRevertibleTransaction() { return beginTransaction(true); }
+    /// The factory that `beginTransaction` uses, which stamps each origin with this
+    /// model, a fresh id and the next ordinal.
+    AbstractTransactionFactoryImpl &getDefaultTransactionFactory() const noexcept { return *transactionFactory_; }
+
+    /// The key that lets a transaction factory begin transactions.
+    class PrivateTag {
+        friend class DirectTransactionFactoryImpl;
+        PrivateTag() = default;
+    };
+    /// Begins a transaction with `origin`; reached through factories only.
+    Transaction innerBeginTransaction(PrivateTag, meta::TransactionOrigin const &origin, bool revertible);
+
+    /// Keeps, from now on, the highest ordinal seen of each transaction factory.
+    void trackLastSeenTransactionOrdinals() noexcept { trackLastSeenOrdinals_ = true; }
+    std::unordered_map<boost::uuids::uuid, std::int32_t, services::hashers::KivraHasher<boost::uuids::uuid>>
+    getLastSeenTransactionOrdinals() const {
+        return lastSeenOrdinals_;
+    }
+    /// True when no transaction of `factory` with this or a higher ordinal was seen.
+    bool isTransactionNew(boost::uuids::uuid const &factory, std::int32_t ordinal) const;
+    void updateLastSeenTransactionOrdinal(boost::uuids::uuid const &factory, std::int32_t ordinal);
+
+    /// Makes each transaction that begins from now on leave out of its report the
+    /// properties that were changed and changed back.
+    void setDetectAndRevertUnchangedProperties(bool detect) noexcept { detectAndRevertUnchangedProperties_ = detect; }
 
     // --- Work ------------------------------------------------------------------------
 
@@ -196,6 +222,10 @@ public:
 
     /// The transaction in progress, or null.
     TransactionImpl *currentTransaction() const noexcept { return currentTransaction_; }
+    /// Ends the current transaction: keeps its ordinal and forgets it.
+    void transactionEnded(TransactionImpl *transaction);
+    /// What waits for the end of a transaction runs now.
+    void transactionGroupEffectsComplete();
     ModelConstellation::Impl *constellationImpl() const noexcept { return constellation_; }
 
 private:
@@ -228,6 +258,9 @@ private:
     std::int32_t dataSourceModificationCount_ = 0;
     std::int32_t parseCount_ = 0;
     std::unique_ptr<meta::DataModelUsageProvider> usageProvider_;
+    std::unique_ptr<AbstractTransactionFactoryImpl> transactionFactory_;
+    UuidMap<std::int32_t> lastSeenOrdinals_;
+    bool trackLastSeenOrdinals_ = false;
     ModelConstellation::Impl *constellation_ = nullptr;
     std::u16string modelURI_;
     std::u16string locationURI_;
@@ -275,7 +308,8 @@ class Model::DataSourceModificationInProgressIndicator : public InProgressIndica
 };
 
 /// A move-only guard that keeps a model frozen while it lives; it can lift its own freeze
-/// for a while through `thaw()`. A freezer that outlives its model's destruction does nothing.
+/// for a while through `thaw()`. A freezer that outlives its model's destruction does
+/// nothing. A freezer must stay where it is while one of its thaws is active.
 class Model::Freezer {
 public:
     explicit Freezer(Model const &model);

@@ -105,7 +105,8 @@ public:
     /// `noPropertyIndex` are no property; nothing is announced before the element is
     /// created, nor for a proxy.
     void notifyModifying(std::uint64_t index);
-    /// Raises `CannotModifyProxy` for a proxy: the first step of every mutator.
+    /// Raises `CannotModifyProxy` for a proxy and `InvalidValue` for a destroyed element:
+    /// the first step of every mutator.
     void checkModifiable() const;
     /// Opens the transaction of one change of the property at `index` and announces it.
     Transaction beginModification(std::uint64_t index);
@@ -170,6 +171,7 @@ public:
 
 protected:
     friend class Model::Impl;
+    friend class TransactionImpl;
 
     /// Starts `UnderConstruction`, top level. Raises `CannotCreateWithoutModel` for a null
     /// or destroyed model.
@@ -181,6 +183,8 @@ protected:
     void clearUuid() noexcept { uuid_ = boost::uuids::uuid{}; }
     /// Roll-back brings a destroyed element back with its identity.
     void resurrect() noexcept { validity_ = Valid; }
+    /// Drops what a destroyed element holds once no roll-back can need it.
+    void releaseUnlessRestorable();
 
     /// Hook after the model has entered the new element.
     virtual void didCreate() {}
@@ -196,7 +200,7 @@ protected:
     virtual void convertReferencesToProxies(bool multiModel, boost::optional<ProxyId> &proxyId);
     /// Drops references and containment with no call to the far ends: the roll-back's way
     /// to forget a created element, whose far ends are restored by their own records.
-    virtual void basicDisassociateAll() {}
+    virtual void basicDisassociateAll();
     /// Replaces `target` on `property` by a proxy of `proxyId`.
     virtual void convertToProxy(meta::Property const &property, ProxyId const &proxyId, ModelElement const &target);
 

@@ -4,7 +4,17 @@
 
 #include <kivra/Fwd.hpp>
 
+#include <basalt/ustring.hpp>
+
+#include <boost/optional/optional_fwd.hpp>
+
 #include <cstdint>
+#include <functional>
+#include <string>
+
+namespace kivra::meta {
+class TransactionOrigin;
+} // namespace kivra::meta
 
 namespace kivra {
 
@@ -40,11 +50,20 @@ public:
 
     /// Votes to finish; returns what the vote brought about.
     TransactionResult commit();
+    /// Votes to finish with an argument that listeners find in their report.
+    TransactionResult commit(boost::optional<Value> const &argument);
+    TransactionResult commit(std::string const &argument);
+    TransactionResult commit(basalt::ustring const &argument);
     /// Ends the transaction by restoring the model, or marks the enclosing transaction
     /// for roll-back when this one is nested.
     TransactionResult rollBack();
     /// True when the transaction can only end in a roll-back.
     bool isRollBackOnly() const;
+    /// Runs `callback` at the first change that the transaction records (replacing any
+    /// earlier one).
+    void addFirstChangeCallback(std::function<void()> const &callback);
+    /// Where the transaction came from.
+    meta::TransactionOrigin const &getOrigin() const;
 
     AbstractTransactionImpl *get() const noexcept { return impl_; }
     explicit operator bool() const noexcept { return impl_ != nullptr; }

@@ -4,6 +4,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/TransactionFactory.hpp>
 #include <kivra/WorkQueue.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
@@ -35,7 +36,9 @@ Model::Impl::Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *cons
                   WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
                   ModelContent content)
     : TransactionCoordinator(uuid, Valid), serialNumber_(++modelSerialNumbers),
-      usageProvider_(std::make_unique<meta::DefaultModelUsageProvider>(content)) {
+      usageProvider_(std::make_unique<meta::DefaultModelUsageProvider>(content)),
+      transactionFactory_(std::make_unique<LocalTransactionFactoryImpl>(this)) {
+    shapeTable(lastSeenOrdinals_);
     shapeTable(topLevelElements_);
     shapeTable(elements_);
     addRef(); // the reference the returned handle adopts
@@ -301,6 +304,7 @@ void Model::Impl::destroy() noexcept {
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
+    lastSeenOrdinals_.clear();
     invalidate();
     if (constellation_) {
         ModelConstellation::Impl *constellation = std::exchange(constellation_, nullptr);
@@ -360,17 +364,50 @@ void Model::Impl::migrateToConstellation(ModelConstellation const &target) {
 // --- Transactions --------------------------------------------------------------------
 
 Transaction Model::Impl::beginTransaction(bool revertible) {
+    return revertible ? transactionFactory_->beginRevertibleTransaction() : transactionFactory_->beginTransaction();
+}
+
+Transaction Model::Impl::innerBeginTransaction(PrivateTag, meta::TransactionOrigin const &origin, bool revertible) {
     if (validity_ == Invalid)
         raise<messages::InvalidModel>();
     if (currentTransaction_) {
+        // A nested level has the depth of the transaction it joins.
         auto *nested = new NestedTransaction(currentTransaction_);
         nested->addRef();
         return Transaction(nested);
     }
-    auto *transaction = new TransactionImpl(this, revertible || listenerDepth_ == 2);
+    auto *transaction = new TransactionImpl(this, /*group=*/nullptr, revertible || listenerDepth_ == 2, origin);
     transaction->addRef();
     currentTransaction_ = transaction;
     return Transaction(transaction);
+}
+
+void Model::Impl::transactionEnded(TransactionImpl *transaction) {
+    updateLastSeenTransactionOrdinal(transaction->getOrigin().getTransactionFactory(),
+                                     transaction->getOrigin().getTransactionOrdinal());
+    if (currentTransaction_ == transaction)
+        currentTransaction_ = nullptr;
+}
+
+void Model::Impl::transactionGroupEffectsComplete() {
+    Model const keep = getModel();
+    if (constellation_)
+        constellation_->processWorkQueue();
+    else
+        processWorkQueue();
+}
+
+bool Model::Impl::isTransactionNew(boost::uuids::uuid const &factory, std::int32_t ordinal) const {
+    auto const found = lastSeenOrdinals_.find(factory);
+    return found == lastSeenOrdinals_.end() || found->second < ordinal;
+}
+
+void Model::Impl::updateLastSeenTransactionOrdinal(boost::uuids::uuid const &factory, std::int32_t ordinal) {
+    if (!trackLastSeenOrdinals_)
+        return;
+    auto const [entry, inserted] = lastSeenOrdinals_.emplace(factory, ordinal);
+    if (!inserted && entry->second < ordinal)
+        entry->second = ordinal;
 }
 
 bool Model::Impl::isDestroyedInCurrentTransaction(boost::uuids::uuid const &uuid) const {
@@ -380,13 +417,18 @@ bool Model::Impl::isDestroyedInCurrentTransaction(boost::uuids::uuid const &uuid
 // --- Work ------------------------------------------------------------------------------
 
 void Model::Impl::addToWorkQueue(std::unique_ptr<ModelUpdater> &&updater) {
-    if (validity_ == Invalid)
+    // A dying model takes no more work: the item would keep it alive.
+    if (validity_ != Valid)
         return;
     WorkItem item(getModel(), std::move(updater));
-    if (constellation_)
+    if (constellation_) {
         constellation_->addToWorkQueue(std::move(item));
-    else
-        workQueue_->addToWorkQueue(std::move(item));
+    } else {
+        // An update may drop the last handle of the model, and with it the queue.
+        Model const keep = getModel();
+        std::shared_ptr<WorkQueue> const queue = workQueue_;
+        queue->addToWorkQueue(std::move(item));
+    }
 }
 
 void Model::Impl::addToWorkQueue(std::function<void(Model const &)> update) {
@@ -394,8 +436,11 @@ void Model::Impl::addToWorkQueue(std::function<void(Model const &)> update) {
 }
 
 void Model::Impl::processWorkQueue() {
-    if (workQueue_)
-        workQueue_->processWorkQueue();
+    if (!workQueue_)
+        return;
+    Model const keep = getModel();
+    std::shared_ptr<WorkQueue> const queue = workQueue_;
+    queue->processWorkQueue();
 }
 
 // --- Freezing ------------------------------------------------------------------------

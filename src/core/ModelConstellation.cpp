@@ -127,11 +127,19 @@ void ModelConstellation::Impl::modelURIAboutToChange(std::u16string const &from,
 }
 
 void ModelConstellation::Impl::addToWorkQueue(WorkItem &&item) {
-    if (validity_ != Invalid)
-        workQueue_->addToWorkQueue(std::move(item));
+    if (validity_ == Invalid)
+        return;
+    ModelConstellation const keep(this);
+    std::shared_ptr<WorkQueue> const queue = workQueue_;
+    queue->addToWorkQueue(std::move(item));
 }
 
-void ModelConstellation::Impl::processWorkQueue() { workQueue_->processWorkQueue(); }
+void ModelConstellation::Impl::processWorkQueue() {
+    // An update may drop the last handle of the constellation, and with it the queue.
+    ModelConstellation const keep(this);
+    std::shared_ptr<WorkQueue> const queue = workQueue_;
+    queue->processWorkQueue();
+}
 
 Model ModelConstellation::Impl::peekModel(std::u16string const &uri) const {
     auto const found = models_.find(uri);

@@ -110,6 +110,9 @@ void ModelElement::Impl::notifyModifying(std::uint64_t index) {
 void ModelElement::Impl::checkModifiable() const {
     if (isProxy())
         raise<messages::CannotModifyProxy>();
+    // A tombstone's model may be gone; nothing may reach it through the element.
+    if (validity_ == Invalid)
+        raise<messages::InvalidValue>();
 }
 
 Transaction ModelElement::Impl::beginModification(std::uint64_t index) {
@@ -138,7 +141,7 @@ void ModelElement::Impl::basicSetContainer(Impl *container, meta::Property const
 }
 
 void ModelElement::Impl::makeUncontained() {
-    if (isTopLevel())
+    if (isTopLevel() || validity_ == Invalid)
         return;
     Transaction transaction = model_->beginTransaction(false);
     ModelElement const self(this, true);
@@ -240,6 +243,11 @@ void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying
         element->destroyRecursively(modelDestroying, false, multiModel);
 }
 
+void ModelElement::Impl::basicDisassociateAll() {
+    container_ = nullptr;
+    containmentFeature_ = nullptr;
+}
+
 void ModelElement::Impl::convertReferencesToProxies(bool, boost::optional<ProxyId> &) {}
 
 void ModelElement::Impl::convertToProxy(meta::Property const &, ProxyId const &, ModelElement const &) {}
@@ -284,6 +292,7 @@ void ModelElement::Impl::destroy() {
             doDestroy(/*modelDestroying=*/false, multiModel);
         }
         invalidate();
+        releaseUnlessRestorable();
     }
     transaction.commit();
 }
@@ -303,6 +312,14 @@ void ModelElement::Impl::destroyRecursively(bool modelDestroying, bool removeFro
         doDestroy(modelDestroying, multiModel);
     }
     invalidate();
+    releaseUnlessRestorable();
+}
+
+void ModelElement::Impl::releaseUnlessRestorable() {
+    // A tombstone that no roll-back can bring back must not keep others alive: two that
+    // refer to each other would never be freed. A deep transaction lets go at its end.
+    if (!model_->isDestroyedInCurrentTransaction(getUuid()))
+        basicDisassociateAll();
 }
 
 void ModelElement::Impl::invalidate() { ElementImpl::invalidate(); }

@@ -4,7 +4,12 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/WorkQueue.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
 
+#include <basalt/except/Exception.hpp>
+
+#include <algorithm>
 #include <utility>
 
 namespace kivra {
@@ -24,116 +29,263 @@ Transaction::~Transaction() {
     if (impl_)
         impl_->removeRef();
 }
-TransactionResult Transaction::commit() { return impl_ ? impl_->commit() : TransactionResult::NotFinished; }
+TransactionResult Transaction::commit() { return commit(boost::optional<Value>()); }
+TransactionResult Transaction::commit(boost::optional<Value> const &argument) {
+    return impl_ ? impl_->commit(argument) : TransactionResult::NotFinished;
+}
+TransactionResult Transaction::commit(std::string const &argument) {
+    return commit(boost::optional<Value>(Value(meta::MetaRegistry::getInstance()->getPrimitiveType(u"StdString"), argument)));
+}
+TransactionResult Transaction::commit(basalt::ustring const &argument) {
+    return commit(boost::optional<Value>(Value(meta::MetaRegistry::getInstance()->getPrimitiveType(u"String"), argument)));
+}
 TransactionResult Transaction::rollBack() { return impl_ ? impl_->rollBack() : TransactionResult::NotFinished; }
 bool Transaction::isRollBackOnly() const { return impl_ && impl_->isRollBackOnly(); }
+void Transaction::addFirstChangeCallback(std::function<void()> const &callback) {
+    if (impl_)
+        impl_->addFirstChangeCallback(callback);
+}
+meta::TransactionOrigin const &Transaction::getOrigin() const {
+    static meta::TransactionOrigin const none;
+    return impl_ ? impl_->getOrigin() : none;
+}
 
-// --- TransactionImpl -----------------------------------------------------------------
+// --- Factories ---------------------------------------------------------------------
 
-TransactionImpl::TransactionImpl(Model::Impl *model, bool deep) : model_(model->getModel()) {
+Transaction DirectTransactionFactoryImpl::begin(meta::TransactionOrigin const &origin, bool revertible) {
+    return model_->innerBeginTransaction(Model::Impl::PrivateTag(), origin, revertible);
+}
+
+LocalTransactionFactoryImpl::LocalTransactionFactoryImpl(Model::Impl *model)
+    : DirectTransactionFactoryImpl(model), uuid_(ElementImpl::generateNewUuid()) {}
+
+meta::TransactionOrigin LocalTransactionFactoryImpl::nextOrigin() {
+    meta::TransactionOrigin origin;
+    origin.setModel(model()->getUuid());
+    origin.setLanguage(meta::Language::CPlusPlus);
+    origin.setTransactionId(ElementImpl::generateNewUuid());
+    origin.setTransactionOrdinal(ordinal_++);
+    origin.setTransactionFactory(uuid_);
+    return origin;
+}
+
+// --- TransactionImpl: voting -------------------------------------------------------
+
+TransactionImpl::TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep,
+                                 meta::TransactionOrigin const &origin)
+    : AbstractTransactionImpl(origin), model_(model->getModel()), group_(group),
+      main_(std::make_shared<ChangeMap>()), listeners_(model->listeners_) {
+    main_->max_load_factor(1.0f);
+    main_->rehash(8);
     if (deep)
         flags_ |= Deep;
     if (model->isFrozenOnNotify())
         flags_ |= FreezeOnNotify;
     if (model->isDetectAndRevertUnchangedProperties())
         flags_ |= DetectAndRevert;
+    if (group_)
+        group_->add(this);
 }
 
-TransactionResult TransactionImpl::commit() {
-    if (flags_ & (ApplyingRollBack | Finished))
+TransactionResult TransactionImpl::voteThroughGroup(boost::optional<Value> const &argument, bool tryOnly) {
+    if (group_)
+        return tryOnly ? group_->tryCommit(argument) : group_->commit(argument);
+    TransactionGroup local(nullptr, isDeep(), origin_);
+    local.add(this);
+    return tryOnly ? local.tryCommit(argument) : local.commit(argument);
+}
+
+TransactionResult TransactionImpl::commit(boost::optional<Value> const &argument) {
+    if (has(ApplyingRollBack) || isFinished())
         return TransactionResult::NotFinished;
     ++commitRequests_;
-    return tryFinish();
+    TransactionResult const result = voteThroughGroup(argument, /*tryOnly=*/false);
+    if (result != TransactionResult::NotFinished)
+        flags_ |= Finished;
+    return result;
 }
 
 TransactionResult TransactionImpl::rollBack() {
-    if (flags_ & (ApplyingRollBack | Finished))
+    if (has(ApplyingRollBack) || isFinished())
         return TransactionResult::NotFinished;
     flags_ |= RollBackOnly;
-    // Rolls back at once, with nested levels still open: they find the transaction
-    // finished, so their later votes do nothing.
-    return doRollBack();
+    // At once, with nested levels still open: they find the transaction finished, so
+    // that their later votes do nothing.
+    if (group_)
+        return group_->rollBack();
+    TransactionGroup local(nullptr, isDeep(), origin_);
+    local.add(this);
+    return local.rollBack();
 }
-
-TransactionResult TransactionImpl::tryFinish() {
-    if (refCount_ != static_cast<std::uint32_t>(commitRequests_))
-        return TransactionResult::NotFinished;
-    return (flags_ & RollBackOnly) ? doRollBack() : doCommit();
-}
-
-TransactionResult TransactionImpl::doCommit() {
-    finish();
-    // The effects are complete: work waiting for the end of the transaction runs now.
-    Model::Impl *model = model_.get();
-    if (auto *constellation = model->constellationImpl())
-        constellation->processWorkQueue();
-    else
-        model->processWorkQueue();
-    return TransactionResult::Committed;
-}
-
-TransactionResult TransactionImpl::doRollBack() {
-    // Nothing is recorded yet that could restore the model: what changed stays, and the
-    // result says so.
-    bool const changed = hasChanges();
-    finish();
-    return changed ? TransactionResult::CannotRevert : TransactionResult::NotFinished;
-}
-
-void TransactionImpl::finish() noexcept {
-    flags_ |= Finished;
-    Model::Impl *model = model_.get();
-    if (model->currentTransaction_ == this)
-        model->currentTransaction_ = nullptr;
-    // Destroyed elements may go now; a handle held elsewhere keeps its tombstone.
-    destroyedElements_.reset();
-}
-
-void TransactionImpl::abandon() noexcept { finish(); }
 
 void TransactionImpl::removeRef() noexcept {
     if (--refCount_ != 0)
         return;
     if (!isFinished()) {
+        // In a group nobody holds, the group owns the transaction.
+        if (group_ && commitRequests_ == 0)
+            return;
         refCount_ = 0xDEAD;
         try {
-            doRollBack();
+            rollBack();
         } catch (...) {
-            // Dropping a handle must not throw; the transaction is over either way.
+            // Dropping a handle cannot report a failed roll-back.
         }
     }
     delete this;
 }
 
-void TransactionImpl::recordChange() {
-    if (flags_ & ChangesProhibited)
-        raise<messages::ChangesProhibited>();
-    flags_ |= HasChanges | ChangedSinceReport;
+void TransactionImpl::finish() noexcept {
+    if (isFinished())
+        return;
+    flags_ |= Finished;
+    model_->transactionEnded(this);
+    // No roll-back can bring these back now: they let go of what they still hold.
+    if (destroyedElements_) {
+        for (auto const &[uuid, element] : *destroyedElements_)
+            if (!element->isValid())
+                element->basicDisassociateAll();
+        destroyedElements_.reset();
+    }
 }
 
-void TransactionImpl::elementCreated(ModelElement::Impl *) {
-    if (flags_ & AllElementsDestroying)
-        raise<messages::CreateWithDestroyAll>();
-    recordChange();
+void TransactionImpl::abandon() noexcept {
+    listeners_.clear();
+    finish();
+    if (group_)
+        group_->removeTransaction(this);
 }
+
+// --- TransactionImpl: recording ----------------------------------------------------
+
+bool TransactionImpl::isInterested() const noexcept {
+    return firstChangeCallback_ || isDeep() || !listeners_.empty();
+}
+
+bool TransactionImpl::passGate() {
+    if (has(ApplyingRollBack) || !isInterested())
+        return false;
+    if (has(ChangesProhibited))
+        kivra::raise<messages::ChangesProhibited>();
+    if (!has(HasChanges) && firstChangeCallback_)
+        firstChangeCallback_();
+    flags_ |= HasChanges | ChangedSinceReport;
+    return true;
+}
+
+ModelElement::Impl::Changes *TransactionImpl::entryOf(ModelElement::Impl *element) {
+    auto found = main_->find(element->getUuid());
+    if (found == main_->end()) {
+        ModelElement::Impl::Changes *record = isDeep() ? element->createStorage() : element->createChanges();
+        found = main_->emplace(element->getUuid(), ChangesHolder(record)).first;
+    }
+    return found->second.get();
+}
+
+void TransactionImpl::elementCreated(ModelElement::Impl *element) {
+    if (!passGate())
+        return;
+    entryOf(element)->setCreated();
+}
+
 void TransactionImpl::elementDestroying(ModelElement::Impl *element) {
-    recordChange();
+    if (!passGate())
+        return;
+    entryOf(element)->setDestroyed();
     if (!destroyedElements_)
         destroyedElements_ = std::make_unique<decltype(destroyedElements_)::element_type>();
-    destroyedElements_->emplace(element->getUuid(), model_->findElement(element->getUuid()));
+    destroyedElements_->emplace(element->getUuid(), ModelElement::fromImpl(element));
+}
+
+void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
+    if (has(ApplyingRollBack) || propertyIndex == 0 || !isInterested())
+        return;
+    if (!element->isValid() && main_->find(element->getUuid()) == main_->end())
+        return;
+    if (!passGate())
+        return;
+    ModelElement::Impl::Changes *record = entryOf(element);
+    if (record->isCreated() || (!isDeep() && record->isDestroyed()))
+        return;
+    // The first old value stays: a second change of the property costs one bit test.
+    if (record->setModified(propertyIndex))
+        return;
+    if (isDeep())
+        element->copyValue(static_cast<ModelElement::Impl::Storage *>(record), propertyIndex);
+}
+
+void TransactionImpl::elementContainmentChanging(ModelElement::Impl *element) {
+    if (!passGate())
+        return;
+    ModelElement::Impl::Changes *record = entryOf(element);
+    if (record->isCreated() || (!isDeep() && record->isDestroyed()))
+        return;
+    record->setOldContainer(element->container(), element->containmentFeature());
+}
+
+void TransactionImpl::allElementsDestroying() {
+    if (!passGate())
+        return;
+    flags_ |= AllElementsDestroying;
+}
+
+void TransactionImpl::allElementsDestroyed() {
+    // Without a data source the mark stays, so that a report can say that everything went.
 }
 
 bool TransactionImpl::isDestroyed(boost::uuids::uuid const &uuid) const {
     return destroyedElements_ && destroyedElements_->count(uuid) != 0;
 }
-void TransactionImpl::elementModifying(ModelElement::Impl *, std::uint64_t) { recordChange(); }
-void TransactionImpl::elementContainmentChanging(ModelElement::Impl *) { recordChange(); }
-void TransactionImpl::allElementsDestroying() { flags_ |= AllElementsDestroying; }
-void TransactionImpl::allElementsDestroyed() { flags_ &= ~AllElementsDestroying; }
 
-// --- NestedTransaction ---------------------------------------------------------------
+// --- TransactionImpl: roll-back ----------------------------------------------------
 
-NestedTransaction::NestedTransaction(TransactionImpl *parent) : parent_((parent->addRef(), parent)) {}
+TransactionResult TransactionImpl::revert() {
+    if (!has(HasChanges))
+        return TransactionResult::NotFinished;
+    if (!isDeep())
+        return TransactionResult::CannotRevert;
+    if (main_->empty())
+        return TransactionResult::RolledBack;
+
+    Model::Impl *model = model_.get();
+    // Every element with a record stays alive until the walk is over: restoring one end of
+    // a link may drop the last reference to an element whose own record comes later.
+    std::vector<ModelElement> alive;
+    alive.reserve(main_->size());
+    for (auto const &[uuid, record] : *main_)
+        if (ModelElement element = model->findElement(uuid, FindElementBehavior::LoadFromDataSource); element.get())
+            alive.push_back(std::move(element));
+    if (destroyedElements_)
+        for (auto const &[uuid, element] : *destroyedElements_)
+            alive.push_back(element);
+
+    flags_ |= ApplyingRollBack;
+    // Destroyed elements come back first, so that every restored reference finds its target.
+    if (destroyedElements_)
+        for (auto const &[uuid, element] : *destroyedElements_)
+            if (auto const found = main_->find(uuid); found == main_->end() || !found->second->isCreated())
+                model->resurrectElement(element.get());
+    for (auto const &[uuid, record] : *main_) {
+        if (record->isCreated()) {
+            if (record->isDestroyed())
+                continue; // it came and went in this transaction
+            if (ModelElement const element = model->findElement(uuid); element.get()) {
+                element->basicDisassociateAll();
+                model->remove(element.get());
+                element->invalidate();
+            }
+        } else if (ModelElement const element = model->findElement(uuid, FindElementBehavior::LoadFromDataSource);
+                   element.get()) {
+            element->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(record.get()));
+        }
+    }
+    return TransactionResult::RolledBack;
+}
+
+// --- NestedTransaction -------------------------------------------------------------
+
+NestedTransaction::NestedTransaction(TransactionImpl *parent)
+    : AbstractTransactionImpl(parent->getOrigin()), parent_((parent->addRef(), parent)) {}
 
 NestedTransaction::~NestedTransaction() {
     // The vote and the reference on the parent go away together.
@@ -141,15 +293,14 @@ NestedTransaction::~NestedTransaction() {
         --parentImpl()->commitRequests_;
 }
 
-TransactionResult NestedTransaction::commit() {
+TransactionResult NestedTransaction::commit(boost::optional<Value> const &argument) {
     if (done_)
         return TransactionResult::NotFinished;
     done_ = true;
     TransactionImpl *parent = parentImpl();
     if (parent->isFinished())
         return TransactionResult::NotFinished;
-    ++parent->commitRequests_;
-    return parent->tryFinish();
+    return parent->commit(argument);
 }
 
 TransactionResult NestedTransaction::rollBack() {
@@ -165,7 +316,15 @@ TransactionResult NestedTransaction::voteRollBack() {
         return TransactionResult::NotFinished;
     parent->flags_ |= TransactionImpl::RollBackOnly;
     ++parent->commitRequests_;
-    return parent->tryFinish();
+    TransactionResult const result = parent->voteThroughGroup(boost::none, /*tryOnly=*/true);
+    if (result != TransactionResult::NotFinished)
+        parent->flags_ |= TransactionImpl::Finished;
+    return result;
+}
+
+void NestedTransaction::addFirstChangeCallback(std::function<void()> callback) {
+    if (!done_)
+        parentImpl()->addFirstChangeCallback(std::move(callback));
 }
 
 void NestedTransaction::removeRef() noexcept {
@@ -181,6 +340,132 @@ void NestedTransaction::removeRef() noexcept {
         }
     }
     delete this;
+}
+
+// --- TransactionGroup ----------------------------------------------------------------
+
+namespace {
+
+/// Holds a transaction until its end; left without `finalize`, as when an interrupt
+/// passes, it closes the transaction as a roll-back does.
+class TransactionRollBackFinalizer {
+public:
+    explicit TransactionRollBackFinalizer(TransactionImpl *transaction, bool prohibit = true)
+        : transaction_((transaction->addRef(), transaction)) {
+        if (prohibit)
+            impl()->setFlag(TransactionImpl::ChangesProhibited);
+    }
+    virtual ~TransactionRollBackFinalizer() {
+        try {
+            if (impl())
+                impl()->finish();
+        } catch (...) {
+            // A closing that fails must not hide the exception that brought us here.
+        }
+    }
+    TransactionRollBackFinalizer(TransactionRollBackFinalizer &&) noexcept = default;
+    virtual void finalize() { impl()->finish(); }
+
+protected:
+    TransactionImpl *impl() const noexcept { return static_cast<TransactionImpl *>(transaction_.get()); }
+
+private:
+    Transaction transaction_;
+};
+
+/// The commit's closing; a commit left by an exception closes as a roll-back.
+class TransactionCommitFinalizer final : public TransactionRollBackFinalizer {
+public:
+    explicit TransactionCommitFinalizer(TransactionImpl *transaction)
+        : TransactionRollBackFinalizer(transaction, /*prohibit=*/false) {}
+};
+
+} // namespace
+
+bool TransactionGroup::allReady() const {
+    for (TransactionImpl const *transaction : transactions_)
+        if (!transaction->isReady())
+            return false;
+    return true;
+}
+
+void TransactionGroup::removeTransaction(TransactionImpl *transaction) {
+    auto const found = std::find(transactions_.begin(), transactions_.end(), transaction);
+    if (found == transactions_.end())
+        return;
+    transactions_.erase(found);
+    // A model that leaves must not hold up the others.
+    if (!transactions_.empty())
+        commit(boost::none);
+}
+
+TransactionResult TransactionGroup::commit(boost::optional<Value> const &argument) {
+    bool rollBackOnly = false;
+    for (TransactionImpl const *transaction : transactions_)
+        rollBackOnly = rollBackOnly || transaction->isRollBackOnly();
+    if (!allReady())
+        return TransactionResult::NotFinished;
+    return rollBackOnly ? rollBack() : doCommit(argument);
+}
+
+TransactionResult TransactionGroup::tryCommit(boost::optional<Value> const &argument) {
+    if (!allReady())
+        return TransactionResult::NotFinished;
+    return doCommit(argument);
+}
+
+TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &) {
+    for (TransactionImpl const *transaction : transactions_)
+        if (transaction->isRollBackOnly())
+            return rollBack();
+
+    std::vector<TransactionCommitFinalizer> finalizers;
+    finalizers.reserve(transactions_.size());
+    for (TransactionImpl *transaction : transactions_)
+        finalizers.emplace_back(transaction);
+    try {
+        // The modifiers of every transaction run here, and may still change the models.
+        for (TransactionImpl *transaction : transactions_)
+            transaction->setFlag(TransactionImpl::ChangesProhibited);
+        // The validators run here; the first to refuse rolls the group back.
+    } catch (basalt::InterruptException const &) {
+        throw;
+    } catch (...) {
+        return rollBack();
+    }
+
+    std::vector<TransactionImpl *> const done = std::move(transactions_);
+    transactions_.clear();
+    for (auto &finalizer : finalizers)
+        finalizer.finalize();
+    // The observers are told here; the transaction is over, so they may begin new ones.
+    effectsComplete(done);
+    return TransactionResult::Committed;
+}
+
+TransactionResult TransactionGroup::rollBack() {
+    std::vector<TransactionRollBackFinalizer> finalizers;
+    finalizers.reserve(transactions_.size());
+    for (TransactionImpl *transaction : transactions_)
+        finalizers.emplace_back(transaction);
+    // Reports are made here, before anything is reverted, so that they show what the
+    // transactions did.
+    TransactionResult result = TransactionResult::NotFinished;
+    for (TransactionImpl *transaction : transactions_)
+        if (TransactionResult const r = transaction->revert(); r != TransactionResult::NotFinished)
+            result = r;
+    std::vector<TransactionImpl *> const done = std::move(transactions_);
+    transactions_.clear();
+    for (auto &finalizer : finalizers)
+        finalizer.finalize();
+    // The observers hear of the roll-back here.
+    effectsComplete(done);
+    return result;
+}
+
+void TransactionGroup::effectsComplete(std::vector<TransactionImpl *> const &transactions) {
+    for (TransactionImpl *transaction : transactions)
+        transaction->model()->transactionGroupEffectsComplete();
 }
 
 } // namespace kivra

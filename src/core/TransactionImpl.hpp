@@ -1,35 +1,52 @@
 #pragma once
 // Not API: the implementations behind `Transaction`.
 
+#include <kivra/ChangeRecords.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/Transaction.hpp>
+#include <kivra/TransactionFactory.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/TransactionOrigin.hpp>
+
+#include <boost/optional/optional.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 namespace kivra {
+
+class TransactionGroup;
 
 /// The counted object behind a `Transaction` handle: the outermost transaction of a model
 /// or a nested level on it. The count is not atomic; a transaction belongs to its model's
 /// thread.
 class AbstractTransactionImpl {
 public:
-    virtual ~AbstractTransactionImpl() = default;
-    virtual TransactionResult commit() = 0;
+    explicit AbstractTransactionImpl(meta::TransactionOrigin origin) : origin_(std::move(origin)) {}
+    virtual TransactionResult commit(boost::optional<Value> const &argument) = 0;
     virtual TransactionResult rollBack() = 0;
     virtual bool isRollBackOnly() const = 0;
+    virtual void addFirstChangeCallback(std::function<void()> callback) = 0;
+    virtual ~AbstractTransactionImpl() = default;
+    virtual void removeRef() noexcept = 0;
 
     void addRef() noexcept { ++refCount_; }
-    virtual void removeRef() noexcept = 0;
+    meta::TransactionOrigin const &getOrigin() const noexcept { return origin_; }
 
 protected:
     std::uint32_t refCount_ = 0;
+    meta::TransactionOrigin origin_;
 };
 
-/// The one outermost transaction of a model. Its reference count counts the parties that
-/// hold it (the outer handle and every open nested level), `commitRequests` those that
-/// have voted to finish; it finishes when both are equal.
+/// The records of one transaction, by element.
+using ChangeMap = std::unordered_map<boost::uuids::uuid, ChangesHolder, services::hashers::KivraHasher<boost::uuids::uuid>>;
+
+/// The one transaction in progress on a model. Its reference count counts the parties
+/// that hold it (the outer handle and every open nested level), `commitRequests` those
+/// that have voted to finish; it acts when both are equal.
 class TransactionImpl final : public AbstractTransactionImpl {
 public:
     enum Flags : std::uint32_t {
@@ -45,16 +62,22 @@ public:
         DetectAndRevert = 512,
     };
 
-    TransactionImpl(Model::Impl *model, bool deep);
+    TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep, meta::TransactionOrigin const &origin);
 
-    TransactionResult commit() override;
+    TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
     bool isRollBackOnly() const override { return (flags_ & RollBackOnly) != 0; }
+    void addFirstChangeCallback(std::function<void()> callback) override { firstChangeCallback_ = std::move(callback); }
     void removeRef() noexcept override;
 
-    bool isFinished() const noexcept { return (flags_ & Finished) != 0; }
-    bool isDeep() const noexcept { return (flags_ & Deep) != 0; }
-    bool hasChanges() const noexcept { return (flags_ & HasChanges) != 0; }
+    bool has(Flags flag) const noexcept { return (flags_ & flag) != 0; }
+    void setFlag(Flags flag) noexcept { flags_ |= flag; }
+    bool isFinished() const noexcept { return has(Finished); }
+    bool isDeep() const noexcept { return has(Deep); }
+    /// True when every party that holds the transaction has voted.
+    bool isReady() const noexcept { return refCount_ == static_cast<std::uint32_t>(commitRequests_); }
+    Model::Impl *model() const noexcept { return model_.get(); }
+    ChangeMap const &changes() const noexcept { return *main_; }
 
     // What the model reports while the transaction runs.
     void elementCreated(ModelElement::Impl *element);
@@ -64,25 +87,35 @@ public:
     void allElementsDestroying();
     void allElementsDestroyed();
 
-    /// Ends the transaction with nothing run and nothing restored: the model is going away.
-    void abandon() noexcept;
-
     /// True when the element was destroyed while this transaction ran.
     bool isDestroyed(boost::uuids::uuid const &uuid) const;
 
+    /// Puts the model back as it was at the begin: `RolledBack`, `CannotRevert` for a
+    /// shallow transaction with changes, `NotFinished` with none.
+    TransactionResult revert();
+    /// Ends the transaction with nothing run and nothing restored: the model goes away.
+    void abandon() noexcept;
+    /// The common end of commit and roll-back: finished, and the model lets go of it.
+    void finish() noexcept;
+
 private:
     friend class NestedTransaction;
+    friend class TransactionGroup;
 
-    /// Acts once every party has voted.
-    TransactionResult tryFinish();
-    TransactionResult doCommit();
-    TransactionResult doRollBack();
-    void finish() noexcept;
-    void recordChange();
+    /// Whether anybody needs the records: a callback, old values, or listeners.
+    bool isInterested() const noexcept;
+    /// The recording gate: false when nothing is to be recorded; raises
+    /// `ChangesProhibited` after the modifiers.
+    bool passGate();
+    ModelElement::Impl::Changes *entryOf(ModelElement::Impl *element);
+    /// Votes through the group: the transaction's own, or a local one of this alone.
+    TransactionResult voteThroughGroup(boost::optional<Value> const &argument, bool tryOnly);
 
     Model model_;
-    /// Keeps destroyed elements in memory until the transaction ends, so that their
-    /// identity is still there to restore.
+    TransactionGroup *group_;
+    std::function<void()> firstChangeCallback_;
+    std::shared_ptr<ChangeMap> main_;
+    std::vector<ListenerHolderBase *> listeners_;
     std::unique_ptr<std::unordered_map<boost::uuids::uuid, ModelElement,
                                        services::hashers::KivraHasher<boost::uuids::uuid>>>
         destroyedElements_;
@@ -97,9 +130,10 @@ public:
     explicit NestedTransaction(TransactionImpl *parent);
     ~NestedTransaction() override;
 
-    TransactionResult commit() override;
+    TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
     bool isRollBackOnly() const override { return parentImpl()->isRollBackOnly(); }
+    void addFirstChangeCallback(std::function<void()> callback) override;
     void removeRef() noexcept override;
 
 private:
@@ -108,6 +142,54 @@ private:
 
     Transaction parent_;
     bool done_ = false;
+};
+
+/// The transactions that finish together: one per model of a constellation, or a lone
+/// model's transaction alone. It acts only when all of them are ready.
+class TransactionGroup {
+public:
+    TransactionGroup(TransactionCoordinator *coordinator, bool deep, meta::TransactionOrigin origin)
+        : coordinator_(coordinator), deep_(deep), origin_(std::move(origin)) {}
+
+    void add(TransactionImpl *transaction) { transactions_.push_back(transaction); }
+    /// Takes a transaction out; the others may then be ready.
+    void removeTransaction(TransactionImpl *transaction);
+    /// Rolls back when any transaction is roll-back-only, commits otherwise, once all
+    /// are ready; `NotFinished` before.
+    TransactionResult commit(boost::optional<Value> const &argument);
+    /// Commits once all are ready.
+    TransactionResult tryCommit(boost::optional<Value> const &argument);
+    TransactionResult rollBack();
+
+    bool isDeep() const noexcept { return deep_; }
+    meta::TransactionOrigin const &getOrigin() const noexcept { return origin_; }
+
+private:
+    bool allReady() const;
+    TransactionResult doCommit(boost::optional<Value> const &argument);
+    /// What waits for the end of the group runs: the coordinator's queue, or each model's.
+    void effectsComplete(std::vector<TransactionImpl *> const &transactions);
+
+    TransactionCoordinator *coordinator_;
+    std::vector<TransactionImpl *> transactions_;
+    bool deep_;
+    meta::TransactionOrigin origin_;
+};
+
+/// The factory every model has: stamps origins with the model, a fresh id, its own
+/// identity and an ordinal that starts at 0.
+class LocalTransactionFactoryImpl final : public DirectTransactionFactoryImpl {
+public:
+    explicit LocalTransactionFactoryImpl(Model::Impl *model);
+    Transaction beginTransaction() override { return begin(nextOrigin(), false); }
+    Transaction beginRevertibleTransaction() override { return begin(nextOrigin(), true); }
+    boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
+
+private:
+    meta::TransactionOrigin nextOrigin();
+
+    boost::uuids::uuid uuid_;
+    std::int32_t ordinal_ = 0;
 };
 
 } // namespace kivra

@@ -221,7 +221,7 @@ template <ScalarPayload T> T const &Value::get() const {
 ModelElement Value::getElement() const {
     if (functions_ != &elementFunctions)
         raiseIncompatible();
-    return *static_cast<ModelElement const *>(payload_);
+    return payload_ ? *static_cast<ModelElement const *>(payload_) : ModelElement();
 }
 
 std::vector<Value> Value::extractEntryValues() const {

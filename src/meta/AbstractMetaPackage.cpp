@@ -8,10 +8,14 @@
 namespace kivra::meta {
 
 AbstractMetaPackage::AbstractMetaPackage()
-    : registry_(MetaRegistry::getInstance()), locked_(registry_->getMetaRegistryModel()),
-      transaction_(locked_->beginTransaction()) {}
+    : registry_(MetaRegistry::getInstance()), locked_(registry_->getMetaRegistryModel()), model_(locked_->get()),
+      transaction_(model_->beginTransaction()) {}
 
-void AbstractMetaPackage::finish() { transaction_.commit(); }
+void AbstractMetaPackage::finish() {
+    transaction_.commit();
+    transaction_ = Transaction();
+    locked_.reset();
+}
 
 Package AbstractMetaPackage::createPackage(basalt::ustring const &name, basalt::ustring const &uri) {
     Package package = Package::create(model());

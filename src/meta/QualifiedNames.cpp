@@ -2,23 +2,35 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/Type.hpp>
 
+#include <mutex>
+
 namespace kivra::meta {
 
 namespace {
 
 // The cache is filled outside any transaction and leaves no change record: it is derived
-// state, and the registry model is read concurrently once frozen.
+// state. The registry model is read from many threads at once, so the cache has a lock.
+std::mutex &cacheMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
 template <class Impl>
 basalt::ustring qualify(Impl const &self, boost::optional<basalt::ustring> &cache, Package const &parent) {
-    if (cache)
-        return *cache;
+    {
+        std::lock_guard lock(cacheMutex());
+        if (cache)
+            return *cache;
+    }
     if (!parent)
         return self.getName();
-    basalt::ustring const prefix = parent->getQualifiedName();
+    basalt::ustring const prefix = parent->getQualifiedName(); // outside the lock: it recurses
     if (prefix.empty())
         return self.getName();
-    cache = prefix + u'.' + self.getName();
-    return *cache;
+    basalt::ustring result = prefix + u'.' + self.getName();
+    std::lock_guard lock(cacheMutex());
+    cache = result;
+    return result;
 }
 
 } // namespace

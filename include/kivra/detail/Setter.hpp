@@ -51,6 +51,8 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
     element.checkModifiable();
     if (member == value)
         return;
+    if (value.get() && !value->isValid())
+        raise<messages::InvalidValue>();
     if (value.get()) {
         if (value->getModelImpl() != element.getModelImpl())
             raise<messages::CannotChangeModel>();
@@ -70,7 +72,10 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
 template <class H>
 void setContainer(ModelElement::Impl &element, H const &container, meta::Property const &feature, std::uint64_t index) {
     element.checkModifiable();
-    if (element.containerImpl() == container.get())
+    // The present value is the container only when it holds this element by `feature`.
+    ModelElement::Impl const *present =
+        !feature || element.containmentFeatureImpl() == feature.get() ? element.containerImpl() : nullptr;
+    if (present == container.get())
         return;
     if (container.get() && container->getModelImpl() != element.getModelImpl())
         raise<messages::CannotChangeModel>();

@@ -8,6 +8,7 @@
 
 #include <basalt/ustring.hpp>
 
+#include <optional>
 #include <string>
 
 namespace kivra::meta {
@@ -23,12 +24,12 @@ public:
 
 protected:
     /// Takes the registry's lock and opens a transaction on its model for the whole
-    /// description; the derived constructor describes, `finish` commits.
+    /// description; the derived constructor describes, `finish` commits and lets go.
     AbstractMetaPackage();
     /// Commits the description.
     void finish();
 
-    Model const &model() const noexcept { return locked_.get(); }
+    Model const &model() const noexcept { return model_; }
     MetaRegistry &registry() const noexcept { return *registry_; }
 
     Package createPackage(basalt::ustring const &name, basalt::ustring const &uri);
@@ -40,7 +41,8 @@ protected:
 
 private:
     MetaRegistry *registry_;
-    MetaRegistry::LockedModel locked_;
+    std::optional<MetaRegistry::LockedModel> locked_;
+    Model model_;
     Transaction transaction_;
 };
 

@@ -46,6 +46,7 @@ protected:
     friend class AttributeMapAttribute;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     AttributeMap value_;
 };

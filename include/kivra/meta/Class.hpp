@@ -57,6 +57,7 @@ protected:
     friend class Class;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     Class superclass_;
     bool isAbstract_{false};

@@ -49,6 +49,7 @@ protected:
     friend class Enum;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     PrimitiveType underlyingType_;
 };

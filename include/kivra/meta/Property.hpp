@@ -166,6 +166,7 @@ protected:
     friend class Property;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     bool isDerived_{false};
     bool isComposite_{false};

@@ -70,6 +70,7 @@ protected:
     friend class TypedElement;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     Type type_;
     std::uint32_t lower_{0};

@@ -29,9 +29,17 @@ AttributeMapAttribute AttributeMapAttribute::create(::kivra::Model const &model,
 }
 
 void AttributeMapAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (value_.get())
+        notifyModifying(valueIndex);
     if (AttributeMap const child = std::move(value_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
     Attribute::Impl::doDestroy(modelDestroying, multiModel);
+}
+
+void AttributeMapAttribute::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    value_.reset();
+    Attribute::Impl::basicDisassociateAll();
 }
 
 void AttributeMapAttribute::Impl::setValue(AttributeMap const &value) {

@@ -40,6 +40,12 @@ void Class::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     StructuredType::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Class::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    superclass_.reset();
+    StructuredType::Impl::basicDisassociateAll();
+}
+
 void Class::Impl::setSuperclass(Class const &value) {
     ::kivra::detail::setReference(*this, superclass_, value, superclassProperty(), superclassIndex);
 }

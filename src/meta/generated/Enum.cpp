@@ -37,6 +37,12 @@ void Enum::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     Type::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Enum::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    underlyingType_.reset();
+    Type::Impl::basicDisassociateAll();
+}
+
 void Enum::Impl::setUnderlyingType(PrimitiveType const &value) {
     ::kivra::detail::setReference(*this, underlyingType_, value, underlyingTypeProperty(), underlyingTypeIndex);
 }

@@ -126,6 +126,13 @@ void Property::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     TypedElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Property::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    qualifiedBy_.reset();
+    opposite_.reset();
+    TypedElement::Impl::basicDisassociateAll();
+}
+
 void Property::Impl::setIsDerived(bool value) { ::kivra::detail::setMember(*this, isDerived_, value, isDerivedIndex); }
 
 void Property::Impl::setIsComposite(bool value) { ::kivra::detail::setMember(*this, isComposite_, value, isCompositeIndex); }

@@ -52,6 +52,12 @@ void TypedElement::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     NamedElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void TypedElement::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    type_.reset();
+    NamedElement::Impl::basicDisassociateAll();
+}
+
 void TypedElement::Impl::setType(Type const &value) {
     ::kivra::detail::setReference(*this, type_, value, typeProperty(), typeIndex);
 }

@@ -49,6 +49,12 @@ void Author::Impl::disassociateIncoming() {
     ::kivra::ModelElement::Impl::disassociateIncoming();
 }
 
+void Author::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    favourite_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
 void Author::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
 
 void Author::Impl::setFavourite(Book const &value) {

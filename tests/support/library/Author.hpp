@@ -57,6 +57,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
+    void basicDisassociateAll() override;
 
     basalt::ustring name_{};
     Book favourite_;

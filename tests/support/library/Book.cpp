@@ -76,6 +76,8 @@ Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
 }
 
 void Book::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (appendix_.get())
+        notifyModifying(appendixIndex);
     if (Book const child = std::move(appendix_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
@@ -85,6 +87,14 @@ void Book::Impl::disassociateIncoming() {
     if (author_.get())
         setAuthor({});
     ::kivra::ModelElement::Impl::disassociateIncoming();
+}
+
+void Book::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    author_.reset();
+    sequel_.reset();
+    appendix_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
 void Book::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMember(*this, title_, value, titleIndex); }

@@ -109,6 +109,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
+    void basicDisassociateAll() override;
 
     basalt::ustring title_{};
     boost::optional<basalt::ustring> subtitle_;

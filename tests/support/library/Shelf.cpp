@@ -35,9 +35,17 @@ Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid)
 }
 
 void Shelf::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (featured_.get())
+        notifyModifying(featuredIndex);
     if (Book const child = std::move(featured_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
+}
+
+void Shelf::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    featured_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
 void Shelf::Impl::setLabel(basalt::ustring const &value) { ::kivra::detail::setMember(*this, label_, value, labelIndex); }

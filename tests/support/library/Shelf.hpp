@@ -53,6 +53,7 @@ protected:
     friend class Shelf;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
 
     basalt::ustring label_{};
     Book featured_;

@@ -1,0 +1,90 @@
+#include "ModelSnapshot.hpp"
+
+#include <kivra/Messages.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <typeinfo>
+
+namespace kivra::test {
+
+namespace {
+
+std::string text(Value const &value) {
+    if (!value.hasPayload())
+        return "<none>";
+    try {
+        ModelElement const element = value.getElement();
+        if (!element.get())
+            return "<null>";
+        return (element ? "" : "invalid ") + boost::uuids::to_string(element->getUuid());
+    } catch (Error<messages::CannotCastIncompatibleTypes> const &) {
+    }
+    // A scalar: its hash stands for it.
+    return "#" + std::to_string(value.hashValues());
+}
+
+} // namespace
+
+ModelSnapshot snapshot(Model const &model) {
+    using Tag = ModelElement::Impl::ReflectionPrivateTag;
+    ModelSnapshot result;
+    for (ModelElement const &element : model->getAllElements()) {
+        ElementPicture picture;
+        picture.type = typeid(*element.get()).name();
+        if (auto *container = element->containerImpl())
+            picture.container = container->getUuid();
+        for (std::uint64_t index = 1;; ++index) {
+            meta::Property const property = element->getPropertyByIndex(index);
+            if (!property)
+                break;
+            try {
+                picture.values.push_back(text(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS)));
+            } catch (std::exception const &) {
+                picture.values.push_back("<unreadable>");
+            }
+        }
+        result.elements.emplace(element->getUuid(), std::move(picture));
+    }
+    for (ModelElement const &element : model->getTopLevelElements())
+        result.topLevel.push_back(element->getUuid());
+    std::sort(result.topLevel.begin(), result.topLevel.end());
+    return result;
+}
+
+std::string describeDifference(ModelSnapshot const &expected, ModelSnapshot const &actual) {
+    std::ostringstream out;
+    for (auto const &[id, picture] : expected.elements) {
+        auto const found = actual.elements.find(id);
+        if (found == actual.elements.end()) {
+            out << "missing element " << id;
+            return out.str();
+        }
+        if (found->second.container != picture.container) {
+            out << "element " << id << " in container " << found->second.container << ", expected " << picture.container;
+            return out.str();
+        }
+        for (std::size_t i = 0; i < picture.values.size() && i < found->second.values.size(); ++i)
+            if (picture.values[i] != found->second.values[i]) {
+                out << "element " << id << " property " << i + 1 << ": " << found->second.values[i] << ", expected "
+                    << picture.values[i];
+                return out.str();
+            }
+    }
+    for (auto const &[id, picture] : actual.elements)
+        if (!expected.elements.count(id)) {
+            out << "unexpected element " << id;
+            return out.str();
+        }
+    if (expected.topLevel != actual.topLevel)
+        out << "top-level elements differ";
+    return out.str();
+}
+
+} // namespace kivra::test
