@@ -5,8 +5,9 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <boost/container/small_vector.hpp>
+
 #include <cstdint>
-#include <vector>
 
 namespace kivra {
 
@@ -67,7 +68,8 @@ private:
     boost::uuids::uuid uuid_;
     Model::Impl *model_;
     meta::Class metaClass_;
-    std::vector<std::uint32_t> bits_;
+    // Two blocks cover classes of up to 61 properties without an allocation.
+    boost::container::small_vector<std::uint32_t, 2> bits_;
     std::uint64_t bitCount_;
     std::uint32_t refCount_ = 0;
 };

@@ -90,6 +90,9 @@ TransactionImpl::TransactionImpl(Model::Impl *model, TransactionGroup *group, bo
 TransactionResult TransactionImpl::voteThroughGroup(boost::optional<Value> const &argument, bool tryOnly) {
     if (group_)
         return tryOnly ? group_->tryCommit(argument) : group_->commit(argument);
+    // Alone, the transaction is its group: no group is needed until every party voted.
+    if (!isReady())
+        return TransactionResult::NotFinished;
     TransactionGroup local(nullptr, isDeep(), origin_);
     local.add(this);
     return tryOnly ? local.tryCommit(argument) : local.commit(argument);
