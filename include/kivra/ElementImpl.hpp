@@ -87,6 +87,9 @@ public:
     /// True when this coordinator runs the transactions of `model`.
     virtual bool isCoordinatorOf(Model const &model) const = 0;
     virtual bool isTransactionInProgress() const = 0;
+    /// True while observers are told of the end of a transaction: queued work waits for
+    /// the last of them.
+    virtual bool isNotifying() const { return false; }
 
 protected:
     TransactionCoordinator(boost::uuids::uuid const &uuid, ElementValidity validity) : ElementImpl(uuid, validity) {}

@@ -101,6 +101,7 @@ public:
     bool empty() const noexcept { return topLevelElements_.empty(); }
     bool isCoordinatorOf(Model const &model) const override { return model.get() == this; }
     bool isTransactionInProgress() const override { return currentTransaction_ != nullptr; }
+    bool isNotifying() const override { return !notifying_.empty(); }
     bool isRegistryModel() const noexcept { return !constellation_ && !modelURI_.empty(); }
     bool isTransientModel() const noexcept { return !constellation_ && modelURI_.empty(); }
     bool isModelDestroying() const noexcept { return validity_ == Destroying; }
@@ -202,6 +203,17 @@ public:
     DataSourceLoadingInProgressIndicator startDataSourceLoading();
     DataSourceModificationInProgressIndicator startDataSourceModification();
 
+    // --- Listeners ---------------------------------------------------------------------
+
+    /// Adds a listener's holder; a holder of a listener that is there already is dropped.
+    /// Prefer `kivra::addListener`.
+    void addListenerHolder(std::unique_ptr<ListenerHolderBase> holder);
+    /// Takes a listener off the model; see `kivra::removeListener`.
+    void removeListener(Listener const &listener);
+    /// Skips `holder` in the phases still to come of the transaction in progress.
+    void removeListenerFromTransaction(ListenerHolderBase *holder) noexcept;
+    bool hasListeners() const noexcept { return !listeners_.empty(); }
+
     // --- Element protocol: called by ModelElement::Impl ------------------------------
 
     /// Raises `ModelFrozen` or `NoOpenTransaction` when the model may not change now.
@@ -240,6 +252,8 @@ private:
     static Model make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
                       WorkQueueFactory const &factory, std::string const &domain, ModelContent content);
     void setConstellation(ModelConstellation::Impl *constellation);
+    /// Deletes every listener holder, telling each listener.
+    void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
     bool isInMultiModelConstellation() const noexcept;
 
@@ -257,6 +271,8 @@ private:
     std::int32_t dataSourceLoadingCount_ = 0;
     std::int32_t dataSourceModificationCount_ = 0;
     std::int32_t parseCount_ = 0;
+    /// The transactions whose observers are being told, innermost last.
+    std::vector<TransactionImpl *> notifying_;
     std::unique_ptr<meta::DataModelUsageProvider> usageProvider_;
     std::unique_ptr<AbstractTransactionFactoryImpl> transactionFactory_;
     UuidMap<std::int32_t> lastSeenOrdinals_;

@@ -28,6 +28,7 @@ public:
     bool isCoordinatorOf(Model const &model) const override;
     /// True while a transaction runs on any member.
     bool isTransactionInProgress() const override;
+    bool isNotifying() const override;
     bool isMultiModelConstellation() const noexcept { return models_.size() > 1; }
     std::uint64_t modelsCount() const noexcept { return models_.size(); }
     /// True when a member is referenced from outside.

@@ -70,7 +70,8 @@ public:
     log::Span getSpan();
 
 protected:
-    /// True when the coordinator is alive, between transactions, and items wait.
+    /// True when the coordinator is alive, between transactions and not telling observers
+    /// of one, and items wait.
     virtual bool isOkToProcess() const;
 
 private:

@@ -4,6 +4,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/Listener.hpp>
 #include <kivra/TransactionFactory.hpp>
 #include <kivra/WorkQueue.hpp>
 #include <kivra/UuidLiteral.hpp>
@@ -13,6 +14,7 @@
 
 #include <basalt/log/DiagnosticLogger.hpp>
 
+#include <algorithm>
 #include <atomic>
 
 namespace kivra {
@@ -113,6 +115,63 @@ Model::Impl::~Impl() {
     guardAgainstReentrantDeletion();
     if (validity_ != Invalid)
         destroy();
+    dropListeners();
+}
+
+// --- Listeners -------------------------------------------------------------------------
+
+void Model::Impl::addListenerHolder(std::unique_ptr<ListenerHolderBase> holder) {
+    for (ListenerHolderBase const *present : listeners_)
+        if (present->getListener() == holder->getListener())
+            return;
+    listeners_.push_back(holder.get());
+    if (!holder.release()->isShallow())
+        listenerDepth_ = 2;
+}
+
+void Model::Impl::removeListener(Listener const &listener) {
+    auto const found = std::find_if(listeners_.begin(), listeners_.end(),
+                                    [&](ListenerHolderBase const *holder) { return holder->getListener() == &listener; });
+    if (found == listeners_.end())
+        return;
+    std::unique_ptr<ListenerHolderBase> const holder(*found);
+    listeners_.erase(found);
+    removeListenerFromTransaction(holder.get());
+    listenerDepth_ = std::all_of(listeners_.begin(), listeners_.end(),
+                                 [](ListenerHolderBase const *remaining) { return remaining->isShallow(); })
+                         ? 1
+                         : 2;
+}
+
+void Model::Impl::removeListenerFromTransaction(ListenerHolderBase *holder) noexcept {
+    if (currentTransaction_)
+        currentTransaction_->removeListener(holder);
+    for (TransactionImpl *transaction : notifying_)
+        transaction->removeListener(holder);
+}
+
+void Model::Impl::dropListeners() noexcept {
+    std::vector<ListenerHolderBase *> holders = std::move(listeners_);
+    listeners_.clear();
+    listenerDepth_ = 1;
+    for (ListenerHolderBase *holder : holders) {
+        removeListenerFromTransaction(holder);
+        delete holder;
+    }
+}
+
+namespace detail {
+void addListenerHolder(Model const &model, std::unique_ptr<ListenerHolderBase> holder) {
+    model->addListenerHolder(std::move(holder));
+}
+} // namespace detail
+
+void removeListener(Model const &model, Listener const &listener) { model->removeListener(listener); }
+
+ListenerHolderBase::~ListenerHolderBase() {
+    listener_->listenerRemoved();
+    if (ownsListener_)
+        delete listener_;
 }
 
 void Model::Impl::removeRef() {
@@ -201,7 +260,15 @@ void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
     }
     if (reportsChanges())
         currentTransaction_->elementCreated(element);
-    usageProvider_->elementCreated(element);
+    try {
+        usageProvider_->elementCreated(element);
+    } catch (...) {
+        // A refused element was never there: no table entry, no record.
+        elements_.erase(element->getUuid());
+        if (currentTransaction_)
+            currentTransaction_->elementCreationFailed(element);
+        throw;
+    }
     if (topLevel)
         topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
 }
@@ -289,7 +356,7 @@ void Model::Impl::destroy() noexcept {
     validity_ = Destroying;
     try {
         Transaction transaction = beginTransaction(false);
-        listeners_.clear();
+        dropListeners();
         bool const multi = isInMultiModelConstellation();
         auto const topLevel = getTopLevelElements();
         for (auto const &element : topLevel)

@@ -78,6 +78,13 @@ bool ModelConstellation::Impl::isTransactionInProgress() const {
     return false;
 }
 
+bool ModelConstellation::Impl::isNotifying() const {
+    for (auto const &entry : models_)
+        if (entry.second->isNotifying())
+            return true;
+    return false;
+}
+
 void ModelConstellation::Impl::debug_validateModelContent(ModelContent content) const {
     if (content == ModelContent::Undetermined)
         return;

@@ -8,6 +8,9 @@
 #include <kivra/meta/PrimitiveType.hpp>
 
 #include <basalt/except/Exception.hpp>
+#include <basalt/log/DiagnosticLogger.hpp>
+
+#include <stdexcept>
 
 #include <algorithm>
 #include <utility>
@@ -143,13 +146,152 @@ void TransactionImpl::finish() noexcept {
         return;
     flags_ |= Finished;
     model_->transactionEnded(this);
+}
+
+TransactionImpl::~TransactionImpl() {
     // No roll-back can bring these back now: they let go of what they still hold.
-    if (destroyedElements_) {
+    if (destroyedElements_)
         for (auto const &[uuid, element] : *destroyedElements_)
             if (!element->isValid())
                 element->basicDisassociateAll();
-        destroyedElements_.reset();
+}
+
+void TransactionImpl::elementCreationFailed(ModelElement::Impl *element) {
+    if (auto const found = main_->find(element->getUuid()); found != main_->end() && found->second->isCreated())
+        main_->erase(found);
+}
+
+void TransactionImpl::removeListener(ListenerHolderBase *holder) noexcept {
+    std::replace(listeners_.begin(), listeners_.end(), holder, static_cast<ListenerHolderBase *>(nullptr));
+}
+
+// --- TransactionImpl: listeners -----------------------------------------------------
+
+std::shared_ptr<ReportData> TransactionImpl::buildReport(boost::optional<Value> const &argument) const {
+    auto report = std::make_shared<ReportData>(model_.get(), main_, origin_, isDeep(), has(DetectAndRevert),
+                                               has(AllElementsDestroying), argument);
+    for (auto const &[uuid, record] : *main_) {
+        ModelElement element = model_->findElement(uuid);
+        if (!element.get()) {
+            // Destroyed in this transaction: kept here until it ends.
+            if (!destroyedElements_ || !destroyedElements_->count(uuid))
+                throw std::out_of_range("invalid unordered_map<K, T> key");
+            element = destroyedElements_->at(uuid);
+        }
+        report->processElement(element, *record.get());
     }
+    return report;
+}
+
+void TransactionImpl::runModifiers() {
+    if (listeners_.empty() || !has(HasChanges))
+        return;
+    for (std::size_t i = 0; i < listeners_.size(); ++i) {
+        ListenerHolderBase *holder = listeners_[i];
+        if (!holder || !holder->isModifier())
+            continue;
+        // A modifier's changes are news to the next one: its report is made afresh.
+        if (!modifierReport_ || has(ChangedSinceReport)) {
+            modifierReport_ = buildReport(boost::none);
+            flags_ &= ~ChangedSinceReport;
+        }
+        if (!modifierReport_->isEmpty())
+            holder->modify(modifierReport_);
+    }
+    modifierReport_.reset();
+}
+
+bool TransactionImpl::runValidators() {
+    if (listeners_.empty() || !has(HasChanges))
+        return true;
+    std::shared_ptr<ReportData> report;
+    for (std::size_t i = 0; i < listeners_.size(); ++i) {
+        ListenerHolderBase *holder = listeners_[i];
+        if (!holder || !holder->isValidator())
+            continue;
+        if (!report)
+            report = buildReport(boost::none);
+        try {
+            if (!holder->validate(report))
+                return false;
+        } catch (basalt::InterruptException const &) {
+            throw;
+        } catch (...) {
+            return false; // a validator that fails refuses
+        }
+    }
+    return true;
+}
+
+bool TransactionImpl::hasObservers() const noexcept {
+    return std::any_of(listeners_.begin(), listeners_.end(),
+                       [](ListenerHolderBase const *holder) { return holder && holder->isObserver(); });
+}
+
+template <class Call>
+void TransactionImpl::notifyObservers(Call const &call, char const *interruptText, char const *failureText) {
+    boost::optional<Model::Freezer> freezer;
+    if (has(FreezeOnNotify))
+        freezer.emplace(model_);
+    // Work that observers queue runs after the last of them, and a listener removed
+    // meanwhile must be skipped here too.
+    struct Notifying {
+        std::vector<TransactionImpl *> &stack;
+        Notifying(std::vector<TransactionImpl *> &stack, TransactionImpl *transaction) : stack(stack) {
+            stack.push_back(transaction);
+        }
+        ~Notifying() { stack.pop_back(); }
+    } const notifying(model_->notifying_, this);
+    for (std::size_t i = 0; i < listeners_.size(); ++i) {
+        ListenerHolderBase *holder = listeners_[i];
+        if (!holder || !holder->isObserver())
+            continue;
+        try {
+            if (!call(*holder))
+                return;
+        } catch (basalt::InterruptException const &) {
+            model_->getSpan()->log(basalt::log::info, interruptText);
+            throw;
+        } catch (...) {
+            // One observer's failure must not keep the others from hearing of the end.
+            model_->getSpan()->log(basalt::log::error, failureText);
+        }
+    }
+}
+
+void TransactionImpl::notifyCommitted(boost::optional<Value> const &argument) {
+    if (!hasObservers() || !has(HasChanges))
+        return;
+    std::shared_ptr<ReportData> report;
+    notifyObservers(
+        [&](ListenerHolderBase &holder) {
+            if (!report)
+                report = buildReport(argument);
+            if (!report->isEmpty())
+                holder.transactionCommitted(report);
+            return true;
+        },
+        "InterruptException (Ctrl-C) during listener transactionCommitted() execution. Rethrowing.",
+        "Unhandled exception during listener transactionCommitted() execution");
+}
+
+std::shared_ptr<ReportData> TransactionImpl::reportForRollBack() {
+    if (!hasObservers() || !has(HasChanges))
+        return nullptr;
+    return buildReport(boost::none);
+}
+
+void TransactionImpl::notifyCanceled(std::shared_ptr<ReportData> const &report) {
+    if (!report)
+        return;
+    bool const wasDeep = isDeep();
+    notifyObservers(
+        [&](ListenerHolderBase &holder) {
+            holder.transactionCanceled(wasDeep, report);
+            return true;
+        },
+        "InterruptException (Ctrl-C) during listener transactionCanceled() execution. Rethrowing.",
+        "Unhandled exception during listener transactionCanceled() execution");
 }
 
 void TransactionImpl::abandon() noexcept {
@@ -417,7 +559,7 @@ TransactionResult TransactionGroup::tryCommit(boost::optional<Value> const &argu
     return doCommit(argument);
 }
 
-TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &) {
+TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &argument) {
     for (TransactionImpl const *transaction : transactions_)
         if (transaction->isRollBackOnly())
             return rollBack();
@@ -427,12 +569,16 @@ TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &) {
     for (TransactionImpl *transaction : transactions_)
         finalizers.emplace_back(transaction);
     try {
-        // The modifiers of every transaction run here, and may still change the models.
+        // Modifiers may still change the models; after them nothing may.
+        for (TransactionImpl *transaction : transactions_)
+            transaction->runModifiers();
         for (TransactionImpl *transaction : transactions_)
             transaction->setFlag(TransactionImpl::ChangesProhibited);
-        // The validators run here; the first to refuse rolls the group back.
+        for (TransactionImpl *transaction : transactions_)
+            if (!transaction->runValidators())
+                return rollBack();
     } catch (basalt::InterruptException const &) {
-        throw;
+        throw; // the finalizers close the transactions as a roll-back would, restoring nothing
     } catch (...) {
         return rollBack();
     }
@@ -441,7 +587,9 @@ TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &) {
     transactions_.clear();
     for (auto &finalizer : finalizers)
         finalizer.finalize();
-    // The observers are told here; the transaction is over, so they may begin new ones.
+    // The transaction is over: observers may begin new ones.
+    for (TransactionImpl *transaction : done)
+        transaction->notifyCommitted(argument);
     effectsComplete(done);
     return TransactionResult::Committed;
 }
@@ -451,8 +599,12 @@ TransactionResult TransactionGroup::rollBack() {
     finalizers.reserve(transactions_.size());
     for (TransactionImpl *transaction : transactions_)
         finalizers.emplace_back(transaction);
-    // Reports are made here, before anything is reverted, so that they show what the
+    // Reports are made before anything is reverted, so that they show what the
     // transactions did.
+    std::vector<std::shared_ptr<ReportData>> reports;
+    reports.reserve(transactions_.size());
+    for (TransactionImpl *transaction : transactions_)
+        reports.push_back(transaction->reportForRollBack());
     TransactionResult result = TransactionResult::NotFinished;
     for (TransactionImpl *transaction : transactions_)
         if (TransactionResult const r = transaction->revert(); r != TransactionResult::NotFinished)
@@ -461,7 +613,8 @@ TransactionResult TransactionGroup::rollBack() {
     transactions_.clear();
     for (auto &finalizer : finalizers)
         finalizer.finalize();
-    // The observers hear of the roll-back here.
+    for (std::size_t i = 0; i < done.size(); ++i)
+        done[i]->notifyCanceled(reports[i]);
     effectsComplete(done);
     return result;
 }

@@ -2,6 +2,8 @@
 // Not API: the implementations behind `Transaction`.
 
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/Listener.hpp>
+#include <kivra/ReportData.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/Transaction.hpp>
 #include <kivra/TransactionFactory.hpp>
@@ -42,7 +44,7 @@ protected:
 };
 
 /// The records of one transaction, by element.
-using ChangeMap = std::unordered_map<boost::uuids::uuid, ChangesHolder, services::hashers::KivraHasher<boost::uuids::uuid>>;
+using ChangeMap = ReportData::ChangeMap;
 
 /// The one transaction in progress on a model. Its reference count counts the parties
 /// that hold it (the outer handle and every open nested level), `commitRequests` those
@@ -63,6 +65,7 @@ public:
     };
 
     TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep, meta::TransactionOrigin const &origin);
+    ~TransactionImpl() override;
 
     TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
@@ -89,6 +92,18 @@ public:
 
     /// True when the element was destroyed while this transaction ran.
     bool isDestroyed(boost::uuids::uuid const &uuid) const;
+    /// Forgets the record of an element whose creation the model refused.
+    void elementCreationFailed(ModelElement::Impl *element);
+    /// Skips a listener that was taken off the model in the phases still to come.
+    void removeListener(ListenerHolderBase *holder) noexcept;
+
+    // The phases of the end, in the order the group runs them.
+    void runModifiers();
+    bool runValidators();
+    void notifyCommitted(boost::optional<Value> const &argument);
+    /// The report of what the transaction did, made before a roll-back restores anything.
+    std::shared_ptr<ReportData> reportForRollBack();
+    void notifyCanceled(std::shared_ptr<ReportData> const &report);
 
     /// Puts the model back as it was at the begin: `RolledBack`, `CannotRevert` for a
     /// shallow transaction with changes, `NotFinished` with none.
@@ -108,6 +123,11 @@ private:
     /// `ChangesProhibited` after the modifiers.
     bool passGate();
     ModelElement::Impl::Changes *entryOf(ModelElement::Impl *element);
+    std::shared_ptr<ReportData> buildReport(boost::optional<Value> const &argument) const;
+    bool hasObservers() const noexcept;
+    /// Runs `call` on each observer, freezing the model if asked, logging failures and
+    /// letting only an interrupt stop the walk.
+    template <class Call> void notifyObservers(Call const &call, char const *interruptText, char const *failureText);
     /// Votes through the group: the transaction's own, or a local one of this alone.
     TransactionResult voteThroughGroup(boost::optional<Value> const &argument, bool tryOnly);
 
@@ -119,6 +139,7 @@ private:
     std::unique_ptr<std::unordered_map<boost::uuids::uuid, ModelElement,
                                        services::hashers::KivraHasher<boost::uuids::uuid>>>
         destroyedElements_;
+    std::shared_ptr<ReportData> modifierReport_;
     std::uint32_t flags_ = 0;
     std::int32_t commitRequests_ = 0;
 };

@@ -29,7 +29,8 @@ void WorkQueue::addToWorkQueue(WorkItem &&item) {
 }
 
 bool WorkQueue::isOkToProcess() const {
-    return coordinator_->isValid() && !coordinator_->isTransactionInProgress() && !items_.empty();
+    return coordinator_->isValid() && !coordinator_->isTransactionInProgress() && !coordinator_->isNotifying() &&
+           !items_.empty();
 }
 
 void WorkQueue::processWorkQueue() {

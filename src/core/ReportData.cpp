@@ -1,0 +1,83 @@
+#include <kivra/ReportData.hpp>
+
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+#include <kivra/meta/StructuredType.hpp>
+
+namespace kivra {
+
+ReportData::ReportData(Model::Impl *model, std::shared_ptr<ChangeMap> changes, meta::TransactionOrigin origin,
+                       bool deep, bool detectAndRevert, bool allElementsDestroyed,
+                       boost::optional<Value> commitArgument)
+    : changes_(std::move(changes)), model_(model), commitArgument_(std::move(commitArgument)),
+      detectAndRevert_(detectAndRevert), deep_(deep), allElementsDestroyed_(allElementsDestroyed),
+      origin_(std::move(origin)) {}
+
+Model ReportData::getModel() const { return model_->getModel(); }
+
+bool ReportData::containsAnyModelElementChanges() const noexcept {
+    return allElementsDestroyed_ || !created_.empty() || !modified_.empty() || !destroyed_.empty() ||
+           !createdAndDestroyed_.empty();
+}
+
+bool ReportData::containsElementChanges(meta::Class const &cls) const {
+    if (allElementsDestroyed_)
+        return true;
+    for (auto const *list : {&created_, &modified_, &destroyed_, &createdAndDestroyed_})
+        for (ModelElement const &element : *list)
+            if (meta::Class const &own = element->getMetaClass(); own.get() && own->isA(cls))
+                return true;
+    return false;
+}
+
+void ReportData::processElement(ModelElement const &element, ModelElement::Impl::Changes &record) {
+    if (record.isCreated() && record.isDestroyed())
+        createdAndDestroyed_.push_back(element);
+    else if (record.isCreated())
+        created_.push_back(element);
+    else if (record.isDestroyed())
+        destroyed_.push_back(element);
+    else if (!detectAndRevert_ || record.revertUnchanged(element.get()))
+        modified_.push_back(element);
+}
+
+ModelElement::Impl::Changes *ReportData::recordOf(ModelElement const &element) const {
+    if (!element.get())
+        return nullptr;
+    auto const found = changes_->find(element->getUuid());
+    return found == changes_->end() ? nullptr : found->second.get();
+}
+
+bool ReportData::isChanged(ModelElement const &element, meta::Property const &property) const {
+    ModelElement::Impl::Changes const *record = recordOf(element);
+    return record && record->isChanged(property);
+}
+
+std::vector<meta::Property> ReportData::getChangedProperties(ModelElement const &element) const {
+    std::vector<meta::Property> result;
+    if (ModelElement::Impl::Changes const *record = recordOf(element))
+        for (std::uint64_t index = 1;; ++index) {
+            meta::Property property = element->getPropertyByIndex(index);
+            if (!property.get())
+                break;
+            if (record->isChanged(index))
+                result.push_back(std::move(property));
+        }
+    return result;
+}
+
+Value ReportData::getOldValue(ModelElement const &element, meta::Property const &property) const {
+    if (!deep_)
+        raise<messages::GetOldValueFromNonDeep>();
+    ModelElement::Impl::Changes *record = recordOf(element);
+    meta::StructuredType const owner = property ? property->getOwningType() : meta::StructuredType();
+    meta::Class const &cls = element.get() ? element->getMetaClass() : ModelElement::metaClass();
+    if (!record || !property || (owner.get() && cls.get() && !cls->isA(owner)))
+        return Value::createEmptyValue(property);
+    return static_cast<ModelElement::Impl::Storage *>(record)->getOldValue(
+        property, ModelElement::Impl::ReflectionPrivateTag::PUBLIC_ACCESS);
+}
+
+} // namespace kivra
