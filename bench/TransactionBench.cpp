@@ -39,6 +39,22 @@ void BM_UnobservedChange(benchmark::State &state) {
 }
 BENCHMARK(BM_UnobservedChange);
 
+// A commit with changes but no listener of any phase makes no report: what is left is the
+// transaction and its records.
+void BM_CommitWithoutListeners(benchmark::State &state) {
+    Model model = Model::createTransientModel();
+    Book const book = Book::create(model);
+    std::int32_t pages = 0;
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state) {
+        Transaction transaction = model->beginRevertibleTransaction();
+        book->setPages(++pages);
+        transaction.commit();
+    }
+    state.counters["allocs/commit"] = double(kivra::bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_CommitWithoutListeners);
+
 // N changes in one deep transaction, then its commit.
 void BM_DeepChanges(benchmark::State &state) {
     auto const count = static_cast<std::size_t>(state.range(0));

@@ -10,7 +10,10 @@
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/Value.hpp>
 #include <kivra/meta/DataModelUsageProvider.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
 
 #include <basalt/log/DiagnosticLogger.hpp>
 
@@ -212,8 +215,14 @@ void Model::Impl::setConstellation(ModelConstellation::Impl *constellation) {
 }
 
 log::Span Model::Impl::getSpan(std::string const &domain) {
-    if (!span_)
+    if (!span_) {
         span_ = domain.empty() ? log::Span::create("kivra::cpp") : log::Span::createWithDomain(domain, "kivra::cpp");
+        // Read when a line is written: the model may be gone by then, its identity not.
+        span_->addDynamicContext(basalt::log::info, "modelID", std::function<Value()>([id = getUuid()] {
+            static meta::PrimitiveType const type = meta::internal::getPrimitiveTypeFromMetaRegistry(u"UUID");
+            return Value(type, id);
+        }));
+    }
     return span_;
 }
 

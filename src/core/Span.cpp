@@ -1,5 +1,12 @@
 #include <kivra/log/Span.hpp>
 
+#include <kivra/Value.hpp>
+#include <kivra/io/DisplaySummaryMap.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
+#include <kivra/services/DisplaySummaryMapProvider.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
 #include <basalt/log/DiagnosticLogger.hpp>
 
 #include <utility>
@@ -8,36 +15,20 @@ namespace kivra::log {
 
 namespace {
 
-using Logger = basalt::log::basic_diagnostic_logger<char>;
+using Logger = Span::DisplaySummaryImpl::Logger;
 
-/// A span that writes its lines to the platform logger of its name.
-class LoggerSpan final : public Span::Impl {
-public:
-    LoggerSpan(Span parent, std::string domain, std::string name, std::shared_ptr<Logger> logger)
-        : parent_(std::move(parent)), domain_(std::move(domain)), name_(std::move(name)), logger_(std::move(logger)) {}
+std::shared_ptr<Logger> loggerOf(std::string const &domain, std::string const &name) {
+    return domain.empty() ? std::make_shared<Logger>(name) : std::make_shared<Logger>(domain, name);
+}
 
-    void log(std::uint32_t type, std::string const &message) override {
-        if (logger_->is_enabled(type))
-            logger_->write(type, message);
-    }
-    Span createChild(std::string const &childName) override {
-        std::string full = name_ + "::" + childName;
-        auto logger = domain_.empty() ? std::make_shared<Logger>(full) : std::make_shared<Logger>(domain_, full);
-        return Span(new LoggerSpan(Span(this), domain_, std::move(full), std::move(logger)));
-    }
-    Span createChild() override { return Span(new LoggerSpan(Span(this), domain_, name_, logger_)); }
-    bool isEnabled(std::uint32_t type) const override { return logger_->is_enabled(type); }
-    std::string const &getName() const override { return name_; }
-    std::string const &getDomain() const override { return domain_; }
-
-private:
-    Span parent_;
-    std::string domain_;
-    std::string name_;
-    std::shared_ptr<Logger> logger_;
-};
+Value textValue(char const *text) {
+    static meta::PrimitiveType const type = meta::internal::getPrimitiveTypeFromMetaRegistry(u"StdString");
+    return Value(type, std::string(text));
+}
 
 } // namespace
+
+// --- Span -------------------------------------------------------------------------------
 
 Span::Span(Impl *impl) noexcept : impl_(impl) {
     if (impl_)
@@ -59,10 +50,10 @@ void Span::reset() noexcept {
 Span::Impl *Span::release() noexcept { return std::exchange(impl_, nullptr); }
 
 Span Span::create(std::string const &name) {
-    return Span(new LoggerSpan(Span(), {}, name, std::make_shared<Logger>(name)));
+    return Span(new DisplaySummaryImpl(Span(), name, services::DisplaySummaryMapProvider::FORMAT_JSON));
 }
 Span Span::createWithDomain(std::string const &domain, std::string const &name) {
-    return Span(new LoggerSpan(Span(), domain, name, std::make_shared<Logger>(domain, name)));
+    return Span(new DisplaySummaryImpl(Span(), domain, name, services::DisplaySummaryMapProvider::FORMAT_JSON));
 }
 
 void Span::Impl::removeRef() noexcept {
@@ -70,6 +61,120 @@ void Span::Impl::removeRef() noexcept {
         refCount_ = 0xdeadbeef;
         delete this;
     }
+}
+
+// --- DisplaySummaryImpl -----------------------------------------------------------------
+
+Span::DisplaySummaryImpl::DisplaySummaryImpl(Span parent, std::string name, basalt::ustring format)
+    : format_(std::move(format)), logger_(loggerOf({}, name)), name_(std::move(name)), parent_(std::move(parent)) {}
+
+Span::DisplaySummaryImpl::DisplaySummaryImpl(Span parent, std::string domain, std::string name, basalt::ustring format)
+    : format_(std::move(format)), logger_(loggerOf(domain, name)), name_(std::move(name)), domain_(std::move(domain)),
+      parent_(std::move(parent)) {}
+
+Span::DisplaySummaryImpl::DisplaySummaryImpl(Span parent, std::string domain, std::string name,
+                                             std::shared_ptr<Logger> logger, basalt::ustring format)
+    : format_(std::move(format)), logger_(std::move(logger)), name_(std::move(name)), domain_(std::move(domain)),
+      parent_(std::move(parent)) {}
+
+Span::DisplaySummaryImpl::~DisplaySummaryImpl() = default;
+
+bool Span::DisplaySummaryImpl::isEnabled(std::uint32_t type) const noexcept { return logger_->is_enabled(type); }
+
+io::DisplaySummaryMap &Span::DisplaySummaryImpl::getDisplaySummaryMap() {
+    if (!map_)
+        map_ = io::DisplaySummaryMap::create(format_);
+    return *map_;
+}
+
+void Span::DisplaySummaryImpl::addContext(std::uint32_t type, std::string const &name,
+                                          std::function<Value()> const &value) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().add(name, value());
+}
+
+void Span::DisplaySummaryImpl::addContext(std::uint32_t type, std::string const &name, ModelElement const &element) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().add(name, element);
+}
+
+void Span::DisplaySummaryImpl::addContext(std::uint32_t type, std::string const &name, char const *text) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().add(name, textValue(text));
+}
+
+void Span::DisplaySummaryImpl::addContext(std::uint32_t type, std::string const &name, Value const &value) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().add(name, value);
+}
+
+void Span::DisplaySummaryImpl::addDynamicContext(std::uint32_t type, std::string const &name,
+                                                 std::function<ModelElement()> const &element) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().addDynamic(name, element);
+}
+
+void Span::DisplaySummaryImpl::addDynamicContext(std::uint32_t type, std::string const &name,
+                                                 std::function<Value()> const &value) {
+    if (isEnabled(type))
+        getDisplaySummaryMap().addDynamic(name, value);
+}
+
+void Span::DisplaySummaryImpl::log(std::uint32_t type, std::string const &message) {
+    if (!isEnabled(type))
+        return;
+    std::unique_ptr<io::LogDocument> document = getDisplaySummaryMap().createDocument(message);
+    // The nearest ancestor wraps first, up to the root.
+    for (Impl *ancestor = parent_.get(); ancestor;) {
+        auto *span = static_cast<DisplaySummaryImpl *>(ancestor);
+        span->getDisplaySummaryMap().wrapDocument(document.get());
+        ancestor = span->parent_.get();
+    }
+    std::string text;
+    document->visitString(text);
+    logger_->write(type, text, /*preformattedJson=*/true);
+}
+
+Span Span::DisplaySummaryImpl::createChild(std::string const &childName) {
+    std::string full = name_ + "::" + childName;
+    if (domain_.empty())
+        return Span(new DisplaySummaryImpl(Span(this), std::move(full), format_));
+    return Span(new DisplaySummaryImpl(Span(this), domain_, std::move(full), format_));
+}
+
+Span Span::DisplaySummaryImpl::createChild() {
+    return Span(new DisplaySummaryImpl(Span(this), domain_, name_, logger_, format_));
+}
+
+std::unique_ptr<SpanCreator> Span::DisplaySummaryImpl::getChildFactory(std::string const &childName) {
+    return std::make_unique<DisplaySummaryImplSpanCreator>(Span(this), childName);
+}
+
+// --- Span creators ----------------------------------------------------------------------
+
+DisplaySummaryImplSpanCreator::DisplaySummaryImplSpanCreator(Span parent, std::string const &childName)
+    : parent_(std::move(parent)) {
+    auto const *span = static_cast<Span::DisplaySummaryImpl const *>(parent_.get());
+    name_ = span->getName() + "::" + childName;
+    domain_ = span->getDomain();
+    // The expensive part, done once for every span this factory makes.
+    logger_ = loggerOf(domain_, name_);
+}
+
+Span DisplaySummaryImplSpanCreator::createSpan() const {
+    return Span(new Span::DisplaySummaryImpl(parent_, domain_, name_, logger_,
+                                             services::DisplaySummaryMapProvider::FORMAT_JSON));
+}
+
+// --- Log and raise ----------------------------------------------------------------------
+
+void detail::logBeforeRaise(Span const &span, std::string const &errorText,
+                            basalt::except::IMsgIDException const &error) {
+    if (!errorText.empty())
+        span->addContext(basalt::log::error, "error-message", errorText.c_str());
+    std::string const message = basalt::i18n::ustring_to_utf8(error.GetUnicodeMessageTxt());
+    span->addContext(basalt::log::error, "exception-message", message.c_str());
+    span->log(basalt::log::error, error.get_error_id());
 }
 
 } // namespace kivra::log

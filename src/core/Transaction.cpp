@@ -252,8 +252,12 @@ void TransactionImpl::notifyObservers(Call const &call, char const *interruptTex
         } catch (basalt::InterruptException const &) {
             model_->getSpan()->log(basalt::log::info, interruptText);
             throw;
-        } catch (...) {
+        } catch (std::exception const &error) {
             // One observer's failure must not keep the others from hearing of the end.
+            log::Span const span = model_->getSpan();
+            span->addContext(basalt::log::error, "error-message", error.what());
+            span->log(basalt::log::error, failureText);
+        } catch (...) {
             model_->getSpan()->log(basalt::log::error, failureText);
         }
     }

@@ -45,8 +45,12 @@ void WorkQueue::processWorkQueue() {
         } catch (basalt::InterruptException const &) {
             getSpan()->log(basalt::log::info, "InterruptException (Ctrl-C) during WorkQueueItem.execute. Rethrowing.");
             throw;
-        } catch (...) {
+        } catch (std::exception const &error) {
             // The queue goes on: one failed update must not hold up the others.
+            log::Span const span = getSpan();
+            span->addContext(basalt::log::error, "error-message", error.what());
+            span->log(basalt::log::error, "Unhandled exception during WorkQueueItem.execute.");
+        } catch (...) {
             getSpan()->log(basalt::log::error, "Unhandled exception during WorkQueueItem.execute.");
         }
     }
