@@ -1,8 +1,12 @@
 // A tour of kivra: each section shows one part of the library at work.
+#include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/ReportData.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
 
 #include <notes/Note.hpp>
 #include <notes/Notebook.hpp>
@@ -72,10 +76,62 @@ void models() {
     busy.commit();
 }
 
+// A validator that refuses empty notes, and an observer that says what happened.
+struct NoteKeeper : kivra::Listener {
+    bool validate(std::shared_ptr<kivra::ReportData> const &report) {
+        for (notes::Note const &note : report->of<notes::Note>(report->getModified()))
+            if (note->getText().empty()) {
+                std::cout << "validator: an empty note is refused\n";
+                return false;
+            }
+        return true;
+    }
+    void transactionCommitted(std::shared_ptr<kivra::ReportData> const &report) {
+        std::cout << "observer: " << report->getCreated().size() << " created, " << report->getModified().size()
+                  << " modified, " << report->getDestroyed().size() << " destroyed\n";
+        for (kivra::ModelElement const &element : report->getModified())
+            for (kivra::meta::Property const &property : report->getChangedProperties(element))
+                std::cout << "  " << ustring_to_utf8(property->getName()) << " was \""
+                          << ustring_to_utf8(report->getOldValue(element, property).get<basalt::ustring>()) << "\"\n";
+    }
+    void transactionCanceled(bool, std::shared_ptr<kivra::ReportData> const &) {
+        std::cout << "observer: the transaction was rolled back\n";
+    }
+};
+
+void listeners() {
+    std::cout << "== Listeners\n";
+    kivra::Model model = kivra::Model::createTransientModel();
+    NoteKeeper keeper;
+    kivra::addListener<kivra::ListenerRole::Validator | kivra::ListenerRole::Observer>(model, keeper);
+
+    notes::Note note;
+    {
+        kivra::Transaction transaction = model->beginTransaction();
+        note = notes::Note::create(model);
+        note->setText(u"call Ada");
+        transaction.commit();
+    }
+    {
+        kivra::Transaction transaction = model->beginTransaction();
+        note->setText(u"call Ada at nine");
+        transaction.commit();
+    }
+    {
+        kivra::Transaction transaction = model->beginTransaction();
+        note->setText(u"");
+        auto const result = transaction.commit();
+        std::cout << "commit result " << static_cast<int>(result) << " (rolled back), the text is still \""
+                  << ustring_to_utf8(note->getText()) << "\"\n";
+    }
+    kivra::removeListener(model, keeper);
+}
+
 } // namespace
 
 int main() {
     errors();
     models();
+    listeners();
     return 0;
 }
