@@ -320,6 +320,8 @@ public:
         if not cls.abstract:
             out.append(f"""    /// A new `{cls.name}` in `model`, top level; a nil `uuid` draws a fresh one.
     static {cls.name} create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {{}});
+    /// A proxy of a `{cls.name}` named by `proxyId`, outside the model's tables.
+    static {cls.name} createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 """)
         out.append(f"""
 protected:
@@ -332,7 +334,8 @@ protected:
 
 def write_header(mm, cls, extra_dir):
     kinds = [(p, mm.kind(p)) for p in cls.props if mm.kind(p)]
-    includes = {f"{mm.prefix}/Handles.hpp", "kivra/ChangeRecords.hpp", "kivra/ModelElement.hpp", "kivra/meta/Handles.hpp"}
+    includes = {f"{mm.prefix}/Handles.hpp", "kivra/ChangeRecords.hpp", "kivra/ModelElement.hpp", "kivra/meta/Handles.hpp",
+                "boost/optional/optional.hpp"}
     if cls.superclass != "ModelElement":
         includes.add(mm.header(cls.superclass))
     std_includes = {"cstdint"}
@@ -380,8 +383,8 @@ public:
             out.append(f"    void set{p.cap}(boost::optional<{native(p)}> const &value);\n")
         elif k in ("reference", "composite"):
             what = "owned" if k == "composite" else "referenced"
-            out.append(f"\n    /// The {what} `{p.type}`; empty when none.\n")
-            out.append(f"    {p.type} get{p.cap}() const {{ return {p.name}_; }}\n")
+            out.append(f"\n    /// The {what} `{p.type}`, resolved when it is a proxy; empty when none.\n")
+            out.append(f"    {p.type} get{p.cap}() const;\n")
             out.append(f"    void set{p.cap}({p.type} const &value);\n")
         elif k == "container-end":
             out.append(f"\n    /// The containing `{p.type}`, when this element is held by its `{p.opposite}`.\n")
@@ -423,6 +426,8 @@ protected:
         out.append("    void disassociateIncoming() override;\n")
     if any(k in ("reference", "composite") for p, k in kinds):
         out.append("    void basicDisassociateAll() override;\n")
+    if any(k == "reference" for p, k in kinds):
+        out.append("    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;\n")
     members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite")]
     if members:
         out.append("\n")
@@ -476,7 +481,7 @@ def slot_expression(mm, function, uuid_text):
 def write_source(mm, cls):
     base = mm.impl_base(cls)
     kinds = [(p, mm.kind(p)) for p in cls.props if mm.kind(p)]
-    includes = {mm.header(cls.name), "kivra/UuidLiteral.hpp", "kivra/Value.hpp", "kivra/detail/Setter.hpp",
+    includes = {mm.header(cls.name), "kivra/ElementId.hpp", "kivra/UuidLiteral.hpp", "kivra/Value.hpp", "kivra/detail/References.hpp", "kivra/detail/Setter.hpp",
                 "kivra/meta/Class.hpp", "kivra/meta/Property.hpp", "kivra/meta/detail/Metaclasses.hpp"}
     for p, k in kinds:
         if k in ("reference", "composite", "container-end"):
@@ -510,6 +515,12 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     element->notifyCreated();
     return element;
 }}
+
+{cls.name} {cls.name}::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {{
+    {cls.name} element(new Impl(model, {{}}), /*addReference=*/true);
+    element->makeProxy(proxyId);
+    return element;
+}}
 """)
     # Destruction: owned children go with their owner.
     body = []
@@ -541,22 +552,29 @@ void {cls.name}::Impl::basicDisassociateAll() {{
 {lines}    {base}::basicDisassociateAll();
 }}
 """)
+    if any(k == "reference" for p, k in kinds):
+        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k == "reference")
+        out.append(f"""
+void {cls.name}::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {{
+    // The model goes away: references let go, and far ends in other models read as none.
+{lines}    {base}::convertReferencesToProxies(multiModel, proxyId);
+}}
+""")
     for p, k in kinds:
         if k in ("value", "optional"):
             arg = f"boost::optional<{native(p)}> const &" if k == "optional" else param(p)
             out.append(f"""
 void {cls.name}::Impl::set{p.cap}({arg}value) {{ ::kivra::detail::setMember(*this, {p.name}_, value, {p.name}Index); }}
 """)
-        elif k == "reference":
+        elif k in ("reference", "composite"):
+            frame = "setReference" if k == "reference" else "setComposite"
             out.append(f"""
-void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
-    ::kivra::detail::setReference(*this, {p.name}_, value, {p.name}Property(), {p.name}Index);
+{p.type} {cls.name}::Impl::get{p.cap}() const {{
+    return ::kivra::detail::readReference(*this, const_cast<{p.type} &>({p.name}_));
 }}
-""")
-        elif k == "composite":
-            out.append(f"""
+
 void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
-    ::kivra::detail::setComposite(*this, {p.name}_, value, {p.name}Property(), {p.name}Index);
+    ::kivra::detail::{frame}(*this, {p.name}_, value, {p.name}Property(), {p.name}Index);
 }}
 """)
         elif k == "container-end":
@@ -602,7 +620,7 @@ def write_reflective(mm, cls, kinds, base):
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
         elif k in ("reference", "composite"):
             has.append(f"    if ({guard})\n        return {p.name}_.get() != nullptr;\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement({p.name}_));\n")
+            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(get{p.cap}()) : ::kivra::ModelElement({p.name}_));\n")
         else:
             has.append(f"    if ({guard})\n        return get{p.cap}().get() != nullptr;\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement(get{p.cap}()));\n")
@@ -779,7 +797,8 @@ def write_package_source(mm):
     name = package_class(mm)
     classes = mm.order()
     out = [mm.banner, f"#include <{mm.prefix}/{name}.hpp>\n\n"]
-    out += [f"#include <{i}>\n" for i in ("kivra/UuidLiteral.hpp", "kivra/meta/Class.hpp", "kivra/meta/Package.hpp",
+    out += [f"#include <{mm.header(cls.name)}>\n" for cls in classes]
+    out += [f"#include <{i}>\n" for i in ("kivra/ElementId.hpp", "kivra/UuidLiteral.hpp", "kivra/meta/Class.hpp", "kivra/meta/Package.hpp",
                                           "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp",
                                           "kivra/meta/detail/Metaclasses.hpp")]
     out.append(f"""
@@ -830,6 +849,8 @@ namespace {mm.ns} {{
     for cls in classes:
         out.append(f"    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral(\"{cls.uuid}\")) = {cls.name}_;\n")
         out.append(f"    registry().registerType({cls.name}_);\n")
+        if not cls.abstract:
+            out.append(f"    registry().registerProxyFactory({cls.name}_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) {{ return ::kivra::ModelElement({cls.name}::createProxy(model, id)); }});\n")
         for p in cls.props:
             if p.index:
                 out.append(f"    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral(\"{mm.property_uuid(p)}\")) = {cls.name}_{p.name};\n")

@@ -28,6 +28,8 @@ public:
     static Notebook fromImpl(Impl *impl) noexcept;
     /// A new `Notebook` in `model`, top level; a nil `uuid` draws a fresh one.
     static Notebook create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Notebook` named by `proxyId`, outside the model's tables.
+    static Notebook createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Notebook(Impl *impl, bool addReference) noexcept;
@@ -49,6 +51,8 @@ public:
     static Note fromImpl(Impl *impl) noexcept;
     /// A new `Note` in `model`, top level; a nil `uuid` draws a fresh one.
     static Note create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Note` named by `proxyId`, outside the model's tables.
+    static Note createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Note(Impl *impl, bool addReference) noexcept;

@@ -4,6 +4,7 @@
 /// The `Note` class of `notes`: its handle's implementation.
 
 #include <basalt/ustring.hpp>
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>

@@ -4,6 +4,7 @@
 /// The `Notebook` class of `notes`: its handle's implementation.
 
 #include <basalt/ustring.hpp>
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -31,8 +32,8 @@ public:
     basalt::ustring const & getTitle() const noexcept { return title_; }
     void setTitle(basalt::ustring const &value);
 
-    /// The owned `Note`; empty when none.
-    Note getPinned() const { return pinned_; }
+    /// The owned `Note`, resolved when it is a proxy; empty when none.
+    Note getPinned() const;
     void setPinned(Note const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;

@@ -17,6 +17,7 @@ class ModelElement;
 class ModelSpec;
 class Transaction;
 class TransactionImpl;
+class TransactionGroup;
 class Listener;
 class ListenerHolderBase;
 class ReportData;
@@ -26,6 +27,7 @@ class ModelUpdater;
 class AbstractOwnedCollection;
 class AbstractTransactionFactoryImpl;
 class ElementId;
+class ProxyId;
 class Value;
 
 namespace log {

@@ -117,6 +117,9 @@ public:
 
     /// The metaclass at the root of every element class.
     static meta::Class const &metaClass();
+    /// A proxy of an element of class `cls` named by `proxyId`, held by references in
+    /// `model` until it resolves. Raises `NoSuchType` for a class that cannot have one.
+    static ModelElement createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId);
     /// A counted handle on `impl`, or a null handle.
     static ModelElement fromImpl(Impl *impl) noexcept;
 

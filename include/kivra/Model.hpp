@@ -203,6 +203,17 @@ public:
     DataSourceLoadingInProgressIndicator startDataSourceLoading();
     DataSourceModificationInProgressIndicator startDataSourceModification();
 
+    // --- Proxies -----------------------------------------------------------------------
+
+    /// ("uuid", the element's UUID) with this model's URI, or none when `local`.
+    ProxyId getPersistentProxyId(ModelElement::Impl const *element, bool local) const;
+    /// The element `proxy` stands for, loading its model when needed; the proxy itself
+    /// when nothing is found; null while this model is being destroyed. `from` is the
+    /// referring element.
+    ModelElement resolveProxy(ModelElement::Impl const *from, ModelElement const &proxy);
+    /// As `resolveProxy`, looking only at models already present.
+    ModelElement peekResolveProxy(ModelElement::Impl const *from, ModelElement const &proxy);
+
     // --- Listeners ---------------------------------------------------------------------
 
     /// Adds a listener's holder; a holder of a listener that is there already is dropped.
@@ -244,11 +255,14 @@ private:
     friend class Model;
     friend class ModelConstellation;
     friend class TransactionImpl;
+    friend class ModelConstellation::Impl;
 
     Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
          WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
          ModelContent content);
 
+    /// Joins `group`: a transaction of this model that the group owns.
+    void doBeginTransaction(TransactionGroup *group, meta::TransactionOrigin const &origin);
     static Model make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
                       WorkQueueFactory const &factory, std::string const &domain, ModelContent content);
     void setConstellation(ModelConstellation::Impl *constellation);

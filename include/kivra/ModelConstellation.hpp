@@ -10,8 +10,25 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kivra {
+
+class TransactionGroup;
+enum class SaveModelMode : std::uint32_t;
+namespace meta {
+class TransactionOrigin;
+} // namespace meta
+
+/// Told when models join or leave a constellation.
+class ConstellationListener {
+public:
+    virtual ~ConstellationListener() = default;
+    virtual void modelAdded(ModelConstellation const &constellation, Model const &model) = 0;
+    virtual void modelRemoved(ModelConstellation const &constellation, Model const &model) = 0;
+    /// Called once when the listener is taken off, or the constellation goes away.
+    virtual void listenerRemoved(ModelConstellation const &) {}
+};
 
 /// The implementation of a constellation. It owns its models: the constellation and all
 /// its models go away together when neither it nor any of them is referenced from
@@ -22,20 +39,41 @@ public:
 
     /// Always null: a constellation is in no model.
     Model getModel() const override { return {}; }
+    /// A counted handle on this constellation.
+    ModelConstellation getModelConstellationHandle() const { return ModelConstellation(const_cast<Impl *>(this)); }
     meta::Class const &getMetaClass() const override;
     void removeRef() override;
 
     bool isCoordinatorOf(Model const &model) const override;
     /// True while a transaction runs on any member.
-    bool isTransactionInProgress() const override;
+    /// True while the models' transaction group runs.
+    bool isTransactionInProgress() const override { return group_ != nullptr; }
     bool isNotifying() const override;
     bool isMultiModelConstellation() const noexcept { return models_.size() > 1; }
     std::uint64_t modelsCount() const noexcept { return models_.size(); }
     /// True when a member is referenced from outside.
     bool hasAliveModels();
 
-    /// The member stored under `uri`, or a null handle; never loads anything.
+    /// The member stored under `uri` (or under its location form), or a null handle;
+    /// never loads anything.
     Model peekModel(std::u16string const &uri) const;
+    /// Loads the model of `uri` through the model id services and moves it into this
+    /// constellation; a registry model is returned as it is, a transient one not at all.
+    Model fetchModel(std::u16string const &uri);
+    /// Saves every member through the model id services. With `StopOnError` a failure
+    /// raises `ModelConstellationSaveFailed`; otherwise it is dropped.
+    void saveModels(SaveModelMode mode);
+    /// The element a proxy of another model stands for, loading that model when needed;
+    /// the proxy itself when nothing is found; null while being destroyed.
+    ModelElement resolveProxy(ModelElement const &proxy);
+    void setEvolveModelsWhileResolvingProxies(bool evolve) noexcept { evolveModelsWhileResolvingProxies_ = evolve; }
+    bool shouldEvolveModelsWhileResolvingProxies() const noexcept { return evolveModelsWhileResolvingProxies_; }
+
+    /// Adds a listener that the caller keeps; adding it twice does nothing.
+    void addConstellationListener(ConstellationListener *listener);
+    /// Adds a listener that the constellation owns.
+    void addOwnedConstellationListener(std::unique_ptr<ConstellationListener> listener);
+    void removeConstellationListener(ConstellationListener *listener);
     /// The URI that `uri` has led to since renames: the model's present URI, an override,
     /// or `uri` itself.
     std::u16string getLatestModelURI(std::u16string const &uri) const;
@@ -56,6 +94,12 @@ public:
     void modelIsNotExternallyReferenced(Model::Impl *model);
     /// Raises `InvalidModelContentAddedToConstellation` when `content` cannot join.
     void debug_validateModelContent(ModelContent content) const;
+    /// Begins one transaction on every member, in one group that finishes together.
+    void createTransactionGroup(bool deep, meta::TransactionOrigin const &origin);
+    /// The group has ended: it goes.
+    void transactionGroupCompleted() noexcept;
+    /// What waits for the end of the group runs now.
+    void transactionGroupEffectsComplete();
 
     /// Queues an update on the constellation's queue, unless the constellation is destroyed.
     void addToWorkQueue(WorkItem &&item);
@@ -69,10 +113,17 @@ private:
         Model::Impl *model = nullptr;
         std::u16string uri;
     };
+    struct ListenerEntry {
+        ConstellationListener *listener;
+        bool owned;
+    };
 
     std::map<std::u16string, Model::Impl *> models_;
+    TransactionGroup *group_ = nullptr;
     std::map<std::u16string, LatestEntry> latestURIs_;
+    std::vector<ListenerEntry> listeners_;
     std::shared_ptr<WorkQueue> workQueue_;
+    bool evolveModelsWhileResolvingProxies_ = false;
 };
 
 inline ModelConstellation::Impl *ModelConstellation::get() const noexcept { return static_cast<Impl *>(rawImpl()); }

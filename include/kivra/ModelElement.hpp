@@ -97,6 +97,15 @@ public:
     /// True for elements driven by the metamodel alone.
     virtual bool isReflective() const { return false; }
 
+    // --- Proxies ------------------------------------------------------------------------
+
+    /// The id a proxy stands for; none for a real element.
+    boost::optional<ProxyId> getProxyId() const;
+    /// How the element is named from elsewhere: a proxy's own id, or ("uuid", the UUID)
+    /// with the model's URI unless `local`.
+    ProxyId getPersistentProxyId(bool local) const;
+    ProxyId _getPersistentProxyId() const;
+
     // --- Creation and change protocol -----------------------------------------------
 
     /// Announces a new element to its model: it becomes `Valid` and top level.
@@ -183,6 +192,8 @@ protected:
     void clearUuid() noexcept { uuid_ = boost::uuids::uuid{}; }
     /// Roll-back brings a destroyed element back with its identity.
     void resurrect() noexcept { validity_ = Valid; }
+    /// Makes a new, unannounced element the proxy of `proxyId`.
+    void makeProxy(ProxyId const &proxyId);
     /// Drops what a destroyed element holds once no roll-back can need it.
     void releaseUnlessRestorable();
 
@@ -196,7 +207,9 @@ protected:
     virtual void disassociateIncoming() {}
     /// Destroys what the element contains; generated overrides end in this one.
     virtual void doDestroy(bool modelDestroying, bool multiModel) = 0;
-    /// Turns references into proxies when the model of their targets goes away.
+    /// Lets go of references when the element's model goes away, so that counted handles
+    /// among its elements do not keep one another alive; `proxyId` is this element's
+    /// persistent id, made on first need.
     virtual void convertReferencesToProxies(bool multiModel, boost::optional<ProxyId> &proxyId);
     /// Drops references and containment with no call to the far ends: the roll-back's way
     /// to forget a created element, whose far ends are restored by their own records.

@@ -11,11 +11,18 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/ElementId.hpp>
+#include <kivra/io/ElementId.hpp>
 #include <kivra/meta/DataModelUsageProvider.hpp>
+#include <kivra/services/ElementIdResolver.hpp>
+#include <kivra/services/ModelIdNormalizer.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 
+#include <basalt/i18n/Unicode.hpp>
 #include <basalt/log/DiagnosticLogger.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -119,6 +126,39 @@ Model::Impl::~Impl() {
     if (validity_ != Invalid)
         destroy();
     dropListeners();
+}
+
+// --- Proxies ---------------------------------------------------------------------------
+
+ProxyId Model::Impl::getPersistentProxyId(ModelElement::Impl const *element, bool local) const {
+    return ProxyId(io::ElementId::DEFAULT_IDENTIFIER_TYPE, basalt::i18n::utf8_to_ustring(boost::uuids::to_string(element->getUuid())),
+                   local ? boost::optional<std::u16string>() : boost::optional<std::u16string>(modelURI_));
+}
+
+ModelElement Model::Impl::resolveProxy(ModelElement::Impl const *, ModelElement const &proxy) {
+    if (validity_ == Destroying)
+        return {};
+    ProxyId const id = *proxy->getProxyId();
+    ModelElement found;
+    if (!id.getModelId() || *id.getModelId() == modelURI_)
+        found = services::ElementIdResolver::doFindElement(getModel(), proxy->getMetaClass(), io::ElementId(id.getElementId()));
+    else if (constellation_)
+        found = constellation_->resolveProxy(proxy);
+    return found ? found : proxy;
+}
+
+ModelElement Model::Impl::peekResolveProxy(ModelElement::Impl const *, ModelElement const &proxy) {
+    if (validity_ == Destroying)
+        return {};
+    ProxyId const id = *proxy->getProxyId();
+    ModelElement found;
+    if (!id.getModelId() || *id.getModelId() == modelURI_) {
+        found = services::ElementIdResolver::doFindElement(getModel(), proxy->getMetaClass(), io::ElementId(id.getElementId()));
+    } else if (constellation_) {
+        if (Model const other = constellation_->peekModel(*id.getModelId()); other.get() && other.get()->isValid())
+            found = services::ElementIdResolver::doFindElement(other, proxy->getMetaClass(), io::ElementId(id.getElementId()));
+    }
+    return found ? found : proxy;
 }
 
 // --- Listeners -------------------------------------------------------------------------
@@ -349,11 +389,10 @@ void Model::Impl::setModelURI(std::u16string const &uri) {
         return;
     if (!constellation_)
         raise<messages::InvalidValue>();
-    // Without a model id normalizer service the location form is the URI itself.
-    std::u16string const location = uri;
+    std::u16string const location = services::ModelIdNormalizer::convertToLocationModelId(uri);
     if (location != locationURI_)
         constellation_->modelURIAboutToChange(locationURI_, location);
-    modelURI_ = location;
+    modelURI_ = services::ModelIdNormalizer::convertToExternalModelId(location);
     locationURI_ = location;
 }
 
@@ -367,6 +406,12 @@ void Model::Impl::destroy() noexcept {
         Transaction transaction = beginTransaction(false);
         dropListeners();
         bool const multi = isInMultiModelConstellation();
+        // While every element still lives, references let go (into proxies where a class
+        // keeps them), so that nothing outside keeps this model's elements.
+        for (ModelElement const &element : getAllElements()) {
+            boost::optional<ProxyId> proxyId;
+            element->convertReferencesToProxies(multi, proxyId);
+        }
         auto const topLevel = getTopLevelElements();
         for (auto const &element : topLevel)
             element->destroyRecursively(/*modelDestroying=*/true, /*removeFromContainer=*/false, multi);
@@ -452,10 +497,23 @@ Transaction Model::Impl::innerBeginTransaction(PrivateTag, meta::TransactionOrig
         nested->addRef();
         return Transaction(nested);
     }
-    auto *transaction = new TransactionImpl(this, /*group=*/nullptr, revertible || listenerDepth_ == 2, origin);
+    bool const deep = revertible || listenerDepth_ == 2;
+    if (constellation_) {
+        // Every member gets a transaction of the one group; this begin joins its own.
+        constellation_->createTransactionGroup(deep, origin);
+        auto *nested = new NestedTransaction(currentTransaction_);
+        nested->addRef();
+        return Transaction(nested);
+    }
+    auto *transaction = new TransactionImpl(this, /*group=*/nullptr, deep, origin);
     transaction->addRef();
     currentTransaction_ = transaction;
     return Transaction(transaction);
+}
+
+void Model::Impl::doBeginTransaction(TransactionGroup *group, meta::TransactionOrigin const &origin) {
+    // Owned by the group until a handle takes it.
+    currentTransaction_ = new TransactionImpl(this, group, group->isDeep(), origin);
 }
 
 void Model::Impl::transactionEnded(TransactionImpl *transaction) {

@@ -1,12 +1,22 @@
 #include <kivra/ModelConstellation.hpp>
 
+#include "core/TransactionImpl.hpp"
+
+#include <kivra/ElementId.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/services/ElementIdResolver.hpp>
+#include <kivra/services/ModelIdNormalizer.hpp>
+
 #include <kivra/Messages.hpp>
 #include <kivra/WorkQueue.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
+#include <algorithm>
 #include <vector>
+
+#include <basalt/i18n/Unicode.hpp>
 
 namespace kivra {
 
@@ -30,6 +40,7 @@ ModelConstellation::Impl::Impl(WorkQueueFactory const &workQueueFactory) : Trans
 ModelConstellation::Impl::~Impl() {
     guardAgainstReentrantDeletion();
     destroy();
+    delete group_;
 }
 
 meta::Class const &ModelConstellation::metaClass() {
@@ -71,13 +82,6 @@ bool ModelConstellation::Impl::isCoordinatorOf(Model const &model) const {
     return false;
 }
 
-bool ModelConstellation::Impl::isTransactionInProgress() const {
-    for (auto const &entry : models_)
-        if (entry.second->isTransactionInProgress())
-            return true;
-    return false;
-}
-
 bool ModelConstellation::Impl::isNotifying() const {
     for (auto const &entry : models_)
         if (entry.second->isNotifying())
@@ -96,6 +100,9 @@ void ModelConstellation::Impl::debug_validateModelContent(ModelContent content) 
 }
 
 void ModelConstellation::Impl::addModelToConstellation(Model::Impl *model) {
+    // A group that keeps no old values could not roll the newcomer back with the rest.
+    if (group_ && !group_->isDeep())
+        raise<messages::CannotJoinShallowTransaction>();
     debug_validateModelContent(model->getModelContent());
     if (models_.count(model->getLocationURI()))
         raise<messages::UniquenessConstraint>();
@@ -103,11 +110,24 @@ void ModelConstellation::Impl::addModelToConstellation(Model::Impl *model) {
     if (ModelConstellation::Impl *previous = model->constellationImpl(); previous && previous != this)
         previous->modelIsDestroyed(model);
     model->setConstellation(this);
+    {
+        ModelConstellation const self(this);
+        Model const added = model->getModel();
+        for (auto const &entry : std::vector<ListenerEntry>(listeners_))
+            entry.listener->modelAdded(self, added);
+    }
+    if (group_)
+        model->doBeginTransaction(group_, group_->getOrigin());
     latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
 }
 
 void ModelConstellation::Impl::modelIsDestroyed(Model::Impl *model) {
     ModelConstellation keep(this);
+    {
+        Model const removed = model->getModel();
+        for (auto const &entry : std::vector<ListenerEntry>(listeners_))
+            entry.listener->modelRemoved(keep, removed);
+    }
     models_.erase(model->getLocationURI());
     for (auto entry = latestURIs_.begin(); entry != latestURIs_.end();) {
         if (entry->second.model != model) {
@@ -149,9 +169,88 @@ void ModelConstellation::Impl::processWorkQueue() {
 }
 
 Model ModelConstellation::Impl::peekModel(std::u16string const &uri) const {
-    auto const found = models_.find(uri);
+    auto found = models_.find(uri);
+    if (found == models_.end())
+        found = models_.find(services::ModelIdNormalizer::convertToLocationModelId(uri));
     return found == models_.end() ? Model() : found->second->getModel();
 }
+
+Model ModelConstellation::Impl::fetchModel(std::u16string const &uri) {
+    services::ModelLoadOptions options;
+    options.evolve = evolveModelsWhileResolvingProxies_;
+    Model const model = services::ModelIdNormalizer::load(uri, options);
+    if (!model || model->isTransientModel())
+        return {};
+    if (model->isRegistryModel())
+        return model;
+    // The service built the model in a constellation of its own: it moves here.
+    model->setModelURI(uri);
+    model->migrateToConstellation(ModelConstellation(this));
+    return model;
+}
+
+void ModelConstellation::Impl::saveModels(SaveModelMode mode) {
+    std::vector<std::pair<Model, std::u16string>> members;
+    for (auto const &[location, model] : models_)
+        members.emplace_back(model->getModel(), location);
+    for (auto const &[model, location] : members) {
+        try {
+            services::ModelIdNormalizer::save(model, location, mode);
+        } catch (std::exception const &error) {
+            if (mode == SaveModelMode::StopOnError)
+                raise<io::ModelConstellationSaveFailed>(basalt::i18n::utf8_to_ustring(error.what()));
+        }
+    }
+}
+
+ModelElement ModelConstellation::Impl::resolveProxy(ModelElement const &proxy) {
+    if (validity_ == Destroying)
+        return {};
+    ProxyId const id = *proxy->getProxyId();
+    std::u16string const uri = getLatestModelURI(id.getModelId().value_or(std::u16string()));
+    Model model = peekModel(uri);
+    if (!model)
+        model = fetchModel(uri);
+    if (!model)
+        return proxy;
+    ModelElement found = services::ElementIdResolver::doFindElement(model, proxy->getMetaClass(), io::ElementId(id.getElementId()));
+    return found ? found : proxy;
+}
+
+void ModelConstellation::Impl::addConstellationListener(ConstellationListener *listener) {
+    for (auto const &entry : listeners_)
+        if (entry.listener == listener)
+            return;
+    listeners_.push_back({listener, false});
+}
+
+void ModelConstellation::Impl::addOwnedConstellationListener(std::unique_ptr<ConstellationListener> listener) {
+    listeners_.push_back({listener.release(), true});
+}
+
+void ModelConstellation::Impl::removeConstellationListener(ConstellationListener *listener) {
+    auto const found = std::find_if(listeners_.begin(), listeners_.end(),
+                                    [&](ListenerEntry const &entry) { return entry.listener == listener; });
+    if (found == listeners_.end())
+        return;
+    ListenerEntry const entry = *found;
+    listeners_.erase(found);
+    entry.listener->listenerRemoved(ModelConstellation(this));
+    if (entry.owned)
+        delete entry.listener;
+}
+
+void ModelConstellation::Impl::createTransactionGroup(bool deep, meta::TransactionOrigin const &origin) {
+    delete std::exchange(group_, nullptr);
+    // Several models can only be rolled back together if every one keeps its old values.
+    group_ = new TransactionGroup(this, deep || models_.size() > 1, origin);
+    for (auto const &[location, model] : models_)
+        model->doBeginTransaction(group_, origin);
+}
+
+void ModelConstellation::Impl::transactionGroupCompleted() noexcept { delete std::exchange(group_, nullptr); }
+
+void ModelConstellation::Impl::transactionGroupEffectsComplete() { processWorkQueue(); }
 
 std::u16string ModelConstellation::Impl::getLatestModelURI(std::u16string const &uri) const {
     auto const found = latestURIs_.find(uri);
@@ -167,6 +266,13 @@ void ModelConstellation::Impl::setModelURIOverride(std::u16string const &uri, st
 void ModelConstellation::Impl::destroy() noexcept {
     if (validity_ == Invalid)
         return;
+    if (group_) {
+        try {
+            group_->rollBack();
+        } catch (...) {
+            // A constellation's end must not fail its caller.
+        }
+    }
     workQueue_->discardWorkQueue();
     std::vector<Model> members;
     members.reserve(models_.size());
@@ -175,6 +281,12 @@ void ModelConstellation::Impl::destroy() noexcept {
     for (auto const &model : members)
         model->destroy();
     invalidate();
+    for (auto const &entry : std::vector<ListenerEntry>(std::move(listeners_))) {
+        entry.listener->listenerRemoved(ModelConstellation(this));
+        if (entry.owned)
+            delete entry.listener;
+    }
+    listeners_.clear();
     // The handles above are the last references of the members; dropping them deletes
     // the models, which no longer count on this constellation.
     members.clear();

@@ -7,7 +7,9 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/References.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
@@ -44,11 +46,43 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
-    if (validity_ > 0) {
+    if (validity_ > 0 && !proxyId_) {
         Model keep = model_->getModel();
         model_->remove(this);
     }
+    delete proxyId_;
 }
+
+// --- Proxies -------------------------------------------------------------------------------
+
+ModelElement ModelElement::createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId) {
+    if (ModelElement proxy = meta::MetaRegistry::getInstance()->instantiateProxy(cls, model, proxyId))
+        return proxy;
+    // Without a generated class there would be a reflective element to make; a class of the
+    // metamodel itself, or an abstract one, has none.
+    raise<messages::NoSuchType>(cls.get() ? cls->getQualifiedName() : basalt::ustring());
+}
+
+void ModelElement::Impl::makeProxy(ProxyId const &proxyId) {
+    proxyId_ = new ProxyId(proxyId);
+    validity_ = Proxy;
+}
+
+boost::optional<ProxyId> ModelElement::Impl::getProxyId() const {
+    return proxyId_ ? boost::optional<ProxyId>(*proxyId_) : boost::none;
+}
+
+ProxyId ModelElement::Impl::getPersistentProxyId(bool local) const {
+    return proxyId_ ? *proxyId_ : model_->getPersistentProxyId(this, local);
+}
+
+ProxyId ModelElement::Impl::_getPersistentProxyId() const { return model_->getPersistentProxyId(this, false); }
+
+namespace detail {
+ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy) {
+    return holder.getModelImpl()->resolveProxy(&holder, proxy);
+}
+} // namespace detail
 
 Model ModelElement::Impl::getModel() const { return model_->getModel(); }
 

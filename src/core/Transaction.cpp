@@ -145,6 +145,7 @@ void TransactionImpl::finish() noexcept {
     if (isFinished())
         return;
     flags_ |= Finished;
+    group_ = nullptr; // the group is done with this transaction, and may go
     model_->transactionEnded(this);
 }
 
@@ -300,9 +301,17 @@ void TransactionImpl::notifyCanceled(std::shared_ptr<ReportData> const &report) 
 
 void TransactionImpl::abandon() noexcept {
     listeners_.clear();
+    TransactionGroup *const group = group_;
+    // Held while the group lets go of it: it may be the group's only owner.
+    Transaction const keep((addRef(), this));
     finish();
-    if (group_)
-        group_->removeTransaction(this);
+    if (group) {
+        try {
+            group->removeTransaction(this);
+        } catch (...) {
+            // The others' commit is theirs to report; a dying model cannot.
+        }
+    }
 }
 
 // --- TransactionImpl: recording ----------------------------------------------------
@@ -589,12 +598,15 @@ TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &argum
 
     std::vector<TransactionImpl *> const done = std::move(transactions_);
     transactions_.clear();
+    ModelConstellation::Impl *const coordinator = coordinator_;
     for (auto &finalizer : finalizers)
         finalizer.finalize();
+    if (coordinator)
+        coordinator->transactionGroupCompleted(); // deletes this group: no member is used below
     // The transaction is over: observers may begin new ones.
     for (TransactionImpl *transaction : done)
         transaction->notifyCommitted(argument);
-    effectsComplete(done);
+    effectsComplete(coordinator, done);
     return TransactionResult::Committed;
 }
 
@@ -615,15 +627,24 @@ TransactionResult TransactionGroup::rollBack() {
             result = r;
     std::vector<TransactionImpl *> const done = std::move(transactions_);
     transactions_.clear();
+    ModelConstellation::Impl *const coordinator = coordinator_;
     for (auto &finalizer : finalizers)
         finalizer.finalize();
+    if (coordinator)
+        coordinator->transactionGroupCompleted(); // deletes this group: no member is used below
     for (std::size_t i = 0; i < done.size(); ++i)
         done[i]->notifyCanceled(reports[i]);
-    effectsComplete(done);
+    effectsComplete(coordinator, done);
     return result;
 }
 
-void TransactionGroup::effectsComplete(std::vector<TransactionImpl *> const &transactions) {
+void TransactionGroup::effectsComplete(ModelConstellation::Impl *coordinator,
+                                       std::vector<TransactionImpl *> const &transactions) {
+    if (coordinator) {
+        ModelConstellation const keep = coordinator->getModelConstellationHandle();
+        coordinator->transactionGroupEffectsComplete();
+        return;
+    }
     for (TransactionImpl *transaction : transactions)
         transaction->model()->transactionGroupEffectsComplete();
 }

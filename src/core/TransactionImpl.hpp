@@ -5,6 +5,7 @@
 #include <kivra/Listener.hpp>
 #include <kivra/ReportData.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
 #include <kivra/TransactionFactory.hpp>
 #include <kivra/Value.hpp>
@@ -169,7 +170,8 @@ private:
 /// model's transaction alone. It acts only when all of them are ready.
 class TransactionGroup {
 public:
-    TransactionGroup(TransactionCoordinator *coordinator, bool deep, meta::TransactionOrigin origin)
+    /// A group of `coordinator`'s models, or (null) a lone model's transaction alone.
+    TransactionGroup(ModelConstellation::Impl *coordinator, bool deep, meta::TransactionOrigin origin)
         : coordinator_(coordinator), deep_(deep), origin_(std::move(origin)) {}
 
     void add(TransactionImpl *transaction) { transactions_.push_back(transaction); }
@@ -189,9 +191,10 @@ private:
     bool allReady() const;
     TransactionResult doCommit(boost::optional<Value> const &argument);
     /// What waits for the end of the group runs: the coordinator's queue, or each model's.
-    void effectsComplete(std::vector<TransactionImpl *> const &transactions);
+    /// Static: the group may be gone by then.
+    static void effectsComplete(ModelConstellation::Impl *coordinator, std::vector<TransactionImpl *> const &transactions);
 
-    TransactionCoordinator *coordinator_;
+    ModelConstellation::Impl *coordinator_;
     std::vector<TransactionImpl *> transactions_;
     bool deep_;
     meta::TransactionOrigin origin_;

@@ -123,6 +123,22 @@ void MetaRegistry::updateCollectionInstantiator(Type const &type,
         found->second.instantiators.push_back(std::move(instantiator));
 }
 
+void MetaRegistry::registerProxyFactory(Class const &cls, ProxyFactory factory) {
+    std::lock_guard lock(mutex_);
+    if (auto const found = types_.find(cls->getQualifiedName()); found != types_.end() && found->second.type == cls)
+        found->second.proxyFactory = std::move(factory);
+}
+
+ModelElement MetaRegistry::instantiateProxy(Class const &cls, Model const &model, ProxyId const &proxyId) {
+    ProxyFactory factory;
+    {
+        std::lock_guard lock(mutex_);
+        if (auto const found = types_.find(cls->getQualifiedName()); found != types_.end() && found->second.type == cls)
+            factory = found->second.proxyFactory;
+    }
+    return factory ? factory(model, proxyId) : ModelElement();
+}
+
 boost::optional<Value> MetaRegistry::instantiateUnmanagedCollection(Property const &property) {
     std::lock_guard lock(mutex_);
     Type const type = property->getType();

@@ -3,6 +3,7 @@
 /// \file
 /// The `AttributeMapAttribute` class of `kivra.meta`: its handle's implementation.
 
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Attribute.hpp>
@@ -24,8 +25,8 @@ public:
 
     Class const &getMetaClass() const override;
 
-    /// The owned `AttributeMap`; empty when none.
-    AttributeMap getValue() const { return value_; }
+    /// The owned `AttributeMap`, resolved when it is a proxy; empty when none.
+    AttributeMap getValue() const;
     void setValue(AttributeMap const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;

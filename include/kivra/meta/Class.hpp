@@ -3,6 +3,7 @@
 /// \file
 /// The `Class` class of `kivra.meta`: its handle's implementation.
 
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -30,8 +31,8 @@ public:
 
     Class const &getMetaClass() const override;
 
-    /// The referenced `Class`; empty when none.
-    Class getSuperclass() const { return superclass_; }
+    /// The referenced `Class`, resolved when it is a proxy; empty when none.
+    Class getSuperclass() const;
     void setSuperclass(Class const &value);
 
     bool getIsAbstract() const noexcept { return isAbstract_; }
@@ -58,6 +59,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     Class superclass_;
     bool isAbstract_{false};

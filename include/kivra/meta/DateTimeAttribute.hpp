@@ -4,6 +4,7 @@
 /// The `DateTimeAttribute` class of `kivra.meta`: its handle's implementation.
 
 #include <boost/date_time/posix_time/ptime.hpp>
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Attribute.hpp>

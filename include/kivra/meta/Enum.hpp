@@ -3,6 +3,7 @@
 /// \file
 /// The `Enum` class of `kivra.meta`: its handle's implementation.
 
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -27,8 +28,8 @@ public:
 
     Class const &getMetaClass() const override;
 
-    /// The referenced `PrimitiveType`; empty when none.
-    PrimitiveType getUnderlyingType() const { return underlyingType_; }
+    /// The referenced `PrimitiveType`, resolved when it is a proxy; empty when none.
+    PrimitiveType getUnderlyingType() const;
     void setUnderlyingType(PrimitiveType const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -50,6 +51,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     PrimitiveType underlyingType_;
 };

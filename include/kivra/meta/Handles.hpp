@@ -26,6 +26,8 @@ public:
     static NamedElement fromImpl(Impl *impl) noexcept;
     /// A new `NamedElement` in `model`, top level; a nil `uuid` draws a fresh one.
     static NamedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `NamedElement` named by `proxyId`, outside the model's tables.
+    static NamedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     NamedElement(Impl *impl, bool addReference) noexcept;
@@ -47,6 +49,8 @@ public:
     static TypedElement fromImpl(Impl *impl) noexcept;
     /// A new `TypedElement` in `model`, top level; a nil `uuid` draws a fresh one.
     static TypedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `TypedElement` named by `proxyId`, outside the model's tables.
+    static TypedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     TypedElement(Impl *impl, bool addReference) noexcept;
@@ -87,6 +91,8 @@ public:
     static Argument fromImpl(Impl *impl) noexcept;
     /// A new `Argument` in `model`, top level; a nil `uuid` draws a fresh one.
     static Argument create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Argument` named by `proxyId`, outside the model's tables.
+    static Argument createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Argument(Impl *impl, bool addReference) noexcept;
@@ -108,6 +114,8 @@ public:
     static Operation fromImpl(Impl *impl) noexcept;
     /// A new `Operation` in `model`, top level; a nil `uuid` draws a fresh one.
     static Operation create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Operation` named by `proxyId`, outside the model's tables.
+    static Operation createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Operation(Impl *impl, bool addReference) noexcept;
@@ -129,6 +137,8 @@ public:
     static Endpoint fromImpl(Impl *impl) noexcept;
     /// A new `Endpoint` in `model`, top level; a nil `uuid` draws a fresh one.
     static Endpoint create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Endpoint` named by `proxyId`, outside the model's tables.
+    static Endpoint createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Endpoint(Impl *impl, bool addReference) noexcept;
@@ -150,6 +160,8 @@ public:
     static Property fromImpl(Impl *impl) noexcept;
     /// A new `Property` in `model`, top level; a nil `uuid` draws a fresh one.
     static Property create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Property` named by `proxyId`, outside the model's tables.
+    static Property createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Property(Impl *impl, bool addReference) noexcept;
@@ -171,6 +183,8 @@ public:
     static Extension fromImpl(Impl *impl) noexcept;
     /// A new `Extension` in `model`, top level; a nil `uuid` draws a fresh one.
     static Extension create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Extension` named by `proxyId`, outside the model's tables.
+    static Extension createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Extension(Impl *impl, bool addReference) noexcept;
@@ -192,6 +206,8 @@ public:
     static Type fromImpl(Impl *impl) noexcept;
     /// A new `Type` in `model`, top level; a nil `uuid` draws a fresh one.
     static Type create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Type` named by `proxyId`, outside the model's tables.
+    static Type createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Type(Impl *impl, bool addReference) noexcept;
@@ -213,6 +229,8 @@ public:
     static StructuredType fromImpl(Impl *impl) noexcept;
     /// A new `StructuredType` in `model`, top level; a nil `uuid` draws a fresh one.
     static StructuredType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `StructuredType` named by `proxyId`, outside the model's tables.
+    static StructuredType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     StructuredType(Impl *impl, bool addReference) noexcept;
@@ -234,6 +252,8 @@ public:
     static Class fromImpl(Impl *impl) noexcept;
     /// A new `Class` in `model`, top level; a nil `uuid` draws a fresh one.
     static Class create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Class` named by `proxyId`, outside the model's tables.
+    static Class createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Class(Impl *impl, bool addReference) noexcept;
@@ -255,6 +275,8 @@ public:
     static DataType fromImpl(Impl *impl) noexcept;
     /// A new `DataType` in `model`, top level; a nil `uuid` draws a fresh one.
     static DataType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `DataType` named by `proxyId`, outside the model's tables.
+    static DataType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     DataType(Impl *impl, bool addReference) noexcept;
@@ -276,6 +298,8 @@ public:
     static PrimitiveType fromImpl(Impl *impl) noexcept;
     /// A new `PrimitiveType` in `model`, top level; a nil `uuid` draws a fresh one.
     static PrimitiveType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `PrimitiveType` named by `proxyId`, outside the model's tables.
+    static PrimitiveType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     PrimitiveType(Impl *impl, bool addReference) noexcept;
@@ -297,6 +321,8 @@ public:
     static Enum fromImpl(Impl *impl) noexcept;
     /// A new `Enum` in `model`, top level; a nil `uuid` draws a fresh one.
     static Enum create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Enum` named by `proxyId`, outside the model's tables.
+    static Enum createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Enum(Impl *impl, bool addReference) noexcept;
@@ -318,6 +344,8 @@ public:
     static EnumLiteral fromImpl(Impl *impl) noexcept;
     /// A new `EnumLiteral` in `model`, top level; a nil `uuid` draws a fresh one.
     static EnumLiteral create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `EnumLiteral` named by `proxyId`, outside the model's tables.
+    static EnumLiteral createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     EnumLiteral(Impl *impl, bool addReference) noexcept;
@@ -339,6 +367,8 @@ public:
     static Package fromImpl(Impl *impl) noexcept;
     /// A new `Package` in `model`, top level; a nil `uuid` draws a fresh one.
     static Package create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Package` named by `proxyId`, outside the model's tables.
+    static Package createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Package(Impl *impl, bool addReference) noexcept;
@@ -360,6 +390,8 @@ public:
     static DynamicExtensions fromImpl(Impl *impl) noexcept;
     /// A new `DynamicExtensions` in `model`, top level; a nil `uuid` draws a fresh one.
     static DynamicExtensions create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `DynamicExtensions` named by `proxyId`, outside the model's tables.
+    static DynamicExtensions createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     DynamicExtensions(Impl *impl, bool addReference) noexcept;
@@ -400,6 +432,8 @@ public:
     static AttributeMap fromImpl(Impl *impl) noexcept;
     /// A new `AttributeMap` in `model`, top level; a nil `uuid` draws a fresh one.
     static AttributeMap create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `AttributeMap` named by `proxyId`, outside the model's tables.
+    static AttributeMap createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     AttributeMap(Impl *impl, bool addReference) noexcept;
@@ -421,6 +455,8 @@ public:
     static AttributeMapAttribute fromImpl(Impl *impl) noexcept;
     /// A new `AttributeMapAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static AttributeMapAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `AttributeMapAttribute` named by `proxyId`, outside the model's tables.
+    static AttributeMapAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     AttributeMapAttribute(Impl *impl, bool addReference) noexcept;
@@ -442,6 +478,8 @@ public:
     static BooleanAttribute fromImpl(Impl *impl) noexcept;
     /// A new `BooleanAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static BooleanAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `BooleanAttribute` named by `proxyId`, outside the model's tables.
+    static BooleanAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     BooleanAttribute(Impl *impl, bool addReference) noexcept;
@@ -463,6 +501,8 @@ public:
     static DateTimeAttribute fromImpl(Impl *impl) noexcept;
     /// A new `DateTimeAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static DateTimeAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `DateTimeAttribute` named by `proxyId`, outside the model's tables.
+    static DateTimeAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     DateTimeAttribute(Impl *impl, bool addReference) noexcept;
@@ -484,6 +524,8 @@ public:
     static IntegerAttribute fromImpl(Impl *impl) noexcept;
     /// A new `IntegerAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static IntegerAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `IntegerAttribute` named by `proxyId`, outside the model's tables.
+    static IntegerAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     IntegerAttribute(Impl *impl, bool addReference) noexcept;
@@ -505,6 +547,8 @@ public:
     static RealAttribute fromImpl(Impl *impl) noexcept;
     /// A new `RealAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static RealAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `RealAttribute` named by `proxyId`, outside the model's tables.
+    static RealAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     RealAttribute(Impl *impl, bool addReference) noexcept;
@@ -526,6 +570,8 @@ public:
     static StringAttribute fromImpl(Impl *impl) noexcept;
     /// A new `StringAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static StringAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `StringAttribute` named by `proxyId`, outside the model's tables.
+    static StringAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     StringAttribute(Impl *impl, bool addReference) noexcept;
@@ -547,6 +593,8 @@ public:
     static UUIDAttribute fromImpl(Impl *impl) noexcept;
     /// A new `UUIDAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
     static UUIDAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `UUIDAttribute` named by `proxyId`, outside the model's tables.
+    static UUIDAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     UUIDAttribute(Impl *impl, bool addReference) noexcept;

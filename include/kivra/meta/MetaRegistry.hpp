@@ -11,6 +11,7 @@
 
 #include <boost/optional/optional.hpp>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -76,6 +77,12 @@ public:
     /// Adds a maker of collections to a registered type, for a metamodel that serves a
     /// type another one owns.
     void updateCollectionInstantiator(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator);
+    /// How proxies of a class are made: the generated classes of a package enter theirs.
+    using ProxyFactory = std::function<ModelElement(Model const &, ProxyId const &)>;
+    void registerProxyFactory(Class const &cls, ProxyFactory factory);
+    /// A proxy of `cls` made by its factory; an empty handle when the class has none.
+    ModelElement instantiateProxy(Class const &cls, Model const &model, ProxyId const &proxyId);
+
     /// A free-standing empty collection value for `property`, made by the instantiators of
     /// its type; none when they cannot make it.
     boost::optional<Value> instantiateUnmanagedCollection(Property const &property);
@@ -105,6 +112,7 @@ private:
     struct TypeRecord {
         Type type;
         std::vector<std::unique_ptr<detail::CollectionInstantiator>> instantiators;
+        ProxyFactory proxyFactory;
     };
 
     Model model_;

@@ -3,6 +3,7 @@
 /// \file
 /// The `PrimitiveType` class of `kivra.meta`: its handle's implementation.
 
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>

@@ -96,8 +96,8 @@ public:
     bool getIsUnique() const noexcept { return isUnique_; }
     void setIsUnique(bool value);
 
-    /// The referenced `Property`; empty when none.
-    Property getQualifiedBy() const { return qualifiedBy_; }
+    /// The referenced `Property`, resolved when it is a proxy; empty when none.
+    Property getQualifiedBy() const;
     void setQualifiedBy(Property const &value);
 
     bool getCustomQualification() const noexcept { return customQualification_; }
@@ -106,8 +106,8 @@ public:
     bool getIsQualificationUnique() const noexcept { return isQualificationUnique_; }
     void setIsQualificationUnique(bool value);
 
-    /// The referenced `Property`; empty when none.
-    Property getOpposite() const { return opposite_; }
+    /// The referenced `Property`, resolved when it is a proxy; empty when none.
+    Property getOpposite() const;
     void setOpposite(Property const &value);
 
     std::int32_t getPropertyIndex() const noexcept { return propertyIndex_; }
@@ -167,6 +167,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     bool isDerived_{false};
     bool isComposite_{false};

@@ -3,6 +3,7 @@
 /// \file
 /// The `TypedElement` class of `kivra.meta`: its handle's implementation.
 
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -36,8 +37,8 @@ public:
 
     Class const &getMetaClass() const override;
 
-    /// The referenced `Type`; empty when none.
-    Type getType() const { return type_; }
+    /// The referenced `Type`, resolved when it is a proxy; empty when none.
+    Type getType() const;
     void setType(Type const &value);
 
     std::uint32_t getLower() const noexcept { return lower_; }
@@ -71,6 +72,7 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     Type type_;
     std::uint32_t lower_{0};

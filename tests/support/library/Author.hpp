@@ -4,6 +4,7 @@
 /// The `Author` class of `library`: its handle's implementation.
 
 #include <basalt/ustring.hpp>
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -34,8 +35,8 @@ public:
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
 
-    /// The referenced `Book`; empty when none.
-    Book getFavourite() const { return favourite_; }
+    /// The referenced `Book`, resolved when it is a proxy; empty when none.
+    Book getFavourite() const;
     void setFavourite(Book const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -58,6 +59,7 @@ protected:
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     basalt::ustring name_{};
     Book favourite_;

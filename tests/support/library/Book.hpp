@@ -66,23 +66,23 @@ public:
     /// Moves this element into `value`'s `featured`, or out of its container.
     void setShelf(Shelf const &value);
 
-    /// The referenced `Author`; empty when none.
-    Author getAuthor() const { return author_; }
+    /// The referenced `Author`, resolved when it is a proxy; empty when none.
+    Author getAuthor() const;
     void setAuthor(Author const &value);
 
     std::int32_t getPages() const noexcept { return pages_; }
     void setPages(std::int32_t value);
 
-    /// The referenced `Book`; empty when none.
-    Book getSequel() const { return sequel_; }
+    /// The referenced `Book`, resolved when it is a proxy; empty when none.
+    Book getSequel() const;
     void setSequel(Book const &value);
 
     boost::optional<std::string> const &getIsbn() const noexcept { return isbn_; }
     bool hasIsbn() const noexcept { return isbn_.has_value(); }
     void setIsbn(boost::optional<std::string> const &value);
 
-    /// The owned `Book`; empty when none.
-    Book getAppendix() const { return appendix_; }
+    /// The owned `Book`, resolved when it is a proxy; empty when none.
+    Book getAppendix() const;
     void setAppendix(Book const &value);
 
     /// The containing `Book`, when this element is held by its `appendix`.
@@ -110,6 +110,7 @@ protected:
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
 
     basalt::ustring title_{};
     boost::optional<basalt::ustring> subtitle_;

@@ -28,6 +28,8 @@ public:
     static Shelf fromImpl(Impl *impl) noexcept;
     /// A new `Shelf` in `model`, top level; a nil `uuid` draws a fresh one.
     static Shelf create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Shelf` named by `proxyId`, outside the model's tables.
+    static Shelf createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Shelf(Impl *impl, bool addReference) noexcept;
@@ -49,6 +51,8 @@ public:
     static Book fromImpl(Impl *impl) noexcept;
     /// A new `Book` in `model`, top level; a nil `uuid` draws a fresh one.
     static Book create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
+    static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Book(Impl *impl, bool addReference) noexcept;
@@ -70,6 +74,8 @@ public:
     static Novel fromImpl(Impl *impl) noexcept;
     /// A new `Novel` in `model`, top level; a nil `uuid` draws a fresh one.
     static Novel create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Novel` named by `proxyId`, outside the model's tables.
+    static Novel createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Novel(Impl *impl, bool addReference) noexcept;
@@ -91,6 +97,8 @@ public:
     static Author fromImpl(Impl *impl) noexcept;
     /// A new `Author` in `model`, top level; a nil `uuid` draws a fresh one.
     static Author create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
+    /// A proxy of a `Author` named by `proxyId`, outside the model's tables.
+    static Author createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
 protected:
     Author(Impl *impl, bool addReference) noexcept;

@@ -4,6 +4,7 @@
 /// The `Shelf` class of `library`: its handle's implementation.
 
 #include <basalt/ustring.hpp>
+#include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -31,8 +32,8 @@ public:
     basalt::ustring const & getLabel() const noexcept { return label_; }
     void setLabel(basalt::ustring const &value);
 
-    /// The owned `Book`; empty when none.
-    Book getFeatured() const { return featured_; }
+    /// The owned `Book`, resolved when it is a proxy; empty when none.
+    Book getFeatured() const;
     void setFeatured(Book const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;

@@ -1,0 +1,259 @@
+#include <library/Author.hpp>
+#include <library/Book.hpp>
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Listener.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/ReportData.hpp>
+#include <kivra/WorkQueue.hpp>
+#include <kivra/services/ModelIdNormalizer.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kivra::test::library {
+namespace {
+
+using R = TransactionResult;
+
+basalt::ustring textOf(boost::uuids::uuid const &id) { return basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)); }
+
+struct PhaseJournal : Listener {
+    std::vector<std::string> &journal;
+    std::string name;
+    PhaseJournal(std::vector<std::string> &journal, std::string name) : journal(journal), name(std::move(name)) {}
+    void modify(std::shared_ptr<ReportData> const &) { journal.push_back(name + ":modify"); }
+    bool validate(std::shared_ptr<ReportData> const &) { return journal.push_back(name + ":validate"), true; }
+    void transactionCommitted(std::shared_ptr<ReportData> const &) { journal.push_back(name + ":committed"); }
+};
+
+TEST(Constellation, MembersCommitAsOne) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    std::vector<std::string> journal;
+    PhaseJournal onA(journal, "a"), onB(journal, "b");
+    constexpr unsigned roles = ListenerRole::Modifier | ListenerRole::Validator | ListenerRole::Observer;
+    addListener<roles>(a, onA);
+    addListener<roles>(b, onB);
+
+    Transaction inA = a->beginTransaction();
+    EXPECT_TRUE(b->isTransactionInProgress()); // one group for all members
+    Transaction inB = b->beginTransaction();
+    Book::create(a);
+    Book::create(b);
+    EXPECT_EQ(inA.commit(), R::NotFinished); // b's handle has not voted
+    EXPECT_TRUE(journal.empty());
+    EXPECT_EQ(inB.commit(), R::Committed);
+    EXPECT_EQ(journal, (std::vector<std::string>{"a:modify", "b:modify", "a:validate", "b:validate", "a:committed",
+                                                 "b:committed"}));
+    EXPECT_FALSE(constellation->isTransactionInProgress());
+
+    // Several members: every group is deep, and rolls back as one.
+    Transaction both = a->beginTransaction();
+    Book::create(a);
+    Book::create(b);
+    EXPECT_EQ(both.rollBack(), R::RolledBack);
+    EXPECT_EQ(a->elementCount(), 1u);
+    EXPECT_EQ(b->elementCount(), 1u);
+    removeListener(a, onA);
+    removeListener(b, onB);
+}
+
+TEST(Constellation, ModelJoinsOnlyADeepGroup) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model first = Model::create(constellation);
+    {
+        Transaction shallow = first->beginTransaction();
+        EXPECT_THROW(Model::create(constellation), Error<messages::CannotJoinShallowTransaction>);
+        EXPECT_EQ(constellation->modelsCount(), 1u);
+        shallow.commit();
+    }
+    Transaction deep = first->beginRevertibleTransaction();
+    Model second = Model::create(constellation);
+    EXPECT_TRUE(second->isTransactionInProgress()); // it joined the running group
+    Book::create(second);
+    EXPECT_EQ(deep.commit(), R::Committed);
+    EXPECT_FALSE(second->isTransactionInProgress());
+    EXPECT_EQ(second->elementCount(), 1u);
+}
+
+TEST(Constellation, UriHistoryFollowsRenamesAndDestruction) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model model = Model::create(constellation);
+    Model other = Model::create(constellation);
+    basalt::ustring const memory = model->getModelURI();
+    model->setModelURI(u"file:///one");
+    EXPECT_EQ(constellation->getLatestModelURI(memory), u"file:///one");
+    model->setModelURI(u"file:///two");
+    EXPECT_EQ(constellation->getLatestModelURI(memory), u"file:///two");
+    EXPECT_EQ(constellation->getLatestModelURI(u"file:///one"), u"file:///two");
+
+    model->destroy();
+    // Every old URI leads to the last URI it had, which can be loaded again.
+    EXPECT_EQ(constellation->getLatestModelURI(u"file:///one"), u"file:///two");
+    EXPECT_EQ(constellation->getLatestModelURI(memory), u"file:///two");
+    // A model that only ever had its memory URI leaves no history.
+    basalt::ustring const otherMemory = other->getModelURI();
+    other->destroy();
+    EXPECT_EQ(constellation->getLatestModelURI(otherMemory), otherMemory);
+    constellation->setModelURIOverride(u"file:///one", u"file:///elsewhere");
+    EXPECT_EQ(constellation->getLatestModelURI(u"file:///one"), u"file:///elsewhere");
+}
+
+TEST(Proxy, ResolvesInPlaceWithoutTransactionOrListener) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model model = Model::create(constellation);
+    Book book = Book::create(model);
+    auto const authorId = ElementImpl::generateNewUuid();
+    Author const proxy = Author::createProxy(model, ProxyId(u"uuid", textOf(authorId), boost::none));
+    EXPECT_TRUE(proxy->isProxy());
+    EXPECT_EQ(proxy->getPersistentProxyId(false), *proxy->getProxyId());
+    book->setAuthor(proxy);
+    EXPECT_THROW(proxy->setName(u"x"), Error<messages::CannotModifyProxy>);
+
+    Author unresolved = book->getAuthor(); // the element is not there yet
+    EXPECT_TRUE(unresolved);
+    EXPECT_TRUE(unresolved->isProxy());
+
+    Author real = Author::create(model, authorId);
+    std::vector<std::string> journal;
+    PhaseJournal observer(journal, "o");
+    addListener<ListenerRole::Observer>(model, observer);
+    EXPECT_EQ(book->getAuthor(), real); // resolved and replaced in place
+    EXPECT_FALSE(model->isTransactionInProgress());
+    EXPECT_TRUE(journal.empty());
+    removeListener(model, observer);
+
+    ProxyId const local = book->getPersistentProxyId(true);
+    EXPECT_FALSE(local.getModelId());
+    EXPECT_EQ(local.getIdentifier(), textOf(book->getUuid()));
+    EXPECT_EQ(book->getPersistentProxyId(false).getModelId().value_or(u""), model->getModelURI());
+}
+
+TEST(Proxy, ReferencesIntoOtherModelsAfterDestruction) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    Transaction transaction = a->beginTransaction();
+    Book reader = Book::create(a);
+    Book target = Book::create(b);
+    Book neighbour = Book::create(a);
+    reader->setSequel(target);
+    neighbour->setSequel(reader);
+    transaction.commit();
+
+    Transaction removal = b->beginTransaction();
+    target->destroy();
+    removal.commit();
+    EXPECT_EQ(reader->getSequel().get(), nullptr); // another model's destroyed element reads as none
+
+    // A whole model destroyed: references into it read as none, and nothing keeps it.
+    Transaction more = a->beginTransaction();
+    Book second = Book::create(b);
+    reader->setSequel(second);
+    more.commit();
+    b->destroy();
+    EXPECT_EQ(reader->getSequel().get(), nullptr);
+    EXPECT_EQ(constellation->modelsCount(), 1u);
+}
+
+// Loads "test-load:" URIs by building a model in a constellation of its own.
+struct LoadingNormalizer : services::ModelIdNormalizer {
+    int loads = 0;
+    boost::uuids::uuid elementId = ElementImpl::generateNewUuid();
+    boost::optional<basalt::ustring> toLocationModelId(basalt::ustring const &) override { return boost::none; }
+    boost::optional<basalt::ustring> toExternalModelId(basalt::ustring const &) override { return boost::none; }
+    Model loadModel(basalt::ustring const &location, services::ModelLoadOptions const &) override {
+        if (location.rfind(u"test-load:", 0) != 0)
+            return {};
+        ++loads;
+        Model model = Model::create(ModelConstellation::create());
+        Book::create(model, elementId);
+        return model;
+    }
+    bool saveModel(Model const &, basalt::ustring const &, SaveModelMode) override { return false; }
+};
+
+TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
+    static auto const normalizer = std::make_shared<LoadingNormalizer>();
+    static bool const registered = (services::registerModelIdNormalizer(normalizer), true);
+    (void)registered;
+    ModelConstellation constellation = ModelConstellation::create();
+    Model model = Model::create(constellation);
+    Book book = Book::create(model);
+    Book const proxy = Book::createProxy(model, ProxyId(u"uuid", textOf(normalizer->elementId), basalt::ustring(u"test-load:shelf")));
+
+    int const before = normalizer->loads;
+    EXPECT_TRUE(model->peekResolveProxy(book.get(), proxy)->isProxy());
+    EXPECT_EQ(normalizer->loads, before);
+
+    Transaction transaction = model->beginTransaction();
+    book->setSequel(proxy);
+    transaction.commit();
+    Book const loaded = book->getSequel();
+    EXPECT_EQ(normalizer->loads, before + 1);
+    ASSERT_FALSE(loaded->isProxy());
+    EXPECT_EQ(loaded->getUuid(), normalizer->elementId);
+    EXPECT_EQ(constellation->modelsCount(), 2u); // the loaded model joined
+    EXPECT_EQ(constellation->peekModel(u"test-load:shelf"), loaded->getModel());
+}
+
+struct Membership : ConstellationListener {
+    std::vector<std::string> events;
+    void modelAdded(ModelConstellation const &, Model const &) override { events.push_back("added"); }
+    void modelRemoved(ModelConstellation const &, Model const &) override { events.push_back("removed"); }
+    void listenerRemoved(ModelConstellation const &) override { events.push_back("listener removed"); }
+};
+
+TEST(Constellation, ListenersHearOfMembersAndOfTheirOwnRemoval) {
+    Membership membership;
+    {
+        ModelConstellation constellation = ModelConstellation::create();
+        constellation->addConstellationListener(&membership);
+        Model model = Model::create(constellation);
+        model->destroy();
+    }
+    EXPECT_EQ(membership.events, (std::vector<std::string>{"added", "removed", "listener removed"}));
+}
+
+TEST(Constellation, LastOutsideHandleFreesEverything) {
+    int freed = 0;
+    struct TracedQueue : WorkQueue {
+        int &freed;
+        TracedQueue(TransactionCoordinator const *owner, int &freed) : WorkQueue(owner, {}), freed(freed) {}
+        ~TracedQueue() override { ++freed; }
+    };
+    Book kept;
+    {
+        ModelConstellation constellation =
+            ModelConstellation::create([&](TransactionCoordinator const *owner, log::Span) {
+                return std::make_shared<TracedQueue>(owner, freed);
+            });
+        Model a = Model::create(constellation);
+        Model b = Model::create(constellation);
+        Transaction transaction = a->beginTransaction();
+        Book one = Book::create(a);
+        Book two = Book::create(b);
+        Author author = Author::create(b);
+        one->setSequel(two);
+        two->setSequel(one);
+        one->setAuthor(author); // both ends, across the models
+        transaction.commit();
+        kept = one;
+    }
+    // An element handle is no hold on its model: everything went with the last outside
+    // handle, in spite of the references between the models, and the element is a tombstone.
+    EXPECT_EQ(freed, 1);
+    EXPECT_FALSE(kept);
+    kept.reset();
+}
+
+} // namespace
+} // namespace kivra::test::library
