@@ -39,7 +39,7 @@ public:
     /// The metaclass that describes models.
     static meta::Class const &metaClass();
 
-    /// A new model in a new constellation, or in the spec's constellation when it is valid.
+    /// A new model in the `ModelSpec`'s constellation when it is valid, else in a new one.
     static Model create(ModelSpec const &spec);
     /// A new model in `constellation`, or in a new one when the handle is null.
     static Model create(ModelConstellation const &constellation, WorkQueueFactory const &factory = {});

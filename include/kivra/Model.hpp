@@ -26,8 +26,8 @@ enum class ModelContent : std::uint32_t {
     Undetermined = 0,       ///< nothing created yet, nothing declared
     InferredReified = 1,    ///< the first element was reified
     InferredReflective = 2, ///< the first element was reflective
-    DeclaredReified = 3,    ///< fixed by the spec for the model's life
-    DeclaredReflective = 4, ///< fixed by the spec for the model's life
+    DeclaredReified = 3,    ///< fixed by the `ModelSpec` for the model's life
+    DeclaredReflective = 4, ///< fixed by the `ModelSpec` for the model's life
 };
 
 /// Where `findElement` may look.
