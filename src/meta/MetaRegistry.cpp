@@ -109,7 +109,7 @@ PrimitiveType MetaRegistry::getPrimitiveType(basalt::ustring const &name) {
 void MetaRegistry::registerType(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator) {
     std::lock_guard lock(mutex_);
     basalt::ustring name = type->getQualifiedName();
-    TypeRecord record{type, {}};
+    TypeRecord record{type, {}, {}};
     if (instantiator)
         record.instantiators.push_back(std::move(instantiator));
     if (!types_.emplace(name, std::move(record)).second)

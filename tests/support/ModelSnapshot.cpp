@@ -37,7 +37,8 @@ ModelSnapshot snapshot(Model const &model) {
     ModelSnapshot result;
     for (ModelElement const &element : model->getAllElements()) {
         ElementPicture picture;
-        picture.type = typeid(*element.get()).name();
+        ModelElement::Impl const &object = *element.get();
+        picture.type = typeid(object).name();
         if (auto *container = element->containerImpl())
             picture.container = container->getUuid();
         for (std::uint64_t index = 1;; ++index) {
