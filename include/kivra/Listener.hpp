@@ -78,7 +78,8 @@ enum ListenerRole : unsigned {
 };
 
 /// The holder of a listener of class `T` in the roles `Roles`: calls the member
-/// functions of `T` that the roles name, and keeps the last report.
+/// functions of `T` that the roles name. It keeps no report: a report holds its model,
+/// and the model holds its listeners.
 template <class T, unsigned Roles> class ListenerHolder final : public ListenerHolderBase {
 public:
     ListenerHolder(T *listener, bool ownsListener)
@@ -87,31 +88,26 @@ public:
           listener_(listener) {}
 
     void modify(std::shared_ptr<ReportData> const &report) override {
-        report_ = report;
         if constexpr ((Roles & Modifier) != 0)
             listener_->modify(report);
     }
     bool validate(std::shared_ptr<ReportData> const &report) override {
-        report_ = report;
         if constexpr ((Roles & Validator) != 0)
             return listener_->validate(report);
         else
             return true;
     }
     void transactionCommitted(std::shared_ptr<ReportData> const &report) override {
-        report_ = report;
         if constexpr ((Roles & Observer) != 0)
             listener_->transactionCommitted(report);
     }
     void transactionCanceled(bool wasDeep, std::shared_ptr<ReportData> const &report) override {
-        report_ = report;
         if constexpr ((Roles & Observer) != 0 && requires { listener_->transactionCanceled(wasDeep, report); })
             listener_->transactionCanceled(wasDeep, report);
     }
 
 private:
     T *listener_;
-    std::shared_ptr<ReportData> report_;
 };
 
 namespace detail {

@@ -108,6 +108,7 @@ public:
 private:
     friend class ModelConstellation;
     explicit Impl(WorkQueueFactory const &workQueueFactory);
+    template <class Call> void forEachListener(Call const &call);
 
     struct LatestEntry {
         Model::Impl *model = nullptr;

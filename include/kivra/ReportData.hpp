@@ -4,6 +4,7 @@
 
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/Handles.hpp>
+#include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/TransactionOrigin.hpp>
 #include <kivra/services/Hashers.hpp>
@@ -75,7 +76,7 @@ private:
     ModelElement::Impl::Changes *recordOf(ModelElement const &element) const;
 
     std::shared_ptr<ChangeMap> changes_;
-    Model::Impl *model_;
+    Model model_; // counted: a listener may keep the report longer than others keep the model
     std::vector<ModelElement> created_;
     std::vector<ModelElement> modified_;
     std::vector<ModelElement> destroyed_;

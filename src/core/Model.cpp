@@ -290,7 +290,8 @@ std::vector<ModelElement> Model::Impl::getTopLevelElements() const {
 }
 
 void Model::Impl::validateTransaction() const {
-    if (validity_ == Destroying)
+    // A roll-back puts things back even in a frozen model: it must not stop half way.
+    if (validity_ == Destroying || (currentTransaction_ && currentTransaction_->has(TransactionImpl::ApplyingRollBack)))
         return;
     if (freezeCount_ != 0)
         raise<messages::ModelFrozen>();

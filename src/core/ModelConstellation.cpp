@@ -110,23 +110,30 @@ void ModelConstellation::Impl::addModelToConstellation(Model::Impl *model) {
     if (ModelConstellation::Impl *previous = model->constellationImpl(); previous && previous != this)
         previous->modelIsDestroyed(model);
     model->setConstellation(this);
-    {
-        ModelConstellation const self(this);
-        Model const added = model->getModel();
-        for (auto const &entry : std::vector<ListenerEntry>(listeners_))
-            entry.listener->modelAdded(self, added);
-    }
     if (group_)
         model->doBeginTransaction(group_, group_->getOrigin());
     latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
+    // Told last: the model is a full member by then, also when a listener fails.
+    ModelConstellation const self(this);
+    Model const added = model->getModel();
+    forEachListener([&](ConstellationListener &listener) { listener.modelAdded(self, added); });
+}
+
+template <class Call> void ModelConstellation::Impl::forEachListener(Call const &call) {
+    // A listener may remove others: each is asked only while it is still there.
+    for (auto const &entry : std::vector<ListenerEntry>(listeners_)) {
+        bool const present = std::any_of(listeners_.begin(), listeners_.end(),
+                                          [&](ListenerEntry const &e) { return e.listener == entry.listener; });
+        if (present)
+            call(*entry.listener);
+    }
 }
 
 void ModelConstellation::Impl::modelIsDestroyed(Model::Impl *model) {
     ModelConstellation keep(this);
     {
         Model const removed = model->getModel();
-        for (auto const &entry : std::vector<ListenerEntry>(listeners_))
-            entry.listener->modelRemoved(keep, removed);
+        forEachListener([&](ConstellationListener &listener) { listener.modelRemoved(keep, removed); });
     }
     models_.erase(model->getLocationURI());
     for (auto entry = latestURIs_.begin(); entry != latestURIs_.end();) {
@@ -209,7 +216,8 @@ ModelElement ModelConstellation::Impl::resolveProxy(ModelElement const &proxy) {
     ProxyId const id = *proxy->getProxyId();
     std::u16string const uri = getLatestModelURI(id.getModelId().value_or(std::u16string()));
     Model model = peekModel(uri);
-    if (!model)
+    // A model cannot join a group that keeps no old values: no load then.
+    if (!model && !(group_ && !group_->isDeep()))
         model = fetchModel(uri);
     if (!model)
         return proxy;
@@ -266,7 +274,8 @@ void ModelConstellation::Impl::setModelURIOverride(std::u16string const &uri, st
 void ModelConstellation::Impl::destroy() noexcept {
     if (validity_ == Invalid)
         return;
-    if (group_) {
+    // A group whose end is running completes by itself; the members leave it below.
+    if (group_ && !group_->isEnding()) {
         try {
             group_->rollBack();
         } catch (...) {

@@ -162,6 +162,14 @@ void TransactionImpl::elementCreationFailed(ModelElement::Impl *element) {
         main_->erase(found);
 }
 
+void TransactionImpl::beginNotifying() { model_->notifying_.push_back(this); }
+
+void TransactionImpl::endNotifying() noexcept {
+    auto &stack = model_->notifying_;
+    if (auto const found = std::find(stack.rbegin(), stack.rend(), this); found != stack.rend())
+        stack.erase(std::next(found).base());
+}
+
 void TransactionImpl::removeListener(ListenerHolderBase *holder) noexcept {
     std::replace(listeners_.begin(), listeners_.end(), holder, static_cast<ListenerHolderBase *>(nullptr));
 }
@@ -234,15 +242,6 @@ void TransactionImpl::notifyObservers(Call const &call, char const *interruptTex
     boost::optional<Model::Freezer> freezer;
     if (has(FreezeOnNotify))
         freezer.emplace(model_);
-    // Work that observers queue runs after the last of them, and a listener removed
-    // meanwhile must be skipped here too.
-    struct Notifying {
-        std::vector<TransactionImpl *> &stack;
-        Notifying(std::vector<TransactionImpl *> &stack, TransactionImpl *transaction) : stack(stack) {
-            stack.push_back(transaction);
-        }
-        ~Notifying() { stack.pop_back(); }
-    } const notifying(model_->notifying_, this);
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
         ListenerHolderBase *holder = listeners_[i];
         if (!holder || !holder->isObserver())
@@ -254,8 +253,9 @@ void TransactionImpl::notifyObservers(Call const &call, char const *interruptTex
             model_->getSpan()->log(basalt::log::info, interruptText);
             throw;
         } catch (std::exception const &error) {
-            // One observer's failure must not keep the others from hearing of the end.
-            log::Span const span = model_->getSpan();
+            // One observer's failure must not keep the others from hearing of the end. The
+            // error's context goes on a scope of its own, not on the model's lasting span.
+            log::Span const span = model_->getSpan()->createChild();
             span->addContext(basalt::log::error, "error-message", error.what());
             span->log(basalt::log::error, failureText);
         } catch (...) {
@@ -509,8 +509,8 @@ namespace {
 class TransactionRollBackFinalizer {
 public:
     explicit TransactionRollBackFinalizer(TransactionImpl *transaction, bool prohibit = true)
-        : transaction_((transaction->addRef(), transaction)) {
-        if (prohibit)
+        : transaction_(transaction ? (transaction->addRef(), transaction) : nullptr) {
+        if (prohibit && transaction)
             impl()->setFlag(TransactionImpl::ChangesProhibited);
     }
     virtual ~TransactionRollBackFinalizer() {
@@ -522,7 +522,10 @@ public:
         }
     }
     TransactionRollBackFinalizer(TransactionRollBackFinalizer &&) noexcept = default;
-    virtual void finalize() { impl()->finish(); }
+    virtual void finalize() {
+        if (impl())
+            impl()->finish();
+    }
 
 protected:
     TransactionImpl *impl() const noexcept { return static_cast<TransactionImpl *>(transaction_.get()); }
@@ -542,28 +545,48 @@ public:
 
 bool TransactionGroup::allReady() const {
     for (TransactionImpl const *transaction : transactions_)
-        if (!transaction->isReady())
+        if (transaction && !transaction->isReady())
             return false;
     return true;
+}
+
+bool TransactionGroup::anyRollBackOnly() const {
+    for (TransactionImpl const *transaction : transactions_)
+        if (transaction && transaction->isRollBackOnly())
+            return true;
+    return false;
+}
+
+void TransactionGroup::add(TransactionImpl *transaction) {
+    // A model that joins after the modifiers may not change anything either.
+    if (prohibited_)
+        transaction->setFlag(TransactionImpl::ChangesProhibited);
+    transactions_.push_back(transaction);
 }
 
 void TransactionGroup::removeTransaction(TransactionImpl *transaction) {
     auto const found = std::find(transactions_.begin(), transactions_.end(), transaction);
     if (found == transactions_.end())
         return;
+    if (ending_) {
+        // The end of the group is walking the list: the place stays, empty.
+        *found = nullptr;
+        return;
+    }
     transactions_.erase(found);
+    if (transactions_.empty()) {
+        if (coordinator_)
+            coordinator_->transactionGroupCompleted(); // deletes this group
+        return;
+    }
     // A model that leaves must not hold up the others.
-    if (!transactions_.empty())
-        commit(boost::none);
+    commit(boost::none);
 }
 
 TransactionResult TransactionGroup::commit(boost::optional<Value> const &argument) {
-    bool rollBackOnly = false;
-    for (TransactionImpl const *transaction : transactions_)
-        rollBackOnly = rollBackOnly || transaction->isRollBackOnly();
     if (!allReady())
         return TransactionResult::NotFinished;
-    return rollBackOnly ? rollBack() : doCommit(argument);
+    return anyRollBackOnly() ? rollBack() : doCommit(argument);
 }
 
 TransactionResult TransactionGroup::tryCommit(boost::optional<Value> const &argument) {
@@ -572,68 +595,137 @@ TransactionResult TransactionGroup::tryCommit(boost::optional<Value> const &argu
     return doCommit(argument);
 }
 
-TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &argument) {
-    for (TransactionImpl const *transaction : transactions_)
-        if (transaction->isRollBackOnly())
-            return rollBack();
-
-    std::vector<TransactionCommitFinalizer> finalizers;
-    finalizers.reserve(transactions_.size());
+std::vector<TransactionImpl *> TransactionGroup::takeTransactions() {
+    std::vector<TransactionImpl *> done;
     for (TransactionImpl *transaction : transactions_)
-        finalizers.emplace_back(transaction);
+        if (transaction)
+            done.push_back(transaction);
+    transactions_.clear();
+    return done;
+}
+
+namespace {
+
+/// While observers are told, every transaction of the group counts as notifying on its
+/// model: work waits for the last observer, and a listener removed by an observer of
+/// another member is skipped.
+class NotificationScope {
+public:
+    explicit NotificationScope(std::vector<TransactionImpl *> const &transactions) : transactions_(transactions) {
+        for (TransactionImpl *transaction : transactions_)
+            transaction->beginNotifying();
+    }
+    ~NotificationScope() {
+        for (TransactionImpl *transaction : transactions_)
+            transaction->endNotifying();
+    }
+
+private:
+    std::vector<TransactionImpl *> const &transactions_;
+};
+
+} // namespace
+
+TransactionResult TransactionGroup::doCommit(boost::optional<Value> const &argument) {
+    if (anyRollBackOnly())
+        return rollBack();
+    // Observers may destroy the constellation's models; it must outlive this commit.
+    ModelConstellation const keep = coordinator_ ? coordinator_->getModelConstellationHandle() : ModelConstellation();
+    ending_ = true;
+    std::vector<TransactionCommitFinalizer> finalizers;
+    // Models that join while the phases run get their finalizers too.
+    auto const cover = [&] {
+        while (finalizers.size() < transactions_.size())
+            finalizers.emplace_back(transactions_[finalizers.size()]);
+    };
     try {
-        // Modifiers may still change the models; after them nothing may.
+        cover();
+        for (std::size_t i = 0; i < transactions_.size(); ++i)
+            if (TransactionImpl *transaction = transactions_[i])
+                transaction->runModifiers();
+        cover();
+        prohibited_ = true;
         for (TransactionImpl *transaction : transactions_)
-            transaction->runModifiers();
-        for (TransactionImpl *transaction : transactions_)
-            transaction->setFlag(TransactionImpl::ChangesProhibited);
-        for (TransactionImpl *transaction : transactions_)
-            if (!transaction->runValidators())
-                return rollBack();
+            if (transaction)
+                transaction->setFlag(TransactionImpl::ChangesProhibited);
+        // A vote to roll back may come from inside the phases, as from a nested level.
+        bool refused = anyRollBackOnly();
+        for (std::size_t i = 0; !refused && i < transactions_.size(); ++i)
+            if (TransactionImpl *transaction = transactions_[i])
+                refused = !transaction->runValidators();
+        cover();
+        if (refused || anyRollBackOnly()) {
+            ending_ = false;
+            return rollBack();
+        }
     } catch (basalt::InterruptException const &) {
-        throw; // the finalizers close the transactions as a roll-back would, restoring nothing
+        // The transactions close as a roll-back would, restoring nothing, and the group goes.
+        ModelConstellation::Impl *const coordinator = coordinator_;
+        takeTransactions();
+        for (auto &finalizer : finalizers)
+            finalizer.finalize();
+        if (coordinator)
+            coordinator->transactionGroupCompleted(); // deletes this group
+        throw;
     } catch (...) {
+        ending_ = false;
         return rollBack();
     }
 
-    std::vector<TransactionImpl *> const done = std::move(transactions_);
-    transactions_.clear();
+    std::vector<TransactionImpl *> const done = takeTransactions();
     ModelConstellation::Impl *const coordinator = coordinator_;
     for (auto &finalizer : finalizers)
         finalizer.finalize();
     if (coordinator)
         coordinator->transactionGroupCompleted(); // deletes this group: no member is used below
-    // The transaction is over: observers may begin new ones.
-    for (TransactionImpl *transaction : done)
-        transaction->notifyCommitted(argument);
+    {
+        // The transaction is over: observers may begin new ones.
+        NotificationScope const notifying(done);
+        for (TransactionImpl *transaction : done)
+            transaction->notifyCommitted(argument);
+    }
     effectsComplete(coordinator, done);
     return TransactionResult::Committed;
 }
 
 TransactionResult TransactionGroup::rollBack() {
+    ModelConstellation const keep = coordinator_ ? coordinator_->getModelConstellationHandle() : ModelConstellation();
+    ending_ = true;
     std::vector<TransactionRollBackFinalizer> finalizers;
     finalizers.reserve(transactions_.size());
     for (TransactionImpl *transaction : transactions_)
         finalizers.emplace_back(transaction);
+    ModelConstellation::Impl *const coordinator = coordinator_;
     // Reports are made before anything is reverted, so that they show what the
     // transactions did.
     std::vector<std::shared_ptr<ReportData>> reports;
-    reports.reserve(transactions_.size());
-    for (TransactionImpl *transaction : transactions_)
-        reports.push_back(transaction->reportForRollBack());
     TransactionResult result = TransactionResult::NotFinished;
-    for (TransactionImpl *transaction : transactions_)
-        if (TransactionResult const r = transaction->revert(); r != TransactionResult::NotFinished)
-            result = r;
-    std::vector<TransactionImpl *> const done = std::move(transactions_);
-    transactions_.clear();
-    ModelConstellation::Impl *const coordinator = coordinator_;
+    std::vector<TransactionImpl *> done;
+    try {
+        done = takeTransactions();
+        reports.reserve(done.size());
+        for (TransactionImpl *transaction : done)
+            reports.push_back(transaction->reportForRollBack());
+        for (TransactionImpl *transaction : done)
+            if (TransactionResult const r = transaction->revert(); r != TransactionResult::NotFinished)
+                result = r;
+    } catch (...) {
+        // Whatever stopped the restore, the transactions end and the group goes.
+        for (auto &finalizer : finalizers)
+            finalizer.finalize();
+        if (coordinator)
+            coordinator->transactionGroupCompleted(); // deletes this group
+        throw;
+    }
     for (auto &finalizer : finalizers)
         finalizer.finalize();
     if (coordinator)
         coordinator->transactionGroupCompleted(); // deletes this group: no member is used below
-    for (std::size_t i = 0; i < done.size(); ++i)
-        done[i]->notifyCanceled(reports[i]);
+    {
+        NotificationScope const notifying(done);
+        for (std::size_t i = 0; i < done.size(); ++i)
+            done[i]->notifyCanceled(reports[i]);
+    }
     effectsComplete(coordinator, done);
     return result;
 }

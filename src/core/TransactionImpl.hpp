@@ -105,6 +105,9 @@ public:
     /// The report of what the transaction did, made before a roll-back restores anything.
     std::shared_ptr<ReportData> reportForRollBack();
     void notifyCanceled(std::shared_ptr<ReportData> const &report);
+    /// Marks the model as telling its observers: work waits, removed listeners are skipped.
+    void beginNotifying();
+    void endNotifying() noexcept;
 
     /// Puts the model back as it was at the begin: `RolledBack`, `CannotRevert` for a
     /// shallow transaction with changes, `NotFinished` with none.
@@ -174,7 +177,7 @@ public:
     TransactionGroup(ModelConstellation::Impl *coordinator, bool deep, meta::TransactionOrigin origin)
         : coordinator_(coordinator), deep_(deep), origin_(std::move(origin)) {}
 
-    void add(TransactionImpl *transaction) { transactions_.push_back(transaction); }
+    void add(TransactionImpl *transaction);
     /// Takes a transaction out; the others may then be ready.
     void removeTransaction(TransactionImpl *transaction);
     /// Rolls back when any transaction is roll-back-only, commits otherwise, once all
@@ -185,18 +188,26 @@ public:
     TransactionResult rollBack();
 
     bool isDeep() const noexcept { return deep_; }
+    /// True while the group's commit or roll-back runs.
+    bool isEnding() const noexcept { return ending_; }
     meta::TransactionOrigin const &getOrigin() const noexcept { return origin_; }
 
 private:
     bool allReady() const;
+    bool anyRollBackOnly() const;
+    /// The transactions still in the group, which it then no longer holds.
+    std::vector<TransactionImpl *> takeTransactions();
     TransactionResult doCommit(boost::optional<Value> const &argument);
     /// What waits for the end of the group runs: the coordinator's queue, or each model's.
     /// Static: the group may be gone by then.
     static void effectsComplete(ModelConstellation::Impl *coordinator, std::vector<TransactionImpl *> const &transactions);
 
     ModelConstellation::Impl *coordinator_;
+    /// In the order they joined; a place is emptied when its model leaves during the end.
     std::vector<TransactionImpl *> transactions_;
     bool deep_;
+    bool ending_ = false;     ///< the commit or roll-back is walking the transactions
+    bool prohibited_ = false; ///< past the modifiers: newcomers may change nothing
     meta::TransactionOrigin origin_;
 };
 

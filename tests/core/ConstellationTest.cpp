@@ -257,3 +257,123 @@ TEST(Constellation, LastOutsideHandleFreesEverything) {
 
 } // namespace
 } // namespace kivra::test::library
+
+#include <basalt/except/Exception.hpp>
+
+namespace kivra::test::library {
+namespace {
+
+// Listeners that do awkward things in the middle of a group's end.
+struct Hook : Listener {
+    std::function<void()> onModify = [] {};
+    std::function<bool()> onValidate = [] { return true; };
+    std::function<void()> onCommitted = [] {};
+    void modify(std::shared_ptr<ReportData> const &) { onModify(); }
+    bool validate(std::shared_ptr<ReportData> const &) { return onValidate(); }
+    void transactionCommitted(std::shared_ptr<ReportData> const &) { onCommitted(); }
+};
+constexpr unsigned everyRole = ListenerRole::Modifier | ListenerRole::Validator | ListenerRole::Observer;
+
+TEST(ConstellationGroup, EndsCleanlyWhateverTheListenersDo) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    Hook hook;
+    addListener<everyRole>(a, hook);
+
+    // An interrupt from a validator passes, and the group is over all the same.
+    hook.onValidate = []() -> bool { throw basalt::InterruptException(); };
+    {
+        Transaction transaction = a->beginTransaction();
+        Book::create(a);
+        EXPECT_THROW(transaction.commit(), basalt::InterruptException);
+    }
+    EXPECT_FALSE(constellation->isTransactionInProgress());
+    hook.onValidate = [] { return true; };
+
+    // A roll-back vote cast by a modifier wins over the commit.
+    hook.onModify = [&] { a->beginTransaction().rollBack(); };
+    {
+        Transaction transaction = a->beginTransaction();
+        Book::create(a);
+        EXPECT_EQ(transaction.commit(), R::RolledBack);
+    }
+    hook.onModify = [] {};
+
+    // A model that joins during the phases ends with the group.
+    Model late;
+    hook.onModify = [&] {
+        if (!late)
+            late = Model::create(constellation);
+    };
+    {
+        Transaction transaction = a->beginRevertibleTransaction();
+        Book::create(a);
+        EXPECT_EQ(transaction.commit(), R::Committed);
+    }
+    hook.onModify = [] {};
+    ASSERT_TRUE(late);
+    EXPECT_FALSE(late->isTransactionInProgress());
+    removeListener(a, hook);
+}
+
+TEST(ConstellationGroup, TheLastMemberLeavingEndsTheGroup) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model model = Model::create(constellation);
+    {
+        Transaction transaction = model->beginTransaction();
+        model->destroy();
+    }
+    EXPECT_FALSE(constellation->isTransactionInProgress());
+    EXPECT_NO_THROW(Model::create(constellation));
+}
+
+TEST(ConstellationGroup, AnObserverMayDestroyItsModel) {
+    Model model = Model::create(ModelConstellation());
+    Hook hook;
+    hook.onCommitted = [&] { model->destroy(); };
+    addListener<ListenerRole::Observer>(model, hook);
+    Transaction transaction = model->beginTransaction();
+    Book::create(model);
+    EXPECT_EQ(transaction.commit(), R::Committed);
+    EXPECT_FALSE(model);
+}
+
+TEST(ConstellationGroup, ListenersRemovedByOthersAreNotCalled) {
+    struct Remover : ConstellationListener {
+        ModelConstellation::Impl *constellation = nullptr;
+        ConstellationListener *victim = nullptr;
+        void modelAdded(ModelConstellation const &, Model const &) override {
+            if (victim)
+                constellation->removeConstellationListener(std::exchange(victim, nullptr));
+        }
+        void modelRemoved(ModelConstellation const &, Model const &) override {}
+    };
+    struct Victim : ConstellationListener {
+        void modelAdded(ModelConstellation const &, Model const &) override { ADD_FAILURE() << "called after removal"; }
+        void modelRemoved(ModelConstellation const &, Model const &) override {}
+    };
+    ModelConstellation constellation = ModelConstellation::create();
+    Remover remover;
+    remover.constellation = constellation.get();
+    auto victim = std::make_unique<Victim>();
+    remover.victim = victim.get();
+    constellation->addConstellationListener(&remover);
+    constellation->addOwnedConstellationListener(std::move(victim));
+    Model::create(constellation);
+    constellation->removeConstellationListener(&remover);
+}
+
+TEST(ConstellationGroup, ProxiesOfUnloadedModelsStayWhileAShallowGroupRuns) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model model = Model::create(constellation);
+    Book book = Book::create(model);
+    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", textOf(ElementImpl::generateNewUuid()),
+                                                     basalt::ustring(u"test-load:elsewhere"))));
+    Transaction shallow = model->beginTransaction();
+    EXPECT_NO_THROW(EXPECT_TRUE(book->getSequel()->isProxy()));
+    shallow.commit();
+}
+
+} // namespace
+} // namespace kivra::test::library
