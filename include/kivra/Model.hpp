@@ -8,6 +8,7 @@
 #include <kivra/Transaction.hpp>
 #include <kivra/WorkQueue.hpp>
 #include <kivra/log/Span.hpp>
+#include <kivra/meta/Handles.hpp>
 #include <kivra/services/Hashers.hpp>
 
 #include <boost/optional/optional.hpp>
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -95,6 +97,11 @@ public:
     std::u16string const &getLocationURI() const noexcept { return locationURI_; }
     ModelConstellation getModelConstellation() const;
     ModelContent getModelContent() const;
+    /// The packages whose classes the model's elements are instances of.
+    std::vector<meta::Package> getUsedPackages() const;
+    std::vector<std::u16string> getUsedPackageUris() const;
+    /// The URIs of the used packages and of the packages they import.
+    std::set<std::u16string> getDescriptivePackageURIClosure() const;
     std::uint64_t serialNumber() const noexcept { return serialNumber_; }
 
     /// True when the model has no top-level element.
@@ -122,6 +129,9 @@ public:
     /// The element with `uuid`, or a null handle. A destroyed element is not found.
     ModelElement findElement(boost::uuids::uuid const &uuid,
                              FindElementBehavior behavior = FindElementBehavior::InMemoryOnly) const;
+    /// The element of class `cls` that `id` names, found by the element id services;
+    /// a null handle when none.
+    ModelElement findElement(meta::Class const &cls, ElementId const &id) const;
     /// Every live element, in no particular order.
     std::vector<ModelElement> getAllElements(FindElementBehavior behavior = FindElementBehavior::InMemoryOnly) const;
     /// Every element without a container, in no particular order.

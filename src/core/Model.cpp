@@ -243,6 +243,20 @@ ModelConstellation Model::Impl::getModelConstellation() const {
 
 ModelContent Model::Impl::getModelContent() const { return usageProvider_->getModelContent(); }
 
+std::vector<meta::Package> Model::Impl::getUsedPackages() const { return usageProvider_->getUsedPackages(); }
+
+std::vector<std::u16string> Model::Impl::getUsedPackageUris() const { return usageProvider_->getUsedPackageUris(); }
+
+std::set<std::u16string> Model::Impl::getDescriptivePackageURIClosure() const {
+    // Imported packages join the closure once packages hold their imports.
+    std::vector<std::u16string> const used = getUsedPackageUris();
+    return std::set<std::u16string>(used.begin(), used.end());
+}
+
+ModelElement Model::Impl::findElement(meta::Class const &cls, ElementId const &id) const {
+    return services::ElementIdResolver::doFindElement(getModel(), cls, io::ElementId(id));
+}
+
 bool Model::Impl::isInMultiModelConstellation() const noexcept {
     return constellation_ && constellation_->isMultiModelConstellation();
 }

@@ -3,18 +3,37 @@
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Package.hpp>
 
 namespace kivra::meta {
 
 std::vector<std::u16string> DataModelUsageProvider::getUsedPackageUris() const {
-    // Package URIs are read from the packages once the metamodel describes them; a
-    // model without described classes uses none.
-    return {};
+    std::vector<std::u16string> uris;
+    for (Package const &package : getUsedPackages())
+        uris.push_back(package->getUri());
+    return uris;
 }
 
-std::vector<ModelElement> DefaultModelUsageProvider::getUsedPackages() const { return {}; }
+std::vector<Package> DefaultModelUsageProvider::getUsedPackages() const {
+    std::vector<Package> used;
+    for (auto const &[package, uses] : counts_)
+        if (uses != 0)
+            used.push_back(package);
+    return used;
+}
+
+void DefaultModelUsageProvider::count(ModelElement::Impl const *element, int delta) {
+    Class const &root = ModelElement::metaClass();
+    for (Class cls = element->getMetaClass(); cls.get() && cls != root; cls = cls->getSuperclass())
+        if (Package const package = cls->getOwningPackage(); package.get())
+            counts_[package] += delta;
+}
+
+void DefaultModelUsageProvider::elementDestroying(ModelElement::Impl *element) { count(element, -1); }
 
 void DefaultModelUsageProvider::elementCreated(ModelElement::Impl *element) {
+    count(element, +1);
     bool const reflective = element->isReflective();
     if (content_ == ModelContent::Undetermined) {
         auto const inferred = reflective ? ModelContent::InferredReflective : ModelContent::InferredReified;
@@ -30,6 +49,7 @@ void DefaultModelUsageProvider::elementCreated(ModelElement::Impl *element) {
 }
 
 void DefaultModelUsageProvider::allElementsDestroyed() {
+    counts_.clear();
     if (content_ != ModelContent::DeclaredReified && content_ != ModelContent::DeclaredReflective)
         content_ = ModelContent::Undetermined;
 }

@@ -377,3 +377,19 @@ TEST(ConstellationGroup, ProxiesOfUnloadedModelsStayWhileAShallowGroupRuns) {
 
 } // namespace
 } // namespace kivra::test::library
+
+namespace kivra::test::library {
+namespace {
+
+TEST(ElementIds, FindTheElementOfExactlyThatClass) {
+    Model model = Model::createTransientModel();
+    Book book = Book::create(model);
+    ElementId const id(u"uuid", textOf(book->getUuid()));
+    EXPECT_EQ(model->findElement(Book::metaClass(), id), book);
+    EXPECT_FALSE(model->findElement(Author::metaClass(), id));
+    EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"uuid", u"not a uuid")));
+    EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"isbn", u"978-0")));
+}
+
+} // namespace
+} // namespace kivra::test::library

@@ -4,6 +4,9 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/meta/Handles.hpp>
+
+#include <unordered_map>
 
 #include <string>
 #include <vector>
@@ -17,7 +20,7 @@ public:
     /// The URIs of the used packages.
     virtual std::vector<std::u16string> getUsedPackageUris() const;
     /// The packages that the model's elements and endpoints are instances of.
-    virtual std::vector<ModelElement> getUsedPackages() const = 0;
+    virtual std::vector<Package> getUsedPackages() const = 0;
     virtual ModelContent getModelContent() const = 0;
     virtual void elementCreated(ModelElement::Impl *) {}
     virtual void elementDestroying(ModelElement::Impl *) {}
@@ -30,15 +33,23 @@ class DefaultModelUsageProvider : public DataModelUsageProvider {
 public:
     explicit DefaultModelUsageProvider(ModelContent content) : content_(content) {}
 
-    std::vector<ModelElement> getUsedPackages() const override;
+    std::vector<Package> getUsedPackages() const override;
     ModelContent getModelContent() const override { return content_; }
-    /// Raises `InvalidReflectiveModelContent` or `InvalidReifiedModelContent` for an
-    /// element of the other kind than the model's.
+    /// Counts the packages of the element's classes. Raises `InvalidReflectiveModelContent`
+    /// or `InvalidReifiedModelContent` for an element of the other kind than the model's.
     void elementCreated(ModelElement::Impl *element) override;
-    /// Forgets the inferred content; a declared one stays.
+    void elementDestroying(ModelElement::Impl *element) override;
+    /// Forgets the counts and the inferred content; a declared content stays.
     void allElementsDestroyed() override;
 
 private:
+    /// Adds `delta` to the count of each package along the element's class chain.
+    void count(ModelElement::Impl const *element, int delta);
+
+    struct PackageHash {
+        std::size_t operator()(Package const &package) const noexcept { return std::hash<ModelElement>()(package); }
+    };
+    std::unordered_map<Package, int, PackageHash> counts_;
     ModelContent content_;
 };
 
