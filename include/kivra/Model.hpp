@@ -112,6 +112,8 @@ public:
     bool isRegistryModel() const noexcept { return !constellation_ && !modelURI_.empty(); }
     bool isTransientModel() const noexcept { return !constellation_ && modelURI_.empty(); }
     bool isModelDestroying() const noexcept { return validity_ == Destroying; }
+    /// True when the model shares its constellation with other models.
+    bool isInMultiModelConstellation() const noexcept;
     bool isFrozen() const noexcept { return freezeCount_ > 0; }
     bool isFrozenOnNotify() const noexcept { return freezeOnNotify_; }
     bool isParsingInProgress() const noexcept { return parseCount_ > 0; }
@@ -279,7 +281,6 @@ private:
     /// Deletes every listener holder, telling each listener.
     void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
-    bool isInMultiModelConstellation() const noexcept;
 
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;

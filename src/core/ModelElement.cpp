@@ -25,10 +25,6 @@ Tag const Tag::IN_MEMORY_ONLY;
 
 namespace {
 
-bool isMultiModel(Model::Impl const *model) {
-    return model->constellationImpl() && model->constellationImpl()->isMultiModelConstellation();
-}
-
 meta::Property::Impl *asProperty(ModelElement::Impl *feature) { return static_cast<meta::Property::Impl *>(feature); }
 
 } // namespace
@@ -314,7 +310,7 @@ void ModelElement::Impl::destroy() {
     if (validity_ == Invalid)
         return;
     ModelElement const keep(this, true);
-    bool const multiModel = isMultiModel(model_);
+    bool const multiModel = model_->isInMultiModelConstellation();
     Transaction transaction = model_->beginTransaction(false);
     if (validity_ != Invalid) {
         if (!isProxy()) {

@@ -117,7 +117,7 @@ TEST(ElementImpl, HandleMadeDuringDeletionCannotDeleteAgain) {
     using test::Probe;
     int const before = Probe::Impl::deletions;
     Probe::Impl::onDelete = [](Probe::Impl *dying) {
-        ModelElement again = test::handleOf(dying);
+        ModelElement again = ModelElement::fromImpl(dying);
         ModelElement copy = again;
     };
     {

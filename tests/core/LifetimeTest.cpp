@@ -42,16 +42,16 @@ TEST(Lifetime, ConstellationOutlivesItsHandleWhileAModelIsHeld) {
 TEST(Lifetime, ModelWithoutHandlesStaysWhileTheConstellationIsHeld) {
     int freed = 0;
     ModelConstellation constellation = ModelConstellation::create(tracedFactory(freed));
-    auto const id = [&] {
+    auto const uri = [&] {
         Model model = Model::create(constellation);
-        return model->getUuid();
+        return model->getModelURI();
     }();
-    ASSERT_EQ(constellation->modelsCount(), 1u);
-    EXPECT_EQ(freed, 0);
+    // No handle names the model, and it lives on in its constellation.
     EXPECT_FALSE(constellation->hasAliveModels());
+    EXPECT_EQ(freed, 0);
+    EXPECT_TRUE(constellation->peekModel(uri));
     constellation.reset();
     EXPECT_EQ(freed, 1);
-    (void)id;
 }
 
 TEST(Lifetime, ElementsHeldAfterTheirModelDiesAreTombstones) {

@@ -10,12 +10,8 @@ meta::Class const &noClass() {
     return none;
 }
 
-struct HandleMaker : ModelElement {
-    HandleMaker(ModelElement::Impl *impl) : ModelElement(impl, true) {}
-};
 } // namespace
 
-ModelElement handleOf(ModelElement::Impl *impl) { return HandleMaker(impl); }
 
 Probe::Impl *Probe::get() const noexcept { return static_cast<Impl *>(ModelElement::get()); }
 Probe::Probe(Impl *impl, bool addReference) noexcept : ModelElement(impl, addReference) {}

@@ -56,7 +56,5 @@ private:
     ReflectiveNote(ModelElement::Impl *impl) noexcept : ModelElement(impl, false) {}
 };
 
-/// A handle on `impl` that takes a reference, for tests that need one from a raw pointer.
-ModelElement handleOf(ModelElement::Impl *impl);
 
 } // namespace kivra::test
