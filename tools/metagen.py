@@ -879,6 +879,7 @@ METAMODELS = [
     ("tests/support/Library.tables", "kivra::test::library", "tests/support/library", "tests/support/library",
      "library"),
     ("examples/Notes.tables", "notes", "examples/notes", "examples/notes", "notes"),
+    ("bench/Workload.tables", "kivra::bench::workload", "bench/workload", "bench/workload", "workload"),
 ]
 
 

@@ -78,6 +78,9 @@ protected:
     boost::uuids::uuid uuid_;
     std::atomic<std::uint32_t> refCount_{0};
     ElementValidity validity_;
+    /// Marks that subclasses keep in the padding after `validity_`, so that rare state
+    /// costs an element no field of its own.
+    std::uint8_t marks_ = 0;
 };
 
 /// The owner of transactions: a model, or the constellation of several models. A work

@@ -22,6 +22,9 @@
 #include <vector>
 
 namespace kivra {
+namespace detail {
+struct ElementTable;
+} // namespace detail
 
 /// Whether a model holds generated (reified) elements or reflective ones; never both.
 enum class ModelContent : std::uint32_t {
@@ -105,7 +108,7 @@ public:
     std::uint64_t serialNumber() const noexcept { return serialNumber_; }
 
     /// True when the model has no top-level element.
-    bool empty() const noexcept { return topLevelElements_.empty(); }
+    bool empty() const noexcept { return topLevelCount_ == 0; }
     bool isCoordinatorOf(Model const &model) const override { return model.get() == this; }
     bool isTransactionInProgress() const override { return currentTransaction_ != nullptr; }
     bool isNotifying() const override { return !notifying_.empty(); }
@@ -139,7 +142,7 @@ public:
     /// Every element without a container, in no particular order.
     std::vector<ModelElement> getTopLevelElements() const;
     /// The number of live elements.
-    std::size_t elementCount() const noexcept { return elements_.size(); }
+    std::size_t elementCount() const noexcept;
 
     // --- Changes to the whole model --------------------------------------------------
 
@@ -217,6 +220,11 @@ public:
 
     // --- Proxies -----------------------------------------------------------------------
 
+    /// The id a proxy of this model stands for; null for anything else.
+    ProxyId const *proxyIdOf(ModelElement::Impl const *proxy) const noexcept;
+    /// Keeps the id of a new proxy of this model, and forgets it with the proxy.
+    void setProxyId(ModelElement::Impl const *proxy, ProxyId const &id);
+    void forgetProxyId(ModelElement::Impl const *proxy) noexcept;
     /// ("uuid", the element's UUID) with this model's URI, or none when `local`.
     ProxyId getPersistentProxyId(ModelElement::Impl const *element, bool local) const;
     /// The element `proxy` stands for, loading its model when needed; the proxy itself
@@ -278,6 +286,10 @@ private:
     static Model make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
                       WorkQueueFactory const &factory, std::string const &domain, ModelContent content);
     void setConstellation(ModelConstellation::Impl *constellation);
+    /// The model's reference on a top-level element, taken and dropped with its mark.
+    void holdTopLevel(ModelElement::Impl *element) noexcept;
+    void releaseTopLevel(ModelElement::Impl *element) noexcept;
+    void releaseAllTopLevel() noexcept;
     /// Deletes every listener holder, telling each listener.
     void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
@@ -285,8 +297,9 @@ private:
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
-    UuidMap<ModelElement> topLevelElements_;
-    UuidMap<ModelElement::Impl *> elements_;
+    /// Every live element; top-level ones carry a mark and a reference of the model.
+    std::unique_ptr<detail::ElementTable> table_;
+    std::size_t topLevelCount_ = 0;
     TransactionImpl *currentTransaction_ = nullptr;
     std::vector<ListenerHolderBase *> listeners_;
     std::uint32_t listenerDepth_ = 1;

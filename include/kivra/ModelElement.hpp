@@ -64,7 +64,7 @@ public:
 
     /// True when the element has no container.
     bool isTopLevel() const noexcept { return containmentFeature_ == nullptr; }
-    bool isProxy() const noexcept { return proxyId_ != nullptr; }
+    bool isProxy() const noexcept { return (marks_ & ProxyMark) != 0; }
     /// True when `other` is not null and in the same model.
     bool isSameModel(Impl const *other) const noexcept { return other && other->model_ == model_; }
     /// The containing element, as a counted handle; null when top level or destroyed.
@@ -226,10 +226,15 @@ protected:
     /// element; an element is contained exactly when this is set.
     Impl *containmentFeature_ = nullptr;
     Model::Impl *model_;
-    /// Values of the model's extensions of this element's class; made on first use.
-    void *extensionValues_ = nullptr;
-    /// Set exactly for a proxy.
-    ProxyId *proxyId_ = nullptr;
+    /// The marks an element keeps in `marks_`.
+    enum Marks : std::uint8_t {
+        /// A proxy; its `ProxyId` is kept by the model, beside the element.
+        ProxyMark = 1,
+        /// The model holds a counted reference on the element: it is top level.
+        HeldByModelMark = 2,
+        /// The transaction in progress has a record of the element.
+        RecordedMark = 4,
+    };
 };
 
 inline ModelElement::Impl *ModelElement::get() const noexcept { return static_cast<Impl *>(rawImpl()); }

@@ -1,3 +1,4 @@
+#include "core/ElementTable.hpp"
 #include "core/TransactionImpl.hpp"
 
 #include <kivra/Messages.hpp>
@@ -47,12 +48,11 @@ template <class Table> void shapeTable(Table &table) {
 Model::Impl::Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
                   WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
                   ModelContent content)
-    : TransactionCoordinator(uuid, Valid), serialNumber_(++modelSerialNumbers),
+    : TransactionCoordinator(uuid, Valid), table_(std::make_unique<detail::ElementTable>()),
+      serialNumber_(++modelSerialNumbers),
       usageProvider_(std::make_unique<meta::DefaultModelUsageProvider>(content)),
       transactionFactory_(std::make_unique<LocalTransactionFactoryImpl>(this)) {
     shapeTable(lastSeenOrdinals_);
-    shapeTable(topLevelElements_);
-    shapeTable(elements_);
     addRef(); // the reference the returned handle adopts
     if (logCreation) {
         log::Span span = getSpan(loggingDomain);
@@ -283,25 +283,69 @@ log::Span Model::Impl::getSpan(std::string const &domain) {
 // --- Elements --------------------------------------------------------------------------
 
 ModelElement Model::Impl::findElement(boost::uuids::uuid const &uuid, FindElementBehavior) const {
-    auto const found = elements_.find(uuid);
-    return found == elements_.end() ? ModelElement() : ModelElement(found->second, true);
+    return ModelElement(table_->elements.find(uuid), true);
 }
+
+std::size_t Model::Impl::elementCount() const noexcept { return table_->elements.size(); }
 
 std::vector<ModelElement> Model::Impl::getAllElements(FindElementBehavior) const {
     std::vector<ModelElement> result;
-    result.reserve(elements_.size());
-    for (auto const &entry : elements_)
-        result.push_back(ModelElement(entry.second, true));
+    result.reserve(table_->elements.size());
+    table_->elements.forEach([&](ModelElement::Impl *element) { result.push_back(ModelElement(element, true)); });
     return result;
 }
 
 std::vector<ModelElement> Model::Impl::getTopLevelElements() const {
     std::vector<ModelElement> result;
-    result.reserve(topLevelElements_.size());
-    for (auto const &entry : topLevelElements_)
-        result.push_back(entry.second);
+    result.reserve(topLevelCount_);
+    table_->elements.forEach([&](ModelElement::Impl *element) {
+        if (element->marks_ & ModelElement::Impl::HeldByModelMark)
+            result.push_back(ModelElement(element, true));
+    });
     return result;
 }
+
+void Model::Impl::holdTopLevel(ModelElement::Impl *element) noexcept {
+    if (element->marks_ & ModelElement::Impl::HeldByModelMark)
+        return;
+    element->marks_ |= ModelElement::Impl::HeldByModelMark;
+    element->addRef();
+    ++topLevelCount_;
+}
+
+void Model::Impl::releaseTopLevel(ModelElement::Impl *element) noexcept {
+    if (!(element->marks_ & ModelElement::Impl::HeldByModelMark))
+        return;
+    element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
+    --topLevelCount_;
+    element->removeRef();
+}
+
+void Model::Impl::releaseAllTopLevel() noexcept {
+    // Dropping a reference may free an element, which then leaves the table: collect first.
+    std::vector<ModelElement::Impl *> held;
+    held.reserve(topLevelCount_);
+    table_->elements.forEach([&](ModelElement::Impl *element) {
+        if (element->marks_ & ModelElement::Impl::HeldByModelMark) {
+            element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
+            held.push_back(element);
+        }
+    });
+    topLevelCount_ = 0;
+    for (ModelElement::Impl *element : held)
+        element->removeRef();
+}
+
+ProxyId const *Model::Impl::proxyIdOf(ModelElement::Impl const *proxy) const noexcept {
+    auto const found = table_->proxyIds.find(proxy);
+    return found == table_->proxyIds.end() ? nullptr : found->second.get();
+}
+
+void Model::Impl::setProxyId(ModelElement::Impl const *proxy, ProxyId const &id) {
+    table_->proxyIds[proxy] = std::make_unique<ProxyId>(id);
+}
+
+void Model::Impl::forgetProxyId(ModelElement::Impl const *proxy) noexcept { table_->proxyIds.erase(proxy); }
 
 void Model::Impl::validateTransaction() const {
     // A roll-back puts things back even in a frozen model: it must not stop half way.
@@ -317,7 +361,7 @@ void Model::Impl::validateTransaction() const {
 
 void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
     validateTransaction();
-    if (!elements_.emplace(element->getUuid(), element).second) {
+    if (!table_->elements.insert(element)) {
         // The loser must not take the winner's table entry with it when it dies.
         element->clearUuid();
         raise<messages::UUIDConflict>();
@@ -328,13 +372,13 @@ void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
         usageProvider_->elementCreated(element);
     } catch (...) {
         // A refused element was never there: no table entry, no record.
-        elements_.erase(element->getUuid());
+        table_->elements.erase(element);
         if (currentTransaction_)
             currentTransaction_->elementCreationFailed(element);
         throw;
     }
     if (topLevel)
-        topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+        holdTopLevel(element);
 }
 
 void Model::Impl::elementDestroying(ModelElement::Impl *element) {
@@ -343,7 +387,7 @@ void Model::Impl::elementDestroying(ModelElement::Impl *element) {
         currentTransaction_->elementDestroying(element);
     usageProvider_->elementDestroying(element);
     remove(element);
-    if (elements_.empty())
+    if (table_->elements.empty())
         usageProvider_->allElementsDestroyed();
 }
 
@@ -357,14 +401,16 @@ void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {
     validateTransaction();
     if (reportsChanges())
         currentTransaction_->elementContainmentChanging(element);
-    topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+    // Only a live element is held: a tombstone is kept by its handles alone.
+    if (element->isValidNonProxy())
+        holdTopLevel(element);
 }
 
 void Model::Impl::elementNoLongerTopLevel(ModelElement::Impl *element) {
     validateTransaction();
     if (reportsChanges())
         currentTransaction_->elementContainmentChanging(element);
-    topLevelElements_.erase(element->getUuid());
+    releaseTopLevel(element);
 }
 
 void Model::Impl::allElementsDestroying() {
@@ -380,21 +426,17 @@ void Model::Impl::allElementsDestroyed() {
 }
 
 void Model::Impl::remove(ModelElement::Impl *element) noexcept {
-    elements_.erase(element->getUuid());
-    // Erasing may drop the last reference to the element: keep it alive until this
-    // call is done with it.
-    auto const found = topLevelElements_.find(element->getUuid());
-    if (found != topLevelElements_.end()) {
-        ModelElement keep = std::move(found->second);
-        topLevelElements_.erase(found);
-    }
+    // Only this very element leaves: a namesake that won a UUID clash stays.
+    table_->elements.erase(element);
+    // Dropping the model's reference may free the element: that comes last.
+    releaseTopLevel(element);
 }
 
 void Model::Impl::resurrectElement(ModelElement::Impl *element) {
     element->resurrect();
-    elements_.emplace(element->getUuid(), element);
+    table_->elements.insert(element);
     if (element->isTopLevel())
-        topLevelElements_.emplace(element->getUuid(), ModelElement(element, true));
+        holdTopLevel(element);
 }
 
 // --- Changes to the whole model ------------------------------------------------------
@@ -430,13 +472,13 @@ void Model::Impl::destroy() noexcept {
         auto const topLevel = getTopLevelElements();
         for (auto const &element : topLevel)
             element->destroyRecursively(/*modelDestroying=*/true, /*removeFromContainer=*/false, multi);
-        topLevelElements_.clear();
+        releaseAllTopLevel();
         // Nothing of a dying model is committed or reported.
         if (currentTransaction_)
             currentTransaction_->abandon();
     } catch (...) {
         // A model's end must not fail its caller; what is left is released below.
-        topLevelElements_.clear();
+        releaseAllTopLevel();
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
@@ -457,7 +499,7 @@ void Model::Impl::destroyAllContents() {
         element->destroyRecursively(/*modelDestroying=*/false, /*removeFromContainer=*/false, multi);
     allElementsDestroyed();
     usageProvider_->allElementsDestroyed();
-    topLevelElements_.clear();
+    releaseAllTopLevel();
     transaction.commit();
 }
 
@@ -465,26 +507,39 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     Impl *to = target.get();
     if (!to || !target || to == this || !listeners_.empty() || currentTransaction_)
         raise<messages::CannotChangeModel>();
-    for (auto const &entry : elements_)
-        if (to->findElement(entry.first, FindElementBehavior::LoadFromDataSource))
+    std::vector<ModelElement::Impl *> moving;
+    moving.reserve(table_->elements.size());
+    table_->elements.forEach([&](ModelElement::Impl *element) { moving.push_back(element); });
+    for (ModelElement::Impl const *element : moving)
+        if (to->findElement(element->getUuid(), FindElementBehavior::LoadFromDataSource))
             raise<messages::CannotChangeModel>();
 
     {
         Transaction transaction = to->beginTransaction(false);
-        for (auto const &entry : elements_) {
-            ModelElement::Impl *element = entry.second;
+        // The target takes each element's reference over: it holds the top-level ones first,
+        // and this model lets go after.
+        for (ModelElement::Impl *element : moving) {
+            bool const held = (element->marks_ & ModelElement::Impl::HeldByModelMark) != 0;
+            element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
             element->model_ = to;
             try {
                 to->elementCreated(element, element->isTopLevel());
             } catch (std::exception const &) {
                 element->model_ = this;
+                if (held)
+                    element->marks_ |= ModelElement::Impl::HeldByModelMark;
                 throw std::exception();
+            }
+            table_->elements.erase(element);
+            if (held) {
+                --topLevelCount_;
+                element->removeRef();
             }
         }
         transaction.commit();
     }
-    elements_.clear();
-    topLevelElements_.clear();
+    table_->elements.clear();
+    topLevelCount_ = 0;
     usageProvider_->allElementsDestroyed();
 }
 

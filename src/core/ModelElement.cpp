@@ -42,11 +42,12 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
-    if (validity_ > 0 && !proxyId_) {
+    if (isProxy()) {
+        model_->forgetProxyId(this);
+    } else if (validity_ > 0) {
         Model keep = model_->getModel();
         model_->remove(this);
     }
-    delete proxyId_;
 }
 
 // --- Proxies -------------------------------------------------------------------------------
@@ -60,16 +61,19 @@ ModelElement ModelElement::createProxy(Model const &model, meta::Class const &cl
 }
 
 void ModelElement::Impl::makeProxy(ProxyId const &proxyId) {
-    proxyId_ = new ProxyId(proxyId);
+    model_->setProxyId(this, proxyId);
+    marks_ |= ProxyMark;
     validity_ = Proxy;
 }
 
 boost::optional<ProxyId> ModelElement::Impl::getProxyId() const {
-    return proxyId_ ? boost::optional<ProxyId>(*proxyId_) : boost::none;
+    ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
+    return id ? boost::optional<ProxyId>(*id) : boost::none;
 }
 
 ProxyId ModelElement::Impl::getPersistentProxyId(bool local) const {
-    return proxyId_ ? *proxyId_ : model_->getPersistentProxyId(this, local);
+    ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
+    return id ? *id : model_->getPersistentProxyId(this, local);
 }
 
 ProxyId ModelElement::Impl::_getPersistentProxyId() const { return model_->getPersistentProxyId(this, false); }
@@ -202,7 +206,7 @@ void ModelElement::Impl::checkCompatibleModel(Impl const *target, meta::Property
         return;
     meta::Property::Impl const *p = property.get();
     if (p && p->getIsComposite()) {
-        if (target->isProxy() && target->proxyId_->getModelId())
+        if (ProxyId const *id = target->isProxy() ? target->model_->proxyIdOf(target) : nullptr; id && id->getModelId())
             raise<messages::CannotCreateCrossModelAssociation>();
         target->checkCircularContainment(ModelElement(const_cast<Impl *>(this), true));
     }

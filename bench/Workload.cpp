@@ -1,0 +1,212 @@
+// The common workload: a library of N books and N/10 writers, created, read, changed and
+// rolled back, partly deleted, and the model destroyed. Prints one JSON object per line and
+// step, with the time per element or per change and the heap an element costs.
+//
+//   kivra_workload                 N = 20,000, 200,000 and 1,000,000
+//   kivra_workload --big           also N = 10,000,000
+//   kivra_workload --sizes 5000    the sizes given, comma-separated
+//
+// Books and writers stand at top level, and the link, save/load and query steps are left
+// out, until multi-valued properties, serializers and queries exist.
+#include "AllocationCounter.hpp"
+
+#include <workload/Book.hpp>
+#include <workload/Library.hpp>
+#include <workload/Writer.hpp>
+
+#include <kivra/Model.hpp>
+#include <kivra/Transaction.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <malloc.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace kivra::bench::workload;
+using Clock = std::chrono::steady_clock;
+using Tag = kivra::ModelElement::Impl::ReflectionPrivateTag;
+
+std::size_t heapInUse() {
+    auto const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+double millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+std::u16string numbered(char16_t const *prefix, std::size_t n) {
+    std::string const digits = std::to_string(n);
+    std::u16string text(prefix);
+    text.append(digits.begin(), digits.end());
+    return text;
+}
+
+void line(char const *step, std::size_t n, double ms, char const *unit, double perUnit, char const *extra = "") {
+    std::printf("{\"system\":\"kivra\", \"step\":\"%s\", \"n\":%zu, \"ms\":%.1f, \"%s\":%.1f%s}\n", step, n, ms, unit,
+                perUnit, extra);
+    std::fflush(stdout);
+}
+
+[[noreturn]] void fail(char const *what) {
+    std::fprintf(stderr, "workload check failed: %s\n", what);
+    std::exit(1);
+}
+
+void run(std::size_t n) {
+    std::size_t const writerCount = n / 10;
+    std::size_t const elementCount = 1 + n + writerCount;
+    // The handles a client keeps to walk its books are not the model's cost: reserved first.
+    std::vector<Book> books;
+    books.reserve(n);
+    std::vector<Writer> writers;
+    writers.reserve(writerCount);
+    std::size_t const heapBefore = heapInUse();
+
+    // W1 create: one transaction, three attributes set on each book.
+    auto start = Clock::now();
+    kivra::Model model = kivra::Model::createTransientModel();
+    {
+        kivra::Transaction transaction = model->beginTransaction(false);
+        Library library = Library::create(model);
+        library->setName(u"Library");
+        for (std::size_t i = 0; i < n; ++i) {
+            Book book = Book::create(model);
+            book->setTitle(numbered(u"Book ", i));
+            book->setPages(std::int32_t(i % 1000));
+            book->setCategory(std::int32_t(i % 3));
+            books.push_back(std::move(book));
+        }
+        for (std::size_t j = 0; j < writerCount; ++j) {
+            Writer writer = Writer::create(model);
+            writer->setName(numbered(u"Writer ", j));
+            writers.push_back(std::move(writer));
+        }
+        transaction.commit();
+    }
+    double ms = millisecondsSince(start);
+    char extra[96];
+    std::snprintf(extra, sizeof extra, ", \"bytes/element\":%.1f",
+                  double(heapInUse() - heapBefore) / double(elementCount));
+    line("W1 create", n, ms, "ns/element", ms * 1e6 / double(elementCount), extra);
+    if (model->elementCount() != elementCount)
+        fail("element count after creation");
+
+    // W3 read: typed getters, then reflective reads, ten passes each.
+    std::int64_t expected = 0;
+    for (std::size_t i = 0; i < n; ++i)
+        expected += std::int64_t(i % 1000);
+    constexpr int passes = 10;
+    std::size_t titleLength = 0;
+    start = Clock::now();
+    for (int pass = 0; pass < passes; ++pass) {
+        std::int64_t sum = 0;
+        for (Book const &book : books) {
+            sum += book->getPages();
+            titleLength += book->getTitle().size();
+        }
+        if (sum != expected)
+            fail("typed page sum");
+    }
+    ms = millisecondsSince(start) / passes;
+    line("W3 read typed", n, ms, "ns/read", ms * 1e6 / double(2 * n));
+
+    kivra::meta::Property const &pages = Book::Impl::pagesProperty();
+    kivra::meta::Property const &title = Book::Impl::titleProperty();
+    std::size_t const allocationsBefore = kivra::bench::allocations();
+    start = Clock::now();
+    for (int pass = 0; pass < passes; ++pass) {
+        std::int64_t sum = 0;
+        for (Book const &book : books) {
+            sum += book->getPropertyValue(pages, Tag::PUBLIC_ACCESS).get<std::int32_t>();
+            titleLength += book->getPropertyValue(title, Tag::PUBLIC_ACCESS).get<std::u16string>().size();
+        }
+        if (sum != expected)
+            fail("reflective page sum");
+    }
+    ms = millisecondsSince(start) / passes;
+    std::snprintf(extra, sizeof extra, ", \"allocations/read\":%.2f",
+                  double(kivra::bench::allocations() - allocationsBefore) / double(2 * n * passes));
+    line("W3 read reflective", n, ms, "ns/read", ms * 1e6 / double(2 * n), extra);
+    if (titleLength == 0)
+        fail("titles");
+
+    // W4 record and roll back: one change per book in a revertible transaction.
+    {
+        start = Clock::now();
+        kivra::Transaction transaction = model->beginRevertibleTransaction();
+        for (Book const &book : books)
+            book->setPages(book->getPages() + 1);
+        ms = millisecondsSince(start);
+        line("W4 record", n, ms, "ns/change", ms * 1e6 / double(n));
+        start = Clock::now();
+        if (transaction.rollBack() != kivra::TransactionResult::RolledBack)
+            fail("roll-back result");
+        transaction = kivra::Transaction();
+        ms = millisecondsSince(start);
+        line("W4 roll back", n, ms, "ns/change", ms * 1e6 / double(n));
+    }
+    for (std::size_t i = 0; i < n; ++i)
+        if (books[i]->getPages() != std::int32_t(i % 1000))
+            fail("value after roll-back");
+
+    // W7 delete: every tenth book, in one transaction.
+    start = Clock::now();
+    {
+        kivra::Transaction transaction = model->beginTransaction(false);
+        for (std::size_t i = 0; i < n; i += 10)
+            books[i]->destroy();
+        transaction.commit();
+    }
+    ms = millisecondsSince(start);
+    std::size_t const deleted = (n + 9) / 10;
+    line("W7 delete", n, ms, "ns/element", ms * 1e6 / double(deleted));
+    if (model->elementCount() != elementCount - deleted)
+        fail("element count after deletion");
+
+    // The model goes, with everything in it.
+    books.clear();
+    writers.clear();
+    start = Clock::now();
+    model->destroy();
+    model.reset();
+    ms = millisecondsSince(start);
+    line("destroy model", n, ms, "ns/element", ms * 1e6 / double(elementCount - deleted));
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::vector<std::size_t> sizes{20'000, 200'000, 1'000'000};
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--big") == 0) {
+            sizes.push_back(10'000'000);
+        } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc) {
+            sizes.clear();
+            for (char *text = argv[++i]; *text;) {
+                char *end = nullptr;
+                sizes.push_back(std::strtoull(text, &end, 10));
+                text = *end ? end + 1 : end;
+            }
+        } else {
+            std::fprintf(stderr, "usage: kivra_workload [--big] [--sizes N,N,...]\n");
+            return 2;
+        }
+    }
+    // The registry and the workload's metamodel are made once, before anything is measured.
+    {
+        kivra::Model warmup = kivra::Model::createTransientModel();
+        Book::create(warmup)->setTitle(u"warm-up");
+    }
+    for (std::size_t n : sizes)
+        run(n);
+    return 0;
+}
