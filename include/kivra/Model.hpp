@@ -176,10 +176,14 @@ public:
     /// The key that lets a transaction factory begin transactions.
     class PrivateTag {
         friend class DirectTransactionFactoryImpl;
+        friend class Model::Impl;
         PrivateTag() = default;
     };
     /// Begins a transaction with `origin`; reached through factories only.
     Transaction innerBeginTransaction(PrivateTag, meta::TransactionOrigin const &origin, bool revertible);
+    /// A nested level on the transaction in progress, which must exist; reached through
+    /// factories only.
+    Transaction beginNested(PrivateTag);
 
     /// Keeps, from now on, the highest ordinal seen of each transaction factory.
     void trackLastSeenTransactionOrdinals() noexcept { trackLastSeenOrdinals_ = true; }

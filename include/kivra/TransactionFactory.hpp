@@ -23,6 +23,8 @@ protected:
     explicit DirectTransactionFactoryImpl(Model::Impl *model) noexcept : model_(model) {}
     /// Begins on the model with `origin`; only factories may.
     Transaction begin(meta::TransactionOrigin const &origin, bool revertible);
+    /// A nested level on the model's transaction in progress, which must exist.
+    Transaction beginNested();
     Model::Impl *model() const noexcept { return model_; }
 
 private:

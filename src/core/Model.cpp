@@ -561,24 +561,25 @@ Transaction Model::Impl::beginTransaction(bool revertible) {
 Transaction Model::Impl::innerBeginTransaction(PrivateTag, meta::TransactionOrigin const &origin, bool revertible) {
     if (validity_ == Invalid)
         raise<messages::InvalidModel>();
-    if (currentTransaction_) {
-        // A nested level has the depth of the transaction it joins.
-        auto *nested = new NestedTransaction(currentTransaction_);
-        nested->addRef();
-        return Transaction(nested);
-    }
+    if (currentTransaction_)
+        return beginNested(PrivateTag());
     bool const deep = revertible || listenerDepth_ == 2;
     if (constellation_) {
         // Every member gets a transaction of the one group; this begin joins its own.
         constellation_->createTransactionGroup(deep, origin);
-        auto *nested = new NestedTransaction(currentTransaction_);
-        nested->addRef();
-        return Transaction(nested);
+        return beginNested(PrivateTag());
     }
     auto *transaction = new TransactionImpl(this, /*group=*/nullptr, deep, origin);
     transaction->addRef();
     currentTransaction_ = transaction;
     return Transaction(transaction);
+}
+
+Transaction Model::Impl::beginNested(PrivateTag) {
+    // A nested level has the depth of the transaction it joins, and its origin.
+    NestedTransaction *nested = currentTransaction_->openNested();
+    nested->addRef();
+    return Transaction(nested);
 }
 
 void Model::Impl::doBeginTransaction(TransactionGroup *group, meta::TransactionOrigin const &origin) {

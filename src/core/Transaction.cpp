@@ -59,8 +59,18 @@ Transaction DirectTransactionFactoryImpl::begin(meta::TransactionOrigin const &o
     return model_->innerBeginTransaction(Model::Impl::PrivateTag(), origin, revertible);
 }
 
+Transaction DirectTransactionFactoryImpl::beginNested() { return model_->beginNested(Model::Impl::PrivateTag()); }
+
 LocalTransactionFactoryImpl::LocalTransactionFactoryImpl(Model::Impl *model)
     : DirectTransactionFactoryImpl(model), uuid_(ElementImpl::generateNewUuid()) {}
+
+Transaction LocalTransactionFactoryImpl::beginLevel(bool revertible) {
+    if (model()->currentTransaction() && model()->isValid()) {
+        ++ordinal_;
+        return beginNested();
+    }
+    return begin(nextOrigin(), revertible);
+}
 
 meta::TransactionOrigin LocalTransactionFactoryImpl::nextOrigin() {
     meta::TransactionOrigin origin;
@@ -76,8 +86,8 @@ meta::TransactionOrigin LocalTransactionFactoryImpl::nextOrigin() {
 
 TransactionImpl::TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep,
                                  meta::TransactionOrigin const &origin)
-    : AbstractTransactionImpl(origin), model_(model->getModel()), group_(group),
-      main_(std::make_shared<ChangeMap>()), listeners_(model->listeners_) {
+    : model_(model->getModel()), group_(group), main_(std::make_shared<ChangeMap>()), listeners_(model->listeners_),
+      origin_(origin) {
     main_->max_load_factor(1.0f);
     main_->rehash(8);
     if (deep)
@@ -149,7 +159,25 @@ void TransactionImpl::finish() noexcept {
     model_->transactionEnded(this);
 }
 
+NestedTransaction *TransactionImpl::openNested() {
+    NestedTransaction *nested = spareNested_;
+    if (nested)
+        spareNested_ = nested->nextSpare_;
+    else
+        nested = new NestedTransaction();
+    addRef();
+    nested->parent_ = Transaction(this);
+    nested->nextSpare_ = nullptr;
+    nested->done_ = false;
+    nested->refCount_ = 0;
+    return nested;
+}
+
 TransactionImpl::~TransactionImpl() {
+    while (NestedTransaction *spare = spareNested_) {
+        spareNested_ = spare->nextSpare_;
+        delete spare;
+    }
     // No roll-back can bring these back now: they let go of what they still hold.
     if (destroyedElements_)
         for (auto const &[uuid, element] : *destroyedElements_)
@@ -442,14 +470,7 @@ TransactionResult TransactionImpl::revert() {
 
 // --- NestedTransaction -------------------------------------------------------------
 
-NestedTransaction::NestedTransaction(TransactionImpl *parent)
-    : AbstractTransactionImpl(parent->getOrigin()), parent_((parent->addRef(), parent)) {}
 
-NestedTransaction::~NestedTransaction() {
-    // The vote and the reference on the parent go away together.
-    if (done_)
-        --parentImpl()->commitRequests_;
-}
 
 TransactionResult NestedTransaction::commit(boost::optional<Value> const &argument) {
     if (done_)
@@ -497,7 +518,13 @@ void NestedTransaction::removeRef() noexcept {
             // A dropped handle votes; it cannot report a failure of the vote.
         }
     }
-    delete this;
+    // The vote and the reference on the parent go away together; the level waits among
+    // the parent's spares, which the parent frees when it goes.
+    TransactionImpl *parent = parentImpl();
+    --parent->commitRequests_;
+    Transaction const release = std::move(parent_);
+    nextSpare_ = parent->spareNested_;
+    parent->spareNested_ = this;
 }
 
 // --- TransactionGroup ----------------------------------------------------------------

@@ -22,13 +22,14 @@
 namespace kivra {
 
 class TransactionGroup;
+class NestedTransaction;
 
 /// The counted object behind a `Transaction` handle: the outermost transaction of a model
 /// or a nested level on it. The count is not atomic; a transaction belongs to its model's
 /// thread.
 class AbstractTransactionImpl {
 public:
-    explicit AbstractTransactionImpl(meta::TransactionOrigin origin) : origin_(std::move(origin)) {}
+    AbstractTransactionImpl() = default;
     virtual TransactionResult commit(boost::optional<Value> const &argument) = 0;
     virtual TransactionResult rollBack() = 0;
     virtual bool isRollBackOnly() const = 0;
@@ -37,11 +38,10 @@ public:
     virtual void removeRef() noexcept = 0;
 
     void addRef() noexcept { ++refCount_; }
-    meta::TransactionOrigin const &getOrigin() const noexcept { return origin_; }
+    virtual meta::TransactionOrigin const &getOrigin() const noexcept = 0;
 
 protected:
     std::uint32_t refCount_ = 0;
-    meta::TransactionOrigin origin_;
 };
 
 /// The records of one transaction, by element.
@@ -67,6 +67,9 @@ public:
 
     TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep, meta::TransactionOrigin const &origin);
     ~TransactionImpl() override;
+    meta::TransactionOrigin const &getOrigin() const noexcept override { return origin_; }
+    /// A nested level on this transaction, counted by the caller's handle.
+    NestedTransaction *openNested();
 
     TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
@@ -144,6 +147,10 @@ private:
                                        services::hashers::KivraHasher<boost::uuids::uuid>>>
         destroyedElements_;
     std::shared_ptr<ReportData> modifierReport_;
+    meta::TransactionOrigin origin_;
+    /// Nested levels that have ended, kept for the next ones: a nested level costs no
+    /// allocation once the first few exist.
+    NestedTransaction *spareNested_ = nullptr;
     std::uint32_t flags_ = 0;
     std::int32_t commitRequests_ = 0;
 };
@@ -152,8 +159,9 @@ private:
 /// outermost one, and dropping it unfinished is a vote for roll-back.
 class NestedTransaction final : public AbstractTransactionImpl {
 public:
-    explicit NestedTransaction(TransactionImpl *parent);
-    ~NestedTransaction() override;
+    NestedTransaction() = default;
+    /// Its origin is the parent's: a nested level is part of the one transaction.
+    meta::TransactionOrigin const &getOrigin() const noexcept override { return parentImpl()->getOrigin(); }
 
     TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
@@ -164,8 +172,9 @@ public:
 private:
     TransactionImpl *parentImpl() const noexcept { return static_cast<TransactionImpl *>(parent_.get()); }
     TransactionResult voteRollBack();
-
+    friend class TransactionImpl;
     Transaction parent_;
+    NestedTransaction *nextSpare_ = nullptr;
     bool done_ = false;
 };
 
@@ -216,12 +225,14 @@ private:
 class LocalTransactionFactoryImpl final : public DirectTransactionFactoryImpl {
 public:
     explicit LocalTransactionFactoryImpl(Model::Impl *model);
-    Transaction beginTransaction() override { return begin(nextOrigin(), false); }
-    Transaction beginRevertibleTransaction() override { return begin(nextOrigin(), true); }
+    Transaction beginTransaction() override { return beginLevel(false); }
+    Transaction beginRevertibleTransaction() override { return beginLevel(true); }
     boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
 
 private:
     meta::TransactionOrigin nextOrigin();
+    /// Every begin draws an ordinal; a nested level needs no origin of its own.
+    Transaction beginLevel(bool revertible);
 
     boost::uuids::uuid uuid_;
     std::int32_t ordinal_ = 0;

@@ -24,10 +24,18 @@ std::vector<Package> DefaultModelUsageProvider::getUsedPackages() const {
 }
 
 void DefaultModelUsageProvider::count(ModelElement::Impl const *element, int delta) {
-    Class const &root = ModelElement::metaClass();
-    for (Class cls = element->getMetaClass(); cls.get() && cls != root; cls = cls->getSuperclass())
-        if (Package const package = cls->getOwningPackage(); package.get())
-            counts_[package] += delta;
+    Class const &metaClass = element->getMetaClass();
+    if (metaClass.get() != lastClass_ || !lastClass_) {
+        // The map's nodes stay where they are, so the counters of a class can be kept.
+        lastCounters_.clear();
+        Class const &root = ModelElement::metaClass();
+        for (Class cls = metaClass; cls.get() && cls != root; cls = cls->getSuperclass())
+            if (Package const package = cls->getOwningPackage(); package.get())
+                lastCounters_.push_back(&counts_[package]);
+        lastClass_ = metaClass.get();
+    }
+    for (int *counter : lastCounters_)
+        *counter += delta;
 }
 
 void DefaultModelUsageProvider::elementDestroying(ModelElement::Impl *element) { count(element, -1); }
@@ -49,6 +57,8 @@ void DefaultModelUsageProvider::elementCreated(ModelElement::Impl *element) {
 }
 
 void DefaultModelUsageProvider::allElementsDestroyed() {
+    lastClass_ = nullptr;
+    lastCounters_.clear();
     counts_.clear();
     if (content_ != ModelContent::DeclaredReified && content_ != ModelContent::DeclaredReflective)
         content_ = ModelContent::Undetermined;

@@ -50,6 +50,9 @@ private:
         std::size_t operator()(Package const &package) const noexcept { return std::hash<ModelElement>()(package); }
     };
     std::unordered_map<Package, int, PackageHash> counts_;
+    /// The counters of the last class counted: elements come in runs of one class.
+    Class::Impl const *lastClass_ = nullptr;
+    std::vector<int *> lastCounters_;
     ModelContent content_;
 };
 
