@@ -22,6 +22,10 @@ public:
     virtual ~Changes();
     Changes(Changes const &) = delete;
     Changes &operator=(Changes const &) = delete;
+    /// Records are made in the storage of the transaction that makes them, when one is in
+    /// force on this thread, and freed with it.
+    static void *operator new(std::size_t size);
+    static void operator delete(void *pointer) noexcept;
 
     /// Marks the container as changed; true when it was marked already. A `Storage`
     /// keeps the first old container.
@@ -47,6 +51,8 @@ public:
     bool any() const noexcept;
 
     boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
+    /// The element object this record is of; null for a record made outside a transaction.
+    ModelElement const &getElement() const noexcept { return element_; }
     meta::Class const &getMetaClass() const noexcept { return metaClass_; }
     Model::Impl *getModel() const noexcept { return model_; }
     /// A record of the same element with no bits and no old values.
@@ -55,7 +61,7 @@ public:
     void addRef() noexcept { ++refCount_; }
     void removeRef() noexcept {
         if (--refCount_ == 0)
-            delete this;
+            release();
     }
 
 protected:
@@ -65,13 +71,18 @@ protected:
     void clear(std::uint64_t bit) noexcept { bits_[bit / 32] &= ~(1u << (bit % 32)); }
 
 private:
+    friend class TransactionImpl;
+    /// Frees a record, in its transaction's storage or on the heap.
+    void release() noexcept;
     boost::uuids::uuid uuid_;
     Model::Impl *model_;
     meta::Class metaClass_;
+    ModelElement element_;
     // Two blocks cover classes of up to 61 properties without an allocation.
     boost::container::small_vector<std::uint32_t, 2> bits_;
     std::uint64_t bitCount_;
     std::uint32_t refCount_ = 0;
+    bool inArena_;
 };
 
 /// A record that also keeps the old value of each property the first time it changes,

@@ -266,6 +266,8 @@ public:
     void remove(ModelElement::Impl *element) noexcept;
     /// Brings back a destroyed element (roll-back only).
     void resurrectElement(ModelElement::Impl *element);
+    /// Takes out an element whose creation is rolled back, with its usage.
+    void forgetCreatedElement(ModelElement::Impl *element);
 
     /// The transaction in progress, or null.
     TransactionImpl *currentTransaction() const noexcept { return currentTransaction_; }

@@ -234,6 +234,10 @@ protected:
         HeldByModelMark = 2,
         /// The transaction in progress has a record of the element.
         RecordedMark = 4,
+        /// ... made when it created the element.
+        CreatedHereMark = 8,
+        /// ... and it destroyed the element, which a roll-back can bring back.
+        DestroyedHereMark = 16,
     };
 };
 

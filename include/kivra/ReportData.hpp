@@ -16,6 +16,9 @@
 #include <vector>
 
 namespace kivra {
+namespace detail {
+class RecordLog;
+} // namespace detail
 
 /// The report of one transaction: which elements were created, modified, destroyed, or
 /// created and destroyed, with the change records that say which properties changed and,
@@ -23,9 +26,8 @@ namespace kivra {
 /// the elements it names alive.
 class ReportData {
 public:
-    using ChangeMap = std::unordered_map<boost::uuids::uuid, ChangesHolder, services::hashers::KivraHasher<boost::uuids::uuid>>;
-
-    ReportData(Model::Impl *model, std::shared_ptr<ChangeMap> changes, meta::TransactionOrigin origin, bool deep,
+    /// Made by the transaction, over its records.
+    ReportData(Model::Impl *model, std::shared_ptr<detail::RecordLog const> changes, meta::TransactionOrigin origin, bool deep,
                bool detectAndRevert, bool allElementsDestroyed, boost::optional<Value> commitArgument);
 
     Model getModel() const;
@@ -75,7 +77,7 @@ public:
 private:
     ModelElement::Impl::Changes *recordOf(ModelElement const &element) const;
 
-    std::shared_ptr<ChangeMap> changes_;
+    std::shared_ptr<detail::RecordLog const> changes_;
     Model model_; // counted: a listener may keep the report longer than others keep the model
     std::vector<ModelElement> created_;
     std::vector<ModelElement> modified_;

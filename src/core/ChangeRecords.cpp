@@ -1,3 +1,5 @@
+#include "core/RecordLog.hpp"
+
 #include <kivra/ChangeRecords.hpp>
 
 #include <kivra/Messages.hpp>
@@ -13,10 +15,87 @@ namespace kivra {
 using Changes = ModelElement::Impl::Changes;
 using Storage = ModelElement::Impl::Storage;
 
+namespace {
+
+// The storage that records made on this thread go into, and the last record put there, so
+// that its constructor knows where it lives.
+thread_local detail::RecordArena *activeArena = nullptr;
+thread_local void const *lastArenaRecord = nullptr;
+
+} // namespace
+
+namespace detail {
+
+ArenaScope::ArenaScope(RecordArena &arena) noexcept : previous_(std::exchange(activeArena, &arena)) {}
+
+ArenaScope::~ArenaScope() { activeArena = previous_; }
+
+RecordLog::~RecordLog() {
+    // Later records may name elements that earlier ones keep: the newest go first.
+    for (auto record = records_.rbegin(); record != records_.rend(); ++record)
+        (*record)->removeRef();
+}
+
+ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) const {
+    if (!indexed_) {
+        index_.reserve(records_.size());
+        for (Changes *record : records_)
+            index_.emplace(record->getElement().get(), record);
+        indexed_ = true;
+    }
+    auto const found = index_.find(element);
+    return found == index_.end() ? nullptr : found->second;
+}
+
+void RecordLog::append(Changes *record) {
+    records_.push_back(record);
+    record->addRef();
+    if (indexed_)
+        index_.emplace(record->getElement().get(), record);
+}
+
+void RecordLog::erase(Changes *record) noexcept {
+    auto const found = std::find(records_.rbegin(), records_.rend(), record);
+    if (found == records_.rend())
+        return;
+    records_.erase(std::next(found).base());
+    if (indexed_)
+        index_.erase(record->getElement().get());
+    record->removeRef();
+}
+
+} // namespace detail
+
 Changes::Changes(boost::uuids::uuid const &uuid, Model::Impl *model, meta::Class const &metaClass, std::uint64_t n)
-    : uuid_(uuid), model_(model), metaClass_(metaClass), bits_((n + 3 + 31) / 32, 0u), bitCount_(n + 3) {}
+    : uuid_(uuid), model_(model), metaClass_(metaClass), bits_((n + 3 + 31) / 32, 0u), bitCount_(n + 3),
+      inArena_(this == lastArenaRecord) {
+    if (inArena_)
+        lastArenaRecord = nullptr;
+}
 
 Changes::~Changes() = default;
+
+void *Changes::operator new(std::size_t size) {
+    if (!activeArena)
+        return ::operator new(size);
+    void *record = activeArena->allocate(size);
+    lastArenaRecord = record;
+    return record;
+}
+
+void Changes::operator delete(void *pointer) noexcept {
+    // A record whose construction failed gives its arena memory back with the arena.
+    if (activeArena && activeArena->ownsRecent(pointer))
+        return;
+    ::operator delete(pointer);
+}
+
+void Changes::release() noexcept {
+    if (inArena_)
+        this->~Changes();
+    else
+        delete this;
+}
 
 bool Changes::setOldContainer(ModelElement const &, meta::Property const &) {
     bool const was = isContainerChanged();

@@ -435,8 +435,21 @@ void Model::Impl::remove(ModelElement::Impl *element) noexcept {
 void Model::Impl::resurrectElement(ModelElement::Impl *element) {
     element->resurrect();
     table_->elements.insert(element);
+    // The usage account comes back with the element: a model never holds both kinds.
+    try {
+        usageProvider_->elementCreated(element);
+    } catch (...) {
+        // The element is of the kind the model had when it was destroyed.
+    }
     if (element->isTopLevel())
         holdTopLevel(element);
+}
+
+void Model::Impl::forgetCreatedElement(ModelElement::Impl *element) {
+    usageProvider_->elementDestroying(element);
+    remove(element);
+    if (table_->elements.empty())
+        usageProvider_->allElementsDestroyed();
 }
 
 // --- Changes to the whole model ------------------------------------------------------

@@ -352,7 +352,7 @@ void ModelElement::Impl::destroyRecursively(bool modelDestroying, bool removeFro
 void ModelElement::Impl::releaseUnlessRestorable() {
     // A tombstone that no roll-back can bring back must not keep others alive: two that
     // refer to each other would never be freed. A deep transaction lets go at its end.
-    if (!model_->isDestroyedInCurrentTransaction(getUuid()))
+    if (!(marks_ & DestroyedHereMark))
         basicDisassociateAll();
 }
 

@@ -1,3 +1,5 @@
+#include "core/RecordLog.hpp"
+
 #include <kivra/ReportData.hpp>
 
 #include <kivra/Messages.hpp>
@@ -8,7 +10,7 @@
 
 namespace kivra {
 
-ReportData::ReportData(Model::Impl *model, std::shared_ptr<ChangeMap> changes, meta::TransactionOrigin origin,
+ReportData::ReportData(Model::Impl *model, std::shared_ptr<detail::RecordLog const> changes, meta::TransactionOrigin origin,
                        bool deep, bool detectAndRevert, bool allElementsDestroyed,
                        boost::optional<Value> commitArgument)
     : changes_(std::move(changes)), model_(model->getModel()), commitArgument_(std::move(commitArgument)),
@@ -46,8 +48,7 @@ void ReportData::processElement(ModelElement const &element, ModelElement::Impl:
 ModelElement::Impl::Changes *ReportData::recordOf(ModelElement const &element) const {
     if (!element.get())
         return nullptr;
-    auto const found = changes_->find(element->getUuid());
-    return found == changes_->end() ? nullptr : found->second.get();
+    return changes_->find(element.get());
 }
 
 bool ReportData::isChanged(ModelElement const &element, meta::Property const &property) const {

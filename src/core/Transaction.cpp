@@ -1,5 +1,7 @@
 #include "core/TransactionImpl.hpp"
 
+#include "core/RecordLog.hpp"
+
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
@@ -86,10 +88,8 @@ meta::TransactionOrigin LocalTransactionFactoryImpl::nextOrigin() {
 
 TransactionImpl::TransactionImpl(Model::Impl *model, TransactionGroup *group, bool deep,
                                  meta::TransactionOrigin const &origin)
-    : model_(model->getModel()), group_(group), main_(std::make_shared<ChangeMap>()), listeners_(model->listeners_),
-      origin_(origin) {
-    main_->max_load_factor(1.0f);
-    main_->rehash(8);
+    : model_(model->getModel()), group_(group), log_(std::make_shared<detail::RecordLog>()),
+      listeners_(model->listeners_), origin_(origin) {
     if (deep)
         flags_ |= Deep;
     if (model->isFrozenOnNotify())
@@ -151,10 +151,19 @@ void TransactionImpl::removeRef() noexcept {
     delete this;
 }
 
+void TransactionImpl::clearMarks() noexcept {
+    constexpr auto marks = ModelElement::Impl::RecordedMark | ModelElement::Impl::CreatedHereMark |
+                           ModelElement::Impl::DestroyedHereMark;
+    for (ModelElement::Impl::Changes const *record : log_->records())
+        if (ModelElement::Impl *element = record->getElement().get())
+            element->marks_ &= std::uint8_t(~marks);
+}
+
 void TransactionImpl::finish() noexcept {
     if (isFinished())
         return;
     flags_ |= Finished;
+    clearMarks();
     group_ = nullptr; // the group is done with this transaction, and may go
     model_->transactionEnded(this);
 }
@@ -178,16 +187,20 @@ TransactionImpl::~TransactionImpl() {
         spareNested_ = spare->nextSpare_;
         delete spare;
     }
+    clearMarks();
     // No roll-back can bring these back now: they let go of what they still hold.
-    if (destroyedElements_)
-        for (auto const &[uuid, element] : *destroyedElements_)
-            if (!element->isValid())
-                element->basicDisassociateAll();
+    for (ModelElement::Impl::Changes const *record : log_->records())
+        if (record->isDestroyed() && !record->getElement()->isValid())
+            record->getElement()->basicDisassociateAll();
 }
 
 void TransactionImpl::elementCreationFailed(ModelElement::Impl *element) {
-    if (auto const found = main_->find(element->getUuid()); found != main_->end() && found->second->isCreated())
-        main_->erase(found);
+    if (!(element->marks_ & ModelElement::Impl::RecordedMark))
+        return;
+    if (ModelElement::Impl::Changes *record = log_->find(element); record && record->isCreated()) {
+        element->marks_ &= std::uint8_t(~(ModelElement::Impl::RecordedMark | ModelElement::Impl::CreatedHereMark));
+        log_->erase(record);
+    }
 }
 
 void TransactionImpl::beginNotifying() { model_->notifying_.push_back(this); }
@@ -205,18 +218,12 @@ void TransactionImpl::removeListener(ListenerHolderBase *holder) noexcept {
 // --- TransactionImpl: listeners -----------------------------------------------------
 
 std::shared_ptr<ReportData> TransactionImpl::buildReport(boost::optional<Value> const &argument) const {
-    auto report = std::make_shared<ReportData>(model_.get(), main_, origin_, isDeep(), has(DetectAndRevert),
+    auto report = std::make_shared<ReportData>(model_.get(), log_, origin_, isDeep(), has(DetectAndRevert),
                                                has(AllElementsDestroying), argument);
-    for (auto const &[uuid, record] : *main_) {
-        ModelElement element = model_->findElement(uuid);
-        if (!element.get()) {
-            // Destroyed in this transaction: kept here until it ends.
-            if (!destroyedElements_ || !destroyedElements_->count(uuid))
-                throw std::out_of_range("invalid unordered_map<K, T> key");
-            element = destroyedElements_->at(uuid);
-        }
-        report->processElement(element, *record.get());
-    }
+    // Each record names its element object, destroyed ones too: no lookup, and an element
+    // destroyed and another made with its UUID are two entries.
+    for (ModelElement::Impl::Changes *record : log_->records())
+        report->processElement(record->getElement(), *record);
     return report;
 }
 
@@ -360,35 +367,45 @@ bool TransactionImpl::passGate() {
 }
 
 ModelElement::Impl::Changes *TransactionImpl::entryOf(ModelElement::Impl *element) {
-    auto found = main_->find(element->getUuid());
-    if (found == main_->end()) {
-        ModelElement::Impl::Changes *record = isDeep() ? element->createStorage() : element->createChanges();
-        found = main_->emplace(element->getUuid(), ChangesHolder(record)).first;
+    // An element without the mark has no record: the first touch needs no lookup.
+    if (element->marks_ & ModelElement::Impl::RecordedMark)
+        if (ModelElement::Impl::Changes *record = log_->find(element))
+            return record;
+    ModelElement::Impl::Changes *record;
+    {
+        detail::ArenaScope const inLog(log_->arena);
+        record = isDeep() ? element->createStorage() : element->createChanges();
     }
-    return found->second.get();
+    record->element_ = ModelElement::fromImpl(element);
+    log_->append(record);
+    element->marks_ |= ModelElement::Impl::RecordedMark;
+    return record;
 }
 
 void TransactionImpl::elementCreated(ModelElement::Impl *element) {
     if (!passGate())
         return;
     entryOf(element)->setCreated();
+    element->marks_ |= ModelElement::Impl::CreatedHereMark;
 }
 
 void TransactionImpl::elementDestroying(ModelElement::Impl *element) {
     if (!passGate())
         return;
+    // The record keeps the element alive until the transaction and its reports are gone.
     entryOf(element)->setDestroyed();
-    if (!destroyedElements_)
-        destroyedElements_ = std::make_unique<decltype(destroyedElements_)::element_type>();
-    destroyedElements_->emplace(element->getUuid(), ModelElement::fromImpl(element));
+    element->marks_ |= ModelElement::Impl::DestroyedHereMark;
 }
 
 void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
     if (has(ApplyingRollBack) || propertyIndex == 0 || !isInterested())
         return;
-    if (!element->isValid() && main_->find(element->getUuid()) == main_->end())
+    if (!element->isValid() && !(element->marks_ & ModelElement::Impl::RecordedMark))
         return;
     if (!passGate())
+        return;
+    // A new element has no old value.
+    if (element->marks_ & ModelElement::Impl::CreatedHereMark)
         return;
     ModelElement::Impl::Changes *record = entryOf(element);
     if (record->isCreated() || (!isDeep() && record->isDestroyed()))
@@ -420,7 +437,10 @@ void TransactionImpl::allElementsDestroyed() {
 }
 
 bool TransactionImpl::isDestroyed(boost::uuids::uuid const &uuid) const {
-    return destroyedElements_ && destroyedElements_->count(uuid) != 0;
+    for (ModelElement::Impl::Changes const *record : log_->records())
+        if (record->isDestroyed() && record->getUuid() == uuid)
+            return true;
+    return false;
 }
 
 // --- TransactionImpl: roll-back ----------------------------------------------------
@@ -430,41 +450,30 @@ TransactionResult TransactionImpl::revert() {
         return TransactionResult::NotFinished;
     if (!isDeep())
         return TransactionResult::CannotRevert;
-    if (main_->empty())
+    if (log_->empty())
         return TransactionResult::RolledBack;
 
+    // Every record holds its element, so that nothing is freed while the walks run, and
+    // names the very object it is of, so that no lookup is needed.
     Model::Impl *model = model_.get();
-    // Every element with a record stays alive until the walk is over: restoring one end of
-    // a link may drop the last reference to an element whose own record comes later.
-    std::vector<ModelElement> alive;
-    alive.reserve(main_->size());
-    for (auto const &[uuid, record] : *main_)
-        if (ModelElement element = model->findElement(uuid, FindElementBehavior::LoadFromDataSource); element.get())
-            alive.push_back(std::move(element));
-    if (destroyedElements_)
-        for (auto const &[uuid, element] : *destroyedElements_)
-            alive.push_back(element);
-
+    auto const &records = log_->records();
     flags_ |= ApplyingRollBack;
-    // Destroyed elements come back first, so that every restored reference finds its target.
-    if (destroyedElements_)
-        for (auto const &[uuid, element] : *destroyedElements_)
-            if (auto const found = main_->find(uuid); found == main_->end() || !found->second->isCreated())
-                model->resurrectElement(element.get());
-    for (auto const &[uuid, record] : *main_) {
-        if (record->isCreated()) {
-            if (record->isDestroyed())
-                continue; // it came and went in this transaction
-            if (ModelElement const element = model->findElement(uuid); element.get()) {
+    // New elements leave first: an element destroyed here may come back under a UUID that a
+    // new one took.
+    for (auto record = records.rbegin(); record != records.rend(); ++record)
+        if ((*record)->isCreated() && !(*record)->isDestroyed())
+            if (ModelElement::Impl *element = (*record)->getElement().get(); element->isValid()) {
                 element->basicDisassociateAll();
-                model->remove(element.get());
+                model->forgetCreatedElement(element);
                 element->invalidate();
             }
-        } else if (ModelElement const element = model->findElement(uuid, FindElementBehavior::LoadFromDataSource);
-                   element.get()) {
-            element->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(record.get()));
-        }
-    }
+    // Destroyed elements come back before anything refers to them again.
+    for (auto record = records.rbegin(); record != records.rend(); ++record)
+        if ((*record)->isDestroyed() && !(*record)->isCreated())
+            model->resurrectElement((*record)->getElement().get());
+    for (auto record = records.rbegin(); record != records.rend(); ++record)
+        if (!(*record)->isCreated())
+            (*record)->getElement()->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(*record));
     return TransactionResult::RolledBack;
 }
 

@@ -44,8 +44,9 @@ protected:
     std::uint32_t refCount_ = 0;
 };
 
-/// The records of one transaction, by element.
-using ChangeMap = ReportData::ChangeMap;
+namespace detail {
+class RecordLog;
+} // namespace detail
 
 /// The one transaction in progress on a model. Its reference count counts the parties
 /// that hold it (the outer handle and every open nested level), `commitRequests` those
@@ -84,7 +85,7 @@ public:
     /// True when every party that holds the transaction has voted.
     bool isReady() const noexcept { return refCount_ == static_cast<std::uint32_t>(commitRequests_); }
     Model::Impl *model() const noexcept { return model_.get(); }
-    ChangeMap const &changes() const noexcept { return *main_; }
+    detail::RecordLog const &records() const noexcept { return *log_; }
 
     // What the model reports while the transaction runs.
     void elementCreated(ModelElement::Impl *element);
@@ -130,6 +131,8 @@ private:
     /// `ChangesProhibited` after the modifiers.
     bool passGate();
     ModelElement::Impl::Changes *entryOf(ModelElement::Impl *element);
+    /// Clears what the elements carry of this transaction's records.
+    void clearMarks() noexcept;
     std::shared_ptr<ReportData> buildReport(boost::optional<Value> const &argument) const;
     bool hasObservers() const noexcept;
     /// Runs `call` on each observer, freezing the model if asked, logging failures and
@@ -141,11 +144,9 @@ private:
     Model model_;
     TransactionGroup *group_;
     std::function<void()> firstChangeCallback_;
-    std::shared_ptr<ChangeMap> main_;
+    std::shared_ptr<detail::RecordLog> log_;
     std::vector<ListenerHolderBase *> listeners_;
-    std::unique_ptr<std::unordered_map<boost::uuids::uuid, ModelElement,
-                                       services::hashers::KivraHasher<boost::uuids::uuid>>>
-        destroyedElements_;
+
     std::shared_ptr<ReportData> modifierReport_;
     meta::TransactionOrigin origin_;
     /// Nested levels that have ended, kept for the next ones: a nested level costs no

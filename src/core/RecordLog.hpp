@@ -1,0 +1,91 @@
+#pragma once
+// Not API: the change records of one transaction, in the order of first touch, in storage
+// that goes in one step.
+
+#include <kivra/ChangeRecords.hpp>
+
+#include <absl/container/flat_hash_map.h>
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace kivra::detail {
+
+/// Bump allocation in blocks: records are made one after the other and freed together.
+class RecordArena {
+public:
+    RecordArena() = default;
+    RecordArena(RecordArena const &) = delete;
+    RecordArena &operator=(RecordArena const &) = delete;
+
+    void *allocate(std::size_t size) {
+        size = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+        if (size > left_) {
+            std::size_t const blockSize = size > defaultBlock ? size : defaultBlock;
+            blocks_.push_back(std::make_unique<std::max_align_t[]>(blockSize / sizeof(std::max_align_t) + 1));
+            next_ = reinterpret_cast<std::byte *>(blocks_.back().get());
+            left_ = blockSize;
+        }
+        void *result = next_;
+        next_ += size;
+        left_ -= size;
+        return result;
+    }
+
+    /// True for memory of the block in use: what a failed construction gives back.
+    bool ownsRecent(void const *pointer) const noexcept {
+        if (blocks_.empty())
+            return false;
+        auto const *start = reinterpret_cast<std::byte const *>(blocks_.back().get());
+        return pointer >= start && pointer < next_;
+    }
+
+private:
+    static constexpr std::size_t defaultBlock = 64 * 1024;
+    std::vector<std::unique_ptr<std::max_align_t[]>> blocks_;
+    std::byte *next_ = nullptr;
+    std::size_t left_ = 0;
+};
+
+/// While one lives, change records made on this thread go into `arena`.
+class ArenaScope {
+public:
+    explicit ArenaScope(RecordArena &arena) noexcept;
+    ~ArenaScope();
+    ArenaScope(ArenaScope const &) = delete;
+    ArenaScope &operator=(ArenaScope const &) = delete;
+
+private:
+    RecordArena *previous_;
+};
+
+/// The records of one transaction, shared by the transaction and the reports made from
+/// it. Records are kept in the order in which their elements were first touched; an
+/// element's record is found through an index built when first asked for, which most
+/// transactions never need: a change to an element without a record makes one at once.
+class RecordLog {
+public:
+    using Changes = ModelElement::Impl::Changes;
+    RecordLog() = default;
+    RecordLog(RecordLog const &) = delete;
+    RecordLog &operator=(RecordLog const &) = delete;
+    ~RecordLog();
+
+    std::vector<Changes *> const &records() const noexcept { return records_; }
+    bool empty() const noexcept { return records_.empty(); }
+    /// The record of this very element object, or null.
+    Changes *find(ModelElement::Impl const *element) const;
+    void append(Changes *record);
+    /// Takes a record out and frees it.
+    void erase(Changes *record) noexcept;
+
+    RecordArena arena;
+
+private:
+    std::vector<Changes *> records_;
+    mutable absl::flat_hash_map<ModelElement::Impl const *, Changes *> index_;
+    mutable bool indexed_ = false;
+};
+
+} // namespace kivra::detail
