@@ -60,6 +60,10 @@ public:
     bool isObserver() const noexcept { return observer_; }
 
 private:
+    friend class Model::Impl;
+    /// Lets go of the listener without a word to it: a second holder of a listener that
+    /// is registered already goes away quietly.
+    void forgetListener() noexcept { listener_ = nullptr; }
     Listener *listener_;
     bool shallow_;
     bool modifier_;

@@ -165,8 +165,11 @@ ModelElement Model::Impl::peekResolveProxy(ModelElement::Impl const *, ModelElem
 
 void Model::Impl::addListenerHolder(std::unique_ptr<ListenerHolderBase> holder) {
     for (ListenerHolderBase const *present : listeners_)
-        if (present->getListener() == holder->getListener())
+        if (present->getListener() == holder->getListener()) {
+            // The listener stays registered: the spare holder must neither tell it nor delete it.
+            holder->forgetListener();
             return;
+        }
     listeners_.push_back(holder.get());
     if (!holder.release()->isShallow())
         listenerDepth_ = 2;
@@ -212,6 +215,8 @@ void addListenerHolder(Model const &model, std::unique_ptr<ListenerHolderBase> h
 void removeListener(Model const &model, Listener const &listener) { model->removeListener(listener); }
 
 ListenerHolderBase::~ListenerHolderBase() {
+    if (!listener_)
+        return;
     listener_->listenerRemoved();
     if (ownsListener_)
         delete listener_;

@@ -14,6 +14,7 @@
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
+#include <exception>
 #include <vector>
 
 #include <basalt/i18n/Unicode.hpp>
@@ -110,13 +111,23 @@ void ModelConstellation::Impl::addModelToConstellation(Model::Impl *model) {
     if (ModelConstellation::Impl *previous = model->constellationImpl(); previous && previous != this)
         previous->modelIsDestroyed(model);
     model->setConstellation(this);
+    // Listeners hear of the member before it joins the running group; a listener that fails
+    // does not keep it out of the group or the URI history.
+    std::exception_ptr failure;
+    {
+        ModelConstellation const self(this);
+        Model const added = model->getModel();
+        try {
+            forEachListener([&](ConstellationListener &listener) { listener.modelAdded(self, added); });
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }
     if (group_)
         model->doBeginTransaction(group_, group_->getOrigin());
     latestURIs_[model->getModelURI()] = LatestEntry{model, {}};
-    // Told last: the model is a full member by then, also when a listener fails.
-    ModelConstellation const self(this);
-    Model const added = model->getModel();
-    forEachListener([&](ConstellationListener &listener) { listener.modelAdded(self, added); });
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 template <class Call> void ModelConstellation::Impl::forEachListener(Call const &call) {

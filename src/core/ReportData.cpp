@@ -58,14 +58,29 @@ bool ReportData::isChanged(ModelElement const &element, meta::Property const &pr
 
 std::vector<meta::Property> ReportData::getChangedProperties(ModelElement const &element) const {
     std::vector<meta::Property> result;
-    if (ModelElement::Impl::Changes const *record = recordOf(element))
-        for (std::uint64_t index = 1;; ++index) {
-            meta::Property property = element->getPropertyByIndex(index);
-            if (!property.get())
-                break;
-            if (record->isChanged(index))
-                result.push_back(std::move(property));
-        }
+    ModelElement::Impl::Changes const *record = recordOf(element);
+    if (!record)
+        return result;
+    std::vector<meta::Property> changed;
+    for (std::uint64_t index = 1;; ++index) {
+        meta::Property property = element->getPropertyByIndex(index);
+        if (!property.get())
+            break;
+        if (record->isChanged(index))
+            changed.push_back(std::move(property));
+    }
+    // From the element's own class up to the root, each class's own properties in their
+    // order; indices run the other way, from the root down.
+    for (meta::Class cls = element->getMetaClass(); cls.get() && !changed.empty(); cls = cls->getSuperclass())
+        for (auto property = changed.begin(); property != changed.end();)
+            if (meta::StructuredType const owner = (*property)->getOwningType(); owner.get() == cls.get()) {
+                result.push_back(std::move(*property));
+                property = changed.erase(property);
+            } else {
+                ++property;
+            }
+    // What no class of the chain owns keeps its place at the end.
+    result.insert(result.end(), changed.begin(), changed.end());
     return result;
 }
 

@@ -230,6 +230,11 @@ std::shared_ptr<ReportData> TransactionImpl::buildReport(boost::optional<Value> 
 void TransactionImpl::runModifiers() {
     if (listeners_.empty() || !has(HasChanges))
         return;
+    // The report holds elements and records: it goes when the phase ends, however it ends.
+    struct ReleaseReport {
+        std::shared_ptr<ReportData> &report;
+        ~ReleaseReport() { report.reset(); }
+    } const release{modifierReport_};
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
         ListenerHolderBase *holder = listeners_[i];
         if (!holder || !holder->isModifier())

@@ -90,12 +90,13 @@ template <ScalarPayload T> Value::Value(meta::Type const &type, T const &native,
 template <ScalarPayload T>
 Value::Value(meta::Type const &type, boost::optional<T> const &native, bool required)
     : ValueMeta(type, ValueFlags::Optional) {
+    // An absent value that is not required is the empty optional of whatever type it names.
+    if (!native && !required)
+        return;
     detail::checkScalarType<T>(type);
     if (!native) {
-        if (required && internal::isEnumType(type))
+        if (internal::isEnumType(type))
             raise<messages::InvalidValue>();
-        if (!required)
-            return;
         // A required value of a plain type that is absent: its default.
         payload_ = new T();
     } else {

@@ -14,6 +14,8 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include <string>
 #include <vector>
 
@@ -389,6 +391,40 @@ TEST(ElementIds, FindTheElementOfExactlyThatClass) {
     EXPECT_FALSE(model->findElement(Author::metaClass(), id));
     EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"uuid", u"not a uuid")));
     EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"isbn", u"978-0")));
+}
+
+} // namespace
+} // namespace kivra::test::library
+
+namespace kivra::test::library {
+namespace {
+
+// Listeners hear of a newcomer before it joins the running group; one that fails keeps it
+// neither out of the group nor out of the URI history.
+TEST(Constellation, ListenersHearOfANewcomerBeforeItJoinsTheGroup) {
+    struct Watcher : ConstellationListener {
+        std::vector<bool> inGroup;
+        bool fail = false;
+        void modelAdded(ModelConstellation const &, Model const &model) override {
+            inGroup.push_back(model->isTransactionInProgress());
+            if (fail)
+                throw std::runtime_error("listener failed");
+        }
+        void modelRemoved(ModelConstellation const &, Model const &) override {}
+    } watcher;
+    ModelConstellation constellation = ModelConstellation::create();
+    constellation->addConstellationListener(&watcher);
+    Model first = Model::create(constellation);
+    Transaction deep = first->beginRevertibleTransaction();
+    Model second = Model::create(constellation);
+    EXPECT_EQ(watcher.inGroup, (std::vector<bool>{false, false}));
+    EXPECT_TRUE(second->isTransactionInProgress());
+
+    watcher.fail = true;
+    EXPECT_THROW(Model::create(constellation), std::runtime_error);
+    EXPECT_EQ(constellation->modelsCount(), 3u);
+    EXPECT_EQ(deep.commit(), R::Committed);
+    constellation->removeConstellationListener(&watcher);
 }
 
 } // namespace

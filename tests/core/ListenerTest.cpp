@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -247,6 +248,60 @@ TEST(ListenerHolder, OwnedListenersAreDeletedOnceWithTheModel) {
     }
     EXPECT_EQ(removed, 1);
     EXPECT_EQ(deleted, 1);
+}
+
+} // namespace
+} // namespace kivra::test::library
+
+namespace kivra::test::library {
+namespace {
+
+struct Counted : Listener {
+    static inline int alive = 0;
+    static inline int removals = 0;
+    Counted() { ++alive; }
+    ~Counted() override { --alive; }
+    void listenerRemoved() override { ++removals; }
+    void transactionCommitted(Report const &) {}
+};
+
+// A second add of a registered listener changes nothing: the listener is neither told
+// that it was removed nor, when the model owns it, deleted.
+TEST(Listeners, ASecondAddOfTheSameListenerDoesNothing) {
+    Counted::alive = Counted::removals = 0;
+    Model model = Model::createTransientModel();
+    auto owned = std::make_unique<Counted>();
+    Counted *listener = owned.get();
+    addOwnedListener<ListenerRole::Observer>(model, std::move(owned));
+    addOwnedListener<ListenerRole::Observer>(model, std::unique_ptr<Counted>(listener));
+    EXPECT_EQ(Counted::removals, 0);
+    EXPECT_EQ(Counted::alive, 1);
+    {
+        Transaction transaction = model->beginTransaction();
+        Book::create(model);
+        EXPECT_EQ(transaction.commit(), TransactionResult::Committed); // the listener is still there
+    }
+    model->destroy();
+    EXPECT_EQ(Counted::removals, 1);
+    EXPECT_EQ(Counted::alive, 0);
+}
+
+// A modifier that throws rolls the transaction back, and the report it was given goes
+// with the phase, not with the transaction: it holds the model's elements.
+TEST_F(ListenerTest, AFailingModifierLeavesNoReportBehind) {
+    std::weak_ptr<ReportData> given;
+    bool called = false;
+    first.onModify = [&](Report const &report) {
+        given = report;
+        called = true;
+        throw std::runtime_error("refused");
+    };
+    addListener<ListenerRole::Modifier>(model, first);
+    Transaction transaction = model->beginTransaction();
+    Book::create(model);
+    EXPECT_EQ(transaction.commit(), TransactionResult::RolledBack);
+    ASSERT_TRUE(called);
+    EXPECT_TRUE(given.expired());
 }
 
 } // namespace

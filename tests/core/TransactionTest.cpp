@@ -1,4 +1,5 @@
 #include "ModelSnapshot.hpp"
+#include "Probes.hpp"
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -6,6 +7,7 @@
 #include <library/Shelf.hpp>
 
 #include <kivra/Messages.hpp>
+#include <basalt/except/Exception.hpp>
 #include <kivra/TransactionFactory.hpp>
 #include <kivra/meta/TransactionOrigin.hpp>
 
@@ -260,6 +262,57 @@ TEST(TransactionRollBack, CommittedWorkEqualsTheSameWorkDoneDirectly) {
         ASSERT_EQ(transaction.commit(), R::Committed);
         ASSERT_EQ(describeDifference(snapshot(direct), snapshot(transacted)), "");
     }
+}
+
+} // namespace
+} // namespace kivra::test::library
+
+namespace kivra::test::library {
+namespace {
+
+// An element destroyed and another made with its UUID in one transaction are two elements:
+// the roll-back gives back the first, in its container, and forgets the second.
+TEST_F(TransactionTest, RollBackTellsApartTwoElementsOfOneUuid) {
+    Shelf shelf = Shelf::create(model);
+    Book original = Book::create(model);
+    shelf->setFeatured(original);
+    auto const id = original->getUuid();
+    ModelSnapshot const before = snapshot(model);
+
+    Transaction transaction = model->beginRevertibleTransaction();
+    original->destroy();
+    Book namesake = Book::create(model, id);
+    shelf->setFeatured(namesake);
+    EXPECT_EQ(transaction.rollBack(), R::RolledBack);
+
+    EXPECT_EQ(describeDifference(before, snapshot(model)), "");
+    EXPECT_TRUE(original);
+    EXPECT_FALSE(namesake);
+    EXPECT_EQ(model->findElement(id).get(), original.get());
+    EXPECT_EQ(shelf->getFeatured(), original);
+    EXPECT_EQ(original->getShelf(), shelf);
+    EXPECT_FALSE(original->isTopLevel());
+}
+
+// The usage account comes back with the elements: a model never holds both kinds.
+TEST_F(TransactionTest, RollBackRestoresTheModelsContent) {
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        Book::create(model);
+        EXPECT_EQ(model->getModelContent(), ModelContent::InferredReified);
+        EXPECT_EQ(transaction.rollBack(), R::RolledBack);
+    }
+    EXPECT_EQ(model->getModelContent(), ModelContent::Undetermined);
+
+    Book only = Book::create(model);
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        only->destroy();
+        EXPECT_EQ(model->getModelContent(), ModelContent::Undetermined);
+        EXPECT_EQ(transaction.rollBack(), R::RolledBack);
+    }
+    EXPECT_EQ(model->getModelContent(), ModelContent::InferredReified);
+    EXPECT_THROW(test::ReflectiveNote::create(model), basalt::except::IUserException);
 }
 
 } // namespace

@@ -109,7 +109,11 @@ TEST_F(ValueTest, ScalarsCheckTheirTypeAndReadBack) {
     EXPECT_THROW(Value(StandardTypes::realMeta, 42), Error<messages::CannotCastIncompatibleTypes>);
     EXPECT_THROW(Value(StandardTypes::integerMeta, boost::none).get<std::int32_t>(), Error<messages::InvalidValue>);
 
-    // Absent and not required: the empty optional; required: the type's default.
+    // Absent and not required: the empty optional of whatever type it names, even one that
+    // is not the native type's; required: the type's default.
+    Value const absent(StandardTypes::realMeta, boost::optional<std::int32_t>(), false);
+    EXPECT_EQ(absent.getFlags(), ValueFlags::Optional);
+    EXPECT_FALSE(absent.hasPayload());
     EXPECT_FALSE(Value(StandardTypes::integerMeta, boost::optional<std::int32_t>(), false).hasPayload());
     EXPECT_EQ(Value(StandardTypes::integerMeta, boost::optional<std::int32_t>(), true).get<std::int32_t>(), 0);
 
