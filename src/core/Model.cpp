@@ -126,6 +126,9 @@ Model::Impl::~Impl() {
     if (validity_ != Invalid)
         destroy();
     dropListeners();
+    // Proxies that outlive the model must not reach for its table when they go.
+    for (auto const &[proxy, id] : table_->proxyIds)
+        const_cast<ModelElement::Impl *>(proxy)->marks_ |= ModelElement::Impl::OrphanedProxyMark;
 }
 
 // --- Proxies ---------------------------------------------------------------------------

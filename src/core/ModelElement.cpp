@@ -43,7 +43,8 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
     if (isProxy()) {
-        model_->forgetProxyId(this);
+        if (!(marks_ & OrphanedProxyMark))
+            model_->forgetProxyId(this);
     } else if (validity_ > 0) {
         Model keep = model_->getModel();
         model_->remove(this);
@@ -67,11 +68,13 @@ void ModelElement::Impl::makeProxy(ProxyId const &proxyId) {
 }
 
 boost::optional<ProxyId> ModelElement::Impl::getProxyId() const {
-    ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
+    ProxyId const *id = isProxy() && !(marks_ & OrphanedProxyMark) ? model_->proxyIdOf(this) : nullptr;
     return id ? boost::optional<ProxyId>(*id) : boost::none;
 }
 
 ProxyId ModelElement::Impl::getPersistentProxyId(bool local) const {
+    if (isProxy() && (marks_ & OrphanedProxyMark))
+        return ProxyId({}, {}, boost::none);
     ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
     return id ? *id : model_->getPersistentProxyId(this, local);
 }

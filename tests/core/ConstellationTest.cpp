@@ -399,6 +399,20 @@ TEST(ElementIds, FindTheElementOfExactlyThatClass) {
 namespace kivra::test::library {
 namespace {
 
+// A proxy that a client keeps after its model is gone stays harmless: it names no id, and
+// letting it go touches nothing of the model.
+TEST(Proxy, OutlivesItsModel) {
+    Book proxy;
+    {
+        Model model = Model::createTransientModel();
+        proxy = Book::createProxy(model, ProxyId(u"uuid", u"0b3a9c1e-0000-4000-8000-000000000001", boost::none));
+        ASSERT_TRUE(proxy->getProxyId());
+    }
+    EXPECT_TRUE(proxy->isProxy());
+    EXPECT_FALSE(proxy->getProxyId());
+    proxy.reset();
+}
+
 // Listeners hear of a newcomer before it joins the running group; one that fails keeps it
 // neither out of the group nor out of the URI history.
 TEST(Constellation, ListenersHearOfANewcomerBeforeItJoinsTheGroup) {
