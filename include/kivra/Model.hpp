@@ -85,6 +85,10 @@ private:
 ///
 /// A model keeps its top-level elements alive; contained elements are kept by their
 /// containers. It is used by one thread at a time.
+///
+/// When the last handle goes, the model is destroyed; its object stays in memory as an
+/// inert, invalid shell while an element object or a report still names it, so that a
+/// tombstone can always ask for its model (and gets a handle that converts to false).
 class Model::Impl final : public TransactionCoordinator {
 public:
     ~Impl() override;
@@ -92,6 +96,14 @@ public:
     Model getModel() const override;
     meta::Class const &getMetaClass() const override;
     void removeRef() override;
+
+    /// Keeps the object in memory, not alive: taken by every element object and report.
+    void hold() noexcept { holds_.fetch_add(1, std::memory_order_relaxed); }
+    /// Drops a hold; the last one frees the shell of a destroyed model.
+    void releaseHold() noexcept {
+        if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
 
     // --- Queries ---------------------------------------------------------------------
 
@@ -292,6 +304,8 @@ private:
     static Model make(boost::uuids::uuid const &uuid, ModelConstellation const &constellation,
                       WorkQueueFactory const &factory, std::string const &domain, ModelContent content);
     void setConstellation(ModelConstellation::Impl *constellation);
+    /// The end of the last handle: destroys the model and gives up its own hold.
+    void retire() noexcept;
     /// The model's reference on a top-level element, taken and dropped with its mark.
     void holdTopLevel(ModelElement::Impl *element) noexcept;
     void releaseTopLevel(ModelElement::Impl *element) noexcept;
@@ -303,6 +317,8 @@ private:
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
+    /// One for the live model, one per element object and report that names it.
+    std::atomic<std::uint32_t> holds_{1};
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;
     std::size_t topLevelCount_ = 0;

@@ -238,8 +238,6 @@ protected:
         CreatedHereMark = 8,
         /// ... and it destroyed the element, which a roll-back can bring back.
         DestroyedHereMark = 16,
-        /// A proxy whose model, and with it the proxy's id, is gone.
-        OrphanedProxyMark = 32,
     };
 };
 

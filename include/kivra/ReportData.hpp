@@ -12,6 +12,7 @@
 #include <boost/optional/optional.hpp>
 
 #include <memory>
+#include <utility>
 #include <unordered_map>
 #include <vector>
 
@@ -23,7 +24,9 @@ class RecordLog;
 /// The report of one transaction: which elements were created, modified, destroyed, or
 /// created and destroyed, with the change records that say which properties changed and,
 /// in a deep transaction, what they were before. Shared by `std::shared_ptr`; it keeps
-/// the elements it names alive.
+/// the elements it names alive, but not their model: a report kept after the model is
+/// gone answers as before about elements that are now tombstones, and `getModel` gives
+/// a handle that converts to false.
 class ReportData {
 public:
     /// Made by the transaction, over its records.
@@ -77,8 +80,28 @@ public:
 private:
     ModelElement::Impl::Changes *recordOf(ModelElement const &element) const;
 
+    /// Keeps the model's object in memory without keeping the model alive.
+    class ModelHold {
+    public:
+        explicit ModelHold(Model::Impl *model) noexcept : model_(model) { model_->hold(); }
+        ModelHold(ModelHold const &other) noexcept : ModelHold(other.model_) {}
+        ModelHold(ModelHold &&other) noexcept : model_(std::exchange(other.model_, nullptr)) {}
+        ModelHold &operator=(ModelHold other) noexcept {
+            std::swap(model_, other.model_);
+            return *this;
+        }
+        ~ModelHold() {
+            if (model_)
+                model_->releaseHold();
+        }
+        Model::Impl *get() const noexcept { return model_; }
+
+    private:
+        Model::Impl *model_;
+    };
+
     std::shared_ptr<detail::RecordLog const> changes_;
-    Model model_; // counted: a listener may keep the report longer than others keep the model
+    ModelHold model_;
     std::vector<ModelElement> created_;
     std::vector<ModelElement> modified_;
     std::vector<ModelElement> destroyed_;

@@ -121,14 +121,16 @@ ModelSpec &ModelSpec::setConstellation(ModelConstellation const &constellation) 
 
 // --- Lifetime --------------------------------------------------------------------------
 
-Model::Impl::~Impl() {
+Model::Impl::~Impl() = default;
+
+void Model::Impl::retire() noexcept {
+    // From here on handles of the shell count up and down from a value that never
+    // reaches zero, so that nothing below can retire the model twice.
     guardAgainstReentrantDeletion();
     if (validity_ != Invalid)
         destroy();
     dropListeners();
-    // Proxies that outlive the model must not reach for its table when they go.
-    for (auto const &[proxy, id] : table_->proxyIds)
-        const_cast<ModelElement::Impl *>(proxy)->marks_ |= ModelElement::Impl::OrphanedProxyMark;
+    releaseHold();
 }
 
 // --- Proxies ---------------------------------------------------------------------------
@@ -233,7 +235,7 @@ void Model::Impl::removeRef() {
     if (constellation_)
         constellation_->modelIsNotExternallyReferenced(this);
     else
-        deleteThis();
+        retire();
 }
 
 Model Model::Impl::getModel() const { return Model(const_cast<Impl *>(this), true); }
@@ -543,14 +545,17 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
             bool const held = (element->marks_ & ModelElement::Impl::HeldByModelMark) != 0;
             element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
             element->model_ = to;
+            to->hold();
             try {
                 to->elementCreated(element, element->isTopLevel());
             } catch (std::exception const &) {
                 element->model_ = this;
+                to->releaseHold();
                 if (held)
                     element->marks_ |= ModelElement::Impl::HeldByModelMark;
                 throw std::exception();
             }
+            releaseHold(); // never the last: the model's own hold stays while it lives
             table_->elements.erase(element);
             if (held) {
                 --topLevelCount_;

@@ -38,17 +38,18 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
     : ElementImpl(uuid, UnderConstruction), model_(model.get()) {
     if (!model)
         raise<messages::CannotCreateWithoutModel>();
+    model_->hold();
 }
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
     if (isProxy()) {
-        if (!(marks_ & OrphanedProxyMark))
-            model_->forgetProxyId(this);
+        model_->forgetProxyId(this);
     } else if (validity_ > 0) {
         Model keep = model_->getModel();
         model_->remove(this);
     }
+    model_->releaseHold();
 }
 
 // --- Proxies -------------------------------------------------------------------------------
@@ -68,13 +69,11 @@ void ModelElement::Impl::makeProxy(ProxyId const &proxyId) {
 }
 
 boost::optional<ProxyId> ModelElement::Impl::getProxyId() const {
-    ProxyId const *id = isProxy() && !(marks_ & OrphanedProxyMark) ? model_->proxyIdOf(this) : nullptr;
+    ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
     return id ? boost::optional<ProxyId>(*id) : boost::none;
 }
 
 ProxyId ModelElement::Impl::getPersistentProxyId(bool local) const {
-    if (isProxy() && (marks_ & OrphanedProxyMark))
-        return ProxyId({}, {}, boost::none);
     ProxyId const *id = isProxy() ? model_->proxyIdOf(this) : nullptr;
     return id ? *id : model_->getPersistentProxyId(this, local);
 }
@@ -246,7 +245,9 @@ void ModelElement::Impl::basicAssociate(ModelElement const &, meta::Property con
 }
 
 void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &property, bool force) {
-    if (!target || target->isProxy())
+    // A proxy's far end is completed when it resolves; a tombstone has none to keep, and
+    // its model may be a shell that must not be asked for a transaction.
+    if (!target || !target->isValidNonProxy())
         return;
     if (!force && property->getUpper() != 1 && !property->getIsComposite()) {
         // While a document is read, both ends of a many-valued pair arrive by themselves.
@@ -259,7 +260,7 @@ void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &pro
 }
 
 void ModelElement::Impl::_inverseRemoveThis(Impl *target, meta::Property const &property) {
-    if (!target || target->isProxy())
+    if (!target || !target->isValidNonProxy())
         return;
     target->inverseRemove(ModelElement(this, true), property);
 }

@@ -13,11 +13,11 @@ namespace kivra {
 ReportData::ReportData(Model::Impl *model, std::shared_ptr<detail::RecordLog const> changes, meta::TransactionOrigin origin,
                        bool deep, bool detectAndRevert, bool allElementsDestroyed,
                        boost::optional<Value> commitArgument)
-    : changes_(std::move(changes)), model_(model->getModel()), commitArgument_(std::move(commitArgument)),
+    : changes_(std::move(changes)), model_(model), commitArgument_(std::move(commitArgument)),
       detectAndRevert_(detectAndRevert), deep_(deep), allElementsDestroyed_(allElementsDestroyed),
       origin_(std::move(origin)) {}
 
-Model ReportData::getModel() const { return model_; }
+Model ReportData::getModel() const { return model_.get()->getModel(); }
 
 bool ReportData::containsAnyModelElementChanges() const noexcept {
     return allElementsDestroyed_ || !created_.empty() || !modified_.empty() || !destroyed_.empty() ||

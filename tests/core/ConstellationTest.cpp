@@ -408,8 +408,11 @@ TEST(Proxy, OutlivesItsModel) {
         proxy = Book::createProxy(model, ProxyId(u"uuid", u"0b3a9c1e-0000-4000-8000-000000000001", boost::none));
         ASSERT_TRUE(proxy->getProxyId());
     }
+    // The model's shell keeps the proxy's id for as long as the proxy lives.
     EXPECT_TRUE(proxy->isProxy());
-    EXPECT_FALSE(proxy->getProxyId());
+    ASSERT_TRUE(proxy->getProxyId());
+    EXPECT_EQ(proxy->getProxyId()->getIdentifier(), u"0b3a9c1e-0000-4000-8000-000000000001");
+    EXPECT_FALSE(proxy->getModel());
     proxy.reset();
 }
 

@@ -1,6 +1,10 @@
 #include "Probes.hpp"
 
+#include <library/Author.hpp>
 #include <library/Book.hpp>
+
+#include <kivra/Listener.hpp>
+#include <kivra/ReportData.hpp>
 
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/WorkQueue.hpp>
@@ -80,6 +84,75 @@ TEST(Lifetime, DestroyingAConstellationDestroysItsModels) {
     EXPECT_FALSE(b);
     EXPECT_FALSE(book);
     EXPECT_EQ(constellation->modelsCount(), 0u);
+}
+
+// A listener that keeps its last report must not keep the model: once the last handle
+// goes, the model is destroyed, the listener told and deleted, and the kept report still
+// answers about its elements.
+TEST(Lifetime, AKeptReportDoesNotKeepItsModel) {
+    struct Keeper : Listener {
+        Keeper(std::shared_ptr<ReportData> &kept, bool &removed, bool &deleted)
+            : kept(kept), removed(removed), deleted(deleted) {}
+        ~Keeper() override { deleted = true; }
+        void transactionCommitted(std::shared_ptr<ReportData> const &report) { kept = report; }
+        void transactionCanceled(bool, std::shared_ptr<ReportData> const &) {}
+        void listenerRemoved() override { removed = true; }
+        std::shared_ptr<ReportData> &kept;
+        bool &removed;
+        bool &deleted;
+    };
+    std::shared_ptr<ReportData> kept;
+    bool removed = false, deleted = false;
+    test::library::Book book;
+    {
+        Model model = Model::createTransientModel();
+        addOwnedListener<ListenerRole::Observer>(model, std::make_unique<Keeper>(kept, removed, deleted));
+        Transaction creation = model->beginTransaction();
+        book = test::library::Book::create(model);
+        creation.commit();
+        Transaction transaction = model->beginTransaction();
+        book->setTitle(u"Emma");
+        transaction.commit();
+        ASSERT_TRUE(kept);
+        EXPECT_TRUE(kept->getModel());
+    }
+    EXPECT_TRUE(removed);
+    EXPECT_TRUE(deleted);
+    EXPECT_FALSE(book);
+    ASSERT_TRUE(kept);
+    EXPECT_FALSE(kept->getModel());
+    ASSERT_EQ(kept->getModified().size(), 1u);
+    EXPECT_EQ(kept->getModified()[0].get(), book.get());
+    EXPECT_TRUE(kept->isChanged(book, test::library::Book::Impl::titleProperty()));
+    // The kept report outlives the book's last other handle and frees everything after.
+    book.reset();
+    kept.reset();
+}
+
+// A tombstone whose model is gone is still a safe value: setting it on a two-way reference
+// tells no far end, and it reads as no reference, being of another model.
+TEST(Lifetime, AReferenceToATombstoneOfAFreedModelTouchesNoFreedMemory) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model home = Model::create(constellation);
+    test::library::Author gone;
+    {
+        Model other = Model::create(constellation);
+        Transaction transaction = other->beginTransaction();
+        gone = test::library::Author::create(other);
+        transaction.commit();
+        other->destroy();
+    }
+    ASSERT_FALSE(gone);
+    EXPECT_FALSE(gone->getModel());
+    Transaction transaction = home->beginRevertibleTransaction();
+    test::library::Book book = test::library::Book::create(home);
+    book->setAuthor(gone);
+    EXPECT_FALSE(book->getAuthor().get());
+    EXPECT_FALSE(gone->getFavourite().get());
+    book->setAuthor(gone);
+    book->setAuthor({});
+    transaction.rollBack();
+    EXPECT_FALSE(book);
 }
 
 } // namespace
