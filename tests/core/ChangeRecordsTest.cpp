@@ -1,0 +1,73 @@
+#include <library/Book.hpp>
+#include <library/Novel.hpp>
+#include <library/Shelf.hpp>
+
+#include <kivra/Listener.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ReportData.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace kivra::test::library {
+namespace {
+
+using Report = std::shared_ptr<ReportData>;
+using Properties = std::vector<meta::Property>;
+
+struct LastReport : Listener {
+    Report last;
+    void transactionCommitted(Report const &report) { last = report; }
+};
+
+class ChangeRecordsTest : public ::testing::Test {
+protected:
+    /// Runs `change` in a transaction that keeps old values and gives its report. The
+    /// observer listens to that transaction only: with a listener the model takes changes
+    /// only inside a transaction.
+    template <class F> Report record(F const &change) {
+        observer.last.reset();
+        addListener<ListenerRole::Observer>(model, observer);
+        {
+            Transaction transaction = model->beginRevertibleTransaction();
+            change();
+            transaction.commit();
+        }
+        removeListener(model, observer);
+        return observer.last;
+    }
+    ModelElement oldElement(Report const &report, ModelElement const &element, meta::Property const &property) {
+        return report->getOldValue(element, property).getElement();
+    }
+
+    Model model = Model::createTransientModel();
+    LastReport observer;
+};
+
+// The old value of a container end is what its getter gave: the old container only when it
+// held the element by that end's composite.
+TEST_F(ChangeRecordsTest, OldValueOfAContainerEndFollowsTheOldFeature) {
+    Shelf shelf = Shelf::create(model);
+    Book book = Book::create(model);
+    Book host = Book::create(model);
+    host->setAppendix(book);
+
+    Report const report = record([&] {
+        book->setShelf(shelf);
+        book->setShelf({}); // the first old value stays
+        book->setShelf(shelf);
+    });
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->getChangedProperties(book), (Properties{Book::Impl::shelfProperty(), Book::Impl::appendixOfProperty()}));
+    EXPECT_EQ(oldElement(report, book, Book::Impl::appendixOfProperty()), host);
+    Value const oldShelf = report->getOldValue(book, Book::Impl::shelfProperty());
+    EXPECT_FALSE(oldShelf.getElement());
+    EXPECT_EQ(oldShelf.getType(), Book::Impl::shelfProperty()->getType());
+}
+
+} // namespace
+} // namespace kivra::test::library
