@@ -48,6 +48,36 @@ protected:
     LastReport observer;
 };
 
+// A child changes hands by a setter at either end of the containment: the report must not
+// depend on which end was used, and each child names its old container.
+TEST_F(ChangeRecordsTest, ContainmentReadsAlikeFromEitherEnd) {
+    meta::Property const shelfEnd = Book::Impl::shelfProperty();
+    meta::Property const featured = Shelf::Impl::featuredProperty();
+    for (bool const fromContainer : {true, false}) {
+        SCOPED_TRACE(fromContainer ? "set by the container" : "set by the child");
+        Shelf shelf = Shelf::create(model);
+        Shelf previousShelf = Shelf::create(model);
+        Book replaced = Book::create(model);
+        Book book = Book::create(model);
+        shelf->setFeatured(replaced);
+        previousShelf->setFeatured(book);
+
+        Report const report = record([&] { fromContainer ? shelf->setFeatured(book) : book->setShelf(shelf); });
+        ASSERT_TRUE(report);
+        EXPECT_EQ(report->getModified().size(), 4u);
+        for (Book const &child : {book, replaced}) {
+            EXPECT_TRUE(report->isChanged(child, shelfEnd));
+            EXPECT_EQ(report->getChangedProperties(child), Properties{shelfEnd});
+        }
+        EXPECT_EQ(oldElement(report, book, shelfEnd), previousShelf);
+        EXPECT_EQ(oldElement(report, replaced, shelfEnd), shelf);
+        EXPECT_EQ(report->getChangedProperties(shelf), Properties{featured});
+        EXPECT_EQ(oldElement(report, shelf, featured), replaced);
+        EXPECT_EQ(report->getChangedProperties(previousShelf), Properties{featured});
+        EXPECT_FALSE(replaced->getShelf());
+    }
+}
+
 // The old value of a container end is what its getter gave: the old container only when it
 // held the element by that end's composite.
 TEST_F(ChangeRecordsTest, OldValueOfAContainerEndFollowsTheOldFeature) {
