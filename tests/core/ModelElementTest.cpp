@@ -225,5 +225,22 @@ TEST_F(ModelElementTest, SettingTheElementAHeldProxyStandsForMakesNoChange) {
     EXPECT_EQ(book->getSequel().get(), sequel.get());
 }
 
+// A containment never leaves its model: neither through a proxy of another model's element
+// nor into the metamodel.
+TEST_F(ModelElementTest, CompositesRefuseElementsOfOtherModels) {
+    Shelf shelf = Shelf::create(model);
+    Book const elsewhere = Book::createProxy(model, ProxyId(u"uuid", u"b3f1", basalt::ustring(u"file:///elsewhere")));
+    EXPECT_THROW(shelf->setFeatured(elsewhere), Error<messages::CannotCreateCrossModelAssociation>);
+    EXPECT_FALSE(shelf->getFeatured());
+
+    auto registry = meta::MetaRegistry::getInstance()->getMetaRegistryModel();
+    Transaction transaction = registry->beginTransaction();
+    Book published = Book::create(registry.get());
+    EXPECT_THROW(shelf->setFeatured(published), Error<messages::CannotCreateCrossModelAssociation>);
+    EXPECT_FALSE(published->container());
+    published->destroy();
+    transaction.commit();
+}
+
 } // namespace
 } // namespace kivra::test::library

@@ -46,7 +46,9 @@ void setReference(ModelElement::Impl &element, H &member, H const &value, meta::
 }
 
 /// A single composite reference: the new child leaves its old container and the old
-/// child becomes top level.
+/// child becomes top level. A containment never crosses models: a proxy of another
+/// model's element, or an element that the model rules keep out, is refused as a
+/// cross-model association before the child's model is compared.
 template <class H>
 void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
                   std::uint64_t index) {
@@ -55,6 +57,7 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
         return;
     if (value.get() && !value->isValid())
         raise<messages::InvalidValue>();
+    element.checkCompatibleModel(value.get(), property);
     if (value.get()) {
         if (value->getModelImpl() != element.getModelImpl())
             raise<messages::CannotChangeModel>();
