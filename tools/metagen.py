@@ -842,6 +842,7 @@ namespace {mm.ns} {{
             var = f"{cls.name}_{p.name}"
             out.append(f"    Property const {var} = createProperty(u\"{p.name}\", ::kivra::ValueFlags::{SHAPE[p.shape]}, {str(p.composite).lower()}, \"{mm.property_uuid(p)}\");\n")
             out.append(f"    setPropertyIndex({var}, {p.index});\n")
+            out.append(f"    ::kivra::meta::detail::declareOwningClass({var}, {cls.name}_);\n")
             if p.type in PRIMITIVES:
                 out.append(f"    {var}->setType(registry().getPrimitiveType(u\"{p.type}\"));\n")
             elif p.type in mm.classes:

@@ -99,5 +99,22 @@ TEST_F(ChangeRecordsTest, OldValueOfAContainerEndFollowsTheOldFeature) {
     EXPECT_EQ(oldShelf.getType(), Book::Impl::shelfProperty()->getType());
 }
 
+// A subclass's own properties come before those it inherits; a property is told apart by
+// the class that declares it, not by its index alone.
+TEST_F(ChangeRecordsTest, ChangedPropertiesStartAtTheElementsOwnClass) {
+    Novel novel = Novel::create(model);
+    Report const report = record([&] {
+        novel->setPages(7);
+        novel->setGenre(basalt::ustring(u"saga"));
+        novel->setTitle(u"Dune");
+    });
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->getChangedProperties(novel),
+              (Properties{Novel::Impl::genreProperty(), Book::Impl::titleProperty(), Book::Impl::pagesProperty()}));
+    // Another class's property of the same index as the title is none of the novel's.
+    ASSERT_EQ(Shelf::Impl::labelProperty()->getPropertyIndex(), Book::Impl::titleProperty()->getPropertyIndex());
+    EXPECT_FALSE(report->isChanged(novel, Shelf::Impl::labelProperty()));
+}
+
 } // namespace
 } // namespace kivra::test::library
