@@ -239,9 +239,23 @@ def storage_members(mm, cls):
     return [(p, mm.kind(p)) for p in cls.props if mm.kind(p) in ("value", "optional", "reference", "composite")]
 
 
+def plain_members(mm, cls):
+    return [(p, k) for p, k in storage_members(mm, cls) if k in ("value", "optional")]
+
+
+def container_ends(mm, cls):
+    return [p for p in cls.props if mm.kind(p) == "container-end"]
+
+
+def own_storage(mm, cls):
+    """Whether the class needs a storage of its own: for shadow members, or to give the old
+    values of its container ends."""
+    return bool(storage_members(mm, cls) or container_ends(mm, cls))
+
+
 def write_records(mm, cls, base):
     own = storage_members(mm, cls)
-    ends = [p for p in cls.props if mm.kind(p) == "container-end"]
+    ends = container_ends(mm, cls)
     cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = {p.name}_;\n        return;\n" for p, _ in own)
     cases += "".join(f"    case {p.name}Index:\n        storage->setOldContainer(container(), containmentFeature());\n        return;\n" for p in ends)
     cast = f"    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);\n" if own else ""
@@ -266,9 +280,9 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
 {cast}{restore}    {base}::copyStateFromStorage(storage);
 }}
 """
-    if not own:
+    if not own_storage(mm, cls):
         return out
-    plain = [(p, k) for p, k in own if k in ("value", "optional")]
+    plain = plain_members(mm, cls)
     revert = "".join(f"    if (isChanged(Impl::{p.name}Index) && {p.name}_ == self->{p.name}_)\n        clearModified(Impl::{p.name}Index);\n" for p, _ in plain)
     old = []
     for p, k in own:
@@ -279,12 +293,18 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
         else:
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement({p.name}_));\n")
-    self_cast = f"    [[maybe_unused]] auto const *self = static_cast<{cls.name}::Impl const *>(element);\n" if plain else ""
-    out += f"""
+    for p in ends:
+        # The end read the container only while it held the element by this composite.
+        guard = f"property == Impl::{p.name}Property() && isChanged(Impl::{p.name}Index){visible(p, False)}"
+        old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), getOldContainerBy({p.type}::Impl::{p.opposite}Property()));\n")
+    if plain:
+        out += f"""
 bool {cls.name}::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {{
-{self_cast}{revert}    return {base}::Storage::revertUnchanged(element);
+    [[maybe_unused]] auto const *self = static_cast<{cls.name}::Impl const *>(element);
+{revert}    return {base}::Storage::revertUnchanged(element);
 }}
-
+"""
+    out += f"""
 ::kivra::Value {cls.name}::Impl::Storage::getOldValue({META}::Property const &property, {TAG} const &tag) const {{
     if (!property.get())
         return {base}::Storage::getOldValue(property, tag);
@@ -399,7 +419,7 @@ public:
     void setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) override;
 """)
     out.append(f"    {META}::Property getPropertyByIndex(std::uint64_t index) const override;\n")
-    if storage_members(mm, cls):
+    if own_storage(mm, cls):
         out.append("\n    class Storage;\n")
     else:
         out.append(f"\n    using Storage = {mm.impl_base(cls)}::Storage;\n")
@@ -439,14 +459,14 @@ protected:
         else:
             out.append(f"    {p.type} {p.name}_;\n")
     out.append("};\n")
-    if storage_members(mm, cls):
+    if own_storage(mm, cls):
+        revert = "    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;\n" if plain_members(mm, cls) else ""
         out.append(f"""
 /// The old values of `{cls.name}`'s own members in a deep transaction.
 class {cls.name}::Impl::Storage : public {mm.impl_base(cls)}::Storage {{
 public:
     using {mm.impl_base(cls)}::Storage::Storage;
-    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
-    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
+{revert}    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
 
 private:
     friend class {cls.name}::Impl;
@@ -822,6 +842,7 @@ namespace {mm.ns} {{
             var = f"{cls.name}_{p.name}"
             out.append(f"    Property const {var} = createProperty(u\"{p.name}\", ::kivra::ValueFlags::{SHAPE[p.shape]}, {str(p.composite).lower()}, \"{mm.property_uuid(p)}\");\n")
             out.append(f"    setPropertyIndex({var}, {p.index});\n")
+            out.append(f"    ::kivra::meta::detail::declareOwningClass({var}, {cls.name}_);\n")
             if p.type in PRIMITIVES:
                 out.append(f"    {var}->setType(registry().getPrimitiveType(u\"{p.type}\"));\n")
             elif p.type in mm.classes:

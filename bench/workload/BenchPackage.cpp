@@ -27,20 +27,25 @@ BenchPackage::BenchPackage() {
     Class const Writer_ = createClass(u"Writer", "bench.Writer", false, "ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a");
     Property const Library_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "acb0a9d6-1016-3d80-af4a-658617a01c24");
     setPropertyIndex(Library_name, 1);
+    ::kivra::meta::detail::declareOwningClass(Library_name, Library_);
     Library_name->setType(registry().getPrimitiveType(u"String"));
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "fd609fcb-916c-329a-b046-67dca4051200");
     setPropertyIndex(Book_title, 1);
+    ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
     Book_title->setType(registry().getPrimitiveType(u"String"));
     Property const Book_pages = createProperty(u"pages", ::kivra::ValueFlags::Single, false, "29c6ffef-98e5-321a-be27-87632cc043c0");
     setPropertyIndex(Book_pages, 2);
+    ::kivra::meta::detail::declareOwningClass(Book_pages, Book_);
     Book_pages->setType(registry().getPrimitiveType(u"Integer"));
     Book_pages->setDefaultValue(basalt::ustring(u"0"));
     Property const Book_category = createProperty(u"category", ::kivra::ValueFlags::Single, false, "9588ce1f-c39b-326c-8f16-7d0c9971911c");
     setPropertyIndex(Book_category, 3);
+    ::kivra::meta::detail::declareOwningClass(Book_category, Book_);
     Book_category->setType(registry().getPrimitiveType(u"Integer"));
     Book_category->setDefaultValue(basalt::ustring(u"0"));
     Property const Writer_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15");
     setPropertyIndex(Writer_name, 1);
+    ::kivra::meta::detail::declareOwningClass(Writer_name, Writer_);
     Writer_name->setType(registry().getPrimitiveType(u"String"));
     // Woven once every element exists.
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("700e8b35-a382-3330-8372-c85baad4102b")) = Library_;

@@ -168,6 +168,8 @@ bool Note::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), text_);
     if (property == Impl::starsProperty() && isChanged(Impl::starsIndex))
         return ::kivra::Value(property->getType(), stars_);
+    if (property == Impl::notebookProperty() && isChanged(Impl::notebookIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Notebook::Impl::pinnedProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

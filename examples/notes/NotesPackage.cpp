@@ -25,18 +25,23 @@ NotesPackage::NotesPackage() {
     Class const Note_ = createClass(u"Note", "notes.Note", false, "76a97fb6-39da-3c21-abd5-b81552e11ca5");
     Property const Notebook_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "c6e6830d-8464-394c-b4d1-dab4cbfbfa2d");
     setPropertyIndex(Notebook_title, 1);
+    ::kivra::meta::detail::declareOwningClass(Notebook_title, Notebook_);
     Notebook_title->setType(registry().getPrimitiveType(u"String"));
     Property const Notebook_pinned = createProperty(u"pinned", ::kivra::ValueFlags::Single, true, "d94c6445-85e7-3d8b-9152-ba094a589cec");
     setPropertyIndex(Notebook_pinned, 2);
+    ::kivra::meta::detail::declareOwningClass(Notebook_pinned, Notebook_);
     Notebook_pinned->setType(Note_);
     Property const Note_text = createProperty(u"text", ::kivra::ValueFlags::Single, false, "c6fa7d46-0541-33f0-9448-4a060e05c0ff");
     setPropertyIndex(Note_text, 1);
+    ::kivra::meta::detail::declareOwningClass(Note_text, Note_);
     Note_text->setType(registry().getPrimitiveType(u"String"));
     Property const Note_notebook = createProperty(u"notebook", ::kivra::ValueFlags::Single, false, "9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba");
     setPropertyIndex(Note_notebook, 2);
+    ::kivra::meta::detail::declareOwningClass(Note_notebook, Note_);
     Note_notebook->setType(Notebook_);
     Property const Note_stars = createProperty(u"stars", ::kivra::ValueFlags::Single, false, "95d293a2-1e5d-3a7c-91cc-96c12af99d1c");
     setPropertyIndex(Note_stars, 3);
+    ::kivra::meta::detail::declareOwningClass(Note_stars, Note_);
     Note_stars->setType(registry().getPrimitiveType(u"Integer"));
     Note_stars->setDefaultValue(basalt::ustring(u"0"));
     // Woven once every element exists.

@@ -100,6 +100,11 @@ public:
 
     ModelElement const &getOldContainer() const noexcept { return oldContainer_; }
     meta::Property const &getOldContainmentFeature() const noexcept { return oldContainmentFeature_; }
+    /// The old value of the element's end of the composite `feature`: the old container
+    /// when it held the element by `feature`, else none.
+    ModelElement getOldContainerBy(meta::Property const &feature) const {
+        return !feature || oldContainmentFeature_.get() == feature.get() ? oldContainer_ : ModelElement();
+    }
 
 private:
     ModelElement oldContainer_;

@@ -152,9 +152,11 @@ public:
     /// Tells `target`, when it is a real element, to forget this element on `property`.
     void _inverseRemoveThis(Impl *target, meta::Property const &property);
     bool _inverseContainsThis(Impl *target, meta::Property const &property);
-    /// Makes `element` a child of this one on the composite `property`.
+    /// Makes `element` a child of this one on the composite `property`. The child records
+    /// the change on its end of `property`, as when it is moved from that end.
     void _setContainedByThis(Impl *element, meta::Property const &property);
-    /// Makes `element` top level again with no notice but the top-level report.
+    /// Makes `element` top level again, with no call to the far end; the child records the
+    /// change on its end of the composite that held it.
     void _basicSetUncontained(Impl *element);
     void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
 

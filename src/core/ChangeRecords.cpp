@@ -7,6 +7,7 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StructuredType.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
 
@@ -117,8 +118,8 @@ bool Changes::isChanged(meta::Property const &property) const {
     if (!property)
         return false;
     // A property of another class shares index numbers with this one's: check the owner.
-    if (meta::StructuredType const owner = property->getOwningType(); owner.get() && metaClass_.get() &&
-                                                                       !metaClass_->isA(owner))
+    meta::StructuredType const owner = meta::detail::owningTypeOf(property);
+    if (owner.get() && metaClass_.get() && !metaClass_->isA(owner))
         return false;
     auto const index = property->getPropertyIndex();
     return index > 0 && isChanged(std::uint64_t(index));

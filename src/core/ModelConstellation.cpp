@@ -227,8 +227,9 @@ ModelElement ModelConstellation::Impl::resolveProxy(ModelElement const &proxy) {
     ProxyId const id = *proxy->getProxyId();
     std::u16string const uri = getLatestModelURI(id.getModelId().value_or(std::u16string()));
     Model model = peekModel(uri);
-    // A model cannot join a group that keeps no old values: no load then.
-    if (!model && !(group_ && !group_->isDeep()))
+    // A loaded model that cannot join a shallow group raises: the proxy is no element
+    // that was looked for and not found, and its reader must not take it for one.
+    if (!model)
         model = fetchModel(uri);
     if (!model)
         return proxy;

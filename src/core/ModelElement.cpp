@@ -269,12 +269,25 @@ bool ModelElement::Impl::_inverseContainsThis(Impl *target, meta::Property const
     return target->inverseContainsProxyTo(ModelElement(this, true), property);
 }
 
-void ModelElement::Impl::_setContainedByThis(Impl *element, meta::Property const &property) {
-    element->makeUncontained();
-    element->basicSetContainer(this, property, noPropertyIndex);
+namespace {
+
+// The index of the child's end of `feature`, where the child records its change of
+// container, whichever end made it.
+std::uint64_t containerEndIndex(meta::Property const &feature) {
+    meta::Property const end = feature ? feature->getOpposite() : meta::Property();
+    return end ? std::uint64_t(end->getPropertyIndex()) : ModelElement::Impl::noPropertyIndex;
 }
 
-void ModelElement::Impl::_basicSetUncontained(Impl *element) { element->basicSetContainer(nullptr, {}, noPropertyIndex); }
+} // namespace
+
+void ModelElement::Impl::_setContainedByThis(Impl *element, meta::Property const &property) {
+    element->makeUncontained();
+    element->basicSetContainer(this, property, containerEndIndex(property));
+}
+
+void ModelElement::Impl::_basicSetUncontained(Impl *element) {
+    element->basicSetContainer(nullptr, {}, containerEndIndex(element->containmentFeature()));
+}
 
 void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying, bool multiModel) {
     if (element)

@@ -7,6 +7,7 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StructuredType.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra {
 
@@ -73,7 +74,7 @@ std::vector<meta::Property> ReportData::getChangedProperties(ModelElement const 
     // order; indices run the other way, from the root down.
     for (meta::Class cls = element->getMetaClass(); cls.get() && !changed.empty(); cls = cls->getSuperclass())
         for (auto property = changed.begin(); property != changed.end();)
-            if (meta::StructuredType const owner = (*property)->getOwningType(); owner.get() == cls.get()) {
+            if (meta::detail::owningTypeOf(*property).get() == cls.get()) {
                 result.push_back(std::move(*property));
                 property = changed.erase(property);
             } else {
@@ -88,7 +89,7 @@ Value ReportData::getOldValue(ModelElement const &element, meta::Property const 
     if (!deep_)
         raise<messages::GetOldValueFromNonDeep>();
     ModelElement::Impl::Changes *record = recordOf(element);
-    meta::StructuredType const owner = property ? property->getOwningType() : meta::StructuredType();
+    meta::StructuredType const owner = meta::detail::owningTypeOf(property);
     meta::Class const &cls = element.get() ? element->getMetaClass() : ModelElement::metaClass();
     if (!record || !property || (owner.get() && cls.get() && !cls->isA(owner)))
         return Value::createEmptyValue(property);

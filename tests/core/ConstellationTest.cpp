@@ -183,10 +183,16 @@ struct LoadingNormalizer : services::ModelIdNormalizer {
     bool saveModel(Model const &, basalt::ustring const &, SaveModelMode) override { return false; }
 };
 
-TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
+// Registered once for the whole test program.
+std::shared_ptr<LoadingNormalizer> loadingNormalizer() {
     static auto const normalizer = std::make_shared<LoadingNormalizer>();
     static bool const registered = (services::registerModelIdNormalizer(normalizer), true);
     (void)registered;
+    return normalizer;
+}
+
+TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
+    auto const normalizer = loadingNormalizer();
     ModelConstellation constellation = ModelConstellation::create();
     Model model = Model::create(constellation);
     Book book = Book::create(model);
@@ -366,15 +372,29 @@ TEST(ConstellationGroup, ListenersRemovedByOthersAreNotCalled) {
     constellation->removeConstellationListener(&remover);
 }
 
-TEST(ConstellationGroup, ProxiesOfUnloadedModelsStayWhileAShallowGroupRuns) {
+// A model that a read loads would have to join the running group, which a shallow group
+// cannot take: the read fails rather than pass off the proxy as an element not found. The
+// reference stays as it was and resolves once a group can take the model.
+TEST(ConstellationGroup, AReadThatLoadsAModelFailsInAShallowGroup) {
+    auto const normalizer = loadingNormalizer();
     ModelConstellation constellation = ModelConstellation::create();
     Model model = Model::create(constellation);
     Book book = Book::create(model);
-    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", textOf(ElementImpl::generateNewUuid()),
+    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", textOf(normalizer->elementId),
                                                      basalt::ustring(u"test-load:elsewhere"))));
-    Transaction shallow = model->beginTransaction();
-    EXPECT_NO_THROW(EXPECT_TRUE(book->getSequel()->isProxy()));
-    shallow.commit();
+    {
+        Transaction shallow = model->beginTransaction();
+        EXPECT_THROW(book->getSequel(), Error<messages::CannotJoinShallowTransaction>);
+        EXPECT_TRUE(book->getPropertyValue(Book::Impl::sequelProperty(), ModelElement::Impl::ReflectionPrivateTag::NO_PROXY_RESOLVE)
+                        .getElement()
+                        ->isProxy());
+        shallow.commit();
+    }
+    EXPECT_EQ(constellation->modelsCount(), 1u);
+    Transaction deep = model->beginRevertibleTransaction();
+    EXPECT_EQ(book->getSequel()->getUuid(), normalizer->elementId);
+    deep.commit();
+    EXPECT_EQ(constellation->modelsCount(), 2u);
 }
 
 } // namespace

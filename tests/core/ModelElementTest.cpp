@@ -3,11 +3,16 @@
 #include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
+#include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
 
 #include <gtest/gtest.h>
 
@@ -205,6 +210,36 @@ TEST_F(ModelElementTest, EqualValueMakesNoChange) {
     EXPECT_NO_THROW(book->setTitle(u"Dune"));
     EXPECT_NO_THROW(book->setAuthor(author));
     EXPECT_THROW(book->setTitle(u"Emma"), Error<messages::ModelFrozen>);
+}
+
+// The present value is what the getter reads: a held proxy stands for its element.
+TEST_F(ModelElementTest, SettingTheElementAHeldProxyStandsForMakesNoChange) {
+    Book book = Book::create(model);
+    auto const id = ElementImpl::generateNewUuid();
+    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)), boost::none)));
+    Book sequel = Book::create(model, id);
+    {
+        auto freezer = model->freeze(); // a transaction would fail
+        EXPECT_NO_THROW(book->setSequel(sequel));
+    }
+    EXPECT_EQ(book->getSequel().get(), sequel.get());
+}
+
+// A containment never leaves its model: neither through a proxy of another model's element
+// nor into the metamodel.
+TEST_F(ModelElementTest, CompositesRefuseElementsOfOtherModels) {
+    Shelf shelf = Shelf::create(model);
+    Book const elsewhere = Book::createProxy(model, ProxyId(u"uuid", u"b3f1", basalt::ustring(u"file:///elsewhere")));
+    EXPECT_THROW(shelf->setFeatured(elsewhere), Error<messages::CannotCreateCrossModelAssociation>);
+    EXPECT_FALSE(shelf->getFeatured());
+
+    auto registry = meta::MetaRegistry::getInstance()->getMetaRegistryModel();
+    Transaction transaction = registry->beginTransaction();
+    Book published = Book::create(registry.get());
+    EXPECT_THROW(shelf->setFeatured(published), Error<messages::CannotCreateCrossModelAssociation>);
+    EXPECT_FALSE(published->container());
+    published->destroy();
+    transaction.commit();
 }
 
 } // namespace

@@ -12,6 +12,9 @@ ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement con
 /// Reads a reference member: a proxy that resolves is replaced in place by its element,
 /// with no transaction and no notice; a destroyed element of another model reads as no
 /// reference at all. A plain reference costs a null, a validity and a pointer test.
+/// Resolving may load the model that the proxy names; while a shallow group runs that
+/// model cannot join it, and the read raises `CannotJoinShallowTransaction` with the
+/// member left as it was.
 template <class H> H const &readReference(ModelElement::Impl const &holder, H &member) {
     ModelElement::Impl *target = member.get();
     if (!target)

@@ -6,6 +6,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/References.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
@@ -26,12 +27,13 @@ void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint
     transaction.commit();
 }
 
-/// A single reference: with an opposite, the far ends are told too.
+/// A single reference: with an opposite, the far ends are told too. The present value is
+/// read as the getter reads it, so that a held proxy counts as the element it stands for.
 template <class H>
 void setReference(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
                   std::uint64_t index) {
     element.checkModifiable();
-    if (member == value)
+    if (readReference(element, member) == value)
         return;
     element.checkCompatibleModel(value.get(), property);
     Transaction transaction = element.beginModification(index);
@@ -44,15 +46,18 @@ void setReference(ModelElement::Impl &element, H &member, H const &value, meta::
 }
 
 /// A single composite reference: the new child leaves its old container and the old
-/// child becomes top level.
+/// child becomes top level. A containment never crosses models: a proxy of another
+/// model's element, or an element that the model rules keep out, is refused as a
+/// cross-model association before the child's model is compared.
 template <class H>
 void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
                   std::uint64_t index) {
     element.checkModifiable();
-    if (member == value)
+    if (readReference(element, member) == value)
         return;
     if (value.get() && !value->isValid())
         raise<messages::InvalidValue>();
+    element.checkCompatibleModel(value.get(), property);
     if (value.get()) {
         if (value->getModelImpl() != element.getModelImpl())
             raise<messages::CannotChangeModel>();

@@ -56,7 +56,6 @@ protected:
 class AttributeMapAttribute::Impl::Storage : public Attribute::Impl::Storage {
 public:
     using Attribute::Impl::Storage::Storage;
-    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
 private:

@@ -60,7 +60,6 @@ protected:
 class Enum::Impl::Storage : public Type::Impl::Storage {
 public:
     using Type::Impl::Storage::Storage;
-    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
 private:

@@ -33,7 +33,7 @@ public:
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
-    using Storage = Property::Impl::Storage;
+    class Storage;
     ::kivra::ModelElement::Impl::Changes *createChanges() const override;
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
@@ -46,6 +46,16 @@ protected:
     friend class Extension;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Property::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+};
+
+/// The old values of `Extension`'s own members in a deep transaction.
+class Extension::Impl::Storage : public Property::Impl::Storage {
+public:
+    using Property::Impl::Storage::Storage;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Extension::Impl;
 };
 
 inline Extension::Impl *Extension::get() const noexcept {

@@ -137,6 +137,8 @@ bool Argument::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *eleme
         return TypedElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::isInputProperty() && isChanged(Impl::isInputIndex))
         return ::kivra::Value(property->getType(), isInput_);
+    if (property == Impl::operationProperty() && isChanged(Impl::operationIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Parameterized::Impl::argumentsProperty()));
     return TypedElement::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -125,6 +125,8 @@ bool Attribute::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elem
         return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::keyProperty() && isChanged(Impl::keyIndex))
         return ::kivra::Value(property->getType(), key_);
+    if (property == Impl::ownerProperty() && isChanged(Impl::ownerIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(AttributeMap::Impl::attributesProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

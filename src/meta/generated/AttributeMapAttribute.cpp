@@ -119,10 +119,6 @@ void AttributeMapAttribute::Impl::copyStateFromStorage(::kivra::ModelElement::Im
     Attribute::Impl::copyStateFromStorage(storage);
 }
 
-bool AttributeMapAttribute::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
-    return Attribute::Impl::Storage::revertUnchanged(element);
-}
-
 ::kivra::Value AttributeMapAttribute::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::Storage::getOldValue(property, tag);

@@ -143,6 +143,8 @@ bool DynamicExtensions::Impl::Storage::revertUnchanged(::kivra::ModelElement::Im
         return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::modelIDProperty() && isChanged(Impl::modelIDIndex))
         return ::kivra::Value(property->getType(), modelID_);
+    if (property == Impl::owningClassProperty() && isChanged(Impl::owningClassIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Class::Impl::extensionsProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -137,6 +137,8 @@ bool Endpoint::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *eleme
         return Parameterized::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::millisecondTimeoutProperty() && isChanged(Impl::millisecondTimeoutIndex))
         return ::kivra::Value(property->getType(), millisecondTimeout_);
+    if (property == Impl::owningPackageProperty() && isChanged(Impl::owningPackageIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Package::Impl::ownedEndpointsProperty()));
     return Parameterized::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -128,10 +128,6 @@ void Enum::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
     Type::Impl::copyStateFromStorage(storage);
 }
 
-bool Enum::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) {
-    return Type::Impl::Storage::revertUnchanged(element);
-}
-
 ::kivra::Value Enum::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::Storage::getOldValue(property, tag);

@@ -161,6 +161,8 @@ bool EnumLiteral::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *el
         return ::kivra::Value(property->getType(), value_);
     if (property == Impl::publicIdentifierProperty() && isChanged(Impl::publicIdentifierIndex))
         return ::kivra::Value(property->getType(), publicIdentifier_, false);
+    if (property == Impl::parentEnumProperty() && isChanged(Impl::parentEnumIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Enum::Impl::literalsProperty()));
     return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -103,6 +103,14 @@ void Extension::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage 
     Property::Impl::copyStateFromStorage(storage);
 }
 
+::kivra::Value Extension::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return Property::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::ownerProperty() && isChanged(Impl::ownerIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(DynamicExtensions::Impl::extensionsProperty()));
+    return Property::Impl::Storage::getOldValue(property, tag);
+}
+
 void Extension::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == ownerProperty()) {
         notifyModifying(ownerIndex);

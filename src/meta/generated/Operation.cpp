@@ -209,6 +209,8 @@ bool Operation::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elem
         return ::kivra::Value(property->getType(), isPublic_);
     if (property == Impl::isEventProperty() && isChanged(Impl::isEventIndex))
         return ::kivra::Value(property->getType(), isEvent_);
+    if (property == Impl::owningTypeProperty() && isChanged(Impl::owningTypeIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(StructuredType::Impl::ownedOperationsProperty()));
     return Parameterized::Impl::Storage::getOldValue(property, tag);
 }
 

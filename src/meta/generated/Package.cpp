@@ -212,6 +212,8 @@ bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
         return ::kivra::Value(property->getType(), defaultVantorCategory_, false);
     if (property == Impl::cachedQualifiedNameProperty() && isChanged(Impl::cachedQualifiedNameIndex) && tag.isPrivileged())
         return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+    if (property == Impl::parentPackageProperty() && isChanged(Impl::parentPackageIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Package::Impl::nestedPackagesProperty()));
     return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 

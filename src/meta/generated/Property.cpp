@@ -590,6 +590,8 @@ bool Property::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *eleme
         return ::kivra::Value(property->getType(), defaultValue_, false);
     if (property == Impl::isQueryIndexProperty() && isChanged(Impl::isQueryIndexIndex))
         return ::kivra::Value(property->getType(), isQueryIndex_);
+    if (property == Impl::owningTypeProperty() && isChanged(Impl::owningTypeIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(StructuredType::Impl::ownedAttributesProperty()));
     return TypedElement::Impl::Storage::getOldValue(property, tag);
 }
 

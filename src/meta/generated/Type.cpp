@@ -161,6 +161,8 @@ bool Type::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), isVantorHidden_);
     if (property == Impl::cachedQualifiedNameProperty() && isChanged(Impl::cachedQualifiedNameIndex) && tag.isPrivileged())
         return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+    if (property == Impl::owningPackageProperty() && isChanged(Impl::owningPackageIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Package::Impl::ownedTypesProperty()));
     return NamedElement::Impl::Storage::getOldValue(property, tag);
 }
 

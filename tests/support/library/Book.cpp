@@ -361,6 +361,10 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), isbn_, false);
     if (property == Impl::appendixProperty() && isChanged(Impl::appendixIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(appendix_));
+    if (property == Impl::shelfProperty() && isChanged(Impl::shelfIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Shelf::Impl::featuredProperty()));
+    if (property == Impl::appendixOfProperty() && isChanged(Impl::appendixOfIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Book::Impl::appendixProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

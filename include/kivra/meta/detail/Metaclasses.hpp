@@ -15,4 +15,11 @@ Class &metaclassSlot(boost::uuids::uuid const &uuid);
 /// The slot of the property with `uuid`, in the same way.
 Property &propertySlot(boost::uuids::uuid const &uuid);
 
+/// Enters `owner` as the class that declares `property`. A generated package does this for
+/// each of its properties, which its classes do not hold among their attributes.
+void declareOwningClass(Property const &property, Class const &owner);
+/// The type that owns `property`: its `owningType`, else the class declared for it; empty
+/// when neither is known.
+StructuredType owningTypeOf(Property const &property);
+
 } // namespace kivra::meta::detail

@@ -1,0 +1,120 @@
+#include <library/Book.hpp>
+#include <library/Novel.hpp>
+#include <library/Shelf.hpp>
+
+#include <kivra/Listener.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ReportData.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace kivra::test::library {
+namespace {
+
+using Report = std::shared_ptr<ReportData>;
+using Properties = std::vector<meta::Property>;
+
+struct LastReport : Listener {
+    Report last;
+    void transactionCommitted(Report const &report) { last = report; }
+};
+
+class ChangeRecordsTest : public ::testing::Test {
+protected:
+    /// Runs `change` in a transaction that keeps old values and gives its report. The
+    /// observer listens to that transaction only: with a listener the model takes changes
+    /// only inside a transaction.
+    template <class F> Report record(F const &change) {
+        observer.last.reset();
+        addListener<ListenerRole::Observer>(model, observer);
+        {
+            Transaction transaction = model->beginRevertibleTransaction();
+            change();
+            transaction.commit();
+        }
+        removeListener(model, observer);
+        return observer.last;
+    }
+    ModelElement oldElement(Report const &report, ModelElement const &element, meta::Property const &property) {
+        return report->getOldValue(element, property).getElement();
+    }
+
+    Model model = Model::createTransientModel();
+    LastReport observer;
+};
+
+// A child changes hands by a setter at either end of the containment: the report must not
+// depend on which end was used, and each child names its old container.
+TEST_F(ChangeRecordsTest, ContainmentReadsAlikeFromEitherEnd) {
+    meta::Property const shelfEnd = Book::Impl::shelfProperty();
+    meta::Property const featured = Shelf::Impl::featuredProperty();
+    for (bool const fromContainer : {true, false}) {
+        SCOPED_TRACE(fromContainer ? "set by the container" : "set by the child");
+        Shelf shelf = Shelf::create(model);
+        Shelf previousShelf = Shelf::create(model);
+        Book replaced = Book::create(model);
+        Book book = Book::create(model);
+        shelf->setFeatured(replaced);
+        previousShelf->setFeatured(book);
+
+        Report const report = record([&] { fromContainer ? shelf->setFeatured(book) : book->setShelf(shelf); });
+        ASSERT_TRUE(report);
+        EXPECT_EQ(report->getModified().size(), 4u);
+        for (Book const &child : {book, replaced}) {
+            EXPECT_TRUE(report->isChanged(child, shelfEnd));
+            EXPECT_EQ(report->getChangedProperties(child), Properties{shelfEnd});
+        }
+        EXPECT_EQ(oldElement(report, book, shelfEnd), previousShelf);
+        EXPECT_EQ(oldElement(report, replaced, shelfEnd), shelf);
+        EXPECT_EQ(report->getChangedProperties(shelf), Properties{featured});
+        EXPECT_EQ(oldElement(report, shelf, featured), replaced);
+        EXPECT_EQ(report->getChangedProperties(previousShelf), Properties{featured});
+        EXPECT_FALSE(replaced->getShelf());
+    }
+}
+
+// The old value of a container end is what its getter gave: the old container only when it
+// held the element by that end's composite.
+TEST_F(ChangeRecordsTest, OldValueOfAContainerEndFollowsTheOldFeature) {
+    Shelf shelf = Shelf::create(model);
+    Book book = Book::create(model);
+    Book host = Book::create(model);
+    host->setAppendix(book);
+
+    Report const report = record([&] {
+        book->setShelf(shelf);
+        book->setShelf({}); // the first old value stays
+        book->setShelf(shelf);
+    });
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->getChangedProperties(book), (Properties{Book::Impl::shelfProperty(), Book::Impl::appendixOfProperty()}));
+    EXPECT_EQ(oldElement(report, book, Book::Impl::appendixOfProperty()), host);
+    Value const oldShelf = report->getOldValue(book, Book::Impl::shelfProperty());
+    EXPECT_FALSE(oldShelf.getElement());
+    EXPECT_EQ(oldShelf.getType(), Book::Impl::shelfProperty()->getType());
+}
+
+// A subclass's own properties come before those it inherits; a property is told apart by
+// the class that declares it, not by its index alone.
+TEST_F(ChangeRecordsTest, ChangedPropertiesStartAtTheElementsOwnClass) {
+    Novel novel = Novel::create(model);
+    Report const report = record([&] {
+        novel->setPages(7);
+        novel->setGenre(basalt::ustring(u"saga"));
+        novel->setTitle(u"Dune");
+    });
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->getChangedProperties(novel),
+              (Properties{Novel::Impl::genreProperty(), Book::Impl::titleProperty(), Book::Impl::pagesProperty()}));
+    // Another class's property of the same index as the title is none of the novel's.
+    ASSERT_EQ(Shelf::Impl::labelProperty()->getPropertyIndex(), Book::Impl::titleProperty()->getPropertyIndex());
+    EXPECT_FALSE(report->isChanged(novel, Shelf::Impl::labelProperty()));
+}
+
+} // namespace
+} // namespace kivra::test::library
