@@ -227,8 +227,10 @@ ModelElement ModelConstellation::Impl::resolveProxy(ModelElement const &proxy) {
     ProxyId const id = *proxy->getProxyId();
     std::u16string const uri = getLatestModelURI(id.getModelId().value_or(std::u16string()));
     Model model = peekModel(uri);
-    // A model cannot join a group that keeps no old values: no load then.
-    if (!model && !(group_ && !group_->isDeep()))
+    // A model cannot join a group that keeps no old values: no load then. Nor for a frozen
+    // model, whose readers may be on several threads: a load changes the constellation
+    // they all look at.
+    if (!model && !(group_ && !group_->isDeep()) && !proxy->getModelImpl()->isFrozen())
         model = fetchModel(uri);
     if (!model)
         return proxy;
