@@ -84,7 +84,8 @@ private:
 /// model stands alone with an empty URI; a registry model stands alone with a fixed URI.
 ///
 /// A model keeps its top-level elements alive; contained elements are kept by their
-/// containers. It is used by one thread at a time.
+/// containers. It is used by one thread at a time; a frozen one may be read from several
+/// at once, and its readers then store nothing, not even a proxy they resolve.
 ///
 /// When the last handle goes, the model is destroyed; its object stays in memory as an
 /// inert, invalid shell while an element object or a report still names it, so that a

@@ -63,8 +63,9 @@ public:
     /// Saves every member through the model id services. With `StopOnError` a failure
     /// raises `ModelConstellationSaveFailed`; otherwise it is dropped.
     void saveModels(SaveModelMode mode);
-    /// The element a proxy of another model stands for, loading that model when needed;
-    /// the proxy itself when nothing is found; null while being destroyed.
+    /// The element a proxy of another model stands for, loading that model when needed
+    /// (unless the proxy's model is frozen); the proxy itself when nothing is found; null
+    /// while being destroyed.
     ModelElement resolveProxy(ModelElement const &proxy);
     void setEvolveModelsWhileResolvingProxies(bool evolve) noexcept { evolveModelsWhileResolvingProxies_ = evolve; }
     bool shouldEvolveModelsWhileResolvingProxies() const noexcept { return evolveModelsWhileResolvingProxies_; }

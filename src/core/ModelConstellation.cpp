@@ -228,8 +228,10 @@ ModelElement ModelConstellation::Impl::resolveProxy(ModelElement const &proxy) {
     std::u16string const uri = getLatestModelURI(id.getModelId().value_or(std::u16string()));
     Model model = peekModel(uri);
     // A loaded model that cannot join a shallow group raises: the proxy is no element
-    // that was looked for and not found, and its reader must not take it for one.
-    if (!model)
+    // that was looked for and not found, and its reader must not take it for one. A frozen
+    // model loads nothing: its readers may be on several threads, and a load changes the
+    // constellation they all look at.
+    if (!model && !proxy->getModelImpl()->isFrozen())
         model = fetchModel(uri);
     if (!model)
         return proxy;

@@ -84,6 +84,8 @@ namespace detail {
 ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy) {
     return holder.getModelImpl()->resolveProxy(&holder, proxy);
 }
+
+bool mayStoreOnRead(ModelElement::Impl const &holder) noexcept { return !holder.getModelImpl()->isFrozen(); }
 } // namespace detail
 
 Model ModelElement::Impl::getModel() const { return model_->getModel(); }

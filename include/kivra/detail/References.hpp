@@ -9,13 +9,19 @@ namespace kivra::detail {
 /// The element a proxy held by `holder` stands for, or the proxy itself.
 ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy);
 
+/// False while `holder`'s model is frozen: other threads may then be reading the same
+/// member, so a read must leave it as it is.
+bool mayStoreOnRead(ModelElement::Impl const &holder) noexcept;
+
 /// Reads a reference member: a proxy that resolves is replaced in place by its element,
 /// with no transaction and no notice; a destroyed element of another model reads as no
-/// reference at all. A plain reference costs a null, a validity and a pointer test.
+/// reference at all, and the member lets go of it. In a frozen model the member stays as
+/// it is and only the answer changes, so that readers on several threads never write.
+/// A plain reference costs a null, a validity and a pointer test.
 /// Resolving may load the model that the proxy names; while a shallow group runs that
 /// model cannot join it, and the read raises `CannotJoinShallowTransaction` with the
 /// member left as it was.
-template <class H> H const &readReference(ModelElement::Impl const &holder, H &member) {
+template <class H> H readReference(ModelElement::Impl const &holder, H &member) {
     ModelElement::Impl *target = member.get();
     if (!target)
         return member;
@@ -24,12 +30,18 @@ template <class H> H const &readReference(ModelElement::Impl const &holder, H &m
             return member;
         ModelElement const resolved = resolveHeldProxy(holder, member);
         if (resolved && !resolved->isProxy())
-            if (auto *impl = dynamic_cast<typename H::Impl *>(resolved.get()))
+            if (auto *impl = dynamic_cast<typename H::Impl *>(resolved.get())) {
+                if (!mayStoreOnRead(holder))
+                    return H::fromImpl(impl);
                 member = H::fromImpl(impl);
+            }
         return member;
     }
-    if (target->getModelImpl() != holder.getModelImpl())
+    if (target->getModelImpl() != holder.getModelImpl()) {
+        if (!mayStoreOnRead(holder))
+            return H();
         member.reset();
+    }
     return member;
 }
 

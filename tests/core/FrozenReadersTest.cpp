@@ -1,0 +1,168 @@
+// Readers of frozen models on several threads at once. Run alone under ThreadSanitizer
+// (tools/dev tsan): a getter that writes while others read shows up as a data race, or
+// as a use after free of the proxy it replaced.
+
+#include <library/Author.hpp>
+#include <library/Book.hpp>
+
+#include <kivra/Model.hpp>
+#include <kivra/ElementId.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/services/ModelIdNormalizer.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <latch>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace kivra::test::library {
+namespace {
+
+using Tag = ModelElement::Impl::ReflectionPrivateTag;
+
+basalt::ustring textOf(boost::uuids::uuid const &id) { return basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)); }
+
+/// What a reference member holds, without resolving or resetting anything.
+ModelElement storedIn(Book const &book, meta::Property const &property) {
+    return book->getPropertyValue(property, Tag::NO_PROXY_RESOLVE).getElement();
+}
+
+/// Two members of a constellation. Each reader of `a` holds, in `author`, a proxy that no
+/// one has read yet, naming an author of its own model or of `b`; and in `sequel` a book
+/// destroyed since, of `b` (reads as none) or, every third one, of `a` (reads as invalid).
+class FrozenReaders : public ::testing::Test {
+protected:
+    static constexpr std::size_t count = 2000;
+    static constexpr int threads = 8;
+
+    void SetUp() override {
+        Transaction build = a->beginTransaction();
+        std::vector<Book> doomed;
+        for (std::size_t i = 0; i < count; ++i) {
+            bool const far = i % 2 == 1;
+            Author const author = Author::create(far ? b : a);
+            authors.push_back(author);
+            Book const reader = Book::create(a);
+            ProxyId const id(u"uuid", textOf(author->getUuid()),
+                             far ? boost::optional<std::u16string>(b->getModelURI()) : boost::none);
+            reader->setAuthor(Author::createProxy(a, id));
+            Book const sequel = Book::create(i % 3 == 2 ? a : b);
+            reader->setSequel(sequel);
+            doomed.push_back(sequel);
+            readers.push_back(reader);
+        }
+        build.commit();
+        Transaction destruction = a->beginTransaction();
+        for (Book const &book : doomed)
+            book->destroy();
+        destruction.commit();
+    }
+
+    /// Reads every reader on `threads` threads at once, each also copying and dropping
+    /// handles of the elements it meets; counts the reads that gave something unexpected.
+    std::size_t readConcurrently() {
+        std::atomic<std::size_t> wrong{0};
+        std::latch start(threads);
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&] {
+                std::vector<ModelElement> kept;
+                start.arrive_and_wait();
+                for (int pass = 0; pass < 2; ++pass)
+                    for (std::size_t i = 0; i < count; ++i) {
+                        Book const reader = readers[i];
+                        Author const author = reader->getAuthor();
+                        Book const sequel = reader->getSequel();
+                        bool const ok = author == authors[i] && !author->isProxy() &&
+                                        (i % 3 == 2 ? sequel.get() && !sequel : !sequel.get());
+                        if (!ok)
+                            ++wrong;
+                        kept.push_back(ModelElement(author));
+                        kept.push_back(ModelElement(reader));
+                        if (kept.size() > 64)
+                            kept.clear();
+                    }
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+        return wrong.load();
+    }
+
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    std::vector<Author> authors;
+    std::vector<Book> readers;
+};
+
+TEST_F(FrozenReaders, ReadEveryReferenceWithoutWritingIt) {
+    std::uint32_t const authorCount = authors.front().get()->referenceCount();
+    std::uint32_t const readerCount = readers.front().get()->referenceCount();
+    {
+        Model::Freezer const frozenA = a->freeze();
+        Model::Freezer const frozenB = b->freeze();
+        EXPECT_EQ(readConcurrently(), 0u);
+    }
+    // Nothing was stored: the proxies and the tombstones of the other model are still
+    // where they were, and every handle the readers made is gone again.
+    for (std::size_t i : {std::size_t(0), std::size_t(1), count - 1}) {
+        SCOPED_TRACE(i);
+        EXPECT_TRUE(storedIn(readers[i], Book::Impl::authorProperty())->isProxy());
+        EXPECT_TRUE(storedIn(readers[i], Book::Impl::sequelProperty()).get());
+    }
+    EXPECT_EQ(authors.front().get()->referenceCount(), authorCount);
+    EXPECT_EQ(readers.front().get()->referenceCount(), readerCount);
+
+    // Thawed, a read replaces the proxy and lets go of the other model's tombstone.
+    EXPECT_EQ(readers[1]->getAuthor(), authors[1]);
+    EXPECT_EQ(storedIn(readers[1], Book::Impl::authorProperty()), authors[1]);
+    EXPECT_FALSE(readers[1]->getSequel().get());
+    EXPECT_FALSE(storedIn(readers[1], Book::Impl::sequelProperty()).get());
+}
+
+// Loads "test-frozen:" URIs, counting the loads.
+struct CountingLoader : services::ModelIdNormalizer {
+    std::atomic<int> loads{0};
+    boost::optional<basalt::ustring> toLocationModelId(basalt::ustring const &) override { return boost::none; }
+    boost::optional<basalt::ustring> toExternalModelId(basalt::ustring const &) override { return boost::none; }
+    Model loadModel(basalt::ustring const &location, services::ModelLoadOptions const &) override {
+        if (location.rfind(u"test-frozen:", 0) != 0)
+            return {};
+        ++loads;
+        return Model::create(ModelConstellation::create());
+    }
+    bool saveModel(Model const &, basalt::ustring const &, SaveModelMode) override { return false; }
+};
+
+TEST_F(FrozenReaders, LoadNoModel) {
+    static auto const loader = std::make_shared<CountingLoader>();
+    static bool const registered = (services::registerModelIdNormalizer(loader), true);
+    (void)registered;
+    Transaction transaction = a->beginTransaction();
+    Book const reader = Book::create(a);
+    reader->setSequel(Book::createProxy(a, ProxyId(u"uuid", textOf(ElementImpl::generateNewUuid()),
+                                                   basalt::ustring(u"test-frozen:elsewhere"))));
+    transaction.commit();
+    int const before = loader->loads;
+    {
+        // Loading would change the constellation under the other readers' feet.
+        Model::Freezer const frozen = a->freeze();
+        EXPECT_TRUE(reader->getSequel()->isProxy());
+        EXPECT_EQ(loader->loads, before);
+    }
+    EXPECT_TRUE(reader->getSequel()->isProxy()); // loaded, but the element is not there
+    EXPECT_EQ(loader->loads, before + 1);
+    EXPECT_EQ(constellation->modelsCount(), 3u);
+}
+
+} // namespace
+} // namespace kivra::test::library
