@@ -183,10 +183,18 @@ struct LoadingNormalizer : services::ModelIdNormalizer {
     bool saveModel(Model const &, basalt::ustring const &, SaveModelMode) override { return false; }
 };
 
+// Registered at first use, so that every test that needs it has it, also when it runs alone.
+std::shared_ptr<LoadingNormalizer> loadingNormalizer() {
+    static auto const normalizer = [] {
+        auto made = std::make_shared<LoadingNormalizer>();
+        services::registerModelIdNormalizer(made);
+        return made;
+    }();
+    return normalizer;
+}
+
 TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
-    static auto const normalizer = std::make_shared<LoadingNormalizer>();
-    static bool const registered = (services::registerModelIdNormalizer(normalizer), true);
-    (void)registered;
+    auto const normalizer = loadingNormalizer();
     ModelConstellation constellation = ModelConstellation::create();
     Model model = Model::create(constellation);
     Book book = Book::create(model);
@@ -370,11 +378,17 @@ TEST(ConstellationGroup, ProxiesOfUnloadedModelsStayWhileAShallowGroupRuns) {
     ModelConstellation constellation = ModelConstellation::create();
     Model model = Model::create(constellation);
     Book book = Book::create(model);
-    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", textOf(ElementImpl::generateNewUuid()),
+    auto const normalizer = loadingNormalizer();
+    book->setSequel(Book::createProxy(model, ProxyId(u"uuid", textOf(normalizer->elementId),
                                                      basalt::ustring(u"test-load:elsewhere"))));
+    int const loads = normalizer->loads;
     Transaction shallow = model->beginTransaction();
     EXPECT_NO_THROW(EXPECT_TRUE(book->getSequel()->isProxy()));
+    EXPECT_EQ(normalizer->loads, loads);
     shallow.commit();
+    // With the group over, the same read loads the model.
+    EXPECT_FALSE(book->getSequel()->isProxy());
+    EXPECT_EQ(normalizer->loads, loads + 1);
 }
 
 } // namespace
