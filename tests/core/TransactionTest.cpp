@@ -11,9 +11,12 @@
 #include <kivra/ReportData.hpp>
 #include <basalt/except/Exception.hpp>
 #include <kivra/TransactionFactory.hpp>
+#include <kivra/meta/Property.hpp>
 #include <kivra/meta/TransactionOrigin.hpp>
 
 #include <gtest/gtest.h>
+
+#include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -406,11 +409,57 @@ unsigned sequences(unsigned byDefault) {
 // Work that commits whatever it does, also where no outer transaction is open.
 constexpr WorkOptions committing{.nestedRollBacks = false};
 
-// A listener that keeps old values: it alone makes a transaction deep.
+// A listener that keeps old values: it alone makes a transaction deep. Told of a
+// roll-back, it checks that each old value in the report is the value from before the
+// transaction.
 struct DeepObserver : Listener {
-    std::vector<bool> canceled; // whether each cancelled transaction was deep
+    explicit DeepObserver(ModelSnapshot const &before) : before(before) {}
+
     void transactionCommitted(std::shared_ptr<ReportData> const &) {}
-    void transactionCanceled(bool wasDeep, std::shared_ptr<ReportData> const &) { canceled.push_back(wasDeep); }
+    void transactionCanceled(bool wasDeep, std::shared_ptr<ReportData> const &report) {
+        canceled.push_back(wasDeep);
+        for (auto const *elements : {&report->getModified(), &report->getDestroyed()})
+            for (ModelElement const &element : *elements)
+                checkOldValues(*report, element);
+    }
+
+    void checkOldValues(ReportData const &report, ModelElement const &element) {
+        auto const found = before.elements.find(element->getUuid());
+        ASSERT_NE(found, before.elements.end()) << "a reported element that was not there";
+        ASSERT_EQ(found->second.object, reinterpret_cast<std::uintptr_t>(element.get())) << "another object";
+        for (std::uint64_t index = 1;; ++index) {
+            meta::Property const property = element->getPropertyByIndex(index);
+            if (!property)
+                break;
+            // Container ends are left out for now: a report cannot give their old values yet,
+            // and a change made from the container's side does not mark them.
+            if (meta::Property const opposite = property->getOpposite(); opposite && opposite->getIsComposite())
+                continue;
+            if (!report.isChanged(element, property) || !isPublic(element, property))
+                continue;
+            // What a listener raises is swallowed: it has to be caught here to be seen.
+            try {
+                EXPECT_EQ(describeValue(report.getOldValue(element, property), Identity::Object),
+                          found->second.values.at(index - 1))
+                    << element->getUuid() << " property " << index;
+            } catch (std::exception const &error) {
+                ADD_FAILURE() << "old value of property " << index << " raised: " << error.what();
+            }
+        }
+    }
+
+    // Reports speak to public callers: what they cannot read has no old value there.
+    static bool isPublic(ModelElement const &element, meta::Property const &property) {
+        try {
+            element->getPropertyValue(property, ModelElement::Impl::ReflectionPrivateTag::PUBLIC_ACCESS);
+            return true;
+        } catch (Error<messages::NoSuchProperty> const &) {
+            return false;
+        }
+    }
+
+    ModelSnapshot const &before;
+    std::vector<bool> canceled; // whether each cancelled transaction was deep
 };
 
 TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
@@ -426,7 +475,7 @@ TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
         bool const byListener = seed % 2 == 0;
         DeepObserver *observer = nullptr;
         if (byListener) {
-            auto owned = std::make_unique<DeepObserver>();
+            auto owned = std::make_unique<DeepObserver>(before);
             observer = owned.get();
             addOwnedListener<ListenerRole::Observer>(model, std::move(owned));
         }

@@ -18,7 +18,9 @@ namespace {
 
 std::uintptr_t address(void const *object) { return reinterpret_cast<std::uintptr_t>(object); }
 
-std::string text(Value const &value, Identity identity) {
+} // namespace
+
+std::string describeValue(Value const &value, Identity identity) {
     if (!value.hasPayload())
         return "<none>";
     try {
@@ -34,8 +36,6 @@ std::string text(Value const &value, Identity identity) {
     // A scalar: its hash stands for it.
     return "#" + std::to_string(value.hashValues());
 }
-
-} // namespace
 
 ModelSnapshot snapshot(Model const &model, Identity identity) {
     using Tag = ModelElement::Impl::ReflectionPrivateTag;
@@ -56,7 +56,7 @@ ModelSnapshot snapshot(Model const &model, Identity identity) {
             if (!property)
                 break;
             try {
-                picture.values.push_back(text(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS), identity));
+                picture.values.push_back(describeValue(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS), identity));
             } catch (std::exception const &) {
                 picture.values.push_back("<unreadable>");
             }

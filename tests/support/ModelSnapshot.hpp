@@ -4,6 +4,7 @@
 // they are, for comparing a model with itself at another time.
 
 #include <kivra/Model.hpp>
+#include <kivra/Value.hpp>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -39,6 +40,9 @@ struct ModelSnapshot {
 /// their target (or "invalid" for a destroyed one), followed by its address with
 /// Identity::Object.
 ModelSnapshot snapshot(Model const &model, Identity identity = Identity::Uuid);
+
+/// A value as a picture shows it.
+std::string describeValue(Value const &value, Identity identity = Identity::Uuid);
 
 /// The first difference between two pictures, for test messages; empty when equal.
 std::string describeDifference(ModelSnapshot const &expected, ModelSnapshot const &actual);
