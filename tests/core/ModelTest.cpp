@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 namespace kivra {
 namespace {
 
@@ -177,15 +179,21 @@ TEST(Model, MoveAllContentsHandsElementsOver) {
 TEST(Model, InProgressIndicatorsCountWhileTheyLive) {
     Model model = Model::createTransientModel();
     {
-        auto parse = model->startParse();
+        std::optional<Model::ParseInProgressIndicator> parse(model->startParse());
+        Model::ParseInProgressIndicator moved = std::move(*parse);
+        parse.reset(); // a moved-from guard counts nothing
         EXPECT_TRUE(model->isParsingInProgress());
-        auto moved = std::move(parse);
+        Model::ParseInProgressIndicator second = model->startParse();
+        moved = std::move(second); // the guard assigned over lets go of its own count
         EXPECT_TRUE(model->isParsingInProgress());
         auto loading = model->startDataSourceLoading();
         EXPECT_TRUE(model->isDataSourceLoadingInProgress());
     }
     EXPECT_FALSE(model->isParsingInProgress());
     EXPECT_FALSE(model->isDataSourceLoadingInProgress());
+    // Back at zero, not below it: a single new guard shows again.
+    auto again = model->startParse();
+    EXPECT_TRUE(model->isParsingInProgress());
 }
 
 TEST(Model, MigrateNeedsALoneMemberAndNoTransaction) {

@@ -85,15 +85,43 @@ TEST_F(SpanTest, DynamicContextsShowTheStateAtLogTime) {
     EXPECT_EQ(records().at(0).message, R"({"message":"now","state":"after"})");
 }
 
+// A span that counts its live instances, so that a test sees when the last handle goes.
+class CountedSpan final : public Span::Impl {
+public:
+    static inline int alive = 0;
+    CountedSpan() { ++alive; }
+    ~CountedSpan() override { --alive; }
+    void addContext(std::uint32_t, std::string const &, std::function<Value()> const &) override {}
+    void addContext(std::uint32_t, std::string const &, ModelElement const &) override {}
+    void addContext(std::uint32_t, std::string const &, char const *) override {}
+    void addContext(std::uint32_t, std::string const &, Value const &) override {}
+    void addDynamicContext(std::uint32_t, std::string const &, std::function<ModelElement()> const &) override {}
+    void addDynamicContext(std::uint32_t, std::string const &, std::function<Value()> const &) override {}
+    void log(std::uint32_t, std::string const &) override {}
+    Span createChild(std::string const &) override { return {}; }
+    Span createChild() override { return {}; }
+    std::unique_ptr<SpanCreator> getChildFactory(std::string const &) override { return nullptr; }
+};
+
 TEST_F(SpanTest, HandlesCountTheirSpan) {
-    Span span = Span::create("test");
-    Span copy = span;
-    span.reset();
-    EXPECT_TRUE(copy);
-    Span::Impl *raw = copy.release();
-    Span adopted(raw); // takes one more: the released one is still to balance
-    raw->removeRef();
-    EXPECT_TRUE(adopted);
+    Span span(new CountedSpan);
+    {
+        Span copy = span;
+        Span assigned;
+        assigned = copy;
+        Span moved = std::move(copy);
+        EXPECT_FALSE(copy);
+        span.reset();
+        Span::Impl *raw = moved.release();
+        EXPECT_FALSE(moved);
+        Span adopted(raw); // takes one more: the released one is still to balance
+        raw->removeRef();
+        EXPECT_EQ(CountedSpan::alive, 1); // held by `assigned` and `adopted`
+        assigned.reset();
+        EXPECT_EQ(CountedSpan::alive, 1);
+        EXPECT_EQ(adopted.get(), raw);
+    }
+    EXPECT_EQ(CountedSpan::alive, 0);
 }
 
 TEST_F(SpanTest, LogAndRaiseRecordsTheFailureFirst) {

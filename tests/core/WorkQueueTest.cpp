@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <vector>
 
 namespace kivra {
@@ -111,14 +112,22 @@ TEST(Freezer, FreezesAddUpAndThawsNestOnce) {
     EXPECT_FALSE(first);
 }
 
-TEST(Freezer, OutlivingItsModelDoesNothing) {
+// Only the freezer that holds the model counts: a moved-from one, or one whose model was
+// destroyed meanwhile, leaves the count alone.
+TEST(Freezer, MovedFromOrOutlivingItsModelLeavesTheCountAlone) {
     Model model = Model::createTransientModel();
-    auto freezer = model->freeze();
-    auto moved = std::move(freezer);
-    EXPECT_FALSE(freezer.isActive());
+    std::optional<Model::Freezer> freezer(model->freeze());
+    Model::Freezer moved = std::move(*freezer);
+    EXPECT_FALSE(freezer->isActive());
+    EXPECT_TRUE(moved.isActive());
+    freezer.reset();
+    EXPECT_TRUE(model->isFrozen()); // the moved-to freezer still holds
+    EXPECT_THROW(test::library::Book::create(model), Error<messages::ModelFrozen>);
+
     model->destroy();
-    moved.deactivate(); // the destroyed model's count is left alone
+    moved.deactivate();
     EXPECT_FALSE(moved);
+    EXPECT_TRUE(model->isFrozen()); // a destroyed model's count is not touched
 }
 
 } // namespace

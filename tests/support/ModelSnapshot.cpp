@@ -16,37 +16,47 @@ namespace kivra::test {
 
 namespace {
 
-std::string text(Value const &value) {
+std::uintptr_t address(void const *object) { return reinterpret_cast<std::uintptr_t>(object); }
+
+} // namespace
+
+std::string describeValue(Value const &value, Identity identity) {
     if (!value.hasPayload())
         return "<none>";
     try {
         ModelElement const element = value.getElement();
         if (!element.get())
             return "<null>";
-        return (element ? "" : "invalid ") + boost::uuids::to_string(element->getUuid());
+        std::string result = (element ? "" : "invalid ") + boost::uuids::to_string(element->getUuid());
+        if (identity == Identity::Object)
+            result += " at " + std::to_string(address(element.get()));
+        return result;
     } catch (Error<messages::CannotCastIncompatibleTypes> const &) {
     }
     // A scalar: its hash stands for it.
     return "#" + std::to_string(value.hashValues());
 }
 
-} // namespace
-
-ModelSnapshot snapshot(Model const &model) {
+ModelSnapshot snapshot(Model const &model, Identity identity) {
     using Tag = ModelElement::Impl::ReflectionPrivateTag;
     ModelSnapshot result;
     for (ModelElement const &element : model->getAllElements()) {
         ElementPicture picture;
         ModelElement::Impl const &object = *element.get();
         picture.type = typeid(object).name();
-        if (auto *container = element->containerImpl())
+        if (auto *container = element->containerImpl()) {
             picture.container = container->getUuid();
+            if (identity == Identity::Object)
+                picture.containerObject = address(container);
+        }
+        if (identity == Identity::Object)
+            picture.object = address(&object);
         for (std::uint64_t index = 1;; ++index) {
             meta::Property const property = element->getPropertyByIndex(index);
             if (!property)
                 break;
             try {
-                picture.values.push_back(text(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS)));
+                picture.values.push_back(describeValue(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS), identity));
             } catch (std::exception const &) {
                 picture.values.push_back("<unreadable>");
             }
@@ -67,8 +77,18 @@ std::string describeDifference(ModelSnapshot const &expected, ModelSnapshot cons
             out << "missing element " << id;
             return out.str();
         }
-        if (found->second.container != picture.container) {
+        if (found->second.object != picture.object) {
+            out << "element " << id << " is another object";
+            return out.str();
+        }
+        if (found->second.container != picture.container || found->second.containerObject != picture.containerObject) {
             out << "element " << id << " in container " << found->second.container << ", expected " << picture.container;
+            if (found->second.container == picture.container)
+                out << " (another object)";
+            return out.str();
+        }
+        if (found->second.type != picture.type) {
+            out << "element " << id << " of type " << found->second.type << ", expected " << picture.type;
             return out.str();
         }
         for (std::size_t i = 0; i < picture.values.size() && i < found->second.values.size(); ++i)
@@ -85,6 +105,8 @@ std::string describeDifference(ModelSnapshot const &expected, ModelSnapshot cons
         }
     if (expected.topLevel != actual.topLevel)
         out << "top-level elements differ";
+    else if (!(expected == actual))
+        out << "the pictures differ";
     return out.str();
 }
 

@@ -1,21 +1,30 @@
 #pragma once
 // A comparable picture of a model: every element with its class, container and the
-// values of all its indexed properties, keyed by UUID.
+// values of all its indexed properties, keyed by UUID; on demand also which objects
+// they are, for comparing a model with itself at another time.
 
 #include <kivra/Model.hpp>
+#include <kivra/Value.hpp>
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace kivra::test {
 
+/// What a picture tells elements apart by: two models are compared by UUID; one model
+/// before and after a roll-back also by object, since one UUID may name two objects.
+enum class Identity { Uuid, Object };
+
 struct ElementPicture {
     std::string type;
     boost::uuids::uuid container{};
     std::vector<std::string> values; // one text per indexed property, in index order
+    std::uintptr_t object = 0;       // with Identity::Object only
+    std::uintptr_t containerObject = 0;
 
     bool operator==(ElementPicture const &) const = default;
 };
@@ -28,8 +37,12 @@ struct ModelSnapshot {
 };
 
 /// Takes the picture: property values are read reflectively, references as the UUID of
-/// their target (or "invalid" for a destroyed one).
-ModelSnapshot snapshot(Model const &model);
+/// their target (or "invalid" for a destroyed one), followed by its address with
+/// Identity::Object.
+ModelSnapshot snapshot(Model const &model, Identity identity = Identity::Uuid);
+
+/// A value as a picture shows it.
+std::string describeValue(Value const &value, Identity identity = Identity::Uuid);
 
 /// The first difference between two pictures, for test messages; empty when equal.
 std::string describeDifference(ModelSnapshot const &expected, ModelSnapshot const &actual);

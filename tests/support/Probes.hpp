@@ -7,6 +7,7 @@
 #include <kivra/meta/Class.hpp>
 
 #include <functional>
+#include <vector>
 
 namespace kivra::test {
 
@@ -36,6 +37,11 @@ public:
     static inline std::function<void(Impl *)> onDelete;
     /// Counts deletions of probes.
     static inline int deletions = 0;
+
+    /// The properties this probe was told of as the far end of an association, in order;
+    /// it stores nothing.
+    std::vector<meta::Property> inverseAdds;
+    void inverseAdd(ModelElement const &, meta::Property const &property) override { inverseAdds.push_back(property); }
 
 protected:
     friend class Probe;
