@@ -634,10 +634,11 @@ def write_reflective(mm, cls, kinds, base):
         guard = f"property == {p.name}Property(){visible(p, False)}"
         if k == "value":
             has.append(f"    if ({guard})\n        return true;\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_);\n")
+            # Typed by the standard type of the member: no handle of the property's type is read.
+            get.append(f"    if ({guard})\n        return ::kivra::Value({p.name}_);\n")
         elif k == "optional":
             has.append(f"    if ({guard})\n        return {p.name}_.has_value();\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
+            get.append(f"    if ({guard})\n        return {p.name}_ ? ::kivra::Value(*{p.name}_) : ::kivra::Value(property->getType(), boost::none);\n")
         elif k in ("reference", "composite"):
             has.append(f"    if ({guard})\n        return {p.name}_.get() != nullptr;\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(get{p.cap}()) : ::kivra::ModelElement({p.name}_));\n")

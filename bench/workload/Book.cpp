@@ -72,11 +72,11 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == titleProperty())
-        return ::kivra::Value(property->getType(), title_);
+        return ::kivra::Value(title_);
     if (property == pagesProperty())
-        return ::kivra::Value(property->getType(), pages_);
+        return ::kivra::Value(pages_);
     if (property == categoryProperty())
-        return ::kivra::Value(property->getType(), category_);
+        return ::kivra::Value(category_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -54,7 +54,7 @@ bool Writer::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == nameProperty())
-        return ::kivra::Value(property->getType(), name_);
+        return ::kivra::Value(name_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -83,11 +83,11 @@ bool Note::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == textProperty())
-        return ::kivra::Value(property->getType(), text_);
+        return ::kivra::Value(text_);
     if (property == notebookProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getNotebook()));
     if (property == starsProperty())
-        return ::kivra::Value(property->getType(), stars_);
+        return ::kivra::Value(stars_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 

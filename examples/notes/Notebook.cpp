@@ -80,7 +80,7 @@ bool Notebook::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == titleProperty())
-        return ::kivra::Value(property->getType(), title_);
+        return ::kivra::Value(title_);
     if (property == pinnedProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getPinned()) : ::kivra::ModelElement(pinned_));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);

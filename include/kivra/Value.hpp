@@ -11,6 +11,7 @@
 #include <boost/optional/optional_fwd.hpp>
 #include <boost/uuid/uuid.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -102,6 +103,11 @@ struct PayloadFunctions {
     bool (*less)(void const *a, void const *b);            ///< null: values have no order
     std::uint64_t (*hash)(void const *payload);            ///< null: no hash
     std::vector<Value> (*entries)(Value const &);         ///< set for unmanaged collections
+    /// Set for payloads small enough to live inside the value: copies one into raw storage,
+    /// moves one there (leaving the source ended), and ends one in place (null: nothing to end).
+    void (*copyInto)(void *to, void const *from) = nullptr;
+    void (*moveInto)(void *to, void *from) = nullptr;
+    void (*destroyInPlace)(void *payload) = nullptr;
 };
 
 /// The one dynamic value of the library: a `ValueMeta` and a type-erased payload that
@@ -110,7 +116,9 @@ struct PayloadFunctions {
 /// Scalars of the standard primitive types travel as their native types (`bool`, the
 /// integers, `double`, `basalt::ustring`, `std::string`, `boost::uuids::uuid`,
 /// `boost::posix_time::ptime`), enum literals as `std::uint64_t`, element references as
-/// `ModelElement`.
+/// `ModelElement`. Scalars and element references live inside the value: making or
+/// copying one allocates nothing beyond what the native type itself allocates (a text
+/// longer than its small-string buffer).
 ///
 /// Example:
 /// \code
@@ -127,6 +135,8 @@ public:
     /// `std::uint64_t`; otherwise `CannotCastIncompatibleTypes` with the type's qualified
     /// name. `required` plays no part for a present value.
     template <ScalarPayload T> Value(meta::Type const &type, T const &native, bool required = true);
+    /// A scalar typed by the standard primitive type of `T`, with no type check.
+    template <ScalarPayload T> explicit Value(T const &native);
     /// A scalar that may be absent: without `required`, an absent value gives the empty
     /// optional; with it, an absent enum value raises `InvalidValue`.
     template <ScalarPayload T> Value(meta::Type const &type, boost::optional<T> const &native, bool required);
@@ -200,11 +210,19 @@ public:
                                           PayloadFunctions const *functions) noexcept;
 
 private:
+    /// Room for the largest native scalar (a text object), so that scalars need no heap.
+    static constexpr std::size_t inlineSize = 32;
+
     void freePayload() noexcept;
+    /// Takes `other`'s payload: copied (`steal` false) or moved.
+    void takePayload(Value const &other, bool steal);
+    void *inlineStorage() noexcept { return inline_; }
+    bool isInline() const noexcept { return payload_ == static_cast<void const *>(inline_); }
     [[noreturn]] void raiseIncompatible() const;
 
     void *payload_ = nullptr;
     PayloadFunctions const *functions_ = nullptr;
+    alignas(8) unsigned char inline_[inlineSize];
 };
 
 namespace internal {

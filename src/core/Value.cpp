@@ -14,6 +14,7 @@
 
 #include <boost/optional/optional.hpp>
 
+#include <new>
 #include <utility>
 
 namespace kivra {
@@ -36,8 +37,15 @@ bool elementLess(void const *, void const *) { return false; }
 std::uint64_t elementHash(void const *payload) {
     return payload ? std::hash<ModelElement>()(*static_cast<ModelElement const *>(payload)) : 0;
 }
-constexpr PayloadFunctions elementFunctions{&deleteElement, &cloneElement, &elementEquals, &elementLess, &elementHash,
-                                            nullptr};
+void copyElementInto(void *to, void const *from) { new (to) ModelElement(*static_cast<ModelElement const *>(from)); }
+void moveElementInto(void *to, void *from) {
+    new (to) ModelElement(std::move(*static_cast<ModelElement *>(from)));
+    static_cast<ModelElement *>(from)->~ModelElement();
+}
+void destroyElementInPlace(void *payload) { static_cast<ModelElement *>(payload)->~ModelElement(); }
+constexpr PayloadFunctions elementFunctions{&deleteElement,   &cloneElement,    &elementEquals,
+                                            &elementLess,     &elementHash,     nullptr,
+                                            &copyElementInto, &moveElementInto, &destroyElementInPlace};
 
 } // namespace
 
@@ -83,7 +91,13 @@ Value::Value(meta::Type const &type, boost::none_t) : ValueMeta(type, ValueFlags
 
 template <ScalarPayload T> Value::Value(meta::Type const &type, T const &native, bool) : ValueMeta(type, ValueFlags::Single) {
     detail::checkScalarType<T>(type);
-    payload_ = new T(native);
+    payload_ = new (inline_) T(native);
+    functions_ = &detail::ScalarPayload<T>::functions;
+}
+
+template <ScalarPayload T>
+Value::Value(T const &native) : ValueMeta(detail::primitiveTypeOf<T>(), ValueFlags::Single) {
+    payload_ = new (inline_) T(native);
     functions_ = &detail::ScalarPayload<T>::functions;
 }
 
@@ -98,16 +112,16 @@ Value::Value(meta::Type const &type, boost::optional<T> const &native, bool requ
         if (internal::isEnumType(type))
             raise<messages::InvalidValue>();
         // A required value of a plain type that is absent: its default.
-        payload_ = new T();
+        payload_ = new (inline_) T();
     } else {
-        payload_ = new T(*native);
+        payload_ = new (inline_) T(*native);
     }
     flags_ = ValueFlags::Single;
     functions_ = &detail::ScalarPayload<T>::functions;
 }
 
 Value::Value(meta::Type const &declared, ModelElement const &element)
-    : ValueMeta(declared, ValueFlags::Single), payload_(new ModelElement(element)), functions_(&elementFunctions) {
+    : ValueMeta(declared, ValueFlags::Single), payload_(new (inline_) ModelElement(element)), functions_(&elementFunctions) {
     // Typed by the element's own class once the metamodel describes it.
     if (element.get())
         if (meta::Class const &cls = element->getMetaClass(); cls.get())
@@ -134,36 +148,57 @@ Value Value::createReflectiveReferenceCollection(meta::Property const &property,
     return value;
 }
 
-Value::Value(Value const &other)
-    : ValueMeta(other), functions_(other.functions_) {
-    payload_ = other.payload_ && functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;
-}
+Value::Value(Value const &other) : ValueMeta(other) { takePayload(other, false); }
 
-Value::Value(Value &&other) noexcept
-    : ValueMeta(std::move(other)), payload_(std::exchange(other.payload_, nullptr)), functions_(other.functions_) {}
+Value::Value(Value &&other) noexcept : ValueMeta(std::move(other)) { takePayload(other, true); }
 
 Value &Value::operator=(Value const &other) {
     if (this == &other)
         return *this;
-    ValueMeta::operator=(other);
-    freePayload();
-    functions_ = other.functions_;
-    payload_ = other.payload_ && functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;
-    return *this;
+    Value copy(other);
+    return *this = std::move(copy);
 }
 
 Value &Value::operator=(Value &&other) noexcept {
+    if (this == &other)
+        return *this;
+    freePayload();
     ValueMeta::operator=(std::move(other));
-    std::swap(payload_, other.payload_);
-    std::swap(functions_, other.functions_);
+    takePayload(other, true);
     return *this;
 }
 
 Value::~Value() { freePayload(); }
 
+void Value::takePayload(Value const &other, bool steal) {
+    functions_ = other.functions_;
+    if (!other.payload_) {
+        payload_ = nullptr;
+    } else if (other.isInline()) {
+        if (steal) {
+            Value &source = const_cast<Value &>(other);
+            functions_->moveInto(inline_, source.payload_);
+            source.payload_ = nullptr;
+        } else {
+            functions_->copyInto(inline_, other.payload_);
+        }
+        payload_ = inline_;
+    } else if (steal) {
+        payload_ = std::exchange(const_cast<Value &>(other).payload_, nullptr);
+    } else {
+        payload_ = functions_ && functions_->cloner ? functions_->cloner(other.payload_) : other.payload_;
+    }
+}
+
 void Value::freePayload() noexcept {
-    if (payload_ && functions_ && functions_->deleter)
-        functions_->deleter(payload_);
+    if (payload_ && functions_) {
+        if (isInline()) {
+            if (functions_->destroyInPlace)
+                functions_->destroyInPlace(payload_);
+        } else if (functions_->deleter) {
+            functions_->deleter(payload_);
+        }
+    }
     payload_ = nullptr;
 }
 
@@ -312,6 +347,7 @@ bool isEnumType(meta::Type const &type) { return dynamic_cast<meta::Enum::Impl c
 #define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
     template Value::Value(meta::Type const &, Native const &, bool);                                                 \
     template Value::Value(meta::Type const &, boost::optional<Native> const &, bool);                                \
+    template Value::Value(Native const &);                                                                           \
     template Native const &Value::get<Native>() const;
 #include <kivra/meta/PrimitiveTypes.def>
 

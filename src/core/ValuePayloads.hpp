@@ -8,6 +8,8 @@
 #include <kivra/meta/Type.hpp>
 #include <kivra/services/Hashers.hpp>
 
+#include <new>
+
 #include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/optional/optional.hpp>
 
@@ -46,8 +48,25 @@ template <class T> struct ScalarPayload {
         return a && b && *static_cast<T const *>(a) < *static_cast<T const *>(b);
     }
     static std::uint64_t hash(void const *payload) { return hashScalar(*static_cast<T const *>(payload)); }
+    static void copyInto(void *to, void const *from) { new (to) T(*static_cast<T const *>(from)); }
+    static void moveInto(void *to, void *from) {
+        new (to) T(std::move(*static_cast<T *>(from)));
+        static_cast<T *>(from)->~T();
+    }
+    static void destroyInPlace(void *payload) { static_cast<T *>(payload)->~T(); }
 
-    static constexpr PayloadFunctions functions{&destroy, &clone, &equals, &less, &hash, nullptr};
+    static_assert(sizeof(T) <= 32 && alignof(T) <= 8, "a scalar must fit inside a Value");
+    // Payloads made on the heap (by collections) and inside values share the table, so
+    // that telling what a value holds stays one pointer comparison.
+    static constexpr PayloadFunctions functions{&destroy,
+                                                &clone,
+                                                &equals,
+                                                &less,
+                                                &hash,
+                                                nullptr,
+                                                &copyInto,
+                                                &moveInto,
+                                                std::is_trivially_destructible_v<T> ? nullptr : &destroyInPlace};
 };
 
 /// The name of the standard type whose payload is `T`.
@@ -105,7 +124,7 @@ template <class C> struct CollectionPayload {
         return result;
     }
 
-    static constexpr PayloadFunctions functions{&destroy, &clone, &equals, nullptr, &hash, &entries};
+    static constexpr PayloadFunctions functions{&destroy, &clone, &equals, nullptr, &hash, &entries, nullptr, nullptr, nullptr};
 };
 
 template <class T> using HashedSet = std::unordered_set<T, services::hashers::KivraHasher<T>>;

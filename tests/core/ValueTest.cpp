@@ -1,4 +1,8 @@
+#include <library/Book.hpp>
+
 #include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/Transaction.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/DataType.hpp>
@@ -160,16 +164,45 @@ TEST_F(ValueTest, HashesAreFnvForIntegersAndTexts) {
 }
 
 TEST_F(ValueTest, CopiesCloneMovesSteal) {
-    Value original(StandardTypes::stringMeta, basalt::ustring(u"text"));
+    // A text too long for its small-string buffer: a move must hand its buffer over.
+    Value original(StandardTypes::stringMeta, basalt::ustring(u"a text longer than a small string"));
     Value copy = original;
     EXPECT_NE(copy.getPayload(), original.getPayload());
     EXPECT_EQ(copy, original);
-    void const *payload = original.getPayload();
+    char16_t const *buffer = original.get<basalt::ustring>().data();
     Value moved = std::move(original);
-    EXPECT_EQ(moved.getPayload(), payload);
+    EXPECT_EQ(moved.get<basalt::ustring>().data(), buffer);
     EXPECT_FALSE(original.hasPayload());
     copy = moved;
-    EXPECT_EQ(copy.get<basalt::ustring>(), u"text");
+    EXPECT_EQ(copy.get<basalt::ustring>(), u"a text longer than a small string");
+    moved = Value(std::int32_t(4));
+    EXPECT_EQ(moved.get<std::int32_t>(), 4);
+    EXPECT_EQ(moved.getType(), StandardTypes::integerMeta);
+    copy = std::move(moved);
+    EXPECT_EQ(copy.get<std::int32_t>(), 4);
+    EXPECT_FALSE(moved.hasPayload());
+}
+
+// Scalars and references live inside the value: the payload moves with it, and nothing
+// is allocated but what a long text allocates for itself.
+TEST_F(ValueTest, ScalarsAndReferencesNeedNoHeap) {
+    Model model = Model::createTransientModel();
+    Transaction transaction = model->beginTransaction();
+    test::library::Book book = test::library::Book::create(model);
+    auto const references = book.get()->referenceCount();
+    std::vector<Value> values;
+    values.emplace_back(StandardTypes::booleanMeta, true);
+    values.emplace_back(StandardTypes::stringMeta, basalt::ustring(u"short"));
+    values.emplace_back(book->getMetaClass(), book);
+    for (int i = 0; i < 40; ++i) // the vector moves them as it grows
+        values.push_back(values[std::size_t(i) % 3]);
+    EXPECT_EQ(book.get()->referenceCount(), references + 14u);
+    EXPECT_TRUE(values[39].get<bool>());
+    EXPECT_EQ(values[40].get<basalt::ustring>(), u"short");
+    EXPECT_EQ(values[41].getElement(), book);
+    values.clear();
+    EXPECT_EQ(book.get()->referenceCount(), references);
+    transaction.commit();
 }
 
 TEST_F(ValueTest, EmptyValuesOfPropertiesAndTypes) {

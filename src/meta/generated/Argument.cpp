@@ -71,7 +71,7 @@ bool Argument::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
     if (property == operationProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOperation()));
     if (property == isInputProperty())
-        return ::kivra::Value(property->getType(), isInput_);
+        return ::kivra::Value(isInput_);
     return TypedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -57,7 +57,7 @@ bool Attribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, 
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == keyProperty())
-        return ::kivra::Value(property->getType(), key_);
+        return ::kivra::Value(key_);
     if (property == ownerProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwner()));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);

@@ -86,7 +86,7 @@ bool Class::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
     if (property == superclassProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSuperclass()) : ::kivra::ModelElement(superclass_));
     if (property == isAbstractProperty())
-        return ::kivra::Value(property->getType(), isAbstract_);
+        return ::kivra::Value(isAbstract_);
     return StructuredType::Impl::getPropertyValue(property, tag);
 }
 

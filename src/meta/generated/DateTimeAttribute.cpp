@@ -53,7 +53,7 @@ bool DateTimeAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &pr
     if (!property.get())
         return Attribute::Impl::getPropertyValue(property, tag);
     if (property == valueProperty())
-        return ::kivra::Value(property->getType(), value_);
+        return ::kivra::Value(value_);
     return Attribute::Impl::getPropertyValue(property, tag);
 }
 

@@ -73,7 +73,7 @@ bool DynamicExtensions::Impl::hasPropertyValue(::kivra::meta::Property const &pr
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == modelIDProperty())
-        return ::kivra::Value(property->getType(), modelID_);
+        return ::kivra::Value(modelID_);
     if (property == owningClassProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningClass()));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);

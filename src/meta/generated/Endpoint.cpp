@@ -71,7 +71,7 @@ bool Endpoint::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
     if (property == owningPackageProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
     if (property == millisecondTimeoutProperty())
-        return ::kivra::Value(property->getType(), millisecondTimeout_);
+        return ::kivra::Value(millisecondTimeout_);
     return Parameterized::Impl::getPropertyValue(property, tag);
 }
 

@@ -78,11 +78,11 @@ bool EnumLiteral::Impl::hasPropertyValue(::kivra::meta::Property const &property
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
     if (property == valueProperty())
-        return ::kivra::Value(property->getType(), value_);
+        return ::kivra::Value(value_);
     if (property == parentEnumProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentEnum()));
     if (property == publicIdentifierProperty())
-        return ::kivra::Value(property->getType(), publicIdentifier_, false);
+        return publicIdentifier_ ? ::kivra::Value(*publicIdentifier_) : ::kivra::Value(property->getType(), boost::none);
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -53,7 +53,7 @@ bool NamedElement::Impl::hasPropertyValue(::kivra::meta::Property const &propert
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == nameProperty())
-        return ::kivra::Value(property->getType(), name_);
+        return ::kivra::Value(name_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -98,13 +98,13 @@ bool Operation::Impl::hasPropertyValue(::kivra::meta::Property const &property, 
     if (property == owningTypeProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
     if (property == isAbstractProperty())
-        return ::kivra::Value(property->getType(), isAbstract_);
+        return ::kivra::Value(isAbstract_);
     if (property == isStaticProperty())
-        return ::kivra::Value(property->getType(), isStatic_);
+        return ::kivra::Value(isStatic_);
     if (property == isPublicProperty())
-        return ::kivra::Value(property->getType(), isPublic_);
+        return ::kivra::Value(isPublic_);
     if (property == isEventProperty())
-        return ::kivra::Value(property->getType(), isEvent_);
+        return ::kivra::Value(isEvent_);
     return Parameterized::Impl::getPropertyValue(property, tag);
 }
 

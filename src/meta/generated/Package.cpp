@@ -106,13 +106,13 @@ bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
     if (property == uriProperty())
-        return ::kivra::Value(property->getType(), uri_);
+        return ::kivra::Value(uri_);
     if (property == parentPackageProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentPackage()));
     if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), defaultVantorCategory_, false);
+        return defaultVantorCategory_ ? ::kivra::Value(*defaultVantorCategory_) : ::kivra::Value(property->getType(), boost::none);
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+        return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -256,45 +256,45 @@ bool Property::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
     if (!property.get())
         return TypedElement::Impl::getPropertyValue(property, tag);
     if (property == isDerivedProperty())
-        return ::kivra::Value(property->getType(), isDerived_);
+        return ::kivra::Value(isDerived_);
     if (property == isCompositeProperty())
-        return ::kivra::Value(property->getType(), isComposite_);
+        return ::kivra::Value(isComposite_);
     if (property == isReadOnlyProperty())
-        return ::kivra::Value(property->getType(), isReadOnly_);
+        return ::kivra::Value(isReadOnly_);
     if (property == isUniqueProperty())
-        return ::kivra::Value(property->getType(), isUnique_);
+        return ::kivra::Value(isUnique_);
     if (property == qualifiedByProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getQualifiedBy()) : ::kivra::ModelElement(qualifiedBy_));
     if (property == customQualificationProperty())
-        return ::kivra::Value(property->getType(), customQualification_);
+        return ::kivra::Value(customQualification_);
     if (property == isQualificationUniqueProperty())
-        return ::kivra::Value(property->getType(), isQualificationUnique_);
+        return ::kivra::Value(isQualificationUnique_);
     if (property == oppositeProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getOpposite()) : ::kivra::ModelElement(opposite_));
     if (property == propertyIndexProperty())
-        return ::kivra::Value(property->getType(), propertyIndex_);
+        return ::kivra::Value(propertyIndex_);
     if (property == isPublicAccessorProperty())
-        return ::kivra::Value(property->getType(), isPublicAccessor_);
+        return ::kivra::Value(isPublicAccessor_);
     if (property == isPublicMutatorProperty())
-        return ::kivra::Value(property->getType(), isPublicMutator_);
+        return ::kivra::Value(isPublicMutator_);
     if (property == isTransientProperty())
-        return ::kivra::Value(property->getType(), isTransient_);
+        return ::kivra::Value(isTransient_);
     if (property == isSparseProperty())
-        return ::kivra::Value(property->getType(), isSparse_);
+        return ::kivra::Value(isSparse_);
     if (property == owningTypeProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
     if (property == vantorDispCategoryProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), vantorDispCategory_, false);
+        return vantorDispCategory_ ? ::kivra::Value(*vantorDispCategory_) : ::kivra::Value(property->getType(), boost::none);
     if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), vantorDispSkipEmpty_);
+        return ::kivra::Value(vantorDispSkipEmpty_);
     if (property == isSetOnceProperty())
-        return ::kivra::Value(property->getType(), isSetOnce_);
+        return ::kivra::Value(isSetOnce_);
     if (property == isVantorHiddenProperty())
-        return ::kivra::Value(property->getType(), isVantorHidden_);
+        return ::kivra::Value(isVantorHidden_);
     if (property == defaultValueProperty())
-        return ::kivra::Value(property->getType(), defaultValue_, false);
+        return defaultValue_ ? ::kivra::Value(*defaultValue_) : ::kivra::Value(property->getType(), boost::none);
     if (property == isQueryIndexProperty())
-        return ::kivra::Value(property->getType(), isQueryIndex_);
+        return ::kivra::Value(isQueryIndex_);
     return TypedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -53,7 +53,7 @@ bool RealAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &proper
     if (!property.get())
         return Attribute::Impl::getPropertyValue(property, tag);
     if (property == valueProperty())
-        return ::kivra::Value(property->getType(), value_);
+        return ::kivra::Value(value_);
     return Attribute::Impl::getPropertyValue(property, tag);
 }
 

@@ -77,9 +77,9 @@ bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &prope
     if (!property.get())
         return Type::Impl::getPropertyValue(property, tag);
     if (property == vantorNameProperty())
-        return ::kivra::Value(property->getType(), vantorName_);
+        return ::kivra::Value(vantorName_);
     if (property == vantorCompactDisplayProperty())
-        return ::kivra::Value(property->getType(), vantorCompactDisplay_);
+        return ::kivra::Value(vantorCompactDisplay_);
     return Type::Impl::getPropertyValue(property, tag);
 }
 

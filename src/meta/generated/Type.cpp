@@ -78,11 +78,11 @@ bool Type::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
     if (property == isVantorHiddenProperty())
-        return ::kivra::Value(property->getType(), isVantorHidden_);
+        return ::kivra::Value(isVantorHidden_);
     if (property == owningPackageProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), cachedQualifiedName_, false);
+        return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -110,13 +110,13 @@ bool TypedElement::Impl::hasPropertyValue(::kivra::meta::Property const &propert
     if (property == typeProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getType()) : ::kivra::ModelElement(type_));
     if (property == lowerProperty())
-        return ::kivra::Value(property->getType(), lower_);
+        return ::kivra::Value(lower_);
     if (property == upperProperty())
-        return ::kivra::Value(property->getType(), upper_);
+        return ::kivra::Value(upper_);
     if (property == isOrderedProperty())
-        return ::kivra::Value(property->getType(), isOrdered_);
+        return ::kivra::Value(isOrdered_);
     if (property == isHashedProperty())
-        return ::kivra::Value(property->getType(), isHashed_);
+        return ::kivra::Value(isHashed_);
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 

@@ -93,7 +93,7 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == nameProperty())
-        return ::kivra::Value(property->getType(), name_);
+        return ::kivra::Value(name_);
     if (property == favouriteProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFavourite()) : ::kivra::ModelElement(favourite_));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);

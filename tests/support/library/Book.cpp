@@ -196,19 +196,19 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == titleProperty())
-        return ::kivra::Value(property->getType(), title_);
+        return ::kivra::Value(title_);
     if (property == subtitleProperty())
-        return ::kivra::Value(property->getType(), subtitle_, false);
+        return subtitle_ ? ::kivra::Value(*subtitle_) : ::kivra::Value(property->getType(), boost::none);
     if (property == shelfProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getShelf()));
     if (property == authorProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAuthor()) : ::kivra::ModelElement(author_));
     if (property == pagesProperty())
-        return ::kivra::Value(property->getType(), pages_);
+        return ::kivra::Value(pages_);
     if (property == sequelProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSequel()) : ::kivra::ModelElement(sequel_));
     if (property == isbnProperty() && tag.isPrivileged())
-        return ::kivra::Value(property->getType(), isbn_, false);
+        return isbn_ ? ::kivra::Value(*isbn_) : ::kivra::Value(property->getType(), boost::none);
     if (property == appendixProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAppendix()) : ::kivra::ModelElement(appendix_));
     if (property == appendixOfProperty())

@@ -54,7 +54,7 @@ bool Novel::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
     if (!property.get())
         return Book::Impl::getPropertyValue(property, tag);
     if (property == genreProperty())
-        return ::kivra::Value(property->getType(), genre_, false);
+        return genre_ ? ::kivra::Value(*genre_) : ::kivra::Value(property->getType(), boost::none);
     return Book::Impl::getPropertyValue(property, tag);
 }
 

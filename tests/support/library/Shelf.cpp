@@ -80,7 +80,7 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == labelProperty())
-        return ::kivra::Value(property->getType(), label_);
+        return ::kivra::Value(label_);
     if (property == featuredProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFeatured()) : ::kivra::ModelElement(featured_));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
