@@ -392,6 +392,10 @@ void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
 }
 
 void Model::Impl::elementDestroying(ModelElement::Impl *element) {
+    // A model that goes as a whole records and reports nothing, and empties its table and
+    // usage account once at the end rather than element by element.
+    if (validity_ == Destroying)
+        return;
     validateTransaction();
     if (reportsChanges())
         currentTransaction_->elementDestroying(element);
@@ -482,6 +486,10 @@ void Model::Impl::destroy() noexcept {
     if (workQueue_)
         workQueue_->discardWorkQueue();
     validity_ = Destroying;
+    // The top-level elements, kept here while their trees are destroyed: the table is not
+    // kept up to date meanwhile (see `elementDestroying`) and may name freed elements.
+    std::vector<ModelElement> topLevel;
+    bool collected = false;
     try {
         Transaction transaction = beginTransaction(false);
         dropListeners();
@@ -492,19 +500,28 @@ void Model::Impl::destroy() noexcept {
             boost::optional<ProxyId> proxyId;
             element->convertReferencesToProxies(multi, proxyId);
         }
-        auto const topLevel = getTopLevelElements();
+        topLevel = getTopLevelElements();
+        collected = true;
         for (auto const &element : topLevel)
             element->destroyRecursively(/*modelDestroying=*/true, /*removeFromContainer=*/false, multi);
-        releaseAllTopLevel();
         // Nothing of a dying model is committed or reported.
         if (currentTransaction_)
             currentTransaction_->abandon();
     } catch (...) {
         // A model's end must not fail its caller; what is left is released below.
-        releaseAllTopLevel();
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
+    if (collected) {
+        for (ModelElement const &element : topLevel)
+            releaseTopLevel(element.get());
+    } else {
+        releaseAllTopLevel(); // nothing was destroyed yet: the table names live elements only
+    }
+    table_->elements.clear();
+    topLevelCount_ = 0;
+    usageProvider_->allElementsDestroyed();
+    topLevel.clear();
     lastSeenOrdinals_.clear();
     invalidate();
     if (constellation_) {
