@@ -2,6 +2,7 @@
 #include <library/Shelf.hpp>
 
 #include <kivra/ElementId.hpp>
+#include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 
@@ -42,6 +43,34 @@ TEST(ContainerEnd, RefusesAContainerThatCannotHoldTheChild) {
         ASSERT_EQ(model->getTopLevelElements().size(), 1u);
         EXPECT_EQ(model->getTopLevelElements()[0].get(), book.get());
     }
+}
+
+// The shell of a gone model is reachable through a tombstone's `getModel`; a listener
+// given to it would be neither told nor freed when the shell goes.
+TEST(Listeners, AListenerGivenToADestroyedModelIsToldAndFreedAtOnce) {
+    struct Counted : Listener {
+        Counted(int &removed, int &deleted) : removed(removed), deleted(deleted) {}
+        ~Counted() override { ++deleted; }
+        void transactionCommitted(std::shared_ptr<ReportData> const &) {}
+        void listenerRemoved() override { ++removed; }
+        int &removed;
+        int &deleted;
+    };
+    int removed = 0, deleted = 0;
+    Book book;
+    {
+        Model model = Model::createTransientModel();
+        Transaction transaction = model->beginTransaction();
+        book = Book::create(model);
+        transaction.commit();
+    }
+    Model shell = book->getModel();
+    ASSERT_TRUE(shell.get());
+    EXPECT_FALSE(shell);
+    addOwnedListener<ListenerRole::Observer>(shell, std::make_unique<Counted>(removed, deleted));
+    EXPECT_EQ(removed, 1);
+    EXPECT_EQ(deleted, 1);
+    EXPECT_FALSE(shell->hasListeners());
 }
 
 } // namespace
