@@ -253,7 +253,8 @@ public:
 
     // --- Listeners ---------------------------------------------------------------------
 
-    /// Adds a listener's holder; a holder of a listener that is there already is dropped.
+    /// Adds a listener's holder; a holder of a listener that is there already is dropped,
+    /// and so is every holder given to a destroyed model (its listener is told so at once).
     /// Prefer `kivra::addListener`.
     void addListenerHolder(std::unique_ptr<ListenerHolderBase> holder);
     /// Takes a listener off the model; see `kivra::removeListener`.

@@ -169,6 +169,10 @@ ModelElement Model::Impl::peekResolveProxy(ModelElement::Impl const *, ModelElem
 // --- Listeners -------------------------------------------------------------------------
 
 void Model::Impl::addListenerHolder(std::unique_ptr<ListenerHolderBase> holder) {
+    // Nothing would ever tell or free a listener of a destroyed model, whose shell may
+    // outlive its last handle: the holder goes at once, telling the listener.
+    if (validity_ == Invalid)
+        return;
     for (ListenerHolderBase const *present : listeners_)
         if (present->getListener() == holder->getListener()) {
             // The listener stays registered: the spare holder must neither tell it nor delete it.

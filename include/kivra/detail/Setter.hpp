@@ -82,6 +82,11 @@ void setContainer(ModelElement::Impl &element, H const &container, meta::Propert
         !feature || element.containmentFeatureImpl() == feature.get() ? element.containerImpl() : nullptr;
     if (present == container.get())
         return;
+    // The child keeps only a raw pointer to its container, and neither a tombstone nor a
+    // proxy takes the child as the far end: such a container would neither hold the child
+    // nor outlive it.
+    if (container.get() && !container->isValidNonProxy())
+        raise<messages::InvalidValue>();
     if (container.get() && container->getModelImpl() != element.getModelImpl())
         raise<messages::CannotChangeModel>();
     element.checkCircularContainment(container);
