@@ -117,8 +117,31 @@ public:
     /// Raises `CannotModifyProxy` for a proxy and `InvalidValue` for a destroyed element:
     /// the first step of every mutator.
     void checkModifiable() const;
-    /// Opens the transaction of one change of the property at `index` and announces it.
-    Transaction beginModification(std::uint64_t index);
+    /// The frame of one change made by a mutator: a level of the transaction in progress,
+    /// or a transaction of its own when none is open. `commit` votes to finish; dropped
+    /// without it, the frame votes for roll-back, as a dropped nested transaction does.
+    class Modification {
+    public:
+        Modification(Modification const &) = delete;
+        Modification &operator=(Modification const &) = delete;
+        ~Modification() {
+            if (level_)
+                dropLevel();
+        }
+        void commit();
+
+    private:
+        friend class Impl;
+        Modification(Impl &element, std::uint64_t index);
+        void dropLevel() noexcept;
+
+        /// The transaction in progress, on which this frame counts as one more party.
+        TransactionImpl *level_ = nullptr;
+        /// The frame's own transaction, when none was in progress.
+        Transaction own_;
+    };
+    /// Opens the frame of one change of the property at `index` and announces it.
+    Modification beginModification(std::uint64_t index) { return Modification(*this, index); }
 
     /// Stores the link to a container (or, with a null container, removes it) and keeps
     /// the model's top-level table in step. No far end, no guard. Raises `CannotChangeModel`

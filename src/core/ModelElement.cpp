@@ -1,5 +1,7 @@
 #include <kivra/ModelElement.hpp>
 
+#include "core/TransactionImpl.hpp"
+
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
@@ -153,10 +155,32 @@ void ModelElement::Impl::checkModifiable() const {
         raise<messages::InvalidValue>();
 }
 
-Transaction ModelElement::Impl::beginModification(std::uint64_t index) {
-    Transaction transaction = model_->beginTransaction(false);
-    notifyModifying(index);
-    return transaction;
+ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index)
+    : level_(TransactionImpl::openLevel(element.model_)) {
+    if (!level_)
+        own_ = element.model_->beginTransaction(false);
+    try {
+        element.notifyModifying(index);
+    } catch (...) {
+        if (level_)
+            dropLevel();
+        throw;
+    }
+}
+
+void ModelElement::Impl::Modification::commit() {
+    if (!level_) {
+        own_.commit();
+        return;
+    }
+    TransactionImpl *const transaction = std::exchange(level_, nullptr);
+    transaction->commitLevel();
+}
+
+void ModelElement::Impl::Modification::dropLevel() noexcept {
+    TransactionImpl *const transaction = std::exchange(level_, nullptr);
+    transaction->voteAsDroppedLevel();
+    transaction->leaveLevel();
 }
 
 void ModelElement::Impl::basicSetContainer(Impl *container, meta::Property const &feature, std::uint64_t index) {

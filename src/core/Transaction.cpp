@@ -175,7 +175,7 @@ NestedTransaction *TransactionImpl::openNested() {
     else
         nested = new NestedTransaction();
     addRef();
-    nested->parent_ = Transaction(this);
+    nested->parent_ = this;
     nested->nextSpare_ = nullptr;
     nested->done_ = false;
     nested->refCount_ = 0;
@@ -486,33 +486,66 @@ TransactionResult TransactionImpl::revert() {
 
 
 
+TransactionImpl *TransactionImpl::openLevel(Model::Impl *model) noexcept {
+    // As the model's own factory begins a nested level, without a handle object.
+    TransactionImpl *const transaction = model->currentTransaction_;
+    if (!transaction || !model->isValid())
+        return nullptr;
+    ++static_cast<LocalTransactionFactoryImpl &>(*model->transactionFactory_).ordinal_;
+    transaction->addRef();
+    return transaction;
+}
+
+TransactionResult TransactionImpl::voteAsLevel(boost::optional<Value> const &argument) {
+    if (isFinished())
+        return TransactionResult::NotFinished;
+    return commit(argument);
+}
+
+TransactionResult TransactionImpl::voteRollBackAsLevel() {
+    if (isFinished())
+        return TransactionResult::NotFinished;
+    flags_ |= RollBackOnly;
+    ++commitRequests_;
+    TransactionResult const result = voteThroughGroup(boost::none, /*tryOnly=*/true);
+    if (result != TransactionResult::NotFinished)
+        flags_ |= Finished;
+    return result;
+}
+
+void TransactionImpl::voteAsDroppedLevel() noexcept {
+    try {
+        voteRollBackAsLevel();
+    } catch (...) {
+        // A dropped level votes; it cannot report a failure of the vote.
+    }
+}
+
+void TransactionImpl::leaveLevel() noexcept {
+    --commitRequests_;
+    removeRef();
+}
+
+void TransactionImpl::commitLevel() {
+    struct Leave {
+        TransactionImpl *transaction;
+        ~Leave() { transaction->leaveLevel(); }
+    } const leave{this};
+    voteAsLevel(boost::none);
+}
+
 TransactionResult NestedTransaction::commit(boost::optional<Value> const &argument) {
     if (done_)
         return TransactionResult::NotFinished;
     done_ = true;
-    TransactionImpl *parent = parentImpl();
-    if (parent->isFinished())
-        return TransactionResult::NotFinished;
-    return parent->commit(argument);
+    return parentImpl()->voteAsLevel(argument);
 }
 
 TransactionResult NestedTransaction::rollBack() {
     if (done_)
         return TransactionResult::NotFinished;
     done_ = true;
-    return voteRollBack();
-}
-
-TransactionResult NestedTransaction::voteRollBack() {
-    TransactionImpl *parent = parentImpl();
-    if (parent->isFinished())
-        return TransactionResult::NotFinished;
-    parent->flags_ |= TransactionImpl::RollBackOnly;
-    ++parent->commitRequests_;
-    TransactionResult const result = parent->voteThroughGroup(boost::none, /*tryOnly=*/true);
-    if (result != TransactionResult::NotFinished)
-        parent->flags_ |= TransactionImpl::Finished;
-    return result;
+    return parentImpl()->voteRollBackAsLevel();
 }
 
 void NestedTransaction::addFirstChangeCallback(std::function<void()> callback) {
@@ -524,21 +557,16 @@ void NestedTransaction::removeRef() noexcept {
     if (--refCount_ != 0)
         return;
     refCount_ = 0xDEAD;
+    TransactionImpl *const parent = std::exchange(parent_, nullptr);
     if (!done_) {
         done_ = true;
-        try {
-            voteRollBack();
-        } catch (...) {
-            // A dropped handle votes; it cannot report a failure of the vote.
-        }
+        parent->voteAsDroppedLevel();
     }
-    // The vote and the reference on the parent go away together; the level waits among
-    // the parent's spares, which the parent frees when it goes.
-    TransactionImpl *parent = parentImpl();
-    --parent->commitRequests_;
-    Transaction const release = std::move(parent_);
+    // The level waits among the parent's spares, which the parent frees when it goes;
+    // its vote and its party on the parent go last, and the parent may go with them.
     nextSpare_ = parent->spareNested_;
     parent->spareNested_ = this;
+    parent->leaveLevel();
 }
 
 // --- TransactionGroup ----------------------------------------------------------------

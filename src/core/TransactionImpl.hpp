@@ -71,6 +71,21 @@ public:
     meta::TransactionOrigin const &getOrigin() const noexcept override { return origin_; }
     /// A nested level on this transaction, counted by the caller's handle.
     NestedTransaction *openNested();
+    /// A level with no handle of its own (the frame of one change) on `model`'s transaction
+    /// in progress, which it counts as one more party; null when none is in progress.
+    /// It draws an ordinal like every begin.
+    static TransactionImpl *openLevel(Model::Impl *model) noexcept;
+    /// The vote of a level that finishes: nothing once the transaction has ended. The
+    /// level's party stays until `leaveLevel`.
+    TransactionResult voteAsLevel(boost::optional<Value> const &argument);
+    /// The vote of a level for roll-back: the transaction can then only roll back.
+    TransactionResult voteRollBackAsLevel();
+    /// The same vote from a level dropped unfinished, which cannot report a failure.
+    void voteAsDroppedLevel() noexcept;
+    /// The level's vote and party go; the transaction may go with them.
+    void leaveLevel() noexcept;
+    /// A handle-less level votes to finish and leaves.
+    void commitLevel();
 
     TransactionResult commit(boost::optional<Value> const &argument) override;
     TransactionResult rollBack() override;
@@ -171,10 +186,10 @@ public:
     void removeRef() noexcept override;
 
 private:
-    TransactionImpl *parentImpl() const noexcept { return static_cast<TransactionImpl *>(parent_.get()); }
-    TransactionResult voteRollBack();
+    TransactionImpl *parentImpl() const noexcept { return parent_; }
     friend class TransactionImpl;
-    Transaction parent_;
+    /// Counted: the level is one of the parent's parties until it is dropped.
+    TransactionImpl *parent_ = nullptr;
     NestedTransaction *nextSpare_ = nullptr;
     bool done_ = false;
 };
@@ -234,6 +249,7 @@ private:
     meta::TransactionOrigin nextOrigin();
     /// Every begin draws an ordinal; a nested level needs no origin of its own.
     Transaction beginLevel(bool revertible);
+    friend class TransactionImpl;
 
     boost::uuids::uuid uuid_;
     std::int32_t ordinal_ = 0;

@@ -8,6 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 #include <type_traits>
 
 namespace kivra {
@@ -33,6 +38,35 @@ TEST(ElementImpl, NilUuidDrawsAVersionFourIdentity) {
         EXPECT_EQ(id.variant(), boost::uuids::uuid::variant_rfc_4122);
         EXPECT_TRUE(seen.insert(id).second);
     }
+}
+
+TEST(ElementImpl, ThreadsAndForkedChildrenDrawDifferentUuids) {
+    // Each thread and each forked child must have a random source of its own.
+    std::vector<boost::uuids::uuid> drawn(4);
+    std::vector<std::thread> threads;
+    for (auto &slot : drawn)
+        threads.emplace_back([&slot] { slot = ElementImpl::generateNewUuid(); });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(std::set<boost::uuids::uuid>(drawn.begin(), drawn.end()).size(), drawn.size());
+
+    ElementImpl::generateNewUuid();
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    pid_t const child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        boost::uuids::uuid const id = ElementImpl::generateNewUuid();
+        _exit(write(pipeEnds[1], id.data, sizeof id.data) == sizeof id.data ? 0 : 1);
+    }
+    boost::uuids::uuid const parentId = ElementImpl::generateNewUuid();
+    boost::uuids::uuid childId{};
+    ASSERT_EQ(read(pipeEnds[0], childId.data, sizeof childId.data), ssize_t(sizeof childId.data));
+    int status = 0;
+    waitpid(child, &status, 0);
+    close(pipeEnds[0]);
+    close(pipeEnds[1]);
+    EXPECT_NE(parentId, childId);
 }
 
 TEST(ElementImpl, GivenUuidIsKeptBitForBit) {

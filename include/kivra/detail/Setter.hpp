@@ -22,7 +22,7 @@ void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint
     element.checkModifiable();
     if (member == value)
         return;
-    Transaction transaction = element.beginModification(index);
+    auto transaction = element.beginModification(index);
     member = value;
     transaction.commit();
 }
@@ -36,7 +36,7 @@ void setReference(ModelElement::Impl &element, H &member, H const &value, meta::
     if (readReference(element, member) == value)
         return;
     element.checkCompatibleModel(value.get(), property);
-    Transaction transaction = element.beginModification(index);
+    auto transaction = element.beginModification(index);
     H const old = std::exchange(member, value);
     if (meta::Property const opposite = property ? property->getOpposite() : meta::Property()) {
         element._inverseRemoveThis(old.get(), opposite);
@@ -63,7 +63,7 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
             raise<messages::CannotChangeModel>();
         value->checkCircularContainment(ModelElement::fromImpl(&element));
     }
-    Transaction transaction = element.beginModification(index);
+    auto transaction = element.beginModification(index);
     if (value.get())
         element._setContainedByThis(value.get(), property);
     H const old = std::exchange(member, value);
@@ -90,7 +90,7 @@ void setContainer(ModelElement::Impl &element, H const &container, meta::Propert
     if (container.get() && container->getModelImpl() != element.getModelImpl())
         raise<messages::CannotChangeModel>();
     element.checkCircularContainment(container);
-    Transaction transaction = element.beginModification(index);
+    auto transaction = element.beginModification(index);
     if (!element.isTopLevel())
         element.makeUncontained();
     element.basicSetContainer(container.get(), feature, index);
