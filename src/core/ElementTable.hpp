@@ -98,11 +98,20 @@ public:
         mask_ = size_ = 0;
     }
 
+    /// How many slots ahead a walk asks for the element it will visit: slot order is
+    /// random in memory, and the walk would otherwise wait for each element in turn.
+    static constexpr std::size_t prefetchDistance = 8;
+
     /// Calls `f` with every element, in slot order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
-        for (std::size_t i = 0; size_ != 0 && i <= mask_; ++i)
+        if (size_ == 0)
+            return;
+        for (std::size_t i = 0; i <= mask_; ++i) {
+            if (i + prefetchDistance <= mask_ && tags_[i + prefetchDistance] != 0)
+                __builtin_prefetch(slots_[i + prefetchDistance]);
             if (tags_[i] != 0)
                 f(slots_[i]);
+        }
     }
 
 private:
@@ -118,6 +127,8 @@ private:
         tags_ = std::make_unique<std::uint8_t[]>(newCapacity);
         mask_ = newCapacity - 1;
         for (std::size_t i = 0; i < oldCapacity; ++i) {
+            if (i + prefetchDistance < oldCapacity && oldTags[i + prefetchDistance] != 0)
+                __builtin_prefetch(oldSlots[i + prefetchDistance]);
             if (oldTags[i] == 0)
                 continue;
             std::size_t j = uuidHash(oldSlots[i]->getUuid()) & mask_;
