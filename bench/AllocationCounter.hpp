@@ -5,6 +5,6 @@
 #include <cstddef>
 
 namespace kivra::bench {
-/// Allocations made so far by this program.
+/// Allocations made so far by the calling thread.
 std::size_t allocations() noexcept;
 } // namespace kivra::bench

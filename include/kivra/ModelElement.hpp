@@ -116,7 +116,10 @@ public:
     void notifyModifying(std::uint64_t index);
     /// Raises `CannotModifyProxy` for a proxy and `InvalidValue` for a destroyed element:
     /// the first step of every mutator.
-    void checkModifiable() const;
+    void checkModifiable() const {
+        if ((marks_ & ProxyMark) || validity_ == Invalid) [[unlikely]]
+            raiseNotModifiable();
+    }
     /// The frame of one change made by a mutator: a level of the transaction in progress,
     /// or a transaction of its own when none is open. `commit` votes to finish; dropped
     /// without it, the frame votes for roll-back, as a dropped nested transaction does.
@@ -242,6 +245,7 @@ protected:
     /// Replaces `target` on `property` by a proxy of `proxyId`.
     virtual void convertToProxy(meta::Property const &property, ProxyId const &proxyId, ModelElement const &target);
 
+    [[noreturn]] void raiseNotModifiable() const;
     /// Raises `NoSuchProperty` with the property's name and this element's class.
     [[noreturn]] void raiseNoSuchProperty(meta::Property const &property) const;
 

@@ -147,12 +147,11 @@ void ModelElement::Impl::notifyModifying(std::uint64_t index) {
     model_->elementModifying(this, index);
 }
 
-void ModelElement::Impl::checkModifiable() const {
+void ModelElement::Impl::raiseNotModifiable() const {
     if (isProxy())
         raise<messages::CannotModifyProxy>();
     // A tombstone's model may be gone; nothing may reach it through the element.
-    if (validity_ == Invalid)
-        raise<messages::InvalidValue>();
+    raise<messages::InvalidValue>();
 }
 
 ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index)

@@ -527,6 +527,12 @@ void TransactionImpl::leaveLevel() noexcept {
 }
 
 void TransactionImpl::commitLevel() {
+    // Alone, with other parties still to vote, the vote would find the transaction not
+    // ready and the leave would take it back: only the party goes.
+    if (!group_ && !(flags_ & (Finished | ApplyingRollBack)) && refCount_ > std::uint32_t(commitRequests_) + 1) {
+        --refCount_;
+        return;
+    }
     struct Leave {
         TransactionImpl *transaction;
         ~Leave() { transaction->leaveLevel(); }
