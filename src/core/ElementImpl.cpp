@@ -37,6 +37,8 @@ struct UuidSource {
     void seed();
 };
 
+// Initial-exec: the access is an offset from the thread pointer instead of a call; the few
+// bytes fit glibc's static TLS reserve even when the library is opened late.
 thread_local UuidSource uuidSource __attribute__((tls_model("initial-exec"))) = {};
 
 void reseedAfterFork() noexcept {
