@@ -39,6 +39,29 @@ enum class ValueFlags : std::uint32_t {
 /// True for the collection shapes.
 constexpr bool isCollection(ValueFlags flags) noexcept { return static_cast<std::uint32_t>(flags) >= 2; }
 
+namespace detail {
+
+/// The type a value names: a counted handle, or, for one of the standard types, which live
+/// as long as the program, the same handle without a count, so that a scalar value takes
+/// no atomic operation on a type that every thread shares.
+class ValueType : public meta::Type {
+public:
+    struct Immortal {};
+    ValueType() noexcept = default;
+    ValueType(meta::Type const &type) noexcept : meta::Type(type) {}
+    ValueType(meta::Type const &type, Immortal) noexcept;
+    ValueType(ValueType const &other) noexcept;
+    ValueType(ValueType &&other) noexcept;
+    ValueType &operator=(ValueType other) noexcept;
+    ValueType &operator=(meta::Type const &type) noexcept { return *this = ValueType(type); }
+    ~ValueType();
+
+private:
+    bool counted_ = true;
+};
+
+} // namespace detail
+
 /// What a `Value` holds: a metamodel type, a shape, and whether the payload is the
 /// reflective form or a collection owned by an element. Reads are plain field reads.
 class ValueMeta {
@@ -64,13 +87,15 @@ public:
 
 protected:
     friend class Value;
+    ValueMeta(meta::Type const &type, ValueFlags flags, detail::ValueType::Immortal immortal) noexcept
+        : type_(type, immortal), flags_(flags) {}
     /// The shape of a property from its bounds, order, hashing and qualifier.
     static ValueFlags doGetFlags(meta::Property const &property);
     /// Marks the payload reflective; an element value is then typed at the root class.
     void setReflective();
     void setUnmanaged() noexcept { managed_ = false; }
 
-    meta::Type type_;
+    detail::ValueType type_;
     meta::Type qualifiedBy_;
     meta::Property qualifiedByProperty_;
     ValueFlags flags_;

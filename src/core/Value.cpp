@@ -51,6 +51,25 @@ constexpr PayloadFunctions elementFunctions{&deleteElement,   &cloneElement,    
 
 // --- ValueMeta -----------------------------------------------------------------------------
 
+namespace detail {
+
+ValueType::ValueType(meta::Type const &type, Immortal) noexcept
+    : meta::Type(type.get(), /*addReference=*/false), counted_(false) {}
+ValueType::ValueType(ValueType const &other) noexcept
+    : meta::Type(other.get(), /*addReference=*/other.counted_), counted_(other.counted_) {}
+ValueType::ValueType(ValueType &&other) noexcept : meta::Type(std::move(other)), counted_(other.counted_) {}
+ValueType &ValueType::operator=(ValueType other) noexcept {
+    swapImpl(other);
+    std::swap(counted_, other.counted_);
+    return *this;
+}
+ValueType::~ValueType() {
+    if (!counted_)
+        (void)release();
+}
+
+} // namespace detail
+
 ValueMeta::ValueMeta(meta::Type const &type, ValueFlags flags) : type_(type), flags_(flags) {}
 
 ValueMeta::ValueMeta(meta::Property const &property) : type_(property->getType()), flags_(doGetFlags(property)) {
@@ -96,7 +115,7 @@ template <ScalarPayload T> Value::Value(meta::Type const &type, T const &native,
 }
 
 template <ScalarPayload T>
-Value::Value(T const &native) : ValueMeta(detail::primitiveTypeOf<T>(), ValueFlags::Single) {
+Value::Value(T const &native) : ValueMeta(detail::primitiveTypeOf<T>(), ValueFlags::Single, detail::ValueType::Immortal()) {
     payload_ = new (inline_) T(native);
     functions_ = &detail::ScalarPayload<T>::functions;
 }

@@ -205,6 +205,32 @@ TEST_F(ValueTest, ScalarsAndReferencesNeedNoHeap) {
     transaction.commit();
 }
 
+TEST_F(ValueTest, ScalarsOfStandardTypesLeaveTheTypeCountAlone) {
+    // A value made from a native scalar holds its standard type without a count; copies,
+    // moves, assignments and a reflective re-typing must neither take nor drop one.
+    std::int32_t const pages = 7;
+    Value const first(pages);
+    meta::Type const &type = first.getType();
+    ASSERT_TRUE(type);
+    auto const references = type.get()->referenceCount();
+    {
+        std::vector<Value> values(8, first);
+        values.push_back(Value(std::int32_t(3)));
+        values[1] = values[8];
+        values[2] = std::move(values[3]);
+        values[4] = Value(StandardTypes::booleanMeta, true);
+        values[4] = values[0];
+        Value counted(StandardTypes::integerMeta, std::int32_t(9));
+        values[5] = counted;
+        values[6] = std::move(counted);
+        EXPECT_EQ(values[5].get<std::int32_t>(), 9);
+        EXPECT_EQ(values[1].getType(), type);
+    }
+    EXPECT_EQ(type.get()->referenceCount(), references);
+    meta::Type const kept = first.getType();
+    EXPECT_EQ(type.get()->referenceCount(), references + 1);
+}
+
 TEST_F(ValueTest, EmptyValuesOfPropertiesAndTypes) {
     EXPECT_THROW(Value::createEmptyValue(property(StandardTypes::stringMeta, 0, many)),
                  Error<messages::CannotCastIncompatibleTypes>);
