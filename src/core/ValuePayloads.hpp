@@ -8,6 +8,7 @@
 #include <kivra/meta/Type.hpp>
 #include <kivra/services/Hashers.hpp>
 
+#include <atomic>
 #include <new>
 
 #include <boost/date_time/posix_time/ptime.hpp>
@@ -75,10 +76,19 @@ template <class T> constexpr char16_t const *primitiveTypeName();
     template <> constexpr char16_t const *primitiveTypeName<Native>() { return u"" #Name; }
 #include <kivra/meta/PrimitiveTypes.def>
 
-/// The standard type of `T`, asked of the registry once and then kept.
-template <class T> meta::PrimitiveType const &primitiveTypeOf() {
+template <class T> [[gnu::noinline]] meta::PrimitiveType const &lookUpPrimitiveType(std::atomic<meta::PrimitiveType const *> &cache) {
     static meta::PrimitiveType const type = meta::internal::getPrimitiveTypeFromMetaRegistry(primitiveTypeName<T>());
+    cache.store(&type, std::memory_order_release);
     return type;
+}
+
+/// The standard type of `T`, asked of the registry once and then kept. Every scalar value
+/// asks: after the first time, the answer is one load, with no guard and no frame.
+template <class T> meta::PrimitiveType const &primitiveTypeOf() {
+    static std::atomic<meta::PrimitiveType const *> cache{nullptr};
+    if (meta::PrimitiveType const *type = cache.load(std::memory_order_acquire)) [[likely]]
+        return *type;
+    return lookUpPrimitiveType<T>(cache);
 }
 
 /// Raises `CannotCastIncompatibleTypes` unless `type` is the standard type of `T`, or an
