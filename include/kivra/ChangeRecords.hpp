@@ -53,7 +53,7 @@ public:
     boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
     /// The element object this record is of; null for a record made outside a transaction.
     ModelElement const &getElement() const noexcept { return element_; }
-    meta::Class const &getMetaClass() const noexcept { return metaClass_; }
+    meta::Class const &getMetaClass() const;
     Model::Impl *getModel() const noexcept { return model_; }
     /// A record of the same element with no bits and no old values.
     Changes *createEmptyShallowCopy() const;
@@ -76,7 +76,6 @@ private:
     void release() noexcept;
     boost::uuids::uuid uuid_;
     Model::Impl *model_;
-    meta::Class metaClass_;
     ModelElement element_;
     // Two blocks cover classes of up to 61 properties without an allocation.
     boost::container::small_vector<std::uint32_t, 2> bits_;

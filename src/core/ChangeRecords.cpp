@@ -68,14 +68,21 @@ void RecordLog::erase(Changes *record) noexcept {
 
 } // namespace detail
 
-Changes::Changes(boost::uuids::uuid const &uuid, Model::Impl *model, meta::Class const &metaClass, std::uint64_t n)
-    : uuid_(uuid), model_(model), metaClass_(metaClass), bits_((n + 3 + 31) / 32, 0u), bitCount_(n + 3),
+// The class is the element's own, read there: a record holds no second reference, which
+// would cost two atomic operations per record on a class every thread shares.
+Changes::Changes(boost::uuids::uuid const &uuid, Model::Impl *model, meta::Class const &, std::uint64_t n)
+    : uuid_(uuid), model_(model), bits_((n + 3 + 31) / 32, 0u), bitCount_(n + 3),
       inArena_(this == lastArenaRecord) {
     if (inArena_)
         lastArenaRecord = nullptr;
 }
 
 Changes::~Changes() = default;
+
+meta::Class const &Changes::getMetaClass() const {
+    static meta::Class const none;
+    return element_.get() ? element_->getMetaClass() : none;
+}
 
 void *Changes::operator new(std::size_t size) {
     if (!activeArena)
@@ -120,7 +127,7 @@ bool Changes::isChanged(meta::Property const &property) const {
         return false;
     // A property of another class shares index numbers with this one's: check the owner.
     meta::StructuredType const owner = meta::detail::owningTypeOf(property);
-    if (owner.get() && metaClass_.get() && !metaClass_->isA(owner))
+    if (meta::Class const &metaClass = getMetaClass(); owner.get() && metaClass.get() && !metaClass->isA(owner))
         return false;
     auto const index = property->getPropertyIndex();
     return index > 0 && isChanged(std::uint64_t(index));
@@ -130,7 +137,11 @@ bool Changes::any() const noexcept {
     return std::any_of(bits_.begin(), bits_.end(), [](std::uint32_t block) { return block != 0; });
 }
 
-Changes *Changes::createEmptyShallowCopy() const { return new Changes(uuid_, model_, metaClass_, bitCount_ - 3); }
+Changes *Changes::createEmptyShallowCopy() const {
+    auto *copy = new Changes(uuid_, model_, getMetaClass(), bitCount_ - 3);
+    copy->element_ = element_;
+    return copy;
+}
 
 bool Storage::setOldContainer(ModelElement const &oldContainer, meta::Property const &oldFeature) {
     bool const was = Changes::setOldContainer(oldContainer, oldFeature);
