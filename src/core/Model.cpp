@@ -561,13 +561,14 @@ void Model::Impl::destroy() noexcept {
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
-    if (collected) {
+    if (!collected)
+        releaseAllTopLevel(); // nothing was destroyed yet: the table names live elements only
+    table_->elements.clear();
+    // Trees that a failure left standing go only now: a live element that is freed takes
+    // itself out of the table, which by now names elements already freed.
+    if (collected)
         for (std::size_t i = released; i < topLevel.size(); ++i)
             releaseTopLevel(topLevel[i]);
-    } else {
-        releaseAllTopLevel(); // nothing was destroyed yet: the table names live elements only
-    }
-    table_->elements.clear();
     topLevelCount_ = 0;
     usageProvider_->allElementsDestroyed();
     lastSeenOrdinals_.clear();

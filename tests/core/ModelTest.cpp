@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <stdexcept>
 
 namespace kivra {
 namespace {
@@ -146,6 +147,26 @@ TEST(Model, DestroyInvalidatesEveryElementAndTheModel) {
     EXPECT_TRUE(model->empty());
     expectRaises<messages::InvalidModel>([&] { model->beginTransaction(); });
     model->destroy(); // harmless
+}
+
+TEST(Model, DestroyThatFailsPartWayReleasesWhatIsLeftSafely) {
+    // A first-change callback that throws stops the destruction once some trees are gone
+    // and freed; the live elements left behind must go without reading the freed ones.
+    Model model = Model::createTransientModel();
+    for (int i = 0; i < 200; ++i)
+        Book::create(model);
+    for (int i = 0; i < 50; ++i)
+        Book::create(model)->setAppendix(Book::create(model));
+    int calls = 0;
+    Transaction transaction = model->beginTransaction();
+    transaction.addFirstChangeCallback([&] {
+        ++calls;
+        throw std::runtime_error("refused");
+    });
+    model->destroy();
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(model);
+    EXPECT_TRUE(model->empty());
 }
 
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {

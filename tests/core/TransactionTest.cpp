@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 namespace kivra::test::library {
 namespace {
@@ -98,6 +99,40 @@ TEST_F(TransactionTest, DroppedOuterHandleRollsBack) {
     }
     EXPECT_EQ(book->getTitle(), u"Dune"); // the first old value came back
     EXPECT_FALSE(model->isTransactionInProgress());
+}
+
+TEST_F(TransactionTest, ASetterIsAPartyOfItsOwnOnTheTransaction) {
+    struct Committed : Listener {
+        int count = 0;
+        void transactionCommitted(std::shared_ptr<ReportData> const &) { ++count; }
+    } committed;
+    Book book = Book::create(model);
+    addListener<ListenerRole::Observer>(model, committed);
+    {
+        // The outer handle votes from the first-change callback, while the setter runs:
+        // the setter is then the last party, and its end is the transaction's.
+        Transaction outer = model->beginTransaction();
+        outer.addFirstChangeCallback([&] { EXPECT_EQ(outer.commit(), R::NotFinished); });
+        book->setTitle(u"Emma");
+        EXPECT_FALSE(model->isTransactionInProgress());
+        EXPECT_EQ(committed.count, 1);
+    }
+    {
+        // A callback that fails leaves a vote for roll-back and no party behind.
+        Transaction outer = model->beginRevertibleTransaction();
+        bool fail = true;
+        outer.addFirstChangeCallback([&] {
+            if (std::exchange(fail, false))
+                throw std::runtime_error("refused");
+        });
+        EXPECT_THROW(book->setTitle(u"Dune"), std::runtime_error);
+        EXPECT_TRUE(outer.isRollBackOnly());
+        book->setTitle(u"Ulysses");
+        EXPECT_EQ(outer.commit(), R::RolledBack);
+        EXPECT_FALSE(model->isTransactionInProgress());
+        EXPECT_EQ(book->getTitle(), u"Emma");
+    }
+    removeListener(model, committed);
 }
 
 TEST_F(TransactionTest, RollBackRestoresIdentityContainmentAndBothEnds) {
