@@ -47,7 +47,8 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
     constexpr std::size_t buckets = std::size_t(1) << digitBits;
     std::vector<ModelElement::Impl *> scratch(elements.size());
     std::vector<std::size_t> counts(buckets);
-    for (unsigned shift = 0; (span >> shift) != 0; shift += digitBits) {
+    constexpr unsigned pointerBits = 8 * sizeof(std::uintptr_t);
+    for (unsigned shift = 0; shift < pointerBits && (span >> shift) != 0; shift += digitBits) {
         auto const digit = [&](ModelElement::Impl *element) {
             return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 4 >> shift) & (buckets - 1);
         };
@@ -514,7 +515,8 @@ void Model::Impl::setModelURI(std::u16string const &uri) {
 }
 
 void Model::Impl::destroy() noexcept {
-    if (validity_ == Invalid)
+    // A destruction asked for from inside this one (a callback it runs) has nothing to add.
+    if (validity_ == Invalid || validity_ == Destroying)
         return;
     if (workQueue_)
         workQueue_->discardWorkQueue();

@@ -169,6 +169,21 @@ TEST(Model, DestroyThatFailsPartWayReleasesWhatIsLeftSafely) {
     EXPECT_TRUE(model->empty());
 }
 
+TEST(Model, DestroyCalledFromInsideItsOwnDestructionDoesNothing) {
+    Model model = Model::createTransientModel();
+    Book::create(model)->setAppendix(Book::create(model));
+    int calls = 0;
+    Transaction transaction = model->beginTransaction();
+    transaction.addFirstChangeCallback([&] {
+        ++calls;
+        model->destroy();
+    });
+    model->destroy();
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(model);
+    EXPECT_TRUE(model->empty());
+}
+
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {
     Model source = Model::createTransientModel();
     Model target = Model::createTransientModel();
