@@ -42,6 +42,29 @@ void BM_CreateElements(benchmark::State &state) {
 }
 BENCHMARK(BM_CreateElements)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Iterations(3);
 
+void BM_CreateElementsWithGivenUuids(benchmark::State &state) {
+    // UUIDs as a user may give them: one shared first half, numbered in the second. The
+    // cost per element must not grow with the count.
+    auto const count = static_cast<std::size_t>(state.range(0));
+    std::vector<boost::uuids::uuid> ids(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        ids[i] = boost::uuids::uuid{{0x6b, 0x1a, 0x20, 0x11, 0x5c, 0x3e, 0x41, 0x07, 0x80}};
+        for (std::size_t b = 0; b < sizeof i; ++b)
+            ids[i].data[15 - b] = static_cast<std::uint8_t>(i >> (8 * b));
+    }
+    for (auto _ : state) {
+        Model model = Model::createTransientModel();
+        for (auto const &id : ids)
+            Probe::create(model, id);
+        state.PauseTiming();
+        model->destroy();
+        model.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BM_CreateElementsWithGivenUuids)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(3);
+
 void BM_FindElementByUuid(benchmark::State &state) {
     auto const count = static_cast<std::size_t>(state.range(0));
     Model model = Model::createTransientModel();
