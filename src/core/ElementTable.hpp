@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 namespace kivra::detail {
 
@@ -25,12 +26,15 @@ inline std::size_t uuidHash(boost::uuids::uuid const &uuid) noexcept {
     return static_cast<std::size_t>(hash);
 }
 
-/// An open-addressing set of raw element pointers, keyed by the element's UUID: a slot of
-/// 8 bytes and a tag byte per entry, linear probing over a power-of-two array, at most
-/// 7/8 full. Tags (7 bits of the hash) keep most probes from touching the elements.
-/// Deletion shifts the entries that follow back into place, so that no grave markers
-/// pile up, and the slot order, and with it iteration, depends on nothing but the
-/// UUIDs and the sequence of operations.
+/// An open-addressing set of raw element pointers, keyed by the element's UUID, in
+/// chunks of one cache line: seven slots, their seven tag bytes (7 bits of the hash and a
+/// mark of use) and a count of the entries that had to pass the chunk because it was
+/// full. A probe reads one line in the common case and touches an element only when a tag
+/// matches. A full chunk sends an entry on by an odd stride drawn from its tag, so that
+/// runs do not pile up behind one another; the passing counts tell a search where to stop,
+/// and an entry leaves by taking its own counts back, with nothing to move and no element
+/// to read. At most 6/7 of the slots are used. The slot order, and with it iteration,
+/// depends on nothing but the UUIDs and the sequence of operations.
 class ElementSet {
 public:
     using Element = ModelElement::Impl;
@@ -41,32 +45,38 @@ public:
     std::size_t size() const noexcept { return size_; }
     bool empty() const noexcept { return size_ == 0; }
 
+    /// How many elements ahead a walk asks for the element it will visit: slot order is
+    /// random in memory, and the walk would otherwise wait for each element in turn.
+    static constexpr std::size_t prefetchDistance = 8;
+
     /// The element with `uuid`, or null.
     Element *find(boost::uuids::uuid const &uuid) const noexcept {
         if (size_ == 0)
             return nullptr;
         std::size_t const hash = uuidHash(uuid);
         std::uint8_t const tag = tagOf(hash);
-        for (std::size_t i = hash & mask_;; i = (i + 1) & mask_) {
-            if (tags_[i] == 0)
-                return nullptr;
-            if (tags_[i] == tag && slots_[i]->getUuid() == uuid)
-                return slots_[i];
+        std::size_t const stride = strideOf(tag);
+        // The odd stride visits every chunk once; saturated counts could otherwise send a
+        // search round for ever.
+        std::size_t c = hash & mask_;
+        for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
+            Chunk const &chunk = chunks_[c];
+            for (int i = 0; i < slotsPerChunk; ++i)
+                if (chunk.tags[i] == tag && chunk.slots[i]->getUuid() == uuid)
+                    return chunk.slots[i];
+            if (chunk.passing == 0)
+                break;
         }
+        return nullptr;
     }
 
     /// Enters `element`; false, and nothing changes, when its UUID is taken.
     bool insert(Element *element) {
-        if ((size_ + 1) * 8 > capacity() * 7)
+        if (find(element->getUuid()))
+            return false;
+        if ((size_ + 1) * 7 > capacity() * 6)
             grow();
-        std::size_t const hash = uuidHash(element->getUuid());
-        std::uint8_t const tag = tagOf(hash);
-        std::size_t i = hash & mask_;
-        for (; tags_[i] != 0; i = (i + 1) & mask_)
-            if (tags_[i] == tag && slots_[i]->getUuid() == element->getUuid())
-                return false;
-        tags_[i] = tag;
-        slots_[i] = element;
+        place(element, uuidHash(element->getUuid()));
         ++size_;
         return true;
     }
@@ -76,77 +86,102 @@ public:
         if (size_ == 0)
             return false;
         std::size_t const hash = uuidHash(element->getUuid());
-        std::size_t i = hash & mask_;
-        for (;; i = (i + 1) & mask_) {
-            if (tags_[i] == 0)
-                return false;
-            if (slots_[i] == element)
+        std::uint8_t const tag = tagOf(hash);
+        std::size_t const stride = strideOf(tag);
+        std::size_t const home = hash & mask_;
+        std::size_t c = home;
+        for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
+            Chunk &chunk = chunks_[c];
+            for (int i = 0; i < slotsPerChunk; ++i) {
+                if (chunk.slots[i] != element || chunk.tags[i] == 0)
+                    continue;
+                chunk.tags[i] = 0;
+                chunk.slots[i] = nullptr;
+                // The chunks the entry passed count it no more.
+                for (std::size_t p = home; p != c; p = (p + stride) & mask_)
+                    if (chunks_[p].passing != saturated)
+                        --chunks_[p].passing;
+                --size_;
+                return true;
+            }
+            if (chunk.passing == 0)
                 break;
         }
-        // Shift back each following entry whose home lies at or before the hole.
-        for (std::size_t j = (i + 1) & mask_; tags_[j] != 0; j = (j + 1) & mask_) {
-            std::size_t const home = uuidHash(slots_[j]->getUuid()) & mask_;
-            if (((j - home) & mask_) >= ((j - i) & mask_)) {
-                tags_[i] = tags_[j];
-                slots_[i] = slots_[j];
-                i = j;
-            }
-        }
-        tags_[i] = 0;
-        slots_[i] = nullptr;
-        --size_;
-        return true;
+        return false;
     }
 
     void clear() noexcept {
-        slots_.reset();
-        tags_.reset();
+        chunks_.reset();
         mask_ = size_ = 0;
     }
-
-    /// How many slots ahead a walk asks for the element it will visit: slot order is
-    /// random in memory, and the walk would otherwise wait for each element in turn.
-    static constexpr std::size_t prefetchDistance = 8;
 
     /// Calls `f` with every element, in slot order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
         if (size_ == 0)
             return;
-        for (std::size_t i = 0; i <= mask_; ++i) {
-            if (i + prefetchDistance <= mask_ && tags_[i + prefetchDistance] != 0)
-                __builtin_prefetch(slots_[i + prefetchDistance]);
-            if (tags_[i] != 0)
-                f(slots_[i]);
+        for (std::size_t c = 0; c <= mask_; ++c) {
+            if (c + 1 <= mask_)
+                for (int i = 0; i < slotsPerChunk; ++i)
+                    if (chunks_[c + 1].tags[i] != 0)
+                        __builtin_prefetch(chunks_[c + 1].slots[i]);
+            Chunk const &chunk = chunks_[c];
+            for (int i = 0; i < slotsPerChunk; ++i)
+                if (chunk.tags[i] != 0)
+                    f(chunk.slots[i]);
         }
     }
 
 private:
-    static std::uint8_t tagOf(std::size_t hash) noexcept { return std::uint8_t(0x80 | (hash >> 57)); }
-    std::size_t capacity() const noexcept { return slots_ ? mask_ + 1 : 0; }
+    static constexpr int slotsPerChunk = 7;
+    static constexpr std::uint8_t saturated = 255;
 
-    void grow() {
-        std::size_t const newCapacity = slots_ ? 2 * (mask_ + 1) : 8;
-        std::unique_ptr<Element *[]> oldSlots = std::move(slots_);
-        std::unique_ptr<std::uint8_t[]> oldTags = std::move(tags_);
-        std::size_t const oldCapacity = oldSlots ? mask_ + 1 : 0;
-        slots_ = std::make_unique<Element *[]>(newCapacity);
-        tags_ = std::make_unique<std::uint8_t[]>(newCapacity);
-        mask_ = newCapacity - 1;
-        for (std::size_t i = 0; i < oldCapacity; ++i) {
-            if (i + prefetchDistance < oldCapacity && oldTags[i + prefetchDistance] != 0)
-                __builtin_prefetch(oldSlots[i + prefetchDistance]);
-            if (oldTags[i] == 0)
-                continue;
-            std::size_t j = uuidHash(oldSlots[i]->getUuid()) & mask_;
-            while (tags_[j] != 0)
-                j = (j + 1) & mask_;
-            tags_[j] = oldTags[i];
-            slots_[j] = oldSlots[i];
+    struct alignas(64) Chunk {
+        std::uint8_t tags[slotsPerChunk] = {};
+        /// Entries whose home lies before this chunk on their path and that passed it.
+        std::uint8_t passing = 0;
+        Element *slots[slotsPerChunk] = {};
+    };
+    static_assert(sizeof(Chunk) == 64);
+
+    static std::uint8_t tagOf(std::size_t hash) noexcept { return std::uint8_t(0x80 | (hash >> 57)); }
+    static std::size_t strideOf(std::uint8_t tag) noexcept { return 2 * std::size_t(tag) + 1; }
+    std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
+
+    /// Puts an element known to be absent into the first free slot of its path.
+    void place(Element *element, std::size_t hash) noexcept {
+        std::uint8_t const tag = tagOf(hash);
+        std::size_t const stride = strideOf(tag);
+        for (std::size_t c = hash & mask_;; c = (c + stride) & mask_) {
+            Chunk &chunk = chunks_[c];
+            for (int i = 0; i < slotsPerChunk; ++i) {
+                if (chunk.tags[i] == 0) {
+                    chunk.tags[i] = tag;
+                    chunk.slots[i] = element;
+                    return;
+                }
+            }
+            if (chunk.passing != saturated)
+                ++chunk.passing;
         }
     }
 
-    std::unique_ptr<Element *[]> slots_;
-    std::unique_ptr<std::uint8_t[]> tags_;
+    void grow() {
+        std::size_t const newChunks = chunks_ ? 2 * (mask_ + 1) : 2;
+        std::unique_ptr<Chunk[]> old = std::exchange(chunks_, std::make_unique<Chunk[]>(newChunks));
+        std::size_t const oldChunks = old ? mask_ + 1 : 0;
+        mask_ = newChunks - 1;
+        for (std::size_t c = 0; c < oldChunks; ++c) {
+            if (c + 1 < oldChunks)
+                for (int i = 0; i < slotsPerChunk; ++i)
+                    if (old[c + 1].tags[i] != 0)
+                        __builtin_prefetch(old[c + 1].slots[i]);
+            for (int i = 0; i < slotsPerChunk; ++i)
+                if (old[c].tags[i] != 0)
+                    place(old[c].slots[i], uuidHash(old[c].slots[i]->getUuid()));
+        }
+    }
+
+    std::unique_ptr<Chunk[]> chunks_;
     std::size_t mask_ = 0;
     std::size_t size_ = 0;
 };

@@ -1,5 +1,7 @@
 #include "Probes.hpp"
 
+#include "core/ElementTable.hpp"
+
 #include <library/Book.hpp>
 
 #include <kivra/Messages.hpp>
@@ -8,8 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <optional>
+#include <random>
 #include <stdexcept>
+#include <vector>
 
 namespace kivra {
 namespace {
@@ -182,6 +187,42 @@ TEST(Model, DestroyCalledFromInsideItsOwnDestructionDoesNothing) {
     EXPECT_EQ(calls, 1);
     EXPECT_FALSE(model);
     EXPECT_TRUE(model->empty());
+}
+
+TEST(Model, ElementsThatShareOnePathOfTheTableStayFindable) {
+    // UUIDs whose hashes share a home and a stride in the element table: more of them than
+    // a chunk's count of passing entries can hold, then half destroyed and made again.
+    std::mt19937_64 random(7);
+    std::vector<boost::uuids::uuid> ids;
+    std::size_t const wanted = 700;
+    auto const key = [](std::size_t hash) { return (hash & 127) | ((hash >> 57) << 7); };
+    boost::uuids::uuid id{};
+    std::size_t target = 0;
+    while (ids.size() < wanted) {
+        std::uint64_t words[2] = {random(), random()};
+        std::memcpy(id.data, words, sizeof words);
+        std::size_t const hash = detail::uuidHash(id);
+        if (ids.empty())
+            target = key(hash);
+        if (key(hash) == target)
+            ids.push_back(id);
+    }
+    Model model = Model::createTransientModel();
+    std::vector<Book> books;
+    for (auto const &each : ids)
+        books.push_back(Book::create(model, each));
+    for (std::size_t i = 0; i < wanted; ++i)
+        ASSERT_EQ(model->findElement(ids[i]).get(), books[i].get()) << i;
+    for (std::size_t i = 0; i < wanted; i += 2)
+        books[i]->destroy();
+    for (std::size_t i = 0; i < wanted; ++i)
+        EXPECT_EQ(model->findElement(ids[i]).get(), i % 2 ? books[i].get() : nullptr) << i;
+    for (std::size_t i = 0; i < wanted; i += 2)
+        books[i] = Book::create(model, ids[i]);
+    for (std::size_t i = 0; i < wanted; ++i)
+        ASSERT_EQ(model->findElement(ids[i]).get(), books[i].get()) << i;
+    EXPECT_EQ(model->elementCount(), wanted);
+    expectRaises<messages::UUIDConflict>([&] { Book::create(model, ids[3]); });
 }
 
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {
