@@ -104,6 +104,11 @@ private:
 class ModelElement : protected detail::HandleBase {
 public:
     class Impl;
+    /// The key that lets an element build the collections of its properties.
+    class CollectionPrivateTag {
+        friend class Impl;
+        CollectionPrivateTag() = default;
+    };
 
     ModelElement() noexcept = default;
 
