@@ -104,6 +104,7 @@ private:
 class ModelElement : protected detail::HandleBase {
 public:
     class Impl;
+    class Builder;
 
     ModelElement() noexcept = default;
 
