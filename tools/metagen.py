@@ -531,13 +531,13 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     if not cls.abstract:
         out.append(f"""
 {cls.name} {cls.name}::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {{
-    {cls.name} element(new Impl(model, uuid), /*addReference=*/true);
+    {cls.name} element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }}
 
 {cls.name} {cls.name}::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {{
-    {cls.name} element(new Impl(model, {{}}), /*addReference=*/true);
+    {cls.name} element(new (model) Impl(model, {{}}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }}

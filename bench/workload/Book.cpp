@@ -35,13 +35,13 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
 }
 
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Book element(new Impl(model, uuid), /*addReference=*/true);
+    Book element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Book Book::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Book element(new Impl(model, {}), /*addReference=*/true);
+    Book element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -25,13 +25,13 @@ Class const &Library::Impl::getMetaClass() const { return Library::metaClass(); 
 }
 
 Library Library::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Library element(new Impl(model, uuid), /*addReference=*/true);
+    Library element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Library Library::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Library element(new Impl(model, {}), /*addReference=*/true);
+    Library element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -25,13 +25,13 @@ Class const &Writer::Impl::getMetaClass() const { return Writer::metaClass(); }
 }
 
 Writer Writer::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Writer element(new Impl(model, uuid), /*addReference=*/true);
+    Writer element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Writer Writer::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Writer element(new Impl(model, {}), /*addReference=*/true);
+    Writer element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -36,13 +36,13 @@ Class const &Note::Impl::getMetaClass() const { return Note::metaClass(); }
 }
 
 Note Note::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Note element(new Impl(model, uuid), /*addReference=*/true);
+    Note element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Note Note::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Note element(new Impl(model, {}), /*addReference=*/true);
+    Note element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -31,13 +31,13 @@ Class const &Notebook::Impl::getMetaClass() const { return Notebook::metaClass()
 }
 
 Notebook Notebook::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Notebook element(new Impl(model, uuid), /*addReference=*/true);
+    Notebook element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Notebook Notebook::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Notebook element(new Impl(model, {}), /*addReference=*/true);
+    Notebook element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -23,6 +23,7 @@
 
 namespace kivra {
 namespace detail {
+class ElementPool;
 struct ElementTable;
 } // namespace detail
 
@@ -299,6 +300,7 @@ private:
     friend class ModelConstellation;
     friend class TransactionImpl;
     friend class ModelConstellation::Impl;
+    friend class ModelElement::Impl;
 
     Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
          WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,
@@ -318,14 +320,18 @@ private:
     /// Deletes every listener holder, telling each listener.
     void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
+    /// The memory of the model's element objects, made at the first.
+    detail::ElementPool &elementPool();
 
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
-    /// One for the live model, one per element object and report that names it.
+    /// One for the live model, one per element object in its memory (moved ones too) and per
+    /// report that names it.
     std::atomic<std::uint32_t> holds_{1};
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;
+    std::unique_ptr<detail::ElementPool> pool_;
     std::size_t topLevelCount_ = 0;
     TransactionImpl *currentTransaction_ = nullptr;
     std::vector<ListenerHolderBase *> listeners_;

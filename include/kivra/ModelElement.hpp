@@ -56,6 +56,13 @@ public:
 
     ~Impl() override;
 
+    /// Element objects live in the memory of their model: `new (model) X::Impl(model, uuid)`.
+    /// Raises `CannotCreateWithoutModel` for an empty or destroyed model.
+    static void *operator new(std::size_t size, Model const &model);
+    static void operator delete(void *block, Model const &model) noexcept;
+    static void operator delete(void *block, std::size_t size) noexcept;
+    static void *operator new(std::size_t size) = delete;
+
     Model getModel() const override;
     /// The raw owning model; never null.
     Model::Impl *getModelImpl() const noexcept { return model_; }
@@ -210,8 +217,7 @@ protected:
     friend class Model::Impl;
     friend class TransactionImpl;
 
-    /// Starts `UnderConstruction`, top level. Raises `CannotCreateWithoutModel` for a null
-    /// or destroyed model.
+    /// Starts `UnderConstruction`, top level, in memory that `model` gave.
     Impl(Model const &model, boost::uuids::uuid const &uuid);
 
     void invalidate() override;

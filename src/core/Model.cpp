@@ -1,4 +1,5 @@
 #include "core/ElementTable.hpp"
+#include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
 
 #include <kivra/Messages.hpp>
@@ -152,6 +153,12 @@ ModelSpec &ModelSpec::setConstellation(ModelConstellation const &constellation) 
 // --- Lifetime --------------------------------------------------------------------------
 
 Model::Impl::~Impl() = default;
+
+detail::ElementPool &Model::Impl::elementPool() {
+    if (!pool_)
+        pool_ = std::make_unique<detail::ElementPool>(this);
+    return *pool_;
+}
 
 void Model::Impl::retire() noexcept {
     // From here on handles of the shell count up and down from a value that never
@@ -612,22 +619,20 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     {
         Transaction transaction = to->beginTransaction(false);
         // The target takes each element's reference over: it holds the top-level ones first,
-        // and this model lets go after.
+        // and this model lets go after. The memory stays this model's, and so does the
+        // element's hold on it: this shell outlives the elements it gave away.
         for (ModelElement::Impl *element : moving) {
             bool const held = (element->marks_ & ModelElement::Impl::HeldByModelMark) != 0;
             element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
             element->model_ = to;
-            to->hold();
             try {
                 to->elementCreated(element, element->isTopLevel());
             } catch (std::exception const &) {
                 element->model_ = this;
-                to->releaseHold();
                 if (held)
                     element->marks_ |= ModelElement::Impl::HeldByModelMark;
                 throw std::exception();
             }
-            releaseHold(); // never the last: the model's own hold stays while it lives
             table_->elements.erase(element);
             if (held) {
                 --topLevelCount_;

@@ -1,5 +1,6 @@
 #include <kivra/ModelElement.hpp>
 
+#include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
 
 #include <kivra/ChangeRecords.hpp>
@@ -36,12 +37,26 @@ meta::Class const &ModelElement::metaClass() {
     return slot;
 }
 
-ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
-    : ElementImpl(uuid, UnderConstruction), model_(model.get()) {
+// The hold on the model is taken with the memory and given up with it: the pool lives in
+// the model, so the shell must outlast the return of the last block.
+void *ModelElement::Impl::operator new(std::size_t size, Model const &model) {
     if (!model)
         raise<messages::CannotCreateWithoutModel>();
-    model_->hold();
+    void *const block = model->elementPool().allocate(size);
+    model->hold();
+    return block;
 }
+
+void ModelElement::Impl::operator delete(void *block, Model const &) noexcept {
+    detail::ElementPool::abandon(block)->releaseHold();
+}
+
+void ModelElement::Impl::operator delete(void *block, std::size_t size) noexcept {
+    detail::ElementPool::deallocate(block, size)->releaseHold();
+}
+
+ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
+    : ElementImpl(uuid, UnderConstruction), model_(model.get()) {}
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
@@ -51,7 +66,6 @@ ModelElement::Impl::~Impl() {
         Model keep = model_->getModel();
         model_->remove(this);
     }
-    model_->releaseHold();
 }
 
 // --- Proxies -------------------------------------------------------------------------------

@@ -17,7 +17,7 @@ Probe::Impl *Probe::get() const noexcept { return static_cast<Impl *>(ModelEleme
 Probe::Probe(Impl *impl, bool addReference) noexcept : ModelElement(impl, addReference) {}
 
 Probe Probe::create(Model const &model, boost::uuids::uuid const &uuid) {
-    auto *impl = new Impl(model, uuid);
+    auto *impl = new (model) Impl(model, uuid);
     Probe probe(impl, true);
     impl->notifyCreated();
     return probe;
@@ -51,7 +51,7 @@ public:
 };
 
 ReflectiveNote ReflectiveNote::create(Model const &model, boost::uuids::uuid const &uuid) {
-    auto *impl = new Impl(model, uuid);
+    auto *impl = new (model) Impl(model, uuid);
     impl->addRef();
     ReflectiveNote note(impl);
     impl->notifyCreated();

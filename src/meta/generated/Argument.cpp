@@ -30,13 +30,13 @@ Class const &Argument::Impl::getMetaClass() const { return Argument::metaClass()
 }
 
 Argument Argument::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Argument element(new Impl(model, uuid), /*addReference=*/true);
+    Argument element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Argument Argument::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Argument element(new Impl(model, {}), /*addReference=*/true);
+    Argument element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -24,13 +24,13 @@ Class const &AttributeMap::Impl::getMetaClass() const { return AttributeMap::met
 }
 
 AttributeMap AttributeMap::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    AttributeMap element(new Impl(model, uuid), /*addReference=*/true);
+    AttributeMap element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 AttributeMap AttributeMap::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    AttributeMap element(new Impl(model, {}), /*addReference=*/true);
+    AttributeMap element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -25,13 +25,13 @@ Class const &AttributeMapAttribute::Impl::getMetaClass() const { return Attribut
 }
 
 AttributeMapAttribute AttributeMapAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    AttributeMapAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    AttributeMapAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 AttributeMapAttribute AttributeMapAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    AttributeMapAttribute element(new Impl(model, {}), /*addReference=*/true);
+    AttributeMapAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -24,13 +24,13 @@ Class const &BooleanAttribute::Impl::getMetaClass() const { return BooleanAttrib
 }
 
 BooleanAttribute BooleanAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    BooleanAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    BooleanAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 BooleanAttribute BooleanAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    BooleanAttribute element(new Impl(model, {}), /*addReference=*/true);
+    BooleanAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

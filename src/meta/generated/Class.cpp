@@ -33,13 +33,13 @@ Class const &Class::Impl::getMetaClass() const { return Class::metaClass(); }
 }
 
 Class Class::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Class element(new Impl(model, uuid), /*addReference=*/true);
+    Class element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Class Class::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Class element(new Impl(model, {}), /*addReference=*/true);
+    Class element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

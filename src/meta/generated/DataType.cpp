@@ -19,13 +19,13 @@ Class const &DataType::metaClass() {
 Class const &DataType::Impl::getMetaClass() const { return DataType::metaClass(); }
 
 DataType DataType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    DataType element(new Impl(model, uuid), /*addReference=*/true);
+    DataType element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 DataType DataType::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    DataType element(new Impl(model, {}), /*addReference=*/true);
+    DataType element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

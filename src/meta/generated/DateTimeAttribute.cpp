@@ -24,13 +24,13 @@ Class const &DateTimeAttribute::Impl::getMetaClass() const { return DateTimeAttr
 }
 
 DateTimeAttribute DateTimeAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    DateTimeAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    DateTimeAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 DateTimeAttribute DateTimeAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    DateTimeAttribute element(new Impl(model, {}), /*addReference=*/true);
+    DateTimeAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -34,13 +34,13 @@ Class const &DynamicExtensions::Impl::getMetaClass() const { return DynamicExten
 }
 
 DynamicExtensions DynamicExtensions::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    DynamicExtensions element(new Impl(model, uuid), /*addReference=*/true);
+    DynamicExtensions element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 DynamicExtensions DynamicExtensions::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    DynamicExtensions element(new Impl(model, {}), /*addReference=*/true);
+    DynamicExtensions element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

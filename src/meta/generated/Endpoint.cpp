@@ -30,13 +30,13 @@ Class const &Endpoint::Impl::getMetaClass() const { return Endpoint::metaClass()
 }
 
 Endpoint Endpoint::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Endpoint element(new Impl(model, uuid), /*addReference=*/true);
+    Endpoint element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Endpoint Endpoint::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Endpoint element(new Impl(model, {}), /*addReference=*/true);
+    Endpoint element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -30,13 +30,13 @@ Class const &Enum::Impl::getMetaClass() const { return Enum::metaClass(); }
 }
 
 Enum Enum::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Enum element(new Impl(model, uuid), /*addReference=*/true);
+    Enum element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Enum Enum::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Enum element(new Impl(model, {}), /*addReference=*/true);
+    Enum element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -35,13 +35,13 @@ Class const &EnumLiteral::Impl::getMetaClass() const { return EnumLiteral::metaC
 }
 
 EnumLiteral EnumLiteral::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    EnumLiteral element(new Impl(model, uuid), /*addReference=*/true);
+    EnumLiteral element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 EnumLiteral EnumLiteral::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    EnumLiteral element(new Impl(model, {}), /*addReference=*/true);
+    EnumLiteral element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

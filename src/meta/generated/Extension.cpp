@@ -25,13 +25,13 @@ Class const &Extension::Impl::getMetaClass() const { return Extension::metaClass
 }
 
 Extension Extension::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Extension element(new Impl(model, uuid), /*addReference=*/true);
+    Extension element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Extension Extension::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Extension element(new Impl(model, {}), /*addReference=*/true);
+    Extension element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -24,13 +24,13 @@ Class const &IntegerAttribute::Impl::getMetaClass() const { return IntegerAttrib
 }
 
 IntegerAttribute IntegerAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    IntegerAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    IntegerAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 IntegerAttribute IntegerAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    IntegerAttribute element(new Impl(model, {}), /*addReference=*/true);
+    IntegerAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

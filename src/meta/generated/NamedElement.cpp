@@ -24,13 +24,13 @@ Class const &NamedElement::Impl::getMetaClass() const { return NamedElement::met
 }
 
 NamedElement NamedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    NamedElement element(new Impl(model, uuid), /*addReference=*/true);
+    NamedElement element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 NamedElement NamedElement::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    NamedElement element(new Impl(model, {}), /*addReference=*/true);
+    NamedElement element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

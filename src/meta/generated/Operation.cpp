@@ -45,13 +45,13 @@ Class const &Operation::Impl::getMetaClass() const { return Operation::metaClass
 }
 
 Operation Operation::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Operation element(new Impl(model, uuid), /*addReference=*/true);
+    Operation element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Operation Operation::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Operation element(new Impl(model, {}), /*addReference=*/true);
+    Operation element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

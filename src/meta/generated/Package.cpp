@@ -59,13 +59,13 @@ Class const &Package::Impl::getMetaClass() const { return Package::metaClass(); 
 }
 
 Package Package::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Package element(new Impl(model, uuid), /*addReference=*/true);
+    Package element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Package Package::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Package element(new Impl(model, {}), /*addReference=*/true);
+    Package element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

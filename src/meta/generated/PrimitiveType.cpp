@@ -19,13 +19,13 @@ Class const &PrimitiveType::metaClass() {
 Class const &PrimitiveType::Impl::getMetaClass() const { return PrimitiveType::metaClass(); }
 
 PrimitiveType PrimitiveType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    PrimitiveType element(new Impl(model, uuid), /*addReference=*/true);
+    PrimitiveType element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 PrimitiveType PrimitiveType::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    PrimitiveType element(new Impl(model, {}), /*addReference=*/true);
+    PrimitiveType element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -119,13 +119,13 @@ Class const &Property::Impl::getMetaClass() const { return Property::metaClass()
 }
 
 Property Property::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Property element(new Impl(model, uuid), /*addReference=*/true);
+    Property element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Property Property::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Property element(new Impl(model, {}), /*addReference=*/true);
+    Property element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

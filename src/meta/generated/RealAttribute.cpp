@@ -24,13 +24,13 @@ Class const &RealAttribute::Impl::getMetaClass() const { return RealAttribute::m
 }
 
 RealAttribute RealAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    RealAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    RealAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 RealAttribute RealAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    RealAttribute element(new Impl(model, {}), /*addReference=*/true);
+    RealAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

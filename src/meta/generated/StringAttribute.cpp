@@ -24,13 +24,13 @@ Class const &StringAttribute::Impl::getMetaClass() const { return StringAttribut
 }
 
 StringAttribute StringAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    StringAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    StringAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 StringAttribute StringAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    StringAttribute element(new Impl(model, {}), /*addReference=*/true);
+    StringAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -44,13 +44,13 @@ Class const &StructuredType::Impl::getMetaClass() const { return StructuredType:
 }
 
 StructuredType StructuredType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    StructuredType element(new Impl(model, uuid), /*addReference=*/true);
+    StructuredType element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 StructuredType StructuredType::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    StructuredType element(new Impl(model, {}), /*addReference=*/true);
+    StructuredType element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -35,13 +35,13 @@ Class const &Type::Impl::getMetaClass() const { return Type::metaClass(); }
 }
 
 Type Type::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Type element(new Impl(model, uuid), /*addReference=*/true);
+    Type element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Type Type::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Type element(new Impl(model, {}), /*addReference=*/true);
+    Type element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

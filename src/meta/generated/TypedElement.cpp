@@ -45,13 +45,13 @@ Class const &TypedElement::Impl::getMetaClass() const { return TypedElement::met
 }
 
 TypedElement TypedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    TypedElement element(new Impl(model, uuid), /*addReference=*/true);
+    TypedElement element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 TypedElement TypedElement::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    TypedElement element(new Impl(model, {}), /*addReference=*/true);
+    TypedElement element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -24,13 +24,13 @@ Class const &UUIDAttribute::Impl::getMetaClass() const { return UUIDAttribute::m
 }
 
 UUIDAttribute UUIDAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    UUIDAttribute element(new Impl(model, uuid), /*addReference=*/true);
+    UUIDAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 UUIDAttribute UUIDAttribute::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    UUIDAttribute element(new Impl(model, {}), /*addReference=*/true);
+    UUIDAttribute element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

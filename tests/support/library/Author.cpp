@@ -36,13 +36,13 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
 }
 
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Author element(new Impl(model, uuid), /*addReference=*/true);
+    Author element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Author Author::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Author element(new Impl(model, {}), /*addReference=*/true);
+    Author element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

@@ -25,13 +25,13 @@ Class const &Novel::Impl::getMetaClass() const { return Novel::metaClass(); }
 }
 
 Novel Novel::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Novel element(new Impl(model, uuid), /*addReference=*/true);
+    Novel element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Novel Novel::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Novel element(new Impl(model, {}), /*addReference=*/true);
+    Novel element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

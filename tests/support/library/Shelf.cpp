@@ -31,13 +31,13 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
 }
 
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Shelf element(new Impl(model, uuid), /*addReference=*/true);
+    Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
     return element;
 }
 
 Shelf Shelf::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId) {
-    Shelf element(new Impl(model, {}), /*addReference=*/true);
+    Shelf element(new (model) Impl(model, {}), /*addReference=*/true);
     element->makeProxy(proxyId);
     return element;
 }

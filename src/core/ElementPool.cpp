@@ -1,0 +1,125 @@
+#include "core/ElementPool.hpp"
+
+#include <cstdlib>
+#include <new>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define KIVRA_POOL_EACH_OBJECT 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KIVRA_POOL_EACH_OBJECT 1
+#endif
+#endif
+
+namespace kivra::detail {
+
+#ifdef KIVRA_POOL_EACH_OBJECT
+
+// Under AddressSanitizer every object is a heap block of its own, so that a use after
+// free of an element is caught rather than hidden in a slab; a prefix names the pool.
+namespace {
+constexpr std::size_t prefixSize = 16;
+}
+
+ElementPool::~ElementPool() = default;
+
+void *ElementPool::allocate(std::size_t size) {
+    auto *const bytes = static_cast<char *>(::operator new(prefixSize + size));
+    *reinterpret_cast<ElementPool **>(bytes) = this;
+    return bytes + prefixSize;
+}
+
+Model::Impl *ElementPool::deallocate(void *block, std::size_t) noexcept { return abandon(block); }
+
+Model::Impl *ElementPool::abandon(void *block) noexcept {
+    char *const bytes = static_cast<char *>(block) - prefixSize;
+    Model::Impl *const model = (*reinterpret_cast<ElementPool **>(bytes))->model_;
+    ::operator delete(bytes);
+    return model;
+}
+
+#else
+
+ElementPool::~ElementPool() {
+    for (Slab *slab = slabs_; slab;) {
+        Slab *const next = slab->next;
+        std::free(slab);
+        slab = next;
+    }
+}
+
+void *ElementPool::newSlab(std::size_t bytes) {
+    void *const memory = std::aligned_alloc(slabSize, bytes);
+    if (!memory)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void *ElementPool::allocate(std::size_t size) {
+    if (size > largestPooled)
+        return allocateLarge(size);
+    std::size_t const sizeClass = classOf(size);
+    FreeBlock *block = local_[sizeClass];
+    if (!block && returned_[sizeClass].load(std::memory_order_relaxed))
+        block = returned_[sizeClass].exchange(nullptr, std::memory_order_acquire);
+    if (block) {
+        local_[sizeClass] = block->next;
+        return block;
+    }
+    std::size_t const bytes = (sizeClass + 1) * granule;
+    if (std::size_t(end_ - cursor_) < bytes)
+        return allocateFromNewSlab(bytes);
+    void *const fresh = cursor_;
+    cursor_ += bytes;
+    return fresh;
+}
+
+void *ElementPool::allocateFromNewSlab(std::size_t bytes) {
+    // The tail of the old slab is too short for this size; it stays unused rather than
+    // being sorted into the lists of smaller sizes.
+    auto *const slab = static_cast<Slab *>(newSlab(slabSize));
+    slab->pool = this;
+    slab->next = slabs_;
+    slab->large = false;
+    slabs_ = slab;
+    cursor_ = reinterpret_cast<char *>(slab) + headerSize + bytes;
+    end_ = reinterpret_cast<char *>(slab) + slabSize;
+    return reinterpret_cast<char *>(slab) + headerSize;
+}
+
+void *ElementPool::allocateLarge(std::size_t size) {
+    std::size_t const bytes = (headerSize + size + slabSize - 1) / slabSize * slabSize;
+    auto *const slab = static_cast<Slab *>(newSlab(bytes));
+    slab->pool = this;
+    slab->next = nullptr;
+    slab->large = true;
+    return reinterpret_cast<char *>(slab) + headerSize;
+}
+
+Model::Impl *ElementPool::deallocate(void *block, std::size_t size) noexcept {
+    Slab *const slab = slabOf(block);
+    ElementPool *const pool = slab->pool;
+    if (slab->large) {
+        std::free(slab);
+        return pool->model_;
+    }
+    auto *const freed = static_cast<FreeBlock *>(block);
+    std::atomic<FreeBlock *> &list = pool->returned_[classOf(size)];
+    FreeBlock *head = list.load(std::memory_order_relaxed);
+    do
+        freed->next = head;
+    while (!list.compare_exchange_weak(head, freed, std::memory_order_release, std::memory_order_relaxed));
+    return pool->model_;
+}
+
+Model::Impl *ElementPool::abandon(void *block) noexcept {
+    Slab *const slab = slabOf(block);
+    Model::Impl *const model = slab->pool->model_;
+    if (slab->large)
+        std::free(slab);
+    return model;
+}
+
+#endif
+
+} // namespace kivra::detail

@@ -1,0 +1,75 @@
+#pragma once
+// Not API: the memory of a model's element objects.
+
+#include <kivra/Model.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace kivra::detail {
+
+/// Element objects of one model, carved from slabs that the model frees when its shell
+/// goes. A general-purpose allocator spends a header and a rounding step on every object
+/// and a search of its bins on every fresh one; here an object costs its size rounded to
+/// 16 bytes and a pointer bump, and a freed one waits on a list of its size.
+///
+/// Every slab is aligned to its size and starts with a header, so a block finds its pool
+/// from its own address. Objects are made by the model's writer, one thread at a time, but
+/// the last handle of an object may go on any thread: freed blocks go onto lock-free lists
+/// that the allocating thread takes whole. Memory goes back to the system only with the
+/// model: a model that shrinks keeps its slabs for the objects it makes next.
+class ElementPool {
+public:
+    static constexpr std::size_t slabSize = 32 * 1024;
+
+    explicit ElementPool(Model::Impl *model) noexcept : model_(model) {}
+    ElementPool(ElementPool const &) = delete;
+    ElementPool &operator=(ElementPool const &) = delete;
+    /// Frees every slab: by then every object of the model is gone.
+    ~ElementPool();
+
+    /// A block of at least `size` bytes, aligned to 16. Raises `std::bad_alloc`.
+    void *allocate(std::size_t size);
+    /// Takes back a block of `size` bytes, from any thread; gives the model it belongs to.
+    static Model::Impl *deallocate(void *block, std::size_t size) noexcept;
+    /// Takes back a block whose size is not known (its object's constructor failed): a
+    /// large block is freed, a small one stays unused until the model goes.
+    static Model::Impl *abandon(void *block) noexcept;
+
+private:
+    struct Slab {
+        ElementPool *pool;
+        Slab *next;
+        /// A slab of one object larger than the largest pooled size, freed with it.
+        bool large;
+    };
+    struct FreeBlock {
+        FreeBlock *next;
+    };
+
+    static constexpr std::size_t granule = 16;
+    static constexpr std::size_t headerSize = (sizeof(Slab) + granule - 1) / granule * granule;
+    static constexpr std::size_t largestPooled = 2048;
+    static constexpr std::size_t classCount = largestPooled / granule;
+
+    static Slab *slabOf(void *block) noexcept {
+        return reinterpret_cast<Slab *>(reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t(slabSize - 1));
+    }
+    static std::size_t classOf(std::size_t size) noexcept { return (size + granule - 1) / granule - 1; }
+    static void *newSlab(std::size_t bytes);
+    void *allocateLarge(std::size_t size);
+    void *allocateFromNewSlab(std::size_t bytes);
+
+    Model::Impl *model_;
+    /// Slabs of pooled objects, newest first.
+    Slab *slabs_ = nullptr;
+    char *cursor_ = nullptr;
+    char *end_ = nullptr;
+    /// Freed blocks by size class: the writer's own list, and the list of blocks given
+    /// back since the writer last took it.
+    FreeBlock *local_[classCount] = {};
+    std::atomic<FreeBlock *> returned_[classCount] = {};
+};
+
+} // namespace kivra::detail

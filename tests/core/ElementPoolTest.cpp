@@ -1,0 +1,127 @@
+#include "core/ElementPool.hpp"
+
+#include <library/Book.hpp>
+
+#include <kivra/Transaction.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <thread>
+#include <vector>
+
+namespace kivra {
+namespace {
+
+using test::library::Book;
+
+struct Block {
+    char *bytes;
+    std::size_t size;
+};
+
+// Blocks that overlap, or that lost what was written into them, show a free list or a
+// bump pointer that hands out memory twice.
+void expectDisjointAndIntact(std::vector<Block> const &blocks) {
+    std::map<std::uintptr_t, Block> byAddress;
+    for (Block const &block : blocks) {
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block.bytes) % 16, 0u);
+        byAddress.emplace(reinterpret_cast<std::uintptr_t>(block.bytes), block);
+    }
+    ASSERT_EQ(byAddress.size(), blocks.size());
+    std::uintptr_t end = 0;
+    for (auto const &[address, block] : byAddress) {
+        EXPECT_GE(address, end) << "blocks overlap";
+        end = address + block.size;
+        EXPECT_EQ(std::count(block.bytes, block.bytes + block.size, char(block.size % 251)), std::ptrdiff_t(block.size));
+    }
+}
+
+TEST(ElementPool, BlocksOfEverySizeStayApartWhenFreedOnOtherThreads) {
+    Model model = Model::createTransientModel();
+    detail::ElementPool pool(model.get());
+    std::vector<Block> live;
+    auto allocate = [&](std::size_t size) {
+        auto *bytes = static_cast<char *>(pool.allocate(size));
+        std::memset(bytes, int(size % 251), size);
+        live.push_back({bytes, size});
+    };
+    // Sizes across the pooled classes, past a slab's end and beyond the largest pooled one.
+    for (int round = 0; round < 3; ++round)
+        for (std::size_t size = 8; size <= 5000; size += size < 2200 ? 13 : 401)
+            allocate(size);
+    expectDisjointAndIntact(live);
+
+    // Every other block goes back from one of four threads; the writer then refills.
+    std::vector<std::vector<Block>> given(4);
+    std::vector<Block> kept;
+    for (std::size_t i = 0; i < live.size(); ++i)
+        (i % 2 ? given[i % 4] : kept).push_back(live[i]);
+    std::vector<std::thread> threads;
+    for (auto &blocks : given)
+        threads.emplace_back([&blocks, &model] {
+            for (Block const &block : blocks)
+                EXPECT_EQ(detail::ElementPool::deallocate(block.bytes, block.size), model.get());
+        });
+    for (auto &thread : threads)
+        thread.join();
+    live = kept;
+    for (auto const &blocks : given)
+        for (Block const &block : blocks)
+            allocate(block.size);
+    expectDisjointAndIntact(live);
+    for (Block const &block : live)
+        detail::ElementPool::deallocate(block.bytes, block.size);
+}
+
+TEST(ElementPool, LastHandlesDroppedOnOtherThreadsWhileTheWriterCreates) {
+    Model model = Model::createTransientModel();
+    std::vector<std::vector<Book>> tombstones(4);
+    {
+        Transaction transaction = model->beginTransaction(false);
+        for (int i = 0; i < 4000; ++i)
+            tombstones[i % 4].push_back(Book::create(model));
+        for (auto &books : tombstones)
+            for (Book const &book : books)
+                book->destroy();
+        transaction.commit();
+    }
+    std::vector<std::thread> threads;
+    for (auto &books : tombstones)
+        threads.emplace_back([&books] { books.clear(); });
+    std::vector<Book> made;
+    {
+        Transaction transaction = model->beginTransaction(false);
+        for (int i = 0; i < 4000; ++i) {
+            made.push_back(Book::create(model));
+            made.back()->setTitle(std::u16string(40, char16_t(u'a' + i % 26)));
+        }
+        transaction.commit();
+    }
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(model->elementCount(), 4000u);
+    for (std::size_t i = 0; i < made.size(); ++i)
+        EXPECT_EQ(made[i]->getTitle(), std::u16string(40, char16_t(u'a' + i % 26)));
+}
+
+TEST(ElementPool, TheLastElementDroppedOnAnotherThreadFreesTheShellOfItsModel) {
+    std::vector<Book> kept;
+    {
+        Model model = Model::createTransientModel();
+        Transaction transaction = model->beginTransaction(false);
+        for (int i = 0; i < 100; ++i)
+            kept.push_back(Book::create(model));
+        transaction.commit();
+    }
+    // The model is gone; its elements are tombstones whose memory is still the shell's.
+    for (Book const &book : kept)
+        EXPECT_FALSE(book->isValid());
+    std::thread([&kept] { kept.clear(); }).join();
+}
+
+} // namespace
+} // namespace kivra
