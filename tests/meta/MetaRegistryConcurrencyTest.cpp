@@ -19,9 +19,9 @@ using test::uniqueName;
 
 struct NoBuilder : ModelElement::Builder {};
 
-// Readers look types up, parse package URIs and make collections and builders while one
-// thread describes and registers packages. Run under ThreadSanitizer, a lock missing on any
-// of these paths shows as a race.
+// Readers look types up, parse package URIs, make collections and builders and read the
+// frozen metamodel while one thread describes and registers packages. Run under
+// ThreadSanitizer, a lock missing on any of these paths shows as a race.
 TEST(MetaRegistryConcurrency, ReadersRunWhileAPackageRegisters) {
     constexpr int readers = 3;
     constexpr int packages = 20;
@@ -61,6 +61,10 @@ TEST(MetaRegistryConcurrency, ReadersRunWhileAPackageRegisters) {
             if (!registry().instantiateBuilder(made, model))
                 ++failures;
             if (!registry().isCorrectTypeForTypeId(StandardTypes::integerMeta, typeid(int).name()))
+                ++failures;
+            // The metamodel that was there before is read without any lock.
+            if (numbers->getType() != StandardTypes::integerMeta || !numbers->getIsOrdered() ||
+                made->getQualifiedName() != madeName)
                 ++failures;
         }
     };
