@@ -73,6 +73,18 @@ void BM_GetTypeByQualifiedName(benchmark::State &state) {
 }
 BENCHMARK(BM_GetTypeByQualifiedName);
 
+// A name longer than a small string, given as a literal, as the library's own code names
+// the standard types.
+void BM_GetPrimitiveTypeByLiteral(benchmark::State &state) {
+    MetaRegistry &registry = *MetaRegistry::getInstance();
+    catalogue();
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.getPrimitiveType(u"UnlimitedNatural"));
+    state.counters["allocs/op"] = double(kivra::bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_GetPrimitiveTypeByLiteral);
+
 void BM_GetRootPackageByUri(benchmark::State &state) {
     MetaRegistry &registry = *MetaRegistry::getInstance();
     measure(state, catalogue().packageUris, [&](basalt::ustring const &uri) { return registry.getRootPackage(uri); });

@@ -28,7 +28,8 @@ struct TypeHash {
     std::size_t operator()(Type const &type) const noexcept { return std::hash<ModelElement>()(type); }
 };
 
-template <class V> using NameMap = std::unordered_map<basalt::ustring, V, services::hashers::KivraHasher<basalt::ustring>>;
+template <class V>
+using NameMap = std::unordered_map<basalt::ustring, V, services::hashers::KivraHasher<basalt::ustring>, std::equal_to<>>;
 template <class V> using TypeMap = std::unordered_map<Type, V, TypeHash>;
 
 struct TypeRecord {
@@ -52,7 +53,7 @@ struct MetaRegistry::Tables {
     /// The records that hold their type, by the type's object: the registry's own
     /// questions about a type skip its qualified name. Map nodes stay where they are.
     absl::flat_hash_map<Type::Impl const *, TypeRecord *> recordOfType;
-    std::map<basalt::ustring, Package> rootPackages;
+    std::map<basalt::ustring, Package, std::less<>> rootPackages;
     std::map<basalt::ustring, Package> familyPackages;
     /// Shared, so that a converter can be called with the lock released.
     TypeMap<std::shared_ptr<ValueOwnershipConverter>> ownershipConverters;
@@ -209,7 +210,7 @@ bool MetaRegistry::isValidUri(basalt::ustring const &uri) {
 
 // --- Types -------------------------------------------------------------------------------
 
-Type MetaRegistry::fetchType(basalt::ustring const &name, bool load) {
+Type MetaRegistry::fetchType(std::u16string_view name, bool load) {
     Lock lock(mutex_);
     if (auto const found = tables_->types.find(name); found != tables_->types.end())
         return found->second.type;
@@ -221,21 +222,22 @@ Type MetaRegistry::fetchType(basalt::ustring const &name, bool load) {
         return {};
     // The loader starts bundles, which take locks of their own and register through us.
     lock.unlock();
-    services::MetamodelLoader::loadType(name);
+    basalt::ustring const text(name);
+    services::MetamodelLoader::loadType(text);
     lock.lock();
     // Whatever the load brought, or an empty record, so that the load is not tried again.
-    return tables_->types.try_emplace(name).first->second.type;
+    return tables_->types.try_emplace(text).first->second.type;
 }
 
-Type MetaRegistry::getType(basalt::ustring const &name) { return fetchType(name, true); }
-Type MetaRegistry::getTypeNoLoad(basalt::ustring const &name) { return fetchType(name, false); }
+Type MetaRegistry::getType(std::u16string_view name) { return fetchType(name, true); }
+Type MetaRegistry::getTypeNoLoad(std::u16string_view name) { return fetchType(name, false); }
 
-Class MetaRegistry::getClass(basalt::ustring const &name) {
+Class MetaRegistry::getClass(std::u16string_view name) {
     Type const type = getType(name);
     return Class::fromImpl(dynamic_cast<Class::Impl *>(type.get()));
 }
 
-PrimitiveType MetaRegistry::getPrimitiveType(basalt::ustring const &name) {
+PrimitiveType MetaRegistry::getPrimitiveType(std::u16string_view name) {
     Type const type = getType(name);
     return PrimitiveType::fromImpl(dynamic_cast<PrimitiveType::Impl *>(type.get()));
 }
@@ -391,7 +393,7 @@ boost::optional<Value> MetaRegistry::instantiateUnmanagedCollection(Property con
 
 // --- Packages ----------------------------------------------------------------------------
 
-Package MetaRegistry::getRootPackage(basalt::ustring const &uri) const {
+Package MetaRegistry::getRootPackage(std::u16string_view uri) const {
     Lock lock(mutex_);
     auto const found = tables_->rootPackages.find(uri);
     return found == tables_->rootPackages.end() ? Package() : found->second;
@@ -496,7 +498,7 @@ void MetaRegistry::unregisterEndpoint(Endpoint const &endpoint) {
         tables_->endpoints.erase(found);
 }
 
-Endpoint MetaRegistry::getEndpoint(basalt::ustring const &name) const {
+Endpoint MetaRegistry::getEndpoint(std::u16string_view name) const {
     Lock lock(mutex_);
     auto const found = tables_->endpoints.find(name);
     return found == tables_->endpoints.end() ? Endpoint() : found->second;

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace kivra::meta {
@@ -110,15 +111,15 @@ public:
 
     /// The type of a qualified name, such as "kivra.meta.Class" or "Integer"; on a miss a
     /// metamodel loader is asked once, and the name stays reserved and empty when it brings
-    /// nothing. Lookups never raise: a miss is an empty handle.
-    Type getType(basalt::ustring const &name);
+    /// nothing. Lookups never raise: a miss is an empty handle. A hit makes no string.
+    Type getType(std::u16string_view name);
     /// As `getType`, and never asks a loader nor reserves the name.
-    Type getTypeNoLoad(basalt::ustring const &name);
-    Type fetchType(basalt::ustring const &name, bool load);
+    Type getTypeNoLoad(std::u16string_view name);
+    Type fetchType(std::u16string_view name, bool load);
     /// The class of that name; empty when unknown or not a class.
-    Class getClass(basalt::ustring const &name);
+    Class getClass(std::u16string_view name);
     /// The primitive type of that name; empty when unknown or not primitive.
-    PrimitiveType getPrimitiveType(basalt::ustring const &name);
+    PrimitiveType getPrimitiveType(std::u16string_view name);
 
     /// Enters a type under its qualified name, with the maker of its collections and of
     /// its builders (either may be null). Raises `DuplicateTypeInRegistry` when the name
@@ -164,7 +165,7 @@ public:
     // --- Packages ------------------------------------------------------------------------
 
     /// The root package registered under `uri`; empty when none.
-    Package getRootPackage(basalt::ustring const &uri) const;
+    Package getRootPackage(std::u16string_view uri) const;
     /// As above; on a miss with `load`, the loader is asked for the URI's family first.
     Package getRootPackage(basalt::ustring const &uri, bool load);
     /// The package of a family, such as "meta"; on a miss the loader is asked for it.
@@ -193,7 +194,7 @@ public:
     void registerEndpoint(Endpoint const &endpoint);
     void unregisterEndpoint(Endpoint const &endpoint);
     /// The endpoint of that qualified name; empty when unknown.
-    Endpoint getEndpoint(basalt::ustring const &name) const;
+    Endpoint getEndpoint(std::u16string_view name) const;
 
 private:
     struct Tables;
