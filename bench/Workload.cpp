@@ -7,8 +7,7 @@
 //   kivra_workload --cpu-time      processor time instead of wall time
 //   kivra_workload --sizes 5000    the sizes given, comma-separated
 //
-// Books and writers stand at top level, and the link, save/load and query steps are left
-// out, until multi-valued properties, serializers and queries exist.
+// The save/load and query steps are left out until serializers and queries exist.
 #include "AllocationCounter.hpp"
 
 #include <workload/Book.hpp>
@@ -91,23 +90,29 @@ void run(std::size_t n) {
     writers.reserve(writerCount);
     std::size_t const heapBefore = heapInUse();
 
-    // W1 create: one transaction, three attributes set on each book.
+    // W1 create: one transaction, three attributes set on each book, books and writers
+    // held by the library.
     auto start = Clock::now();
     kivra::Model model = kivra::Model::createTransientModel();
+    Library library;
     {
         kivra::Transaction transaction = model->beginTransaction(false);
-        Library library = Library::create(model);
+        library = Library::create(model);
         library->setName(u"Library");
+        auto &libraryBooks = library->getBooksMutable();
         for (std::size_t i = 0; i < n; ++i) {
             Book book = Book::create(model);
             book->setTitle(numbered(u"Book ", i));
             book->setPages(std::int32_t(i % 1000));
             book->setCategory(std::int32_t(i % 3));
+            libraryBooks.push_back(book);
             books.push_back(std::move(book));
         }
+        auto &libraryWriters = library->getWritersMutable();
         for (std::size_t j = 0; j < writerCount; ++j) {
             Writer writer = Writer::create(model);
             writer->setName(numbered(u"Writer ", j));
+            libraryWriters.push_back(writer);
             writers.push_back(std::move(writer));
         }
         transaction.commit();
@@ -117,8 +122,30 @@ void run(std::size_t n) {
     std::snprintf(extra, sizeof extra, ", \"bytes/element\":%.1f",
                   double(heapInUse() - heapBefore) / double(elementCount));
     line("W1 create", n, ms, "ns/element", ms * 1e6 / double(elementCount), extra);
-    if (model->elementCount() != elementCount)
+    if (model->elementCount() != elementCount || model->getTopLevelElements().size() != 1)
         fail("element count after creation");
+
+    // W2 link: two authors per book, both ends kept.
+    start = Clock::now();
+    {
+        kivra::Transaction transaction = model->beginTransaction(false);
+        for (std::size_t i = 0; i < n; ++i) {
+            auto &authors = books[i]->getAuthorsMutable();
+            authors.push_back(writers[i % writerCount]);
+            authors.push_back(writers[(i * 7 + 3) % writerCount]);
+        }
+        transaction.commit();
+    }
+    ms = millisecondsSince(start);
+    std::size_t links = 0;
+    for (Writer const &writer : writers)
+        links += writer->getBooks().size();
+    line("W2 link", n, ms, "ns/link", ms * 1e6 / double(links));
+    std::size_t sameWriter = 0; // a book whose two authors are one writer has one link
+    for (std::size_t i = 0; i < n; ++i)
+        sameWriter += i % writerCount == (i * 7 + 3) % writerCount;
+    if (links != 2 * n - sameWriter)
+        fail("link count");
 
     // W3 read: typed getters, then reflective reads, ten passes each.
     std::int64_t expected = 0;
@@ -191,10 +218,21 @@ void run(std::size_t n) {
         if (books[i]->getPages() != std::int32_t(i % 1000))
             fail("value after roll-back");
 
-    // W7 delete: every tenth book, in one transaction.
+    // W7 delete: every tenth book, in one transaction, out of the library's list and its
+    // writers' sets. The library's list is compacted in one pass, the doomed books moved
+    // behind the others and cut off at once, so that no removal shifts the whole list.
     start = Clock::now();
     {
         kivra::Transaction transaction = model->beginTransaction(false);
+        auto &libraryBooks = library->getBooksMutable();
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < libraryBooks.size(); ++i)
+            if (i % 10 != 0) {
+                if (kept != i)
+                    libraryBooks.swap(kept, i);
+                ++kept;
+            }
+        libraryBooks.erase(kept, libraryBooks.size());
         for (std::size_t i = 0; i < n; i += 10)
             books[i]->destroy();
         transaction.commit();
@@ -202,12 +240,17 @@ void run(std::size_t n) {
     ms = millisecondsSince(start);
     std::size_t const deleted = (n + 9) / 10;
     line("W7 delete", n, ms, "ns/element", ms * 1e6 / double(deleted));
-    if (model->elementCount() != elementCount - deleted)
+    if (model->elementCount() != elementCount - deleted || library->getBooks().size() != n - deleted)
         fail("element count after deletion");
+    for (Writer const &writer : writers)
+        for (Book const &book : writer->getBooks())
+            if (!book)
+                fail("a writer keeps a deleted book");
 
     // The model goes, with everything in it.
     books.clear();
     writers.clear();
+    library.reset();
     start = Clock::now();
     model->destroy();
     model.reset();

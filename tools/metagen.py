@@ -48,6 +48,7 @@ PRIMITIVES = {
 ZERO = {"Boolean": "false", "Real": "0.0"}
 COLLECTION_SHAPES = {"Sequence", "SortedSet", "HashSet", "Map", "HashMap", "Multimap", "HashMultimap"}
 META = "::kivra::meta"
+COLLECTION_KINDS = ("sequence", "set")
 TAG = "::kivra::ModelElement::Impl::ReflectionPrivateTag"
 
 
@@ -151,11 +152,26 @@ class Metamodel:
     def opposite_of(self, prop):
         return self.find_property(prop.type, prop.opposite) if prop.opposite else None
 
-    def kind(self, prop):
-        """How a property is held: value, optional, reference, composite, container-end, or
-        None for what is not written yet (collections, derived properties, data types)."""
-        if prop.index == 0 or prop.shape in COLLECTION_SHAPES:
+    def collection_kind(self, prop):
+        """sequence or set for a multi-valued element property; None for what is not written
+        yet (keyed containers, collections of values or data types)."""
+        target = self.classes.get(prop.type)
+        if prop.index == 0 or target is None or target.datatype:
             return None
+        if prop.shape == "Sequence":
+            return "sequence"
+        if prop.shape in ("HashSet", "SortedSet"):
+            return "set"
+        return None
+
+    def kind(self, prop):
+        """How a property is held: value, optional, reference, composite, container-end,
+        sequence, set, or None for what is not written yet (keyed containers, derived
+        properties, data types)."""
+        if prop.index == 0:
+            return None
+        if prop.shape in COLLECTION_SHAPES:
+            return self.collection_kind(prop)
         if prop.type in PRIMITIVES:
             return "value" if prop.shape == "Single" else "optional"
         target = self.classes.get(prop.type)
@@ -166,13 +182,17 @@ class Metamodel:
         far = self.opposite_of(prop)
         if far is not None and far.composite:
             return "container-end"
-        if far is not None and (far.shape in COLLECTION_SHAPES or far.index == 0):
-            return None  # the far end is a collection, which arrives later
+        if far is not None and (far.index == 0 or (far.shape in COLLECTION_SHAPES and self.collection_kind(far) is None)):
+            return None  # the far end is a keyed container, which arrives later
         return "reference"
 
     def settable_container_end(self, prop):
         far = self.opposite_of(prop)
-        return far is not None and self.kind(far) == "composite"
+        return far is not None and self.kind(far) in ("composite",) + COLLECTION_KINDS
+
+    def unique(self, prop):
+        """Sequences are unique unless the tables say otherwise."""
+        return "nonUnique" not in prop.notes
 
     def property_count(self, cls):
         return max([p.index for c in self.chain(cls) for p in c.props] + [0])
@@ -213,6 +233,11 @@ class Metamodel:
         return self.package is not None
 
 
+def collection_type(kind, prop):
+    template = "ElementSequence" if kind == "sequence" else "UnorderedElementSet"
+    return f"::kivra::{template}<{prop.type}>"
+
+
 def native(prop):
     return PRIMITIVES[prop.type][0]
 
@@ -236,7 +261,7 @@ def initial(prop):
 
 
 def storage_members(mm, cls):
-    return [(p, mm.kind(p)) for p in cls.props if mm.kind(p) in ("value", "optional", "reference", "composite")]
+    return [(p, mm.kind(p)) for p in cls.props if mm.kind(p) in ("value", "optional", "reference", "composite") + COLLECTION_KINDS]
 
 
 def plain_members(mm, cls):
@@ -256,10 +281,12 @@ def own_storage(mm, cls):
 def write_records(mm, cls, base):
     own = storage_members(mm, cls)
     ends = container_ends(mm, cls)
-    cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = {p.name}_;\n        return;\n" for p, _ in own)
+    cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = ::kivra::detail::cloneCollection({p.name}_.get());\n        return;\n"
+                    if k in COLLECTION_KINDS else f"    case {p.name}Index:\n        own->{p.name}_ = {p.name}_;\n        return;\n" for p, k in own)
     cases += "".join(f"    case {p.name}Index:\n        storage->setOldContainer(container(), containmentFeature());\n        return;\n" for p in ends)
     cast = f"    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);\n" if own else ""
-    restore = "".join(f"    if (own->isChanged({p.name}Index))\n        {p.name}_ = own->{p.name}_;\n" for p, _ in own)
+    restore = "".join(f"    if (own->isChanged({p.name}Index))\n        ::kivra::detail::restoreCollection(ensure{p.cap}(), own->{p.name}_.get());\n"
+                      if k in COLLECTION_KINDS else f"    if (own->isChanged({p.name}Index))\n        {p.name}_ = own->{p.name}_;\n" for p, k in own)
     out = f"""
 ::kivra::ModelElement::Impl::Changes *{cls.name}::Impl::createChanges() const {{
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
@@ -291,6 +318,8 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_);\n")
         elif k == "optional":
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
+        elif k in COLLECTION_KINDS:
+            old.append(f"    if ({guard})\n        return ::kivra::detail::oldCollectionValue({p.name}_, property);\n")
         else:
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement({p.name}_));\n")
     for p in ends:
@@ -370,6 +399,12 @@ def write_header(mm, cls, extra_dir):
                 includes.add("boost/date_time/posix_time/ptime.hpp")
         if k == "optional":
             includes.add("boost/optional/optional.hpp")
+        if k == "sequence":
+            includes.add("kivra/ElementSequence.hpp")
+            std_includes.add("memory")
+        if k == "set":
+            includes.add("kivra/UnorderedElementSet.hpp")
+            std_includes.add("memory")
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The `{cls.name}` class of `{mm.dotted}`: its handle's implementation.\n\n"]
     out += [f"#include <{i}>\n" for i in sorted(includes)]
     out.append("\n")
@@ -406,6 +441,13 @@ public:
             out.append(f"\n    /// The {what} `{p.type}`, resolved when it is a proxy; empty when none.\n")
             out.append(f"    {p.type} get{p.cap}() const;\n")
             out.append(f"    void set{p.cap}({p.type} const &value);\n")
+        elif k in COLLECTION_KINDS:
+            ctype = collection_type(k, p)
+            out.append(f"\n    /// The `{p.name}`, made on first use; each access resolves the proxies it holds.\n")
+            out.append(f"    {ctype} const &get{p.cap}() const;\n")
+            out.append(f"    {ctype} &get{p.cap}Mutable();\n")
+            out.append(f"    /// True when the collection was made and holds anything.\n")
+            out.append(f"    bool has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}\n")
         elif k == "container-end":
             out.append(f"\n    /// The containing `{p.type}`, when this element is held by its `{p.opposite}`.\n")
             out.append(f"    {p.type} get{p.cap}() const;\n")
@@ -428,9 +470,10 @@ public:
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
 """)
-    if any(k in ("reference", "composite", "container-end") for _, k in kinds):
+    if any(k in ("reference", "composite", "container-end") + COLLECTION_KINDS for _, k in kinds):
         out.append(f"""    void inverseAdd(::kivra::ModelElement const &other, {META}::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, {META}::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, {META}::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, {META}::Property const &property) override;
 """)
     extra = extra_dir / f"{cls.name}Extra.inc"
@@ -442,13 +485,17 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
     void doDestroy(bool modelDestroying, bool multiModel) override;
 """)
-    if any(k == "reference" and p.opposite for p, k in kinds):
+    if any(k == "reference" and p.opposite or disassociated(p, k) for p, k in kinds):
         out.append("    void disassociateIncoming() override;\n")
-    if any(k in ("reference", "composite") for p, k in kinds):
+    if any(k in ("reference", "composite") + COLLECTION_KINDS for p, k in kinds):
         out.append("    void basicDisassociateAll() override;\n")
-    if any(k == "reference" for p, k in kinds):
+    if any(k == "reference" or (k in COLLECTION_KINDS and not p.composite) for p, k in kinds):
         out.append("    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;\n")
-    members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite")]
+    for p, k in kinds:
+        if k in COLLECTION_KINDS:
+            out.append(f"    /// The collection, made when missing; no proxy is resolved.\n")
+            out.append(f"    {collection_type(k, p)} &ensure{p.cap}() const;\n")
+    members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS]
     if members:
         out.append("\n")
     for p, k in members:
@@ -456,6 +503,9 @@ protected:
             out.append(f"    {native(p)} {p.name}_{initial(p)};\n")
         elif k == "optional":
             out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
+        elif k in COLLECTION_KINDS:
+            out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
+            out.append(f"    mutable std::unique_ptr<{collection_type(k, p)}> {p.name}_;\n")
         else:
             out.append(f"    {p.type} {p.name}_;\n")
     out.append("};\n")
@@ -476,6 +526,8 @@ private:
                 out.append(f"    {native(p)} {p.name}_{initial(p)};\n")
             elif k == "optional":
                 out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
+            elif k in COLLECTION_KINDS:
+                out.append(f"    mutable std::unique_ptr<{collection_type(k, p)}> {p.name}_;\n")
             else:
                 out.append(f"    {p.type} {p.name}_;\n")
         out.append("};\n")
@@ -504,8 +556,10 @@ def write_source(mm, cls):
     includes = {mm.header(cls.name), "kivra/ElementId.hpp", "kivra/UuidLiteral.hpp", "kivra/Value.hpp", "kivra/detail/References.hpp", "kivra/detail/Setter.hpp",
                 "kivra/meta/Class.hpp", "kivra/meta/Property.hpp", "kivra/meta/detail/Metaclasses.hpp"}
     for p, k in kinds:
-        if k in ("reference", "composite", "container-end"):
+        if k in ("reference", "composite", "container-end") + COLLECTION_KINDS:
             includes.add(mm.header(p.type))
+        if k in COLLECTION_KINDS:
+            includes.add("kivra/detail/Collections.hpp")
     if mm.described():
         includes.add(f"{mm.prefix}/{package_class(mm)}.hpp")
     out = [mm.banner]
@@ -552,28 +606,34 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     if ({p.type} const child = std::move({p.name}_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
 """)
+    for p, k in kinds:
+        if k in COLLECTION_KINDS and p.composite:
+            body.append(f"""    if ({p.name}_ && !{p.name}_->empty())
+        ::kivra::detail::destroyChildren(*this, *{p.name}_, {p.name}Index, modelDestroying, multiModel);
+""")
     out.append(f"""
 void {cls.name}::Impl::doDestroy(bool modelDestroying, bool multiModel) {{
 {"".join(body)}    {base}::doDestroy(modelDestroying, multiModel);
 }}
 """)
-    if any(k == "reference" and p.opposite for p, k in kinds):
+    if any(k == "reference" and p.opposite or disassociated(p, k) for p, k in kinds):
         lines = "".join(f"    if ({p.name}_.get())\n        set{p.cap}({{}});\n" for p, k in kinds if k == "reference" and p.opposite)
+        lines += "".join(f"    if ({p.name}_)\n        {p.name}_->clear();\n" for p, k in kinds if disassociated(p, k))
         out.append(f"""
 void {cls.name}::Impl::disassociateIncoming() {{
 {lines}    {base}::disassociateIncoming();
 }}
 """)
-    if any(k in ("reference", "composite") for p, k in kinds):
-        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k in ("reference", "composite"))
+    if any(k in ("reference", "composite") + COLLECTION_KINDS for p, k in kinds):
+        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k in ("reference", "composite") + COLLECTION_KINDS)
         out.append(f"""
 void {cls.name}::Impl::basicDisassociateAll() {{
     // The far ends are put back by their own records.
 {lines}    {base}::basicDisassociateAll();
 }}
 """)
-    if any(k == "reference" for p, k in kinds):
-        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k == "reference")
+    if any(k == "reference" or (k in COLLECTION_KINDS and not p.composite) for p, k in kinds):
+        lines = "".join(f"    {p.name}_.reset();\n" for p, k in kinds if k == "reference" or (k in COLLECTION_KINDS and not p.composite))
         out.append(f"""
 void {cls.name}::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {{
     // The model goes away: references let go, and far ends in other models read as none.
@@ -597,6 +657,27 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     ::kivra::detail::{frame}(*this, {p.name}_, value, {p.name}Property(), {p.name}Index);
 }}
 """)
+        elif k in COLLECTION_KINDS:
+            ctype = collection_type(k, p)
+            args = f"_privateTag(), self, {str(mm.unique(p)).lower()}, " if k == "sequence" else "_privateTag(), self, "
+            out.append(f"""
+{ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
+    if (!{p.name}_) [[unlikely]] {{
+        auto *self = const_cast<Impl *>(this);
+        {p.name}_.reset(new {ctype}({args}{p.name}Property().get(), ::kivra::detail::oppositeOf({p.name}Property())));
+        self->_loadCollectionContents(*{p.name}_);
+    }}
+    return *{p.name}_;
+}}
+
+{ctype} const &{cls.name}::Impl::get{p.cap}() const {{
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensure{p.cap}());
+    return *{p.name}_;
+}}
+
+{ctype} &{cls.name}::Impl::get{p.cap}Mutable() {{ return const_cast<{ctype} &>(get{p.cap}()); }}
+""")
         elif k == "container-end":
             out.append(f"""
 {p.type} {cls.name}::Impl::get{p.cap}() const {{
@@ -617,10 +698,16 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
         out.append(write_reflective(mm, cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
     out.append(write_records(mm, cls, base))
-    if any(k in ("reference", "composite", "container-end") for _, k in kinds):
+    if any(k in ("reference", "composite", "container-end") + COLLECTION_KINDS for _, k in kinds):
         out.append(write_association(mm, cls, kinds, base))
     out.append(f"\n}} // namespace {mm.ns}\n")
     return "".join(out)
+
+
+def disassociated(p, k):
+    """A collection whose far ends forget this element when it is destroyed: its children
+    go with it instead."""
+    return k in COLLECTION_KINDS and p.opposite and not p.composite
 
 
 def visible(p, mutator):
@@ -642,6 +729,9 @@ def write_reflective(mm, cls, kinds, base):
         elif k in ("reference", "composite"):
             has.append(f"    if ({guard})\n        return {p.name}_.get() != nullptr;\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(get{p.cap}()) : ::kivra::ModelElement({p.name}_));\n")
+        elif k in COLLECTION_KINDS:
+            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
+            get.append(f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n")
         else:
             has.append(f"    if ({guard})\n        return get{p.cap}().get() != nullptr;\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement(get{p.cap}()));\n")
@@ -652,6 +742,8 @@ def write_reflective(mm, cls, kinds, base):
             set_.append(f"    if ({mguard})\n        return set{p.cap}(value.get<{native(p)}>());\n")
         elif k == "optional":
             set_.append(f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n")
+        elif k in COLLECTION_KINDS:
+            set_.append(f"    if ({mguard})\n        return ::kivra::detail::assignCollection(get{p.cap}Mutable(), value);\n")
         elif k in ("reference", "composite") or (k == "container-end" and mm.settable_container_end(p)):
             set_.append(f"    if ({mguard})\n        return set{p.cap}({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value)));\n")
     # An empty handle must not match a description that is not there yet.
@@ -688,10 +780,33 @@ def write_by_index(mm, cls, base):
 
 
 def write_association(mm, cls, kinds, base):
-    add, remove, associate = [], [], []
+    add, remove, associate, contains = [], [], [], []
     for p, k in kinds:
         is_p = f"property.get() && property == {p.name}Property()"
+        if k in COLLECTION_KINDS:
+            add.append(f"""    if ({is_p}) {{
+        _basicAdd(ensure{p.cap}(), other);
+        return;
+    }}
+""")
+            remove.append(f"""    if ({is_p}) {{
+        if ({p.name}_)
+            _basicRemove(*{p.name}_, other);
+        return;
+    }}
+""")
+            associate.append(f"""    if ({is_p}) {{
+        _basicAdd(ensure{p.cap}(), other);
+        return;
+    }}
+""")
+            contains.append(f"""    if ({is_p})
+        return {p.name}_ && _basicContainsProxyTo(*{p.name}_, other);
+""")
         if k == "reference":
+            contains.append(f"""    if ({is_p})
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<{p.type} &>({p.name}_), other);
+""")
             # A single end holds one partner: the old one is told to let go, so that both
             # ends of every pair stay consistent.
             add.append(f"""    if ({is_p}) {{
@@ -773,6 +888,10 @@ void {cls.name}::Impl::inverseRemove({sig_other}, {META}::Property const &proper
 {"".join(remove)}    {base}::inverseRemove(other, property);
 }}
 
+bool {cls.name}::Impl::inverseContainsProxyTo({sig_other}, {META}::Property const &property) const {{
+{"".join(contains)}    return {base}::inverseContainsProxyTo(other, property);
+}}
+
 void {cls.name}::Impl::basicAssociate({sig_other}, {META}::Property const &property) {{
 {"".join(associate)}    {base}::basicAssociate(other, property);
 }}
@@ -850,6 +969,8 @@ namespace {mm.ns} {{
                 out.append(f"    {var}->setType({p.type}_);\n")
             if p.default:
                 out.append(f"    {var}->setDefaultValue(basalt::ustring(u\"{p.default}\"));\n")
+            if "nonUnique" in p.notes:
+                out.append(f"    {var}->setIsUnique(false);\n")
             for note, setter in (("readOnly", "setIsReadOnly"), ("transient", "setIsTransient"), ("sparse", "setIsSparse")):
                 if note in p.notes:
                     out.append(f"    {var}->{setter}(true);\n")

@@ -29,6 +29,16 @@ BenchPackage::BenchPackage() {
     setPropertyIndex(Library_name, 1);
     ::kivra::meta::detail::declareOwningClass(Library_name, Library_);
     Library_name->setType(registry().getPrimitiveType(u"String"));
+    Property const Library_books = createProperty(u"books", ::kivra::ValueFlags::Sequence, true, "d87b3eff-e89c-30f5-bb5b-531a3ef70f1f");
+    setPropertyIndex(Library_books, 2);
+    ::kivra::meta::detail::declareOwningClass(Library_books, Library_);
+    Library_books->setType(Book_);
+    Library_books->setIsUnique(false);
+    Property const Library_writers = createProperty(u"writers", ::kivra::ValueFlags::Sequence, true, "49e21a42-97d3-315a-8c00-fbc975e185dc");
+    setPropertyIndex(Library_writers, 3);
+    ::kivra::meta::detail::declareOwningClass(Library_writers, Library_);
+    Library_writers->setType(Writer_);
+    Library_writers->setIsUnique(false);
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "fd609fcb-916c-329a-b046-67dca4051200");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -43,25 +53,39 @@ BenchPackage::BenchPackage() {
     ::kivra::meta::detail::declareOwningClass(Book_category, Book_);
     Book_category->setType(registry().getPrimitiveType(u"Integer"));
     Book_category->setDefaultValue(basalt::ustring(u"0"));
+    Property const Book_authors = createProperty(u"authors", ::kivra::ValueFlags::Sequence, false, "dda62d17-7f6e-3b8b-b26d-84a38376d3ba");
+    setPropertyIndex(Book_authors, 4);
+    ::kivra::meta::detail::declareOwningClass(Book_authors, Book_);
+    Book_authors->setType(Writer_);
     Property const Writer_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15");
     setPropertyIndex(Writer_name, 1);
     ::kivra::meta::detail::declareOwningClass(Writer_name, Writer_);
     Writer_name->setType(registry().getPrimitiveType(u"String"));
+    Property const Writer_books = createProperty(u"books", ::kivra::ValueFlags::HashSet, false, "84cee18c-f871-3116-964a-dcc4f4e4d49f");
+    setPropertyIndex(Writer_books, 2);
+    ::kivra::meta::detail::declareOwningClass(Writer_books, Writer_);
+    Writer_books->setType(Book_);
     // Woven once every element exists.
+    Book_authors->setOpposite(Writer_books);
+    Writer_books->setOpposite(Book_authors);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("700e8b35-a382-3330-8372-c85baad4102b")) = Library_;
     registry().registerType(Library_);
     registry().registerProxyFactory(Library_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Library::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acb0a9d6-1016-3d80-af4a-658617a01c24")) = Library_name;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d87b3eff-e89c-30f5-bb5b-531a3ef70f1f")) = Library_books;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("49e21a42-97d3-315a-8c00-fbc975e185dc")) = Library_writers;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("90a41975-3c97-3cdf-bf7f-2ffb7fffeecf")) = Book_;
     registry().registerType(Book_);
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fd609fcb-916c-329a-b046-67dca4051200")) = Book_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("29c6ffef-98e5-321a-be27-87632cc043c0")) = Book_pages;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9588ce1f-c39b-326c-8f16-7d0c9971911c")) = Book_category;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dda62d17-7f6e-3b8b-b26d-84a38376d3ba")) = Book_authors;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a")) = Writer_;
     registry().registerType(Writer_);
     registry().registerProxyFactory(Writer_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Writer::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15")) = Writer_name;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")) = Writer_books;
     finish();
 }
 

@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -9,6 +10,7 @@
 #include <kivra/meta/detail/Metaclasses.hpp>
 #include <workload/BenchPackage.hpp>
 #include <workload/Book.hpp>
+#include <workload/Writer.hpp>
 
 namespace kivra::bench::workload {
 
@@ -34,6 +36,11 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Book::Impl::authorsProperty() {
+    static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dda62d17-7f6e-3b8b-b26d-84a38376d3ba")));
+    return slot;
+}
+
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Book element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -50,11 +57,46 @@ void Book::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Book::Impl::disassociateIncoming() {
+    if (authors_)
+        authors_->clear();
+    ::kivra::ModelElement::Impl::disassociateIncoming();
+}
+
+void Book::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    authors_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
+void Book::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {
+    // The model goes away: references let go, and far ends in other models read as none.
+    authors_.reset();
+    ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
+}
+
 void Book::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMember(*this, title_, value, titleIndex); }
 
 void Book::Impl::setPages(std::int32_t value) { ::kivra::detail::setMember(*this, pages_, value, pagesIndex); }
 
 void Book::Impl::setCategory(std::int32_t value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
+
+::kivra::ElementSequence<Writer> &Book::Impl::ensureAuthors() const {
+    if (!authors_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        authors_.reset(new ::kivra::ElementSequence<Writer>(_privateTag(), self, true, authorsProperty().get(), ::kivra::detail::oppositeOf(authorsProperty())));
+        self->_loadCollectionContents(*authors_);
+    }
+    return *authors_;
+}
+
+::kivra::ElementSequence<Writer> const &Book::Impl::getAuthors() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureAuthors());
+    return *authors_;
+}
+
+::kivra::ElementSequence<Writer> &Book::Impl::getAuthorsMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getAuthors()); }
 
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
@@ -65,6 +107,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return true;
     if (property == categoryProperty())
         return true;
+    if (property == authorsProperty())
+        return hasAuthors();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -77,6 +121,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return ::kivra::Value(pages_);
     if (property == categoryProperty())
         return ::kivra::Value(category_);
+    if (property == authorsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAuthorsMutable() : ensureAuthors(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -89,6 +135,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return setPages(value.get<std::int32_t>());
     if (property == categoryProperty())
         return setCategory(value.get<std::int32_t>());
+    if (property == authorsProperty())
+        return ::kivra::detail::assignCollection(getAuthorsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -102,6 +150,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return pagesProperty();
     case 3:
         return categoryProperty();
+    case 4:
+        return authorsProperty();
     default:
         return {};
     }
@@ -127,6 +177,9 @@ void Book::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::u
     case categoryIndex:
         own->category_ = category_;
         return;
+    case authorsIndex:
+        own->authors_ = ::kivra::detail::cloneCollection(authors_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -140,6 +193,8 @@ void Book::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
         pages_ = own->pages_;
     if (own->isChanged(categoryIndex))
         category_ = own->category_;
+    if (own->isChanged(authorsIndex))
+        ::kivra::detail::restoreCollection(ensureAuthors(), own->authors_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -163,7 +218,40 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), pages_);
     if (property == Impl::categoryProperty() && isChanged(Impl::categoryIndex))
         return ::kivra::Value(property->getType(), category_);
+    if (property == Impl::authorsProperty() && isChanged(Impl::authorsIndex))
+        return ::kivra::detail::oldCollectionValue(authors_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+}
+
+void Book::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == authorsProperty()) {
+        _basicAdd(ensureAuthors(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseAdd(other, property);
+}
+
+void Book::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == authorsProperty()) {
+        if (authors_)
+            _basicRemove(*authors_, other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Book::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == authorsProperty())
+        return authors_ && _basicContainsProxyTo(*authors_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
+void Book::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == authorsProperty()) {
+        _basicAdd(ensureAuthors(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::bench::workload

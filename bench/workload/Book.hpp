@@ -6,11 +6,13 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::bench::workload {
 
@@ -20,8 +22,9 @@ public:
     static constexpr std::uint64_t titleIndex = 1;
     static constexpr std::uint64_t pagesIndex = 2;
     static constexpr std::uint64_t categoryIndex = 3;
+    static constexpr std::uint64_t authorsIndex = 4;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 3;
+    static constexpr std::uint64_t propertyCount = 4;
 
     /// The description of `title`; empty until the metamodel is described.
     static ::kivra::meta::Property const &titleProperty();
@@ -29,6 +32,8 @@ public:
     static ::kivra::meta::Property const &pagesProperty();
     /// The description of `category`; empty until the metamodel is described.
     static ::kivra::meta::Property const &categoryProperty();
+    /// The description of `authors`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &authorsProperty();
 
     Class const &getMetaClass() const override;
 
@@ -41,6 +46,12 @@ public:
     std::int32_t getCategory() const noexcept { return category_; }
     void setCategory(std::int32_t value);
 
+    /// The `authors`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Writer> const &getAuthors() const;
+    ::kivra::ElementSequence<Writer> &getAuthorsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasAuthors() const noexcept { return authors_ && !authors_->empty(); }
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -51,15 +62,26 @@ public:
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class Book;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void disassociateIncoming() override;
+    void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Writer> &ensureAuthors() const;
 
     basalt::ustring title_{};
     std::int32_t pages_{0};
     std::int32_t category_{0};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.
@@ -74,6 +96,7 @@ private:
     basalt::ustring title_{};
     std::int32_t pages_{0};
     std::int32_t category_{0};
+    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
 };
 
 inline Book::Impl *Book::get() const noexcept {

@@ -2,13 +2,16 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 #include <workload/BenchPackage.hpp>
+#include <workload/Book.hpp>
 #include <workload/Library.hpp>
+#include <workload/Writer.hpp>
 
 namespace kivra::bench::workload {
 
@@ -21,6 +24,16 @@ Class const &Library::Impl::getMetaClass() const { return Library::metaClass(); 
 
 ::kivra::meta::Property const &Library::Impl::nameProperty() {
     static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acb0a9d6-1016-3d80-af4a-658617a01c24")));
+    return slot;
+}
+
+::kivra::meta::Property const &Library::Impl::booksProperty() {
+    static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d87b3eff-e89c-30f5-bb5b-531a3ef70f1f")));
+    return slot;
+}
+
+::kivra::meta::Property const &Library::Impl::writersProperty() {
+    static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("49e21a42-97d3-315a-8c00-fbc975e185dc")));
     return slot;
 }
 
@@ -37,16 +50,65 @@ Library Library::createProxy(::kivra::Model const &model, ::kivra::ProxyId const
 }
 
 void Library::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (books_ && !books_->empty())
+        ::kivra::detail::destroyChildren(*this, *books_, booksIndex, modelDestroying, multiModel);
+    if (writers_ && !writers_->empty())
+        ::kivra::detail::destroyChildren(*this, *writers_, writersIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Library::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    books_.reset();
+    writers_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
 void Library::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
+
+::kivra::ElementSequence<Book> &Library::Impl::ensureBooks() const {
+    if (!books_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, false, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*books_);
+    }
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> const &Library::Impl::getBooks() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> &Library::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
+
+::kivra::ElementSequence<Writer> &Library::Impl::ensureWriters() const {
+    if (!writers_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        writers_.reset(new ::kivra::ElementSequence<Writer>(_privateTag(), self, false, writersProperty().get(), ::kivra::detail::oppositeOf(writersProperty())));
+        self->_loadCollectionContents(*writers_);
+    }
+    return *writers_;
+}
+
+::kivra::ElementSequence<Writer> const &Library::Impl::getWriters() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureWriters());
+    return *writers_;
+}
+
+::kivra::ElementSequence<Writer> &Library::Impl::getWritersMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getWriters()); }
 
 bool Library::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
     if (property == nameProperty())
         return true;
+    if (property == booksProperty())
+        return hasBooks();
+    if (property == writersProperty())
+        return hasWriters();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -55,6 +117,10 @@ bool Library::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == nameProperty())
         return ::kivra::Value(name_);
+    if (property == booksProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+    if (property == writersProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getWritersMutable() : ensureWriters(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -63,6 +129,10 @@ void Library::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
     if (property == nameProperty())
         return setName(value.get<basalt::ustring>());
+    if (property == booksProperty())
+        return ::kivra::detail::assignCollection(getBooksMutable(), value);
+    if (property == writersProperty())
+        return ::kivra::detail::assignCollection(getWritersMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -72,6 +142,10 @@ void Library::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
     switch (index) {
     case 1:
         return nameProperty();
+    case 2:
+        return booksProperty();
+    case 3:
+        return writersProperty();
     default:
         return {};
     }
@@ -91,6 +165,12 @@ void Library::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std
     case nameIndex:
         own->name_ = name_;
         return;
+    case booksIndex:
+        own->books_ = ::kivra::detail::cloneCollection(books_.get());
+        return;
+    case writersIndex:
+        own->writers_ = ::kivra::detail::cloneCollection(writers_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -100,6 +180,10 @@ void Library::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *s
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(nameIndex))
         name_ = own->name_;
+    if (own->isChanged(booksIndex))
+        ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
+    if (own->isChanged(writersIndex))
+        ::kivra::detail::restoreCollection(ensureWriters(), own->writers_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -115,7 +199,57 @@ bool Library::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
         return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::nameProperty() && isChanged(Impl::nameIndex))
         return ::kivra::Value(property->getType(), name_);
+    if (property == Impl::booksProperty() && isChanged(Impl::booksIndex))
+        return ::kivra::detail::oldCollectionValue(books_, property);
+    if (property == Impl::writersProperty() && isChanged(Impl::writersIndex))
+        return ::kivra::detail::oldCollectionValue(writers_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+}
+
+void Library::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == writersProperty()) {
+        _basicAdd(ensureWriters(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseAdd(other, property);
+}
+
+void Library::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        if (books_)
+            _basicRemove(*books_, other);
+        return;
+    }
+    if (property.get() && property == writersProperty()) {
+        if (writers_)
+            _basicRemove(*writers_, other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Library::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == booksProperty())
+        return books_ && _basicContainsProxyTo(*books_, other);
+    if (property.get() && property == writersProperty())
+        return writers_ && _basicContainsProxyTo(*writers_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
+void Library::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == writersProperty()) {
+        _basicAdd(ensureWriters(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::bench::workload

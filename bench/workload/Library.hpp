@@ -6,11 +6,13 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::bench::workload {
 
@@ -18,16 +20,34 @@ namespace kivra::bench::workload {
 class Library::Impl : public ::kivra::ModelElement::Impl {
 public:
     static constexpr std::uint64_t nameIndex = 1;
+    static constexpr std::uint64_t booksIndex = 2;
+    static constexpr std::uint64_t writersIndex = 3;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 1;
+    static constexpr std::uint64_t propertyCount = 3;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
+    /// The description of `books`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &booksProperty();
+    /// The description of `writers`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &writersProperty();
 
     Class const &getMetaClass() const override;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
+
+    /// The `books`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Book> const &getBooks() const;
+    ::kivra::ElementSequence<Book> &getBooksMutable();
+    /// True when the collection was made and holds anything.
+    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+
+    /// The `writers`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Writer> const &getWriters() const;
+    ::kivra::ElementSequence<Writer> &getWritersMutable();
+    /// True when the collection was made and holds anything.
+    bool hasWriters() const noexcept { return writers_ && !writers_->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -39,13 +59,26 @@ public:
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class Library;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Book> &ensureBooks() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Writer> &ensureWriters() const;
 
     basalt::ustring name_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> writers_;
 };
 
 /// The old values of `Library`'s own members in a deep transaction.
@@ -58,6 +91,8 @@ public:
 private:
     friend class Library::Impl;
     basalt::ustring name_{};
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> writers_;
 };
 
 inline Library::Impl *Library::get() const noexcept {

@@ -2,12 +2,14 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 #include <workload/BenchPackage.hpp>
+#include <workload/Book.hpp>
 #include <workload/Writer.hpp>
 
 namespace kivra::bench::workload {
@@ -21,6 +23,11 @@ Class const &Writer::Impl::getMetaClass() const { return Writer::metaClass(); }
 
 ::kivra::meta::Property const &Writer::Impl::nameProperty() {
     static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15")));
+    return slot;
+}
+
+::kivra::meta::Property const &Writer::Impl::booksProperty() {
+    static ::kivra::meta::Property const &slot = (BenchPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")));
     return slot;
 }
 
@@ -40,13 +47,50 @@ void Writer::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Writer::Impl::disassociateIncoming() {
+    if (books_)
+        books_->clear();
+    ::kivra::ModelElement::Impl::disassociateIncoming();
+}
+
+void Writer::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    books_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
+void Writer::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {
+    // The model goes away: references let go, and far ends in other models read as none.
+    books_.reset();
+    ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
+}
+
 void Writer::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
+
+::kivra::UnorderedElementSet<Book> &Writer::Impl::ensureBooks() const {
+    if (!books_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        books_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*books_);
+    }
+    return *books_;
+}
+
+::kivra::UnorderedElementSet<Book> const &Writer::Impl::getBooks() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
+    return *books_;
+}
+
+::kivra::UnorderedElementSet<Book> &Writer::Impl::getBooksMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getBooks()); }
 
 bool Writer::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
     if (property == nameProperty())
         return true;
+    if (property == booksProperty())
+        return hasBooks();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -55,6 +99,8 @@ bool Writer::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == nameProperty())
         return ::kivra::Value(name_);
+    if (property == booksProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -63,6 +109,8 @@ void Writer::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
     if (property == nameProperty())
         return setName(value.get<basalt::ustring>());
+    if (property == booksProperty())
+        return ::kivra::detail::assignCollection(getBooksMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -72,6 +120,8 @@ void Writer::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
     switch (index) {
     case 1:
         return nameProperty();
+    case 2:
+        return booksProperty();
     default:
         return {};
     }
@@ -91,6 +141,9 @@ void Writer::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std:
     case nameIndex:
         own->name_ = name_;
         return;
+    case booksIndex:
+        own->books_ = ::kivra::detail::cloneCollection(books_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -100,6 +153,8 @@ void Writer::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *st
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(nameIndex))
         name_ = own->name_;
+    if (own->isChanged(booksIndex))
+        ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -115,7 +170,40 @@ bool Writer::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
         return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::nameProperty() && isChanged(Impl::nameIndex))
         return ::kivra::Value(property->getType(), name_);
+    if (property == Impl::booksProperty() && isChanged(Impl::booksIndex))
+        return ::kivra::detail::oldCollectionValue(books_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+}
+
+void Writer::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseAdd(other, property);
+}
+
+void Writer::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        if (books_)
+            _basicRemove(*books_, other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Writer::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == booksProperty())
+        return books_ && _basicContainsProxyTo(*books_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
+void Writer::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::bench::workload

@@ -7,10 +7,12 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::bench::workload {
 
@@ -18,16 +20,25 @@ namespace kivra::bench::workload {
 class Writer::Impl : public ::kivra::ModelElement::Impl {
 public:
     static constexpr std::uint64_t nameIndex = 1;
+    static constexpr std::uint64_t booksIndex = 2;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 1;
+    static constexpr std::uint64_t propertyCount = 2;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
+    /// The description of `books`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &booksProperty();
 
     Class const &getMetaClass() const override;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
+
+    /// The `books`, made on first use; each access resolves the proxies it holds.
+    ::kivra::UnorderedElementSet<Book> const &getBooks() const;
+    ::kivra::UnorderedElementSet<Book> &getBooksMutable();
+    /// True when the collection was made and holds anything.
+    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -39,13 +50,24 @@ public:
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class Writer;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void disassociateIncoming() override;
+    void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::UnorderedElementSet<Book> &ensureBooks() const;
 
     basalt::ustring name_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> books_;
 };
 
 /// The old values of `Writer`'s own members in a deep transaction.
@@ -58,6 +80,7 @@ public:
 private:
     friend class Writer::Impl;
     basalt::ustring name_{};
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> books_;
 };
 
 inline Writer::Impl *Writer::get() const noexcept {

@@ -193,6 +193,10 @@ void Note::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
+bool Note::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Note::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == notebookProperty()) {
         basicSetContainer(other.get(), Notebook::Impl::pinnedProperty(), notebookIndex);

@@ -179,6 +179,10 @@ void Notebook::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
+bool Notebook::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Notebook::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == pinnedProperty()) {
         notifyModifying(pinnedIndex);

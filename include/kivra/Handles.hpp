@@ -105,6 +105,11 @@ class ModelElement : protected detail::HandleBase {
 public:
     class Impl;
     class Builder;
+    /// The key that lets an element build the collections of its properties.
+    class CollectionPrivateTag {
+        friend class Impl;
+        CollectionPrivateTag() = default;
+    };
 
     ModelElement() noexcept = default;
 

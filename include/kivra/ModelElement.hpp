@@ -17,6 +17,7 @@
 namespace kivra {
 
 class ProxyId;
+class ReferenceCollection;
 
 /// The base of every element: the link to its container, its model, and the protocols
 /// by which it announces changes to its model and keeps both ends of its bidirectional
@@ -192,6 +193,17 @@ public:
     /// change on its end of the composite that held it.
     void _basicSetUncontained(Impl *element);
     void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
+
+    // --- The store-only level of collections: for the far end of an association -------
+
+    static void _basicAdd(ReferenceCollection &collection, ModelElement const &element);
+    static void _basicRemove(ReferenceCollection &collection, ModelElement const &element);
+    static void _basicClear(ReferenceCollection &collection);
+    static void _basicCopyValues(ReferenceCollection &collection, ReferenceCollection const &other);
+    static bool _basicContainsProxyTo(ReferenceCollection &collection, ModelElement const &element);
+    /// Fills a collection just made from the model's data source, when there is one.
+    void _loadCollectionContents(ReferenceCollection &collection);
+    static CollectionPrivateTag _privateTag() noexcept { return {}; }
 
     // --- Change records: called by the transaction ------------------------------------
 

@@ -6,6 +6,8 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <bit>
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -61,9 +63,9 @@ public:
         std::size_t c = hash & mask_;
         for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
             Chunk const &chunk = chunks_[c];
-            for (int i = 0; i < slotsPerChunk; ++i)
-                if (chunk.tags[i] == tag && chunk.slots[i]->getUuid() == uuid)
-                    return chunk.slots[i];
+            for (std::uint64_t m = matches(chunk, tag); m; m &= m - 1)
+                if (Element *candidate = chunk.slots[slotOf(m)]; candidate->getUuid() == uuid)
+                    return candidate;
             if (chunk.passing == 0)
                 break;
         }
@@ -72,11 +74,40 @@ public:
 
     /// Enters `element`; false, and nothing changes, when its UUID is taken.
     bool insert(Element *element) {
-        if (find(element->getUuid()))
-            return false;
         if ((size_ + 1) * 7 > capacity() * 6)
             grow();
-        place(element, uuidHash(element->getUuid()));
+        // One walk both looks for a namesake and finds the first free slot: the path of a
+        // search ends where nothing passed, and a free slot never lies beyond it.
+        boost::uuids::uuid const &uuid = element->getUuid();
+        std::size_t const hash = uuidHash(uuid);
+        std::uint8_t const tag = tagOf(hash);
+        std::size_t const stride = strideOf(tag);
+        std::size_t const home = hash & mask_;
+        Chunk *freeChunk = nullptr;
+        int freeSlot = 0;
+        std::size_t c = home;
+        for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
+            Chunk &chunk = chunks_[c];
+            for (std::uint64_t m = matches(chunk, tag); m; m &= m - 1)
+                if (chunk.slots[slotOf(m)]->getUuid() == uuid)
+                    return false;
+            if (!freeChunk)
+                if (std::uint64_t const m = empties(chunk)) {
+                    freeChunk = &chunk;
+                    freeSlot = slotOf(m);
+                }
+            if (chunk.passing == 0)
+                break;
+        }
+        if (!freeChunk) {
+            place(element, hash);
+        } else {
+            freeChunk->tags[freeSlot] = tag;
+            freeChunk->slots[freeSlot] = element;
+            for (std::size_t p = home; &chunks_[p] != freeChunk; p = (p + stride) & mask_)
+                if (chunks_[p].passing != saturated)
+                    ++chunks_[p].passing;
+        }
         ++size_;
         return true;
     }
@@ -144,6 +175,26 @@ private:
     static_assert(sizeof(Chunk) == 64);
 
     static std::uint8_t tagOf(std::size_t hash) noexcept { return std::uint8_t(0x80 | (hash >> 57)); }
+
+    // The seven tags and the passing count read as one word, tested a byte at a time with
+    // no loop: a byte of the result has its high bit set where the test holds.
+    static constexpr std::uint64_t tagOnes = 0x0001010101010101ull;
+    static constexpr std::uint64_t tagHighs = 0x0080808080808080ull;
+    static_assert(std::endian::native == std::endian::little, "slot i is byte i of the tag word");
+    static std::uint64_t tagWord(Chunk const &chunk) noexcept {
+        std::uint64_t word;
+        std::memcpy(&word, chunk.tags, sizeof word);
+        return word;
+    }
+    static std::uint64_t zeroBytes(std::uint64_t word) noexcept { return (word - tagOnes) & ~word & tagHighs; }
+    /// Slots whose tag may equal `tag`: a byte above an equal one can show falsely, so the
+    /// caller compares UUIDs.
+    static std::uint64_t matches(Chunk const &chunk, std::uint8_t tag) noexcept {
+        return zeroBytes(tagWord(chunk) ^ (tagOnes * tag));
+    }
+    /// Free slots, exactly: a used tag has its high bit set, so no borrow can fake one.
+    static std::uint64_t empties(Chunk const &chunk) noexcept { return zeroBytes(tagWord(chunk)); }
+    static int slotOf(std::uint64_t mask) noexcept { return __builtin_ctzll(mask) / 8; }
     static std::size_t strideOf(std::uint8_t tag) noexcept { return 2 * std::size_t(tag) + 1; }
     std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
 
@@ -153,12 +204,10 @@ private:
         std::size_t const stride = strideOf(tag);
         for (std::size_t c = hash & mask_;; c = (c + stride) & mask_) {
             Chunk &chunk = chunks_[c];
-            for (int i = 0; i < slotsPerChunk; ++i) {
-                if (chunk.tags[i] == 0) {
-                    chunk.tags[i] = tag;
-                    chunk.slots[i] = element;
-                    return;
-                }
+            if (std::uint64_t const m = empties(chunk)) {
+                chunk.tags[slotOf(m)] = tag;
+                chunk.slots[slotOf(m)] = element;
+                return;
             }
             if (chunk.passing != saturated)
                 ++chunk.passing;

@@ -101,6 +101,10 @@ ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement con
     return holder.getModelImpl()->resolveProxy(&holder, proxy);
 }
 
+ModelElement peekResolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy) {
+    return holder.getModelImpl()->peekResolveProxy(&holder, proxy);
+}
+
 bool mayStoreOnRead(ModelElement::Impl const &holder) noexcept { return !holder.getModelImpl()->isFrozen(); }
 } // namespace detail
 

@@ -4,6 +4,7 @@
 
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/DataType.hpp>
 #include <kivra/meta/Enum.hpp>
@@ -286,7 +287,14 @@ std::vector<Value> Value::extractEntryValues() const {
         return {*this};
     if (!managed_ && functions_ && functions_->entries)
         return functions_->entries(*this);
-    // Collections owned by elements read through their own collection interfaces.
+    // A collection that an element owns is read through the collection itself; primitive
+    // collections answer here once they exist.
+    if (managed_ && payload_ && isClass(type_)) {
+        std::vector<Value> entries;
+        for (ModelElement const &element : static_cast<ReferenceCollection const *>(payload_)->getAllValues())
+            entries.emplace_back(type_, element);
+        return entries;
+    }
     raise<messages::CannotCastIncompatibleTypes>(qualifiedName(type_));
 }
 

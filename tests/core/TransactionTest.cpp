@@ -203,9 +203,6 @@ TEST_F(TransactionTest, OriginsAndOrdinals) {
 // again, the whole content destroyed, nested levels that commit, roll back or are left by
 // an exception, and operations that fail and are caught. Elements are picked in UUID
 // order, so that the same seed on models of the same content does the same work.
-//
-// Not here yet: the writer of a book, whose far end is a list of books that the generated
-// classes do not keep so far.
 struct WorkOptions {
     // A nested level may end without a commit, which dooms the whole transaction.
     bool nestedRollBacks = true;
@@ -294,7 +291,7 @@ private:
     }
 
     void step(int depth) {
-        switch (random_() % 22) {
+        switch (random_() % 28) {
         case 0:
         case 1: createOrConflict(); break;
         case 2:
@@ -372,6 +369,31 @@ private:
             if (depth < 3)
                 nested(depth + 1);
             break;
+        case 19:
+            if (Author author = pick<Author>(); author.get())
+                listWork(author->getBooksMutable(), pick<Book>(), "books");
+            break;
+        case 20:
+            if (Book book = pick<Book>(); book.get())
+                note("writer"), book->setWriter(pickOrNone<Author>());
+            break;
+        case 21:
+            if (Shelf shelf = pick<Shelf>(); shelf.get())
+                listWork(shelf->getBooksMutable(), pick<Book>(), "shelf-books");
+            break;
+        case 22:
+            if (Book book = pick<Book>(); book.get())
+                listWork(book->getCoauthorsMutable(), pick<Author>(), "coauthors");
+            break;
+        case 23:
+            chapters();
+            break;
+        case 24:
+            if (Author author = pick<Author>(); author.get())
+                setWork(author->getCoauthoredMutable(), pick<Book>(), "coauthored");
+            if (Shelf shelf = pick<Shelf>(); shelf.get())
+                setWork(shelf->getRecommendedMutable(), pick<Book>(), "recommended");
+            break;
         default:
             if (depth > 0 || chance(2))
                 step(depth); // more weight on the setters
@@ -397,6 +419,52 @@ private:
             note("appendix-of"), inner->setAppendixOf(chance(4) ? Book() : outer);
         } else {
             note("appendix"), outer->setAppendix(inner);
+        }
+    }
+    // The list operations on either kind of list; children that would contain their
+    // container are refused before anything changes.
+    template <class V> void listWork(ElementSequence<V> &list, V const &element, char const *what) {
+        note(what);
+        std::size_t const size = list.size();
+        switch (random_() % 6) {
+        case 0: note("push"), list.push_back(element); break;
+        case 1: note("insert"), list.insert(list.begin() + std::ptrdiff_t(size ? random_() % (size + 1) : 0), element); break;
+        case 2:
+            if (size)
+                note("erase"), list.erase(list.begin() + std::ptrdiff_t(random_() % size));
+            break;
+        case 3:
+            if (size > 1)
+                note("swap"), list.swap(list.begin(), list.begin() + std::ptrdiff_t(size - 1));
+            break;
+        case 4: note("erase-element"), list.erase(element); break;
+        default: note("clear"), list.clear(); break;
+        }
+    }
+    template <class V> void setWork(UnorderedElementSet<V> &set, V const &element, char const *what) {
+        note(what);
+        switch (random_() % 3) {
+        case 0: note("insert"), set.insert(element); break;
+        case 1: note("erase"), set.erase(element); break;
+        default: note("clear"), set.clear(); break;
+        }
+    }
+    void chapters() {
+        Book outer = pick<Book>();
+        Book inner = pick<Book>();
+        if (!outer.get() || !inner.get())
+            return;
+        bool const fromChild = chance(2);
+        if (holds(inner, outer)) {
+            note("chapter-cycle");
+            if (fromChild)
+                EXPECT_THROW(inner->setChapterOf(outer), Error<messages::CircularContainment>);
+            else
+                EXPECT_THROW(outer->getChaptersMutable().push_back(inner), Error<messages::CircularContainment>);
+        } else if (fromChild) {
+            note("chapter-of"), inner->setChapterOf(chance(4) ? Book() : outer);
+        } else {
+            listWork(outer->getChaptersMutable(), inner, "chapters");
         }
     }
     static bool holds(Book const &outer, Book const &inner) {

@@ -2,6 +2,7 @@
 
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Property.hpp>
 
@@ -23,6 +24,15 @@ std::uintptr_t address(void const *object) { return reinterpret_cast<std::uintpt
 std::string describeValue(Value const &value, Identity identity) {
     if (!value.hasPayload())
         return "<none>";
+    // An element's collection: its entries in order, proxies where they stand.
+    if (isCollection(value.getFlags()) && value.isManaged()) {
+        std::string result = "[";
+        for (ModelElement const &entry :
+             static_cast<ReferenceCollection const *>(value.getPayload())->getAllValuesAndProxies())
+            result += (entry.get() && entry->isProxy() ? "proxy " : "") +
+                      describeValue(Value(ModelElement::metaClass(), entry), identity) + ",";
+        return result + "]";
+    }
     try {
         ModelElement const element = value.getElement();
         if (!element.get())

@@ -9,6 +9,9 @@ namespace kivra::detail {
 /// The element a proxy held by `holder` stands for, or the proxy itself.
 ModelElement resolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy);
 
+/// As `resolveHeldProxy`, looking only at models already present.
+ModelElement peekResolveHeldProxy(ModelElement::Impl const &holder, ModelElement const &proxy);
+
 /// False while `holder`'s model is frozen: other threads may then be reading the same
 /// member, so a read must leave it as it is.
 bool mayStoreOnRead(ModelElement::Impl const &holder) noexcept;
@@ -43,6 +46,22 @@ template <class H> H readReference(ModelElement::Impl const &holder, H &member) 
         member.reset();
     }
     return member;
+}
+
+/// Whether a reference member holds `other`, or a proxy that stands for it, which then
+/// takes its place: the far end's question while it resolves, which changes nothing.
+template <class H> bool holdsProxyTo(ModelElement::Impl const &holder, H &member, ModelElement const &other) {
+    if (member == other)
+        return true;
+    if (!member.get() || !member->isProxy() || !other.get())
+        return false;
+    if (peekResolveHeldProxy(holder, member) != other)
+        return false;
+    auto *impl = dynamic_cast<typename H::Impl *>(other.get());
+    if (!impl)
+        return false;
+    member = H::fromImpl(impl);
+    return true;
 }
 
 } // namespace kivra::detail

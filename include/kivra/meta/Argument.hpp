@@ -30,6 +30,8 @@ public:
 
     /// The containing `Parameterized`, when this element is held by its `arguments`.
     Parameterized getOperation() const;
+    /// Moves this element into `value`'s `arguments`, or out of its container.
+    void setOperation(Parameterized const &value);
 
     bool getIsInput() const noexcept { return isInput_; }
     void setIsInput(bool value);
@@ -46,6 +48,7 @@ public:
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:

@@ -50,6 +50,7 @@ public:
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 #include <kivra/meta/detail/ClassExtra.inc>

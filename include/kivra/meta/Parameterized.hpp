@@ -5,11 +5,13 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::meta {
 
@@ -24,18 +26,49 @@ public:
     static ::kivra::meta::Property const &argumentsProperty();
 
     Class const &getMetaClass() const override;
+
+    /// The `arguments`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Argument> const &getArguments() const;
+    ::kivra::ElementSequence<Argument> &getArgumentsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasArguments() const noexcept { return arguments_ && !arguments_->empty(); }
+
+    bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+    ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+    void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
-    using Storage = TypedElement::Impl::Storage;
+    class Storage;
     ::kivra::ModelElement::Impl::Changes *createChanges() const override;
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class Parameterized;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Argument> &ensureArguments() const;
+
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Argument>> arguments_;
+};
+
+/// The old values of `Parameterized`'s own members in a deep transaction.
+class Parameterized::Impl::Storage : public TypedElement::Impl::Storage {
+public:
+    using TypedElement::Impl::Storage::Storage;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class Parameterized::Impl;
+    mutable std::unique_ptr<::kivra::ElementSequence<Argument>> arguments_;
 };
 
 inline Parameterized::Impl *Parameterized::get() const noexcept {

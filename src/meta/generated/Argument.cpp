@@ -53,6 +53,10 @@ Parameterized Argument::Impl::getOperation() const {
     return Parameterized::fromImpl(dynamic_cast<Parameterized::Impl *>(containerImpl()));
 }
 
+void Argument::Impl::setOperation(Parameterized const &value) {
+    ::kivra::detail::setContainer(*this, value, Parameterized::Impl::argumentsProperty(), operationIndex);
+}
+
 void Argument::Impl::setIsInput(bool value) { ::kivra::detail::setMember(*this, isInput_, value, isInputIndex); }
 
 bool Argument::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
@@ -78,6 +82,8 @@ bool Argument::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
 void Argument::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return TypedElement::Impl::setPropertyValue(property, value, tag);
+    if (property == operationProperty())
+        return setOperation(Parameterized::fromImpl(::kivra::detail::elementAs<Parameterized::Impl>(value)));
     if (property == isInputProperty())
         return setIsInput(value.get<bool>());
     TypedElement::Impl::setPropertyValue(property, value, tag);
@@ -160,6 +166,10 @@ void Argument::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::
         return;
     }
     TypedElement::Impl::inverseRemove(other, property);
+}
+
+bool Argument::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return TypedElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Argument::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {

@@ -150,6 +150,10 @@ void Attribute::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra:
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
+bool Attribute::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Attribute::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == ownerProperty()) {
         basicSetContainer(other.get(), AttributeMap::Impl::attributesProperty(), ownerIndex);

@@ -149,6 +149,10 @@ void AttributeMapAttribute::Impl::inverseRemove(::kivra::ModelElement const &oth
     Attribute::Impl::inverseRemove(other, property);
 }
 
+bool AttributeMapAttribute::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return Attribute::Impl::inverseContainsProxyTo(other, property);
+}
+
 void AttributeMapAttribute::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == valueProperty()) {
         notifyModifying(valueIndex);

@@ -185,6 +185,12 @@ void Class::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::met
     StructuredType::Impl::inverseRemove(other, property);
 }
 
+bool Class::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == superclassProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Class &>(superclass_), other);
+    return StructuredType::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Class::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == superclassProperty()) {
         notifyModifying(superclassIndex);

@@ -168,6 +168,10 @@ void DynamicExtensions::Impl::inverseRemove(::kivra::ModelElement const &other, 
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
+bool DynamicExtensions::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void DynamicExtensions::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == owningClassProperty()) {
         basicSetContainer(other.get(), Class::Impl::extensionsProperty(), owningClassIndex);

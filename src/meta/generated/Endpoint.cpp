@@ -162,6 +162,10 @@ void Endpoint::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::
     Parameterized::Impl::inverseRemove(other, property);
 }
 
+bool Endpoint::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return Parameterized::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Endpoint::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == owningPackageProperty()) {
         basicSetContainer(other.get(), Package::Impl::ownedEndpointsProperty(), owningPackageIndex);

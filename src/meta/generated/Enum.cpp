@@ -158,6 +158,12 @@ void Enum::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
     Type::Impl::inverseRemove(other, property);
 }
 
+bool Enum::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == underlyingTypeProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<PrimitiveType &>(underlyingType_), other);
+    return Type::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Enum::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == underlyingTypeProperty()) {
         notifyModifying(underlyingTypeIndex);

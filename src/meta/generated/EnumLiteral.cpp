@@ -186,6 +186,10 @@ void EnumLiteral::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivr
     NamedElement::Impl::inverseRemove(other, property);
 }
 
+bool EnumLiteral::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return NamedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void EnumLiteral::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == parentEnumProperty()) {
         basicSetContainer(other.get(), Enum::Impl::literalsProperty(), parentEnumIndex);

@@ -131,6 +131,10 @@ void Extension::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra:
     Property::Impl::inverseRemove(other, property);
 }
 
+bool Extension::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return Property::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Extension::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == ownerProperty()) {
         basicSetContainer(other.get(), DynamicExtensions::Impl::extensionsProperty(), ownerIndex);

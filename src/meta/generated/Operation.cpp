@@ -234,6 +234,10 @@ void Operation::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra:
     Parameterized::Impl::inverseRemove(other, property);
 }
 
+bool Operation::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return Parameterized::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Operation::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == owningTypeProperty()) {
         basicSetContainer(other.get(), StructuredType::Impl::ownedOperationsProperty(), owningTypeIndex);

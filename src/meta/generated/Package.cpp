@@ -237,6 +237,10 @@ void Package::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::m
     NamedElement::Impl::inverseRemove(other, property);
 }
 
+bool Package::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return NamedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Package::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == parentPackageProperty()) {
         basicSetContainer(other.get(), Package::Impl::nestedPackagesProperty(), parentPackageIndex);

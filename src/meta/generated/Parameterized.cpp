@@ -2,8 +2,10 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
+#include <kivra/meta/Argument.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Parameterized.hpp>
 #include <kivra/meta/Property.hpp>
@@ -24,7 +26,56 @@ Class const &Parameterized::Impl::getMetaClass() const { return Parameterized::m
 }
 
 void Parameterized::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (arguments_ && !arguments_->empty())
+        ::kivra::detail::destroyChildren(*this, *arguments_, argumentsIndex, modelDestroying, multiModel);
     TypedElement::Impl::doDestroy(modelDestroying, multiModel);
+}
+
+void Parameterized::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    arguments_.reset();
+    TypedElement::Impl::basicDisassociateAll();
+}
+
+::kivra::ElementSequence<Argument> &Parameterized::Impl::ensureArguments() const {
+    if (!arguments_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        arguments_.reset(new ::kivra::ElementSequence<Argument>(_privateTag(), self, true, argumentsProperty().get(), ::kivra::detail::oppositeOf(argumentsProperty())));
+        self->_loadCollectionContents(*arguments_);
+    }
+    return *arguments_;
+}
+
+::kivra::ElementSequence<Argument> const &Parameterized::Impl::getArguments() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureArguments());
+    return *arguments_;
+}
+
+::kivra::ElementSequence<Argument> &Parameterized::Impl::getArgumentsMutable() { return const_cast<::kivra::ElementSequence<Argument> &>(getArguments()); }
+
+bool Parameterized::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return TypedElement::Impl::hasPropertyValue(property, tag);
+    if (property == argumentsProperty())
+        return hasArguments();
+    return TypedElement::Impl::hasPropertyValue(property, tag);
+}
+
+::kivra::Value Parameterized::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return TypedElement::Impl::getPropertyValue(property, tag);
+    if (property == argumentsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getArgumentsMutable() : ensureArguments(), property);
+    return TypedElement::Impl::getPropertyValue(property, tag);
+}
+
+void Parameterized::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
+    if (!property.get())
+        return TypedElement::Impl::setPropertyValue(property, value, tag);
+    if (property == argumentsProperty())
+        return ::kivra::detail::assignCollection(getArgumentsMutable(), value);
+    TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 
 ::kivra::meta::Property Parameterized::Impl::getPropertyByIndex(std::uint64_t index) const {
@@ -47,14 +98,60 @@ void Parameterized::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 }
 
 void Parameterized::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     switch (index) {
+    case argumentsIndex:
+        own->arguments_ = ::kivra::detail::cloneCollection(arguments_.get());
+        return;
     default:
         TypedElement::Impl::copyValue(storage, index);
     }
 }
 
 void Parameterized::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(argumentsIndex))
+        ::kivra::detail::restoreCollection(ensureArguments(), own->arguments_.get());
     TypedElement::Impl::copyStateFromStorage(storage);
+}
+
+::kivra::Value Parameterized::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return TypedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::argumentsProperty() && isChanged(Impl::argumentsIndex))
+        return ::kivra::detail::oldCollectionValue(arguments_, property);
+    return TypedElement::Impl::Storage::getOldValue(property, tag);
+}
+
+void Parameterized::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == argumentsProperty()) {
+        _basicAdd(ensureArguments(), other);
+        return;
+    }
+    TypedElement::Impl::inverseAdd(other, property);
+}
+
+void Parameterized::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == argumentsProperty()) {
+        if (arguments_)
+            _basicRemove(*arguments_, other);
+        return;
+    }
+    TypedElement::Impl::inverseRemove(other, property);
+}
+
+bool Parameterized::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == argumentsProperty())
+        return arguments_ && _basicContainsProxyTo(*arguments_, other);
+    return TypedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
+void Parameterized::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == argumentsProperty()) {
+        _basicAdd(ensureArguments(), other);
+        return;
+    }
+    TypedElement::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::meta

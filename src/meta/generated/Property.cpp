@@ -643,6 +643,14 @@ void Property::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::
     TypedElement::Impl::inverseRemove(other, property);
 }
 
+bool Property::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == qualifiedByProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Property &>(qualifiedBy_), other);
+    if (property.get() && property == oppositeProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Property &>(opposite_), other);
+    return TypedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Property::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == qualifiedByProperty()) {
         notifyModifying(qualifiedByIndex);

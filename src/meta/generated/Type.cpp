@@ -186,6 +186,10 @@ void Type::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
     NamedElement::Impl::inverseRemove(other, property);
 }
 
+bool Type::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    return NamedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void Type::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == owningPackageProperty()) {
         basicSetContainer(other.get(), Package::Impl::ownedTypesProperty(), owningPackageIndex);

@@ -252,6 +252,12 @@ void TypedElement::Impl::inverseRemove(::kivra::ModelElement const &other, ::kiv
     NamedElement::Impl::inverseRemove(other, property);
 }
 
+bool TypedElement::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == typeProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Type &>(type_), other);
+    return NamedElement::Impl::inverseContainsProxyTo(other, property);
+}
+
 void TypedElement::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == typeProperty()) {
         notifyModifying(typeIndex);

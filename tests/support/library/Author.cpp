@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -35,6 +36,11 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Author::Impl::coauthoredProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6731b929-bad2-37e3-b0e4-aa3dc912fe45")));
+    return slot;
+}
+
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Author element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -54,18 +60,26 @@ void Author::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 void Author::Impl::disassociateIncoming() {
     if (favourite_.get())
         setFavourite({});
+    if (books_)
+        books_->clear();
+    if (coauthored_)
+        coauthored_->clear();
     ::kivra::ModelElement::Impl::disassociateIncoming();
 }
 
 void Author::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
     favourite_.reset();
+    books_.reset();
+    coauthored_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
 void Author::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {
     // The model goes away: references let go, and far ends in other models read as none.
     favourite_.reset();
+    books_.reset();
+    coauthored_.reset();
     ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
@@ -79,6 +93,40 @@ void Author::Impl::setFavourite(Book const &value) {
     ::kivra::detail::setReference(*this, favourite_, value, favouriteProperty(), favouriteIndex);
 }
 
+::kivra::ElementSequence<Book> &Author::Impl::ensureBooks() const {
+    if (!books_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*books_);
+    }
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> const &Author::Impl::getBooks() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> &Author::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
+
+::kivra::UnorderedElementSet<Book> &Author::Impl::ensureCoauthored() const {
+    if (!coauthored_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        coauthored_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, coauthoredProperty().get(), ::kivra::detail::oppositeOf(coauthoredProperty())));
+        self->_loadCollectionContents(*coauthored_);
+    }
+    return *coauthored_;
+}
+
+::kivra::UnorderedElementSet<Book> const &Author::Impl::getCoauthored() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCoauthored());
+    return *coauthored_;
+}
+
+::kivra::UnorderedElementSet<Book> &Author::Impl::getCoauthoredMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getCoauthored()); }
+
 bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -86,6 +134,10 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return true;
     if (property == favouriteProperty())
         return favourite_.get() != nullptr;
+    if (property == booksProperty())
+        return hasBooks();
+    if (property == coauthoredProperty())
+        return hasCoauthored();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -96,6 +148,10 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::Value(name_);
     if (property == favouriteProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFavourite()) : ::kivra::ModelElement(favourite_));
+    if (property == booksProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+    if (property == coauthoredProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthoredMutable() : ensureCoauthored(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -106,6 +162,10 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return setName(value.get<basalt::ustring>());
     if (property == favouriteProperty())
         return setFavourite(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+    if (property == booksProperty())
+        return ::kivra::detail::assignCollection(getBooksMutable(), value);
+    if (property == coauthoredProperty())
+        return ::kivra::detail::assignCollection(getCoauthoredMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -119,6 +179,8 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return favouriteProperty();
     case 3:
         return booksProperty();
+    case 4:
+        return coauthoredProperty();
     default:
         return {};
     }
@@ -141,6 +203,12 @@ void Author::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std:
     case favouriteIndex:
         own->favourite_ = favourite_;
         return;
+    case booksIndex:
+        own->books_ = ::kivra::detail::cloneCollection(books_.get());
+        return;
+    case coauthoredIndex:
+        own->coauthored_ = ::kivra::detail::cloneCollection(coauthored_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -152,6 +220,10 @@ void Author::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *st
         name_ = own->name_;
     if (own->isChanged(favouriteIndex))
         favourite_ = own->favourite_;
+    if (own->isChanged(booksIndex))
+        ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
+    if (own->isChanged(coauthoredIndex))
+        ::kivra::detail::restoreCollection(ensureCoauthored(), own->coauthored_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -169,6 +241,10 @@ bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
         return ::kivra::Value(property->getType(), name_);
     if (property == Impl::favouriteProperty() && isChanged(Impl::favouriteIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(favourite_));
+    if (property == Impl::booksProperty() && isChanged(Impl::booksIndex))
+        return ::kivra::detail::oldCollectionValue(books_, property);
+    if (property == Impl::coauthoredProperty() && isChanged(Impl::coauthoredIndex))
+        return ::kivra::detail::oldCollectionValue(coauthored_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -178,6 +254,14 @@ void Author::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta:
         Book const old = std::exchange(favourite_, Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other)));
         if (old.get() && old != favourite_ && property->getOpposite())
             _inverseRemoveThis(old.get(), property->getOpposite());
+        return;
+    }
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == coauthoredProperty()) {
+        _basicAdd(ensureCoauthored(), other);
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -191,13 +275,41 @@ void Author::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::me
         }
         return;
     }
+    if (property.get() && property == booksProperty()) {
+        if (books_)
+            _basicRemove(*books_, other);
+        return;
+    }
+    if (property.get() && property == coauthoredProperty()) {
+        if (coauthored_)
+            _basicRemove(*coauthored_, other);
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Author::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == favouriteProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Book &>(favourite_), other);
+    if (property.get() && property == booksProperty())
+        return books_ && _basicContainsProxyTo(*books_, other);
+    if (property.get() && property == coauthoredProperty())
+        return coauthored_ && _basicContainsProxyTo(*coauthored_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Author::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
     if (property.get() && property == favouriteProperty()) {
         notifyModifying(favouriteIndex);
         favourite_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other));
+        return;
+    }
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == coauthoredProperty()) {
+        _basicAdd(ensureCoauthored(), other);
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

@@ -6,11 +6,14 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::test::library {
 
@@ -20,8 +23,9 @@ public:
     static constexpr std::uint64_t nameIndex = 1;
     static constexpr std::uint64_t favouriteIndex = 2;
     static constexpr std::uint64_t booksIndex = 3;
+    static constexpr std::uint64_t coauthoredIndex = 4;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 3;
+    static constexpr std::uint64_t propertyCount = 4;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
@@ -29,6 +33,8 @@ public:
     static ::kivra::meta::Property const &favouriteProperty();
     /// The description of `books`; empty until the metamodel is described.
     static ::kivra::meta::Property const &booksProperty();
+    /// The description of `coauthored`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &coauthoredProperty();
 
     Class const &getMetaClass() const override;
 
@@ -38,6 +44,18 @@ public:
     /// The referenced `Book`, resolved when it is a proxy; empty when none.
     Book getFavourite() const;
     void setFavourite(Book const &value);
+
+    /// The `books`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Book> const &getBooks() const;
+    ::kivra::ElementSequence<Book> &getBooksMutable();
+    /// True when the collection was made and holds anything.
+    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+
+    /// The `coauthored`, made on first use; each access resolves the proxies it holds.
+    ::kivra::UnorderedElementSet<Book> const &getCoauthored() const;
+    ::kivra::UnorderedElementSet<Book> &getCoauthoredMutable();
+    /// True when the collection was made and holds anything.
+    bool hasCoauthored() const noexcept { return coauthored_ && !coauthored_->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -51,6 +69,7 @@ public:
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
@@ -60,9 +79,17 @@ protected:
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Book> &ensureBooks() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::UnorderedElementSet<Book> &ensureCoauthored() const;
 
     basalt::ustring name_{};
     Book favourite_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
 };
 
 /// The old values of `Author`'s own members in a deep transaction.
@@ -76,6 +103,8 @@ private:
     friend class Author::Impl;
     basalt::ustring name_{};
     Book favourite_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
 };
 
 inline Author::Impl *Author::get() const noexcept {

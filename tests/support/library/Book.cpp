@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -71,6 +72,21 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Book::Impl::chaptersProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d8093c19-4e12-3673-9c6d-e0093bdb1077")));
+    return slot;
+}
+
+::kivra::meta::Property const &Book::Impl::chapterOfProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5dc86408-23b8-367f-bb39-3e3d503d45b0")));
+    return slot;
+}
+
+::kivra::meta::Property const &Book::Impl::coauthorsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")));
+    return slot;
+}
+
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Book element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -88,12 +104,18 @@ void Book::Impl::doDestroy(bool modelDestroying, bool multiModel) {
         notifyModifying(appendixIndex);
     if (Book const child = std::move(appendix_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
+    if (chapters_ && !chapters_->empty())
+        ::kivra::detail::destroyChildren(*this, *chapters_, chaptersIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
 void Book::Impl::disassociateIncoming() {
     if (author_.get())
         setAuthor({});
+    if (writer_.get())
+        setWriter({});
+    if (coauthors_)
+        coauthors_->clear();
     ::kivra::ModelElement::Impl::disassociateIncoming();
 }
 
@@ -101,7 +123,10 @@ void Book::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
     author_.reset();
     sequel_.reset();
+    writer_.reset();
     appendix_.reset();
+    chapters_.reset();
+    coauthors_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
@@ -109,6 +134,8 @@ void Book::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::k
     // The model goes away: references let go, and far ends in other models read as none.
     author_.reset();
     sequel_.reset();
+    writer_.reset();
+    coauthors_.reset();
     ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
@@ -146,6 +173,14 @@ void Book::Impl::setSequel(Book const &value) {
     ::kivra::detail::setReference(*this, sequel_, value, sequelProperty(), sequelIndex);
 }
 
+Author Book::Impl::getWriter() const {
+    return ::kivra::detail::readReference(*this, const_cast<Author &>(writer_));
+}
+
+void Book::Impl::setWriter(Author const &value) {
+    ::kivra::detail::setReference(*this, writer_, value, writerProperty(), writerIndex);
+}
+
 void Book::Impl::setIsbn(boost::optional<std::string> const &value) { ::kivra::detail::setMember(*this, isbn_, value, isbnIndex); }
 
 Book Book::Impl::getAppendix() const {
@@ -168,6 +203,52 @@ void Book::Impl::setAppendixOf(Book const &value) {
     ::kivra::detail::setContainer(*this, value, Book::Impl::appendixProperty(), appendixOfIndex);
 }
 
+::kivra::ElementSequence<Book> &Book::Impl::ensureChapters() const {
+    if (!chapters_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        chapters_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, chaptersProperty().get(), ::kivra::detail::oppositeOf(chaptersProperty())));
+        self->_loadCollectionContents(*chapters_);
+    }
+    return *chapters_;
+}
+
+::kivra::ElementSequence<Book> const &Book::Impl::getChapters() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureChapters());
+    return *chapters_;
+}
+
+::kivra::ElementSequence<Book> &Book::Impl::getChaptersMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getChapters()); }
+
+Book Book::Impl::getChapterOf() const {
+    // Held by its container's `chapters`: the container is the value.
+    ::kivra::meta::Property const &feature = Book::Impl::chaptersProperty();
+    if (feature.get() && containmentFeatureImpl() != feature.get())
+        return {};
+    return Book::fromImpl(dynamic_cast<Book::Impl *>(containerImpl()));
+}
+
+void Book::Impl::setChapterOf(Book const &value) {
+    ::kivra::detail::setContainer(*this, value, Book::Impl::chaptersProperty(), chapterOfIndex);
+}
+
+::kivra::ElementSequence<Author> &Book::Impl::ensureCoauthors() const {
+    if (!coauthors_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        coauthors_.reset(new ::kivra::ElementSequence<Author>(_privateTag(), self, true, coauthorsProperty().get(), ::kivra::detail::oppositeOf(coauthorsProperty())));
+        self->_loadCollectionContents(*coauthors_);
+    }
+    return *coauthors_;
+}
+
+::kivra::ElementSequence<Author> const &Book::Impl::getCoauthors() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCoauthors());
+    return *coauthors_;
+}
+
+::kivra::ElementSequence<Author> &Book::Impl::getCoauthorsMutable() { return const_cast<::kivra::ElementSequence<Author> &>(getCoauthors()); }
+
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -183,12 +264,20 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return true;
     if (property == sequelProperty())
         return sequel_.get() != nullptr;
+    if (property == writerProperty())
+        return writer_.get() != nullptr;
     if (property == isbnProperty() && tag.isPrivileged())
         return isbn_.has_value();
     if (property == appendixProperty())
         return appendix_.get() != nullptr;
     if (property == appendixOfProperty())
         return getAppendixOf().get() != nullptr;
+    if (property == chaptersProperty())
+        return hasChapters();
+    if (property == chapterOfProperty())
+        return getChapterOf().get() != nullptr;
+    if (property == coauthorsProperty())
+        return hasCoauthors();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -207,12 +296,20 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return ::kivra::Value(pages_);
     if (property == sequelProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSequel()) : ::kivra::ModelElement(sequel_));
+    if (property == writerProperty())
+        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getWriter()) : ::kivra::ModelElement(writer_));
     if (property == isbnProperty() && tag.isPrivileged())
         return isbn_ ? ::kivra::Value(*isbn_) : ::kivra::Value(property->getType(), boost::none);
     if (property == appendixProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAppendix()) : ::kivra::ModelElement(appendix_));
     if (property == appendixOfProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getAppendixOf()));
+    if (property == chaptersProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getChaptersMutable() : ensureChapters(), property);
+    if (property == chapterOfProperty())
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getChapterOf()));
+    if (property == coauthorsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthorsMutable() : ensureCoauthors(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -231,12 +328,20 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return setPages(value.get<std::int32_t>());
     if (property == sequelProperty())
         return setSequel(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+    if (property == writerProperty())
+        return setWriter(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
     if (property == isbnProperty() && tag.isPrivileged())
         return setIsbn(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
     if (property == appendixProperty())
         return setAppendix(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
     if (property == appendixOfProperty())
         return setAppendixOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+    if (property == chaptersProperty())
+        return ::kivra::detail::assignCollection(getChaptersMutable(), value);
+    if (property == chapterOfProperty())
+        return setChapterOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+    if (property == coauthorsProperty())
+        return ::kivra::detail::assignCollection(getCoauthorsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -264,6 +369,12 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return appendixProperty();
     case 10:
         return appendixOfProperty();
+    case 11:
+        return chaptersProperty();
+    case 12:
+        return chapterOfProperty();
+    case 13:
+        return coauthorsProperty();
     default:
         return {};
     }
@@ -295,16 +406,28 @@ void Book::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::u
     case sequelIndex:
         own->sequel_ = sequel_;
         return;
+    case writerIndex:
+        own->writer_ = writer_;
+        return;
     case isbnIndex:
         own->isbn_ = isbn_;
         return;
     case appendixIndex:
         own->appendix_ = appendix_;
         return;
+    case chaptersIndex:
+        own->chapters_ = ::kivra::detail::cloneCollection(chapters_.get());
+        return;
+    case coauthorsIndex:
+        own->coauthors_ = ::kivra::detail::cloneCollection(coauthors_.get());
+        return;
     case shelfIndex:
         storage->setOldContainer(container(), containmentFeature());
         return;
     case appendixOfIndex:
+        storage->setOldContainer(container(), containmentFeature());
+        return;
+    case chapterOfIndex:
         storage->setOldContainer(container(), containmentFeature());
         return;
     default:
@@ -324,10 +447,16 @@ void Book::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
         pages_ = own->pages_;
     if (own->isChanged(sequelIndex))
         sequel_ = own->sequel_;
+    if (own->isChanged(writerIndex))
+        writer_ = own->writer_;
     if (own->isChanged(isbnIndex))
         isbn_ = own->isbn_;
     if (own->isChanged(appendixIndex))
         appendix_ = own->appendix_;
+    if (own->isChanged(chaptersIndex))
+        ::kivra::detail::restoreCollection(ensureChapters(), own->chapters_.get());
+    if (own->isChanged(coauthorsIndex))
+        ::kivra::detail::restoreCollection(ensureCoauthors(), own->coauthors_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -357,14 +486,22 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), pages_);
     if (property == Impl::sequelProperty() && isChanged(Impl::sequelIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(sequel_));
+    if (property == Impl::writerProperty() && isChanged(Impl::writerIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(writer_));
     if (property == Impl::isbnProperty() && isChanged(Impl::isbnIndex) && tag.isPrivileged())
         return ::kivra::Value(property->getType(), isbn_, false);
     if (property == Impl::appendixProperty() && isChanged(Impl::appendixIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(appendix_));
+    if (property == Impl::chaptersProperty() && isChanged(Impl::chaptersIndex))
+        return ::kivra::detail::oldCollectionValue(chapters_, property);
+    if (property == Impl::coauthorsProperty() && isChanged(Impl::coauthorsIndex))
+        return ::kivra::detail::oldCollectionValue(coauthors_, property);
     if (property == Impl::shelfProperty() && isChanged(Impl::shelfIndex))
         return ::kivra::Value(property->getType(), getOldContainerBy(Shelf::Impl::featuredProperty()));
     if (property == Impl::appendixOfProperty() && isChanged(Impl::appendixOfIndex))
         return ::kivra::Value(property->getType(), getOldContainerBy(Book::Impl::appendixProperty()));
+    if (property == Impl::chapterOfProperty() && isChanged(Impl::chapterOfIndex))
+        return ::kivra::Value(property->getType(), getOldContainerBy(Book::Impl::chaptersProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -390,6 +527,13 @@ void Book::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::P
             _inverseRemoveThis(old.get(), property->getOpposite());
         return;
     }
+    if (property.get() && property == writerProperty()) {
+        notifyModifying(writerIndex);
+        Author const old = std::exchange(writer_, Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(other)));
+        if (old.get() && old != writer_ && property->getOpposite())
+            _inverseRemoveThis(old.get(), property->getOpposite());
+        return;
+    }
     if (property.get() && property == appendixProperty()) {
         notifyModifying(appendixIndex);
         Book const old = std::exchange(appendix_, Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other)));
@@ -402,6 +546,21 @@ void Book::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::P
         if (!isTopLevel())
             makeUncontained();
         basicSetContainer(other.get(), Book::Impl::appendixProperty(), appendixOfIndex);
+        return;
+    }
+    if (property.get() && property == chaptersProperty()) {
+        _basicAdd(ensureChapters(), other);
+        return;
+    }
+    if (property.get() && property == chapterOfProperty()) {
+        notifyModifying(chapterOfIndex);
+        if (!isTopLevel())
+            makeUncontained();
+        basicSetContainer(other.get(), Book::Impl::chaptersProperty(), chapterOfIndex);
+        return;
+    }
+    if (property.get() && property == coauthorsProperty()) {
+        _basicAdd(ensureCoauthors(), other);
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -427,6 +586,13 @@ void Book::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
         }
         return;
     }
+    if (property.get() && property == writerProperty()) {
+        if (writer_ == other) {
+            notifyModifying(writerIndex);
+            writer_.reset();
+        }
+        return;
+    }
     if (property.get() && property == appendixProperty()) {
         if (appendix_ == other) {
             notifyModifying(appendixIndex);
@@ -439,7 +605,36 @@ void Book::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
         basicSetContainer(nullptr, Book::Impl::appendixProperty(), appendixOfIndex);
         return;
     }
+    if (property.get() && property == chaptersProperty()) {
+        if (chapters_)
+            _basicRemove(*chapters_, other);
+        return;
+    }
+    if (property.get() && property == chapterOfProperty()) {
+        notifyModifying(chapterOfIndex);
+        basicSetContainer(nullptr, Book::Impl::chaptersProperty(), chapterOfIndex);
+        return;
+    }
+    if (property.get() && property == coauthorsProperty()) {
+        if (coauthors_)
+            _basicRemove(*coauthors_, other);
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Book::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == authorProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Author &>(author_), other);
+    if (property.get() && property == sequelProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Book &>(sequel_), other);
+    if (property.get() && property == writerProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Author &>(writer_), other);
+    if (property.get() && property == chaptersProperty())
+        return chapters_ && _basicContainsProxyTo(*chapters_, other);
+    if (property.get() && property == coauthorsProperty())
+        return coauthors_ && _basicContainsProxyTo(*coauthors_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Book::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
@@ -457,6 +652,11 @@ void Book::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::met
         sequel_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other));
         return;
     }
+    if (property.get() && property == writerProperty()) {
+        notifyModifying(writerIndex);
+        writer_ = Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(other));
+        return;
+    }
     if (property.get() && property == appendixProperty()) {
         notifyModifying(appendixIndex);
         Book const child = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other));
@@ -467,6 +667,18 @@ void Book::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::met
     }
     if (property.get() && property == appendixOfProperty()) {
         basicSetContainer(other.get(), Book::Impl::appendixProperty(), appendixOfIndex);
+        return;
+    }
+    if (property.get() && property == chaptersProperty()) {
+        _basicAdd(ensureChapters(), other);
+        return;
+    }
+    if (property.get() && property == chapterOfProperty()) {
+        basicSetContainer(other.get(), Book::Impl::chaptersProperty(), chapterOfIndex);
+        return;
+    }
+    if (property.get() && property == coauthorsProperty()) {
+        _basicAdd(ensureCoauthors(), other);
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

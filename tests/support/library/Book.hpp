@@ -6,11 +6,13 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace kivra::test::library {
@@ -28,8 +30,11 @@ public:
     static constexpr std::uint64_t isbnIndex = 8;
     static constexpr std::uint64_t appendixIndex = 9;
     static constexpr std::uint64_t appendixOfIndex = 10;
+    static constexpr std::uint64_t chaptersIndex = 11;
+    static constexpr std::uint64_t chapterOfIndex = 12;
+    static constexpr std::uint64_t coauthorsIndex = 13;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 10;
+    static constexpr std::uint64_t propertyCount = 13;
 
     /// The description of `title`; empty until the metamodel is described.
     static ::kivra::meta::Property const &titleProperty();
@@ -51,6 +56,12 @@ public:
     static ::kivra::meta::Property const &appendixProperty();
     /// The description of `appendixOf`; empty until the metamodel is described.
     static ::kivra::meta::Property const &appendixOfProperty();
+    /// The description of `chapters`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &chaptersProperty();
+    /// The description of `chapterOf`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &chapterOfProperty();
+    /// The description of `coauthors`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &coauthorsProperty();
 
     Class const &getMetaClass() const override;
 
@@ -77,6 +88,10 @@ public:
     Book getSequel() const;
     void setSequel(Book const &value);
 
+    /// The referenced `Author`, resolved when it is a proxy; empty when none.
+    Author getWriter() const;
+    void setWriter(Author const &value);
+
     boost::optional<std::string> const &getIsbn() const noexcept { return isbn_; }
     bool hasIsbn() const noexcept { return isbn_.has_value(); }
     void setIsbn(boost::optional<std::string> const &value);
@@ -90,6 +105,23 @@ public:
     /// Moves this element into `value`'s `appendix`, or out of its container.
     void setAppendixOf(Book const &value);
 
+    /// The `chapters`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Book> const &getChapters() const;
+    ::kivra::ElementSequence<Book> &getChaptersMutable();
+    /// True when the collection was made and holds anything.
+    bool hasChapters() const noexcept { return chapters_ && !chapters_->empty(); }
+
+    /// The containing `Book`, when this element is held by its `chapters`.
+    Book getChapterOf() const;
+    /// Moves this element into `value`'s `chapters`, or out of its container.
+    void setChapterOf(Book const &value);
+
+    /// The `coauthors`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Author> const &getCoauthors() const;
+    ::kivra::ElementSequence<Author> &getCoauthorsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasCoauthors() const noexcept { return coauthors_ && !coauthors_->empty(); }
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -102,6 +134,7 @@ public:
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
@@ -111,14 +144,23 @@ protected:
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Book> &ensureChapters() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Author> &ensureCoauthors() const;
 
     basalt::ustring title_{};
     boost::optional<basalt::ustring> subtitle_;
     Author author_;
     std::int32_t pages_{100};
     Book sequel_;
+    Author writer_;
     boost::optional<std::string> isbn_;
     Book appendix_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.
@@ -135,8 +177,11 @@ private:
     Author author_;
     std::int32_t pages_{100};
     Book sequel_;
+    Author writer_;
     boost::optional<std::string> isbn_;
     Book appendix_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
 };
 
 inline Book::Impl *Book::get() const noexcept {

@@ -35,6 +35,14 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Shelf_featured, 2);
     ::kivra::meta::detail::declareOwningClass(Shelf_featured, Shelf_);
     Shelf_featured->setType(Book_);
+    Property const Shelf_books = createProperty(u"books", ::kivra::ValueFlags::Sequence, true, "9ecfae3c-1d1d-38ce-8119-39a2dfc516b6");
+    setPropertyIndex(Shelf_books, 3);
+    ::kivra::meta::detail::declareOwningClass(Shelf_books, Shelf_);
+    Shelf_books->setType(Book_);
+    Property const Shelf_recommended = createProperty(u"recommended", ::kivra::ValueFlags::HashSet, false, "1069579d-b88f-3423-b491-4c570a43d2ef");
+    setPropertyIndex(Shelf_recommended, 4);
+    ::kivra::meta::detail::declareOwningClass(Shelf_recommended, Shelf_);
+    Shelf_recommended->setType(Book_);
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -78,8 +86,20 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Book_appendixOf, 10);
     ::kivra::meta::detail::declareOwningClass(Book_appendixOf, Book_);
     Book_appendixOf->setType(Book_);
+    Property const Book_chapters = createProperty(u"chapters", ::kivra::ValueFlags::Sequence, true, "d8093c19-4e12-3673-9c6d-e0093bdb1077");
+    setPropertyIndex(Book_chapters, 11);
+    ::kivra::meta::detail::declareOwningClass(Book_chapters, Book_);
+    Book_chapters->setType(Book_);
+    Property const Book_chapterOf = createProperty(u"chapterOf", ::kivra::ValueFlags::Single, false, "5dc86408-23b8-367f-bb39-3e3d503d45b0");
+    setPropertyIndex(Book_chapterOf, 12);
+    ::kivra::meta::detail::declareOwningClass(Book_chapterOf, Book_);
+    Book_chapterOf->setType(Book_);
+    Property const Book_coauthors = createProperty(u"coauthors", ::kivra::ValueFlags::Sequence, false, "0aed54d9-08cf-37cd-bc7c-41e991823dd8");
+    setPropertyIndex(Book_coauthors, 13);
+    ::kivra::meta::detail::declareOwningClass(Book_coauthors, Book_);
+    Book_coauthors->setType(Author_);
     Property const Novel_genre = createProperty(u"genre", ::kivra::ValueFlags::Optional, false, "0877f7b2-d9c6-3692-be86-20e99d4cf1d1");
-    setPropertyIndex(Novel_genre, 11);
+    setPropertyIndex(Novel_genre, 14);
     ::kivra::meta::detail::declareOwningClass(Novel_genre, Novel_);
     Novel_genre->setType(registry().getPrimitiveType(u"String"));
     Property const Author_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "8342a15b-8351-3da5-a018-db729521eeb6");
@@ -94,6 +114,10 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Author_books, 3);
     ::kivra::meta::detail::declareOwningClass(Author_books, Author_);
     Author_books->setType(Book_);
+    Property const Author_coauthored = createProperty(u"coauthored", ::kivra::ValueFlags::HashSet, false, "6731b929-bad2-37e3-b0e4-aa3dc912fe45");
+    setPropertyIndex(Author_coauthored, 4);
+    ::kivra::meta::detail::declareOwningClass(Author_coauthored, Author_);
+    Author_coauthored->setType(Book_);
     // Woven once every element exists.
     Shelf_featured->setOpposite(Book_shelf);
     Book_shelf->setOpposite(Shelf_featured);
@@ -101,14 +125,20 @@ LibraryPackage::LibraryPackage() {
     Book_writer->setOpposite(Author_books);
     Book_appendix->setOpposite(Book_appendixOf);
     Book_appendixOf->setOpposite(Book_appendix);
+    Book_chapters->setOpposite(Book_chapterOf);
+    Book_chapterOf->setOpposite(Book_chapters);
+    Book_coauthors->setOpposite(Author_coauthored);
     Novel_->setSuperclass(Book_);
     Author_favourite->setOpposite(Book_author);
     Author_books->setOpposite(Book_writer);
+    Author_coauthored->setOpposite(Book_coauthors);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b171343e-976b-3c15-8fe4-269754876c0c")) = Shelf_;
     registry().registerType(Shelf_);
     registry().registerProxyFactory(Shelf_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Shelf::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ddb448c-b16d-3240-bcc3-84da9740db25")) = Shelf_label;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5b89df5-b1a4-3882-99fb-d58cb9068738")) = Shelf_featured;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ecfae3c-1d1d-38ce-8119-39a2dfc516b6")) = Shelf_books;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = Shelf_recommended;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = Book_;
     registry().registerType(Book_);
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
@@ -122,6 +152,9 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("f85cada0-1902-35d3-8e4a-cdb8e68b687e")) = Book_isbn;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("61ce651b-d12e-3e20-9b87-4133d301dbdf")) = Book_appendix;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("00e3cabb-1548-3d0c-b050-2d26e885b6f1")) = Book_appendixOf;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d8093c19-4e12-3673-9c6d-e0093bdb1077")) = Book_chapters;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5dc86408-23b8-367f-bb39-3e3d503d45b0")) = Book_chapterOf;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")) = Book_coauthors;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("3290f9e8-fcfc-3047-af61-a76537db74f5")) = Novel_;
     registry().registerType(Novel_);
     registry().registerProxyFactory(Novel_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Novel::createProxy(model, id)); });
@@ -132,6 +165,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8342a15b-8351-3da5-a018-db729521eeb6")) = Author_name;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("34f09c2e-9e41-3b46-aca7-e749428b4a14")) = Author_favourite;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fb8af07a-d1d6-3ffa-b951-793b826f35e0")) = Author_books;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6731b929-bad2-37e3-b0e4-aa3dc912fe45")) = Author_coauthored;
     finish();
 }
 

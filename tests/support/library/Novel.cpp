@@ -67,10 +67,10 @@ void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
 }
 
 ::kivra::meta::Property Novel::Impl::getPropertyByIndex(std::uint64_t index) const {
-    if (index < 11)
+    if (index < 14)
         return Book::Impl::getPropertyByIndex(index);
     switch (index) {
-    case 11:
+    case 14:
         return genreProperty();
     default:
         return {};

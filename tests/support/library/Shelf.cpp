@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -30,6 +31,16 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::booksProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ecfae3c-1d1d-38ce-8119-39a2dfc516b6")));
+    return slot;
+}
+
+::kivra::meta::Property const &Shelf::Impl::recommendedProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -47,13 +58,23 @@ void Shelf::Impl::doDestroy(bool modelDestroying, bool multiModel) {
         notifyModifying(featuredIndex);
     if (Book const child = std::move(featured_); child.get() && !child->isProxy())
         child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
+    if (books_ && !books_->empty())
+        ::kivra::detail::destroyChildren(*this, *books_, booksIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
 void Shelf::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
     featured_.reset();
+    books_.reset();
+    recommended_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
+void Shelf::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {
+    // The model goes away: references let go, and far ends in other models read as none.
+    recommended_.reset();
+    ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
 void Shelf::Impl::setLabel(basalt::ustring const &value) { ::kivra::detail::setMember(*this, label_, value, labelIndex); }
@@ -66,6 +87,40 @@ void Shelf::Impl::setFeatured(Book const &value) {
     ::kivra::detail::setComposite(*this, featured_, value, featuredProperty(), featuredIndex);
 }
 
+::kivra::ElementSequence<Book> &Shelf::Impl::ensureBooks() const {
+    if (!books_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*books_);
+    }
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> const &Shelf::Impl::getBooks() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
+    return *books_;
+}
+
+::kivra::ElementSequence<Book> &Shelf::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
+
+::kivra::UnorderedElementSet<Book> &Shelf::Impl::ensureRecommended() const {
+    if (!recommended_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        recommended_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, recommendedProperty().get(), ::kivra::detail::oppositeOf(recommendedProperty())));
+        self->_loadCollectionContents(*recommended_);
+    }
+    return *recommended_;
+}
+
+::kivra::UnorderedElementSet<Book> const &Shelf::Impl::getRecommended() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureRecommended());
+    return *recommended_;
+}
+
+::kivra::UnorderedElementSet<Book> &Shelf::Impl::getRecommendedMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getRecommended()); }
+
 bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -73,6 +128,10 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return true;
     if (property == featuredProperty())
         return featured_.get() != nullptr;
+    if (property == booksProperty())
+        return hasBooks();
+    if (property == recommendedProperty())
+        return hasRecommended();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -83,6 +142,10 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(label_);
     if (property == featuredProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFeatured()) : ::kivra::ModelElement(featured_));
+    if (property == booksProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+    if (property == recommendedProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -93,6 +156,10 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return setLabel(value.get<basalt::ustring>());
     if (property == featuredProperty())
         return setFeatured(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+    if (property == booksProperty())
+        return ::kivra::detail::assignCollection(getBooksMutable(), value);
+    if (property == recommendedProperty())
+        return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -104,6 +171,10 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return labelProperty();
     case 2:
         return featuredProperty();
+    case 3:
+        return booksProperty();
+    case 4:
+        return recommendedProperty();
     default:
         return {};
     }
@@ -126,6 +197,12 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case featuredIndex:
         own->featured_ = featured_;
         return;
+    case booksIndex:
+        own->books_ = ::kivra::detail::cloneCollection(books_.get());
+        return;
+    case recommendedIndex:
+        own->recommended_ = ::kivra::detail::cloneCollection(recommended_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -137,6 +214,10 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         label_ = own->label_;
     if (own->isChanged(featuredIndex))
         featured_ = own->featured_;
+    if (own->isChanged(booksIndex))
+        ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
+    if (own->isChanged(recommendedIndex))
+        ::kivra::detail::restoreCollection(ensureRecommended(), own->recommended_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -154,6 +235,10 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::Value(property->getType(), label_);
     if (property == Impl::featuredProperty() && isChanged(Impl::featuredIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(featured_));
+    if (property == Impl::booksProperty() && isChanged(Impl::booksIndex))
+        return ::kivra::detail::oldCollectionValue(books_, property);
+    if (property == Impl::recommendedProperty() && isChanged(Impl::recommendedIndex))
+        return ::kivra::detail::oldCollectionValue(recommended_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -163,6 +248,14 @@ void Shelf::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::
         Book const old = std::exchange(featured_, Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(other)));
         if (old.get() && old != featured_ && old->containerImpl() == this)
             _basicSetUncontained(old.get());
+        return;
+    }
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == recommendedProperty()) {
+        _basicAdd(ensureRecommended(), other);
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -176,7 +269,25 @@ void Shelf::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::met
         }
         return;
     }
+    if (property.get() && property == booksProperty()) {
+        if (books_)
+            _basicRemove(*books_, other);
+        return;
+    }
+    if (property.get() && property == recommendedProperty()) {
+        if (recommended_)
+            _basicRemove(*recommended_, other);
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool Shelf::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == booksProperty())
+        return books_ && _basicContainsProxyTo(*books_, other);
+    if (property.get() && property == recommendedProperty())
+        return recommended_ && _basicContainsProxyTo(*recommended_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Shelf::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
@@ -186,6 +297,14 @@ void Shelf::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::me
         if (child.get())
             _setContainedByThis(child.get(), property);
         featured_ = child;
+        return;
+    }
+    if (property.get() && property == booksProperty()) {
+        _basicAdd(ensureBooks(), other);
+        return;
+    }
+    if (property.get() && property == recommendedProperty()) {
+        _basicAdd(ensureRecommended(), other);
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

@@ -6,11 +6,14 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
 #include <cstdint>
+#include <memory>
 
 namespace kivra::test::library {
 
@@ -19,13 +22,19 @@ class Shelf::Impl : public ::kivra::ModelElement::Impl {
 public:
     static constexpr std::uint64_t labelIndex = 1;
     static constexpr std::uint64_t featuredIndex = 2;
+    static constexpr std::uint64_t booksIndex = 3;
+    static constexpr std::uint64_t recommendedIndex = 4;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 2;
+    static constexpr std::uint64_t propertyCount = 4;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
     /// The description of `featured`; empty until the metamodel is described.
     static ::kivra::meta::Property const &featuredProperty();
+    /// The description of `books`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &booksProperty();
+    /// The description of `recommended`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &recommendedProperty();
 
     Class const &getMetaClass() const override;
 
@@ -35,6 +44,18 @@ public:
     /// The owned `Book`, resolved when it is a proxy; empty when none.
     Book getFeatured() const;
     void setFeatured(Book const &value);
+
+    /// The `books`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Book> const &getBooks() const;
+    ::kivra::ElementSequence<Book> &getBooksMutable();
+    /// True when the collection was made and holds anything.
+    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+
+    /// The `recommended`, made on first use; each access resolves the proxies it holds.
+    ::kivra::UnorderedElementSet<Book> const &getRecommended() const;
+    ::kivra::UnorderedElementSet<Book> &getRecommendedMutable();
+    /// True when the collection was made and holds anything.
+    bool hasRecommended() const noexcept { return recommended_ && !recommended_->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -48,6 +69,7 @@ public:
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
     void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
     void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
@@ -55,9 +77,18 @@ protected:
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
+    void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Book> &ensureBooks() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::UnorderedElementSet<Book> &ensureRecommended() const;
 
     basalt::ustring label_{};
     Book featured_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
@@ -71,6 +102,8 @@ private:
     friend class Shelf::Impl;
     basalt::ustring label_{};
     Book featured_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
 };
 
 inline Shelf::Impl *Shelf::get() const noexcept {

@@ -1,0 +1,495 @@
+#include <kivra/ElementSequence.hpp>
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <absl/container/flat_hash_map.h>
+#include <boost/optional/optional.hpp>
+
+#include <algorithm>
+
+namespace kivra {
+
+namespace detail {
+/// The exact membership of a large unique sequence: how often each element stands in it.
+class MembershipIndex {
+public:
+    void add(ModelElement::Impl const *element) { ++counts_[element]; }
+    void remove(ModelElement::Impl const *element) {
+        auto const found = counts_.find(element);
+        if (found != counts_.end() && --found->second == 0)
+            counts_.erase(found);
+    }
+    bool contains(ModelElement::Impl const *element) const { return counts_.contains(element); }
+
+private:
+    absl::flat_hash_map<ModelElement::Impl const *, std::uint32_t> counts_;
+};
+} // namespace detail
+
+namespace {
+using Tag = ModelElement::Impl::ReflectionPrivateTag;
+
+bool isProxy(ModelElement const &element) { return element.get() && element->isProxy(); }
+} // namespace
+
+ElementSequenceBase::ElementSequenceBase(ModelElement::Impl *owner, bool unique, meta::Property::Impl *property,
+                                         meta::Property::Impl *opposite, EntryClass entryClass)
+    : ReferenceCollection(owner, property, opposite, &view_), entryClass_(entryClass), unique_(unique) {}
+
+ElementSequenceBase::~ElementSequenceBase() = default;
+
+meta::Type ElementSequenceBase::getCollectionType() const { return entryClass_(); }
+
+// --- Membership ------------------------------------------------------------------------
+
+bool ElementSequenceBase::holds(ModelElement::Impl const *element) const {
+    if (index_)
+        return index_->contains(element);
+    if (filter_ && !filter_->contains(element->getUuid()))
+        return false;
+    for (ModelElement const &entry : entries_)
+        if (entry.get() == element)
+            return true;
+    return false;
+}
+
+bool ElementSequenceBase::contains(ModelElement const &element) const {
+    ModelElement::Impl const *const impl = element.get();
+    if (!impl || impl->isProxy())
+        return false;
+    if (owner_) {
+        // A child's container link names the one collection that holds it.
+        if (isComposite())
+            return impl->containerImpl() == owner_ && impl->containmentFeatureImpl() == property_.get();
+        // A single-valued far end names the one owner that holds the element.
+        if (opposite_ && opposite_->getUpper() == 1) {
+            Value const far = impl->getPropertyValue(meta::Property::fromImpl(opposite_), Tag::PUBLIC_ACCESS);
+            if (isCollection(far.getFlags()))
+                raise<messages::CannotCastIncompatibleTypes>(far.getType() ? far.getType()->getQualifiedName()
+                                                                           : basalt::ustring());
+            return far.getElement().get() == owner_;
+        }
+    }
+    return holds(impl);
+}
+
+void ElementSequenceBase::noteAdded(ModelElement::Impl const *element) {
+    if (!element || element->isProxy()) {
+        mayHoldProxies_ = mayHoldProxies_ || element;
+        return;
+    }
+    if (index_)
+        index_->add(element);
+    else if (filter_)
+        filter_->add(element->getUuid());
+    grow();
+}
+
+void ElementSequenceBase::noteRemoved(ModelElement::Impl const *element) {
+    if (!element || element->isProxy())
+        return;
+    if (index_)
+        index_->remove(element);
+    else if (filter_)
+        filter_->remove(element->getUuid());
+}
+
+void ElementSequenceBase::grow() {
+    if (!unique_ || index_ || entries_.size() < filterThreshold)
+        return;
+    if (entries_.size() >= indexThreshold || !filter_)
+        rebuildMembership();
+}
+
+void ElementSequenceBase::rebuildMembership() {
+    filter_.reset();
+    index_.reset();
+    mayHoldProxies_ = std::any_of(entries_.begin(), entries_.end(), isProxy);
+    if (!unique_ || entries_.size() < filterThreshold)
+        return;
+    if (entries_.size() >= indexThreshold) {
+        index_ = std::make_unique<detail::MembershipIndex>();
+        for (ModelElement const &entry : entries_)
+            if (!isProxy(entry))
+                index_->add(entry.get());
+    } else {
+        filter_ = std::make_unique<SaturatedBloomFilter>();
+        for (ModelElement const &entry : entries_)
+            if (!isProxy(entry))
+                filter_->add(entry->getUuid());
+    }
+}
+
+// --- Proxies ---------------------------------------------------------------------------
+
+bool ElementSequenceBase::resolveInplace(std::size_t index) const {
+    ModelElement &entry = entries_[index];
+    if (!isProxy(entry))
+        return true;
+    ModelElement resolved = resolveProxy(entry);
+    if (!resolved.get() || resolved->isProxy())
+        return false;
+    // Across a non-composite association the far end must hold the owner too.
+    if (opposite_ && !isComposite()) {
+        if (!owner_ || !owner_->_inverseContainsThis(resolved.get(), meta::Property::fromImpl(opposite_)))
+            return false;
+    }
+    entry = std::move(resolved);
+    const_cast<ElementSequenceBase *>(this)->noteAdded(entry.get());
+    return true;
+}
+
+ModelElement const &ElementSequenceBase::resolveAtIndex(std::size_t index) const {
+    resolveInplace(index);
+    return entries_[index];
+}
+
+void ElementSequenceBase::resolveAll() {
+    if (!mayHoldProxies_)
+        return;
+    bool left = false;
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+        left = !resolveInplace(i) || left;
+    mayHoldProxies_ = left;
+}
+
+void ElementSequenceBase::resolveLocal() {
+    if (!mayHoldProxies_)
+        return;
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+        if (isProxy(entries_[i]))
+            if (boost::optional<ProxyId> const id = entries_[i]->getProxyId(); id && !id->getModelId())
+                resolveInplace(i);
+}
+
+void ElementSequenceBase::replaceProxy(ModelElement const &element, std::size_t index) {
+    basicReplaceProxy(element, index);
+    associate(element.get());
+}
+
+void ElementSequenceBase::basicReplaceProxy(ModelElement const &element, std::size_t index) {
+    noteRemoved(entries_[index].get());
+    entries_[index] = element;
+    noteAdded(element.get());
+}
+
+bool ElementSequenceBase::basicContainsProxyTo(ModelElement const &element) {
+    if (!owner_)
+        return false;
+    for (ModelElement &entry : entries_) {
+        if (entry == element)
+            return true;
+        if (isProxy(entry)) {
+            ModelElement const resolved = peekResolveProxy(entry);
+            if (resolved.get() && !resolved->isProxy() && resolved == element) {
+                entry = element;
+                noteAdded(element.get());
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+ElementSequenceBase::Container const &
+ElementSequenceBase::toSTLCollectionWithResolvedProxies(ProxyResolutionStrategy strategy) {
+    if (strategy == ProxyResolutionStrategy::ResolveAll)
+        resolveAll();
+    else if (strategy == ProxyResolutionStrategy::ResolveLocal)
+        resolveLocal();
+    return entries_;
+}
+
+std::vector<ModelElement> ElementSequenceBase::getAllValues() const {
+    std::vector<ModelElement> values;
+    values.reserve(entries_.size());
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+        if (resolveInplace(i))
+            values.push_back(entries_[i]);
+    return values;
+}
+
+// --- The public level: with association --------------------------------------------
+
+void ElementSequenceBase::push_back(ModelElement const &element) {
+    if (!element.get())
+        return;
+    checkCompatibleModel(element.get());
+    if (unique_ && contains(element))
+        return;
+    Operation operation(*this);
+    basicAdd(element);
+    associate(element.get());
+    operation.commit();
+}
+
+std::size_t ElementSequenceBase::insert(std::size_t position, ModelElement const &element) {
+    if (!element.get())
+        return entries_.size();
+    checkCompatibleModel(element.get());
+    if (unique_ && contains(element))
+        return std::size_t(std::find(entries_.begin(), entries_.end(), element) - entries_.begin());
+    Operation operation(*this);
+    modifying();
+    entries_.insert(entries_.begin() + std::ptrdiff_t(position), element);
+    associate(element.get());
+    noteAdded(element.get());
+    operation.commit();
+    return position;
+}
+
+void ElementSequenceBase::dissociateAt(std::size_t index) {
+    if (hasFarEnd())
+        resolveInplace(index);
+    dissociate(entries_[index].get());
+}
+
+std::size_t ElementSequenceBase::erase(std::size_t position) {
+    Operation operation(*this);
+    modifying();
+    if (hasFarEnd() || filter_ || index_)
+        resolveInplace(position);
+    ModelElement const entry = entries_[position];
+    dissociate(entry.get());
+    // The far end reaches back only through the store-only level; should it have taken
+    // the entry out already, nothing is left to do.
+    std::size_t at = position;
+    if (at >= entries_.size() || entries_[at] != entry)
+        at = std::size_t(std::find(entries_.begin(), entries_.end(), entry) - entries_.begin());
+    if (at < entries_.size()) {
+        noteRemoved(entry.get());
+        entries_.erase(entries_.begin() + std::ptrdiff_t(at));
+    }
+    operation.commit();
+    return position;
+}
+
+void ElementSequenceBase::pop_back() {
+    Operation operation(*this);
+    modifying();
+    ModelElement const entry = entries_.back();
+    dissociate(entry.get());
+    if (!entries_.empty() && entries_.back() == entry) {
+        noteRemoved(entry.get());
+        entries_.pop_back();
+    }
+    operation.commit();
+}
+
+void ElementSequenceBase::erase(std::size_t first, std::size_t last) {
+    if (first >= last)
+        return;
+    Operation operation(*this);
+    modifying();
+    if (hasFarEnd() || filter_ || index_)
+        for (std::size_t i = first; i < last; ++i) {
+            dissociateAt(i);
+            noteRemoved(entries_[i].get());
+        }
+    entries_.erase(entries_.begin() + std::ptrdiff_t(first), entries_.begin() + std::ptrdiff_t(last));
+    operation.commit();
+}
+
+void ElementSequenceBase::erase(ModelElement const &element) {
+    if (!element.get())
+        return;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        resolveInplace(i);
+        if (entries_[i] == element) {
+            erase(i);
+            return;
+        }
+    }
+}
+
+void ElementSequenceBase::swap(std::size_t a, std::size_t b) {
+    Operation operation(*this);
+    modifying();
+    std::swap(entries_[a], entries_[b]);
+    operation.commit();
+}
+
+void ElementSequenceBase::resize(std::size_t n, MakeElement make) {
+    if (entries_.size() == n)
+        return;
+    Operation operation(*this);
+    modifying();
+    if (n > entries_.size()) {
+        if (!make || !owner_) {
+            meta::Class const &cls = entryClass_();
+            raise<messages::NoSuchOperation>(basalt::ustring(u"create"),
+                                             cls ? cls->getQualifiedName() : basalt::ustring());
+        }
+        Model const model = owner_->getModel();
+        entries_.reserve(n);
+        while (entries_.size() < n)
+            push_back(make(model));
+    } else {
+        erase(n, entries_.size());
+    }
+    operation.commit();
+}
+
+void ElementSequenceBase::assignAt(std::size_t index, ModelElement const &element) {
+    resolveInplace(index);
+    if (entries_[index] == element)
+        return;
+    if (!element.get())
+        raise<messages::CannotAddNonExistentObject>();
+    if (unique_ && contains(element))
+        raise<messages::CannotAddSecondObject>();
+    replaceElement(index, element);
+}
+
+void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &element) {
+    checkCompatibleModel(element.get());
+    Operation operation(*this);
+    modifying();
+    resolveInplace(index);
+    ModelElement const old = entries_[index];
+    // The new far end is told first, then the old one.
+    if (opposite_) {
+        associate(element.get());
+        dissociate(old.get());
+    } else if (isComposite()) {
+        associate(element.get());
+        dissociate(old.get());
+    }
+    // The new element's far end may have moved entries of this very collection.
+    std::size_t at = index;
+    if (at >= entries_.size() || entries_[at] != old)
+        at = std::size_t(std::find(entries_.begin(), entries_.end(), old) - entries_.begin());
+    if (at < entries_.size()) {
+        noteRemoved(old.get());
+        entries_[at] = element;
+    } else {
+        entries_.push_back(element);
+    }
+    noteAdded(element.get());
+    operation.commit();
+}
+
+// --- The store-only level ------------------------------------------------------------
+
+void ElementSequenceBase::basicAdd(ModelElement const &element) {
+    Operation operation(*this);
+    modifying();
+    entries_.push_back(element);
+    noteAdded(element.get());
+    operation.commit();
+}
+
+void ElementSequenceBase::basicRemove(ModelElement const &element) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        resolveInplace(i);
+        if (entries_[i] != element)
+            continue;
+        Operation operation(*this);
+        modifying();
+        noteRemoved(element.get());
+        entries_.erase(entries_.begin() + std::ptrdiff_t(i));
+        operation.commit();
+        return;
+    }
+}
+
+void ElementSequenceBase::basicAssign(std::vector<ModelElement> const &elements) {
+    Operation operation(*this);
+    modifying();
+    entries_ = elements;
+    rebuildMembership();
+    operation.commit();
+}
+
+void ElementSequenceBase::basicClear() {
+    modifying();
+    entries_.clear();
+    // An index must stay exact; a filter may overstate.
+    index_.reset();
+    mayHoldProxies_ = false;
+}
+
+void ElementSequenceBase::basicCopyValues(ReferenceCollection const &other) {
+    Operation operation(*this);
+    modifying();
+    assignFrom(other);
+    operation.commit();
+}
+
+void ElementSequenceBase::assignFrom(ReferenceCollection const &other) {
+    entries_ = static_cast<ElementSequenceBase const &>(other).entries_;
+    rebuildMembership();
+}
+
+// --- The generic view ----------------------------------------------------------------
+
+std::size_t ElementSequenceBase::GenericSequence::genericSize() const { return sequence_.size(); }
+
+void ElementSequenceBase::GenericSequence::genericAdd(ModelElement const &element) {
+    if (element.get())
+        checkEntryClass(element, sequence_.entryClass_());
+    sequence_.push_back(element);
+}
+
+void ElementSequenceBase::GenericSequence::genericEnsureAt(ModelElement const &element, std::size_t index) {
+    if (!element.get())
+        return;
+    checkEntryClass(element, sequence_.entryClass_());
+    Operation operation(sequence_);
+    std::size_t const at = sequence_.insert(index, element);
+    if (at != index && index < sequence_.size()) {
+        sequence_.modifying();
+        std::swap(sequence_.entries_[at], sequence_.entries_[index]);
+    }
+    operation.commit();
+}
+
+void ElementSequenceBase::GenericSequence::genericRemove(ModelElement const &element) {
+    if (!element.get())
+        return;
+    checkEntryClass(element, sequence_.entryClass_());
+    sequence_.erase(element);
+}
+
+void ElementSequenceBase::GenericSequence::genericClear() { sequence_.clear(); }
+
+void ElementSequenceBase::GenericSequence::genericBasicClear() { sequence_.basicClear(); }
+
+bool ElementSequenceBase::GenericSequence::genericContains(ModelElement const &element) const {
+    return element.get() && isEntryClass(element, sequence_.entryClass_()) && sequence_.contains(element);
+}
+
+ModelElement ElementSequenceBase::GenericSequence::genericAt(std::size_t index) {
+    return sequence_.resolveAtIndex(index);
+}
+
+void ElementSequenceBase::GenericSequence::genericInsert(ModelElement const &element, std::size_t index) {
+    if (element.get())
+        checkEntryClass(element, sequence_.entryClass_());
+    sequence_.insert(index, element);
+}
+
+void ElementSequenceBase::GenericSequence::genericReplace(ModelElement const &element, std::size_t index) {
+    if (!element.get())
+        return;
+    checkEntryClass(element, sequence_.entryClass_());
+    sequence_.assignAt(index, element);
+}
+
+void ElementSequenceBase::GenericSequence::genericRemoveAt(std::size_t index) { sequence_.erase(index); }
+
+int ElementSequenceBase::GenericSequence::genericIndexOf(ModelElement const &element) {
+    if (!element.get() || !isEntryClass(element, sequence_.entryClass_()))
+        return -1;
+    for (std::size_t i = 0; i < sequence_.size(); ++i)
+        if (sequence_.resolveAtIndex(i) == element)
+            return int(i);
+    return -1;
+}
+
+} // namespace kivra

@@ -1,0 +1,177 @@
+#include <kivra/ReferenceCollection.hpp>
+
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+
+namespace kivra {
+
+// --- AbstractOwnedCollection -------------------------------------------------------------
+
+AbstractOwnedCollection::AbstractOwnedCollection(ModelElement::Impl *owner, meta::Property::Impl *property)
+    : owner_(owner), property_(meta::Property::fromImpl(property)) {}
+
+AbstractOwnedCollection::~AbstractOwnedCollection() = default;
+
+ModelElement AbstractOwnedCollection::getOwner() const { return ModelElement::fromImpl(owner_); }
+
+void AbstractOwnedCollection::modifying() {
+    if (!owner_ || !property_)
+        return;
+    // Extensions, whose collections have no index of their own, are announced by name once
+    // they exist; until then a property without index records nothing.
+    if (std::int32_t const index = property_->getPropertyIndex(); index > 0)
+        owner_->notifyModifying(std::uint64_t(index));
+}
+
+AbstractOwnedCollection::Operation::Operation(AbstractOwnedCollection const &collection) {
+    ModelElement::Impl *const owner = collection.owner_;
+    if (!owner)
+        return;
+    Model::Impl *const model = owner->getModelImpl();
+    if (model->currentTransaction())
+        return;
+    transaction_ = model->beginTransaction(false);
+}
+
+// --- ReferenceCollection -----------------------------------------------------------------
+
+ReferenceCollection::~ReferenceCollection() = default;
+
+meta::Property ReferenceCollection::getOpposite() const { return meta::Property::fromImpl(opposite_); }
+
+bool ReferenceCollection::isComposite() const noexcept { return property_ && property_->getIsComposite(); }
+
+void ReferenceCollection::checkCompatibleModel(ModelElement::Impl const *element) const {
+    if (!owner_)
+        return;
+    owner_->checkCompatibleModel(element, property_);
+    // A child may not contain its new container.
+    if (element && element->isValidNonProxy() && isComposite())
+        element->checkCircularContainment(ModelElement::fromImpl(owner_));
+}
+
+ModelElement ReferenceCollection::resolveProxy(ModelElement const &proxy) const {
+    return owner_ ? owner_->getModelImpl()->resolveProxy(owner_, proxy) : proxy;
+}
+
+ModelElement ReferenceCollection::peekResolveProxy(ModelElement const &proxy) const {
+    return owner_ ? owner_->getModelImpl()->peekResolveProxy(owner_, proxy) : proxy;
+}
+
+void ReferenceCollection::copyContents(AbstractOwnedCollection const &other) {
+    assignFrom(static_cast<ReferenceCollection const &>(other));
+}
+
+void ReferenceCollection::associate(ModelElement::Impl *element) {
+    if (!owner_ || !element || element->isProxy())
+        return;
+    if (opposite_)
+        owner_->_inverseAddThis(element, meta::Property::fromImpl(opposite_), /*force=*/false);
+    else if (isComposite())
+        owner_->_setContainedByThis(element, property_);
+}
+
+void ReferenceCollection::dissociate(ModelElement::Impl *element) {
+    if (!owner_ || !element || element->isProxy())
+        return;
+    if (opposite_) {
+        owner_->_inverseRemoveThis(element, meta::Property::fromImpl(opposite_));
+    } else if (isComposite()) {
+        // Only a child that this collection still holds leaves its container.
+        if (element->containerImpl() == owner_ && element->containmentFeatureImpl() == property_.get())
+            owner_->_basicSetUncontained(element);
+    }
+}
+
+bool ReferenceCollection::isEntryClass(ModelElement const &element, meta::Class const &entryClass) {
+    if (!entryClass)
+        return true;
+    meta::Class const &cls = element->getMetaClass();
+    return cls && cls->isA(entryClass);
+}
+
+void ReferenceCollection::checkEntryClass(ModelElement const &element, meta::Class const &entryClass) {
+    if (isEntryClass(element, entryClass))
+        return;
+    meta::Class const &cls = element->getMetaClass();
+    raise<messages::CannotAddIncompatibleTypes>(cls ? cls->getQualifiedName() : basalt::ustring(),
+                                                entryClass->getQualifiedName());
+}
+
+void ReferenceCollection::destroyAllContents() {
+    std::vector<ModelElement> const doomed = getAllValues();
+    Operation operation(*this);
+    modifying();
+    basicClear();
+    for (ModelElement const &element : doomed)
+        element->destroy();
+    operation.commit();
+}
+
+// --- The store-only level, reached through elements --------------------------------------
+
+void ModelElement::Impl::_basicAdd(ReferenceCollection &collection, ModelElement const &element) {
+    collection.basicAdd(element);
+}
+
+void ModelElement::Impl::_basicRemove(ReferenceCollection &collection, ModelElement const &element) {
+    collection.basicRemove(element);
+}
+
+void ModelElement::Impl::_basicClear(ReferenceCollection &collection) { collection.basicClear(); }
+
+void ModelElement::Impl::_basicCopyValues(ReferenceCollection &collection, ReferenceCollection const &other) {
+    collection.basicCopyValues(other);
+}
+
+bool ModelElement::Impl::_basicContainsProxyTo(ReferenceCollection &collection, ModelElement const &element) {
+    return collection.basicContainsProxyTo(element);
+}
+
+void ModelElement::Impl::_loadCollectionContents(ReferenceCollection &) {
+    // Data sources fill collections here once they exist; a model without one has
+    // nothing to load.
+}
+
+} // namespace kivra
+
+namespace kivra::detail {
+
+void raiseCollectionOfProxy() { raise<messages::CannotModifyProxy>(); }
+
+meta::Property::Impl *oppositeOf(meta::Property const &property) {
+    return property ? property->getOpposite().get() : nullptr;
+}
+
+void resolveCollectionOnAccess(ModelElement::Impl const &owner, ReferenceCollection &collection) {
+    if (!owner.getModelImpl()->isParsingInProgress())
+        collection.resolveAll();
+}
+
+void assignCollection(ReferenceCollection &collection, Value const &value) {
+    if (value.getPayload() == &collection)
+        return;
+    std::vector<Value> const entries = value.extractEntryValues();
+    GenericCollectionInterface &view = *collection.getGenericInterface();
+    AbstractOwnedCollection::Operation operation(collection);
+    view.genericClear();
+    for (Value const &entry : entries)
+        view.genericAdd(entry.getElement());
+    operation.commit();
+}
+
+void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection, std::uint64_t index,
+                     bool modelDestroying, bool multiModel) {
+    // Announced first, so that a roll-back gets the children back into their places.
+    owner.notifyModifying(index);
+    for (ModelElement const &child : collection.getAllValuesAndProxies())
+        if (child.get() && !child->isProxy())
+            child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
+    ModelElement::Impl::_basicClear(collection);
+}
+
+} // namespace kivra::detail

@@ -1,0 +1,317 @@
+#include "ModelSnapshot.hpp"
+
+#include <library/Author.hpp>
+#include <library/Book.hpp>
+#include <library/Novel.hpp>
+#include <library/Shelf.hpp>
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Listener.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
+
+#include <gtest/gtest.h>
+
+namespace kivra::test::library {
+namespace {
+
+using Tag = ModelElement::Impl::ReflectionPrivateTag;
+
+class ElementSequenceTest : public ::testing::Test {
+protected:
+    static std::vector<Book> booksOf(Author const &author) {
+        return {author->getBooks().begin(), author->getBooks().end()};
+    }
+    ProxyId idOf(boost::uuids::uuid const &id) const {
+        return ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)), boost::none);
+    }
+
+    Model model = Model::create(ModelConstellation());
+};
+
+// A list of books whose far end is each book's single writer.
+TEST_F(ElementSequenceTest, BooksAndTheirWriterStayConsistent) {
+    Author ann = Author::create(model);
+    Author bob = Author::create(model);
+    Book first = Book::create(model);
+    Book second = Book::create(model);
+    Book third = Book::create(model);
+
+    ann->getBooksMutable().push_back(first);
+    ann->getBooksMutable().push_back(first); // unique: turned away quietly
+    second->setWriter(ann);                  // from the single end
+    EXPECT_EQ(booksOf(ann), (std::vector<Book>{first, second}));
+    EXPECT_EQ(first->getWriter(), ann);
+
+    auto &books = ann->getBooksMutable();
+    books.insert(books.begin(), third);
+    EXPECT_EQ(booksOf(ann), (std::vector<Book>{third, first, second}));
+    EXPECT_EQ(third->getWriter(), ann);
+
+    // Moving a book to another writer takes it out of the first list.
+    bob->getBooksMutable().push_back(first);
+    EXPECT_EQ(booksOf(ann), (std::vector<Book>{third, second}));
+    EXPECT_EQ(first->getWriter(), bob);
+
+    // The checked replacement tells the new book first, then the old one.
+    books[0] = first;
+    EXPECT_EQ(booksOf(ann), (std::vector<Book>{first, second}));
+    EXPECT_EQ(first->getWriter(), ann);
+    EXPECT_FALSE(third->getWriter());
+    EXPECT_TRUE(bob->getBooks().empty());
+    EXPECT_THROW(books[0] = second, Error<messages::CannotAddSecondObject>);
+    EXPECT_THROW(books[0] = Book(), Error<messages::CannotAddNonExistentObject>);
+
+    books.erase(second);
+    EXPECT_FALSE(second->getWriter());
+    // Destroying a book takes it out of its writer's list; destroying the writer frees the books.
+    first->destroy();
+    EXPECT_TRUE(ann->getBooks().empty());
+    ann->getBooksMutable().push_back(third);
+    ann->destroy();
+    EXPECT_FALSE(third->getWriter());
+}
+
+// A composite list without opposite: its books are children, and leave it as top level.
+TEST_F(ElementSequenceTest, CompositeChildrenMoveOrBecomeTopLevel) {
+    Shelf left = Shelf::create(model);
+    Shelf right = Shelf::create(model);
+    Book book = Book::create(model);
+    Book other = Book::create(model);
+
+    left->getBooksMutable().push_back(book);
+    left->getBooksMutable().push_back(other);
+    EXPECT_EQ(book->container(), left);
+    EXPECT_FALSE(book->isTopLevel());
+    EXPECT_TRUE(left->getBooks().contains(book));
+
+    right->getBooksMutable().push_back(book); // a move
+    EXPECT_EQ(left->getBooks().size(), 1u);
+    EXPECT_EQ(book->container(), right);
+    EXPECT_FALSE(left->getBooks().contains(book));
+
+    left->setFeatured(other); // into another composite of the same owner
+    EXPECT_TRUE(left->getBooks().empty());
+    EXPECT_EQ(left->getFeatured(), other);
+
+    right->getBooksMutable().pop_back();
+    EXPECT_TRUE(book->isTopLevel());
+    auto const topLevel = model->getTopLevelElements();
+    EXPECT_NE(std::find(topLevel.begin(), topLevel.end(), book), topLevel.end());
+
+    right->getBooksMutable().push_back(book);
+    right->destroy();
+    EXPECT_FALSE(book);
+}
+
+// A composite list with opposite: the child's container end and the list agree.
+TEST_F(ElementSequenceTest, ChaptersAndTheirBookAgreeFromEitherEnd) {
+    Book outer = Book::create(model);
+    Book chapter = Book::create(model);
+    Book other = Book::create(model);
+
+    chapter->setChapterOf(outer);
+    EXPECT_EQ(outer->getChapters().size(), 1u);
+    outer->getChaptersMutable().push_back(other);
+    EXPECT_EQ(other->getChapterOf(), outer);
+    other->setChapterOf(chapter);
+    EXPECT_EQ(outer->getChapters().size(), 1u);
+    EXPECT_EQ(chapter->getChapters().front(), other);
+    EXPECT_THROW(other->getChaptersMutable().push_back(outer), Error<messages::CircularContainment>);
+
+    outer->getChaptersMutable().clear();
+    EXPECT_FALSE(chapter->getChapterOf());
+    EXPECT_TRUE(chapter->isTopLevel());
+    EXPECT_EQ(other->getChapterOf(), chapter);
+}
+
+// Many to many: a unique list at one end, a set at the other.
+TEST_F(ElementSequenceTest, CoauthorsAndTheirBooksStayConsistent) {
+    std::vector<Author> authors;
+    Book book = Book::create(model);
+    for (int i = 0; i < 100; ++i) {
+        authors.push_back(Author::create(model));
+        book->getCoauthorsMutable().push_back(authors.back());
+        book->getCoauthorsMutable().push_back(authors.back());
+    }
+    auto &coauthors = book->getCoauthorsMutable();
+    EXPECT_EQ(coauthors.size(), 100u);
+    for (int i = 0; i < 100; i += 3)
+        coauthors.erase(authors[i]);
+    coauthors.erase(coauthors.begin(), coauthors.begin() + 5);
+    for (Author const &author : authors) {
+        bool const held = std::find(coauthors.begin(), coauthors.end(), author) != coauthors.end();
+        EXPECT_EQ(coauthors.contains(author), held);
+        EXPECT_EQ(author->getCoauthored().contains(book), held);
+    }
+    // A removed author comes back once, whatever the index says.
+    coauthors.push_back(authors[0]);
+    coauthors.push_back(authors[0]);
+    EXPECT_EQ(std::count(coauthors.begin(), coauthors.end(), authors[0]), 1);
+
+    authors[1]->destroy();
+    EXPECT_FALSE(coauthors.contains(authors[1]));
+    book->destroy();
+    for (Author const &author : authors)
+        if (author)
+            EXPECT_TRUE(author->getCoauthored().empty());
+}
+
+TEST_F(ElementSequenceTest, EnsureAtExchangesWithTheEntryThere) {
+    Author author = Author::create(model);
+    std::vector<Book> books;
+    for (int i = 0; i < 3; ++i)
+        books.push_back(Book::create(model));
+    GenericCollectionInterface &view = *author->getBooksMutable().getGenericInterface();
+    for (Book const &book : books)
+        view.genericAdd(book);
+    view.genericEnsureAt(books[2], 0);
+    EXPECT_EQ(booksOf(author), (std::vector<Book>{books[2], books[1], books[0]}));
+    auto &sequence = static_cast<GenericSequenceInterface &>(view);
+    EXPECT_EQ(sequence.genericIndexOf(books[0]), 2);
+    EXPECT_EQ(sequence.genericIndexOf(Author::create(model)), -1);
+    EXPECT_THROW(view.genericAdd(Author::create(model)), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_THROW(sequence.genericReplace(Shelf::create(model), 0), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_FALSE(view.genericContains(Shelf::create(model)));
+    EXPECT_EQ(author->getBooks().size(), 3u);
+}
+
+// A proxy keeps its place until it resolves, in place, with no change of the model.
+TEST_F(ElementSequenceTest, ProxiesResolveInPlace) {
+    Author author = Author::create(model);
+    Book before = Book::create(model);
+    boost::uuids::uuid const id = ElementImpl::generateNewUuid();
+    Book proxy = Book::createProxy(model, idOf(id));
+    auto &books = author->getBooksMutable();
+    books.push_back(before);
+    books.push_back(proxy);
+    EXPECT_EQ(books.size(), 2u);
+    EXPECT_EQ(author->getBooks().getAllValues().size(), 1u);
+    EXPECT_EQ(author->getBooks().getAllValuesAndProxies()[1], proxy);
+
+    Book real = Book::create(model, id);
+    EXPECT_FALSE(books.contains(real));
+    EXPECT_EQ(booksOf(author)[1], proxy) << "the far end does not name the author yet";
+    // As a parser sets one end: now the far end confirms, and the proxy resolves.
+    real->basicAssociate(author, Book::Impl::writerProperty());
+    EXPECT_EQ(booksOf(author)[1], real);
+    EXPECT_EQ(books.size(), 2u) << "the proxy is replaced, not joined";
+}
+
+// Each access reads through the reflective interface as through the typed one.
+TEST_F(ElementSequenceTest, ReflectiveAccessIsAViewOfTheCollection) {
+    Author author = Author::create(model);
+    Book first = Book::create(model);
+    Book second = Book::create(model);
+    author->getBooksMutable().push_back(first);
+    meta::Property const &books = Author::Impl::booksProperty();
+    Value const value = author->getPropertyValue(books, Tag::PUBLIC_ACCESS);
+    EXPECT_EQ(value.getFlags(), ValueFlags::Sequence);
+    EXPECT_EQ(value.extractEntryValues().size(), 1u);
+
+    ElementSequence<Book> replacement;
+    replacement.push_back(second);
+    replacement.push_back(first);
+    author->setPropertyValue(books, Value(replacement, books), Tag::PUBLIC_ACCESS);
+    EXPECT_EQ(booksOf(author), (std::vector<Book>{second, first}));
+    EXPECT_EQ(second->getWriter(), author);
+    EXPECT_EQ(value.extractEntryValues().size(), 2u) << "a managed value is a view";
+}
+
+struct Veto : Listener {
+    bool validate(std::shared_ptr<ReportData> const &) { return false; }
+};
+
+// Outside a transaction each mutation is one; vetoed, it leaves both ends as they were.
+TEST_F(ElementSequenceTest, AMutationOutsideATransactionIsOneOfItsOwn) {
+    Author author = Author::create(model);
+    Book book = Book::create(model);
+    author->getBooksMutable().push_back(book);
+    EXPECT_FALSE(model->isTransactionInProgress());
+    Book const added = Book::create(model);
+    ModelSnapshot const before = snapshot(model);
+
+    Veto veto;
+    addListener<ListenerRole::Validator>(model, veto);
+    author->getBooksMutable().push_back(added);
+    author->getBooksMutable().erase(book);
+    EXPECT_EQ(describeDifference(before, snapshot(model)), "");
+    EXPECT_EQ(book->getWriter(), author);
+    removeListener(model, veto);
+}
+
+// A roll-back gives back each list exactly: order, proxies in place, far ends.
+TEST_F(ElementSequenceTest, RollBackRestoresOrderProxiesAndFarEnds) {
+    Author author = Author::create(model);
+    Shelf shelf = Shelf::create(model);
+    std::vector<Book> books;
+    for (int i = 0; i < 60; ++i) {
+        books.push_back(Book::create(model));
+        author->getBooksMutable().push_back(books.back());
+        books.back()->getCoauthorsMutable().push_back(author);
+    }
+    author->getBooksMutable().push_back(Book::createProxy(model, idOf(ElementImpl::generateNewUuid())));
+    shelf->getBooksMutable().push_back(books[0]);
+    // A list long enough to keep an index of its entries.
+    Book hub = Book::create(model);
+    std::vector<Author> authors;
+    for (int i = 0; i < 60; ++i) {
+        authors.push_back(Author::create(model));
+        hub->getCoauthorsMutable().push_back(authors.back());
+    }
+    ModelSnapshot const before = snapshot(model, Identity::Object);
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        auto &list = author->getBooksMutable();
+        list.swap(list.begin(), list.begin() + 7);
+        list.erase(list.begin() + 3, list.begin() + 20);
+        list.insert(list.begin(), Book::create(model));
+        shelf->getBooksMutable().push_back(books[30]);
+        books[40]->destroy();
+        author->getCoauthoredMutable().erase(books[50]);
+        auto &coauthors = hub->getCoauthorsMutable();
+        coauthors.erase(coauthors.begin(), coauthors.begin() + 30);
+        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+    }
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+    for (Author const &each : authors)
+        hub->getCoauthorsMutable().push_back(each);
+    EXPECT_EQ(hub->getCoauthors().size(), 60u);
+    // The index of the unique list came back with it.
+    EXPECT_TRUE(books[50]->getCoauthors().contains(author));
+    books[50]->getCoauthorsMutable().push_back(author);
+    EXPECT_EQ(books[50]->getCoauthors().size(), 1u);
+}
+
+TEST(SaturatedBloomFilter, SaturatedCountersStayAndRepeatedBytesCount) {
+    boost::uuids::uuid one{};
+    for (std::uint8_t i = 0; i < 16; ++i)
+        one.data[i] = i;
+    boost::uuids::uuid repeated{}; // every byte 7
+    std::fill(std::begin(repeated.data), std::end(repeated.data), std::uint8_t(7));
+
+    SaturatedBloomFilter filter;
+    EXPECT_FALSE(filter.contains(one));
+    filter.add(repeated); // counter 7 at 16
+    filter.add(one);
+    filter.remove(repeated);
+    EXPECT_TRUE(filter.contains(one)) << "the repeated byte came down once per repetition";
+    filter.remove(one);
+    EXPECT_FALSE(filter.contains(one));
+
+    for (int i = 0; i < 255; ++i)
+        filter.add(one);
+    for (int i = 0; i < 300; ++i)
+        filter.remove(one);
+    EXPECT_TRUE(filter.contains(one));
+}
+
+} // namespace
+} // namespace kivra::test::library
