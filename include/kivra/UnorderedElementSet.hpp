@@ -43,7 +43,8 @@ public:
     void replaceProxy(ModelElement const &element, std::size_t index) override;
 
 protected:
-    using ReferenceCollection::ReferenceCollection;
+    ReferenceCollectionWithProxies(ModelElement::Impl *owner, meta::Property::Impl *property,
+                                   meta::Property::Impl *opposite, GenericCollectionInterface *genericInterface);
 
     /// Puts `element` into the container with no guard, record or association; false when
     /// it did not go in.

@@ -86,6 +86,12 @@ ProxyId proxyIdOf(ModelElement const &proxy) { return proxy->getPersistentProxyI
 
 // --- The side table ------------------------------------------------------------------------
 
+ReferenceCollectionWithProxies::ReferenceCollectionWithProxies(ModelElement::Impl *owner,
+                                                               meta::Property::Impl *property,
+                                                               meta::Property::Impl *opposite,
+                                                               GenericCollectionInterface *genericInterface)
+    : ReferenceCollection(owner, property, opposite, genericInterface) {}
+
 ReferenceCollectionWithProxies::~ReferenceCollectionWithProxies() = default;
 
 bool ReferenceCollectionWithProxies::hasUnresolved() const noexcept {
