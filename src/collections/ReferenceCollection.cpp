@@ -4,6 +4,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/detail/Collections.hpp>
+#include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
@@ -142,6 +143,18 @@ void ModelElement::Impl::_loadCollectionContents(ReferenceCollection &) {
 namespace kivra::detail {
 
 void raiseCollectionOfProxy() { raise<messages::CannotModifyProxy>(); }
+
+void raiseKeyTaken() { raise<messages::UniquenessConstraint>(); }
+
+void leaveKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders) {
+    for (KeyHolder const &holder : holders)
+        element._inverseRemoveThis(holder.owner, *holder.property);
+}
+
+void returnToKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders) {
+    for (KeyHolder const &holder : holders)
+        element._inverseAddThis(holder.owner, *holder.property, /*force=*/true);
+}
 
 meta::Property::Impl *oppositeOf(meta::Property const &property) {
     return property ? property->getOpposite().get() : nullptr;
