@@ -4,12 +4,12 @@
 /// element-typed property.
 
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/detail/ElementHashSet.hpp>
 
 #include <cstddef>
 #include <iterator>
 #include <memory>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -66,7 +66,7 @@ private:
 /// always unique.
 class ElementSetBase : public ReferenceCollectionWithProxies {
 public:
-    using Container = std::unordered_set<ModelElement>;
+    using Container = detail::ElementHashSet;
     using const_iterator = Container::const_iterator;
 
     ~ElementSetBase() override;
