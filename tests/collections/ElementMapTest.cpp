@@ -2,6 +2,7 @@
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
+#include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
 #include <kivra/ElementId.hpp>
@@ -9,6 +10,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <kivra/SubsettedElementSet.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 
@@ -196,6 +198,39 @@ TEST_F(ElementMapTest, ProxiesWaitAsideAndAContainmentStaysInItsModel) {
     EXPECT_THROW(author->getDraftsMutable().insert(proxyOf(id, basalt::ustring(u"http://elsewhere"))),
                  Error<messages::CannotCreateCrossModelAssociation>);
     EXPECT_TRUE(author->getDrafts().empty());
+}
+
+// The view shows the superset's entries of its class at once, and adds through it.
+TEST_F(ElementMapTest, ASubsetViewIsLiveAndFiltersWhatItAdds) {
+    Shelf shelf = Shelf::create(model);
+    auto &catalogue = shelf->getCatalogueMutable();
+    using Catalogue = std::remove_reference_t<decltype(catalogue)>;
+    SubsettedElementSet<Novel, Catalogue> novels(catalogue);
+    SubsettedElementSet<Novel, Catalogue> longNovels(
+        catalogue, [](ModelElement const &element) { return Novel::fromImpl(static_cast<Novel::Impl *>(element.get()))->getPages() > 200; });
+    catalogue.insert(book(u"Dune"));
+    EXPECT_TRUE(novels.empty());
+
+    Novel emma = Novel::create(model);
+    emma->setTitle(u"Emma");
+    catalogue.insert(emma);
+    EXPECT_EQ(novels.getAllValues(), std::vector<ModelElement>{emma});
+    EXPECT_TRUE(longNovels.empty());
+
+    GenericCollectionInterface &view = *longNovels.getGenericInterface();
+    EXPECT_THROW(view.genericAdd(book(u"Ulysses", 700)), Error<messages::CannotAddIncompatibleTypes>);
+    Novel brief = Novel::create(model);
+    brief->setTitle(u"Brief");
+    EXPECT_THROW(view.genericAdd(brief), Error<messages::CannotAddIncompatibleObjectSubset>);
+    Novel saga = Novel::create(model);
+    saga->setTitle(u"Saga");
+    saga->setPages(900);
+    view.genericAdd(saga);
+    EXPECT_EQ(saga->getCatalogued(), shelf) << "added to the superset, with association";
+    view.genericRemove(emma); // refused by the predicate: left alone
+    EXPECT_TRUE(catalogue.contains(emma));
+    EXPECT_EQ(novels.getGenericInterface()->genericSize(), 2u);
+    EXPECT_EQ(catalogue.size(), 3u);
 }
 
 } // namespace
