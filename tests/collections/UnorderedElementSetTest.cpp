@@ -101,6 +101,23 @@ TEST_F(UnorderedElementSetTest, WrongTypesAreRefusedOnlyThroughTheGenericView) {
     EXPECT_TRUE(shelf->getRecommended().empty());
 }
 
+// While a document is read, both ends of a many-to-many pair arrive by themselves; a
+// single-valued far end is still kept.
+TEST_F(UnorderedElementSetTest, AParseLeavesTheFarEndOfAManyToManyPairAlone) {
+    Book book = Book::create(model);
+    Author author = Author::create(model);
+    Author writer = Author::create(model);
+    {
+        auto parse = model->startParse();
+        book->getCoauthorsMutable().push_back(author);
+        writer->getBooksMutable().push_back(book);
+    }
+    EXPECT_TRUE(author->getCoauthored().empty());
+    EXPECT_EQ(book->getWriter(), writer);
+    book->getCoauthorsMutable().push_back(writer);
+    EXPECT_TRUE(writer->getCoauthored().contains(book)) << "outside a parse the far end hears";
+}
+
 // The table behind the set against a plain set, through growth and removals that pull
 // runs back; UUIDs that share their first half must still spread.
 TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainSetThroughAnyMixOfChanges) {
