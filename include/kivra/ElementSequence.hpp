@@ -85,6 +85,9 @@ public:
 
     std::vector<ModelElement> getAllValues() const override;
     std::vector<ModelElement> getAllValuesAndProxies() const override { return entries_; }
+    /// Empties the sequence as `basicClear` does and gives its entries with their
+    /// references: the children of a destroyed owner leave without being copied.
+    Container basicTakeAll();
     Container const &toSTLCollection() const noexcept { return entries_; }
     Container const &toSTLCollectionWithResolvedProxies(ProxyResolutionStrategy strategy);
 

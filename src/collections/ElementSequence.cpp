@@ -410,6 +410,14 @@ void ElementSequenceBase::basicAssign(std::vector<ModelElement> const &elements)
     operation.commit();
 }
 
+ElementSequenceBase::Container ElementSequenceBase::basicTakeAll() {
+    modifying();
+    Container taken = std::exchange(entries_, Container());
+    index_.reset();
+    mayHoldProxies_ = false;
+    return taken;
+}
+
 void ElementSequenceBase::basicClear() {
     modifying();
     entries_.clear();

@@ -1,5 +1,7 @@
 #include <kivra/ReferenceCollection.hpp>
 
+#include <kivra/ElementSequence.hpp>
+
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
@@ -193,10 +195,18 @@ void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection,
                      bool modelDestroying, bool multiModel) {
     // Announced first, so that a roll-back gets the children back into their places.
     owner.notifyModifying(index);
-    for (ModelElement const &child : collection.getAllValuesAndProxies())
+    // The entries leave the collection before the children go, and their references go
+    // with them: a sequence, the common case, hands its vector over without a copy.
+    std::vector<ModelElement> children;
+    if (auto *sequence = dynamic_cast<ElementSequenceBase *>(&collection)) {
+        children = sequence->basicTakeAll();
+    } else {
+        children = collection.getAllValuesAndProxies();
+        ModelElement::Impl::_basicClear(collection);
+    }
+    for (ModelElement const &child : children)
         if (child.get() && !child->isProxy())
             child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
-    ModelElement::Impl::_basicClear(collection);
 }
 
 } // namespace kivra::detail
