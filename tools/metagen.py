@@ -48,7 +48,9 @@ PRIMITIVES = {
 ZERO = {"Boolean": "false", "Real": "0.0"}
 COLLECTION_SHAPES = {"Sequence", "SortedSet", "HashSet", "Map", "HashMap", "Multimap", "HashMultimap"}
 META = "::kivra::meta"
-COLLECTION_KINDS = ("sequence", "set")
+COLLECTION_KINDS = ("sequence", "set", "map", "multimap")
+KEYED_SHAPES = {"Map": ("map", "ElementMap"), "HashMap": ("map", "UnorderedElementMap"),
+                "Multimap": ("multimap", "ElementMultimap"), "HashMultimap": ("multimap", "UnorderedElementMultimap")}
 TAG = "::kivra::ModelElement::Impl::ReflectionPrivateTag"
 
 
@@ -128,8 +130,9 @@ def parse(path):
 
 
 class Metamodel:
-    def __init__(self, classes, package, namespace, include_prefix, tables_name):
+    def __init__(self, classes, package, namespace, include_prefix, tables_name, keyed=True):
         self.classes = classes
+        self.keyed = keyed
         self.package = package
         self.ns = namespace
         self.prefix = include_prefix
@@ -153,11 +156,13 @@ class Metamodel:
         return self.find_property(prop.type, prop.opposite) if prop.opposite else None
 
     def collection_kind(self, prop):
-        """sequence or set for a multi-valued element property; None for what is not written
-        yet (keyed containers, collections of values or data types)."""
+        """sequence, set, map or multimap for a multi-valued element property; None for what
+        is not written yet (collections of values or data types)."""
         target = self.classes.get(prop.type)
         if prop.index == 0 or target is None or target.datatype:
             return None
+        if prop.shape in KEYED_SHAPES:
+            return KEYED_SHAPES[prop.shape][0] if self.keyed and self.key_type(prop) else None
         if prop.shape == "Sequence":
             return "sequence"
         if prop.shape in ("HashSet", "SortedSet"):
@@ -185,6 +190,30 @@ class Metamodel:
         if far is not None and (far.index == 0 or (far.shape in COLLECTION_SHAPES and self.collection_kind(far) is None)):
             return None  # the far end is a keyed container, which arrives later
         return "reference"
+
+    def key_type(self, prop):
+        """The native type of the keys of a qualified property; None when not written yet."""
+        key = self.find_property(prop.type, prop.qualified_by) if prop.qualified_by else None
+        if key is None or key.shape != "Single":
+            return None
+        if key.type in PRIMITIVES and key.type not in ("Boolean", "DateTime"):
+            return PRIMITIVES[key.type][0]
+        return None
+
+    def key_holders(self, key):
+        """The keyed properties that the value property `key` qualifies, each with the far
+        end on the key's class that finds their owners (None: the owner is the container)."""
+        holders = []
+        for cls in self.classes.values():
+            for q in cls.props:
+                if q.qualified_by != key.name or self.kind(q) not in ("map", "multimap"):
+                    continue
+                if self.find_property(q.type, key.name) is not key:
+                    continue
+                far = self.opposite_of(q)
+                if far is not None or q.composite:
+                    holders.append((q, far))
+        return holders
 
     def settable_container_end(self, prop):
         far = self.opposite_of(prop)
@@ -233,7 +262,9 @@ class Metamodel:
         return self.package is not None
 
 
-def collection_type(kind, prop):
+def collection_type(kind, prop, mm=None):
+    if kind in ("map", "multimap"):
+        return f"::kivra::{KEYED_SHAPES[prop.shape][1]}<{mm.key_type(prop)}, {prop.type}>"
     template = "ElementSequence" if kind == "sequence" else "UnorderedElementSet"
     return f"::kivra::{template}<{prop.type}>"
 
@@ -405,6 +436,9 @@ def write_header(mm, cls, extra_dir):
         if k == "set":
             includes.add("kivra/UnorderedElementSet.hpp")
             std_includes.add("memory")
+        if k in ("map", "multimap"):
+            includes.add("kivra/ElementMap.hpp")
+            std_includes.add("memory")
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The `{cls.name}` class of `{mm.dotted}`: its handle's implementation.\n\n"]
     out += [f"#include <{i}>\n" for i in sorted(includes)]
     out.append("\n")
@@ -442,7 +476,7 @@ public:
             out.append(f"    {p.type} get{p.cap}() const;\n")
             out.append(f"    void set{p.cap}({p.type} const &value);\n")
         elif k in COLLECTION_KINDS:
-            ctype = collection_type(k, p)
+            ctype = collection_type(k, p, mm)
             out.append(f"\n    /// The `{p.name}`, made on first use; each access resolves the proxies it holds.\n")
             out.append(f"    {ctype} const &get{p.cap}() const;\n")
             out.append(f"    {ctype} &get{p.cap}Mutable();\n")
@@ -494,7 +528,7 @@ protected:
     for p, k in kinds:
         if k in COLLECTION_KINDS:
             out.append(f"    /// The collection, made when missing; no proxy is resolved.\n")
-            out.append(f"    {collection_type(k, p)} &ensure{p.cap}() const;\n")
+            out.append(f"    {collection_type(k, p, mm)} &ensure{p.cap}() const;\n")
     members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS]
     if members:
         out.append("\n")
@@ -505,7 +539,7 @@ protected:
             out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
         elif k in COLLECTION_KINDS:
             out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
-            out.append(f"    mutable std::unique_ptr<{collection_type(k, p)}> {p.name}_;\n")
+            out.append(f"    mutable std::unique_ptr<{collection_type(k, p, mm)}> {p.name}_;\n")
         else:
             out.append(f"    {p.type} {p.name}_;\n")
     out.append("};\n")
@@ -527,7 +561,7 @@ private:
             elif k == "optional":
                 out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
             elif k in COLLECTION_KINDS:
-                out.append(f"    mutable std::unique_ptr<{collection_type(k, p)}> {p.name}_;\n")
+                out.append(f"    mutable std::unique_ptr<{collection_type(k, p, mm)}> {p.name}_;\n")
             else:
                 out.append(f"    {p.type} {p.name}_;\n")
         out.append("};\n")
@@ -560,6 +594,9 @@ def write_source(mm, cls):
             includes.add(mm.header(p.type))
         if k in COLLECTION_KINDS:
             includes.add("kivra/detail/Collections.hpp")
+        if k == "value":
+            for q, _ in mm.key_holders(p):
+                includes.add(mm.header(q.owner))
     if mm.described():
         includes.add(f"{mm.prefix}/{package_class(mm)}.hpp")
     out = [mm.banner]
@@ -641,7 +678,9 @@ void {cls.name}::Impl::convertReferencesToProxies(bool multiModel, boost::option
 }}
 """)
     for p, k in kinds:
-        if k in ("value", "optional"):
+        if k == "value" and mm.key_holders(p):
+            out.append(write_key_setter(mm, cls, p))
+        elif k in ("value", "optional"):
             arg = f"boost::optional<{native(p)}> const &" if k == "optional" else param(p)
             out.append(f"""
 void {cls.name}::Impl::set{p.cap}({arg}value) {{ ::kivra::detail::setMember(*this, {p.name}_, value, {p.name}Index); }}
@@ -658,8 +697,11 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
 }}
 """)
         elif k in COLLECTION_KINDS:
-            ctype = collection_type(k, p)
+            ctype = collection_type(k, p, mm)
             args = f"_privateTag(), self, {str(mm.unique(p)).lower()}, " if k == "sequence" else "_privateTag(), self, "
+            if k in ("map", "multimap"):
+                key = mm.find_property(p.type, p.qualified_by)
+                args = (f"[](::kivra::ModelElement::Impl const &entry) -> {mm.key_type(p)} {{ return static_cast<{p.type}::Impl const &>(entry).get{key.cap}(); }}, " + args)
             out.append(f"""
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
     if (!{p.name}_) [[unlikely]] {{
@@ -702,6 +744,40 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
         out.append(write_association(mm, cls, kinds, base))
     out.append(f"\n}} // namespace {mm.ns}\n")
     return "".join(out)
+
+
+def write_key_setter(mm, cls, p):
+    """The setter of a key: the element leaves the keyed collections that hold it and comes
+    back under its new key; a unique key taken by another element changes nothing."""
+    body = []
+    for q, far in mm.key_holders(p):
+        unique = q.shape in ("Map", "HashMap")
+        check = (f"        if (owner->has{q.cap}() && owner->get{q.cap}().containsKey(value))\n"
+                 f"            ::kivra::detail::raiseKeyTaken();\n") if unique else ""
+        push = f"        holders.push_back({{owner.get(), &{q.owner}::Impl::{q.name}Property()}});\n"
+        if far is None:
+            body.append(f"""    if (containmentFeatureImpl() == {q.owner}::Impl::{q.name}Property().get()) {{
+        {q.owner} const owner = {q.owner}::fromImpl(static_cast<{q.owner}::Impl *>(containerImpl()));
+{check}{push}    }}
+""")
+        elif far.shape in COLLECTION_SHAPES:
+            body.append(f"""    for ({q.owner} const owner : get{far.cap}()) {{
+{check}{push}    }}
+""")
+        else:
+            body.append(f"""    if ({q.owner} const owner = get{far.cap}(); owner.get()) {{
+{check}{push}    }}
+""")
+    return f"""
+void {cls.name}::Impl::set{p.cap}({param(p)}value) {{
+    checkModifiable();
+    if ({p.name}_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+{"".join(body)}    ::kivra::detail::setKey(*this, {p.name}_, value, {p.name}Index, holders);
+}}
+"""
 
 
 def disassociated(p, k):
@@ -1028,7 +1104,9 @@ METAMODELS = [
 
 def run(tables, namespace, headers, sources, prefix, check):
     classes, package = parse(tables)
-    mm = Metamodel(classes, package, namespace, prefix, tables.relative_to(ROOT) if tables.is_relative_to(ROOT) else tables)
+    # kivra's own keyed properties stay with the registry until its classes hold collections.
+    mm = Metamodel(classes, package, namespace, prefix, tables.relative_to(ROOT) if tables.is_relative_to(ROOT) else tables,
+                   keyed=namespace != "kivra::meta")
     stale = []
     for path, text in outputs(mm, headers, sources).items():
         if path.exists() and path.read_text() == text:

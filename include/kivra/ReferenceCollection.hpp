@@ -118,6 +118,7 @@ public:
 
 protected:
     friend class ModelElement::Impl;
+    friend class SubsettedElementSetBase;
 
     ReferenceCollection(ModelElement::Impl *owner, meta::Property::Impl *property, meta::Property::Impl *opposite,
                         GenericCollectionInterface *genericInterface)

@@ -4,12 +4,12 @@
 /// element-typed property.
 
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/detail/ElementHashSet.hpp>
 
 #include <cstddef>
 #include <iterator>
 #include <memory>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -43,7 +43,8 @@ public:
     void replaceProxy(ModelElement const &element, std::size_t index) override;
 
 protected:
-    using ReferenceCollection::ReferenceCollection;
+    ReferenceCollectionWithProxies(ModelElement::Impl *owner, meta::Property::Impl *property,
+                                   meta::Property::Impl *opposite, GenericCollectionInterface *genericInterface);
 
     /// Puts `element` into the container with no guard, record or association; false when
     /// it did not go in.
@@ -65,7 +66,7 @@ private:
 /// always unique.
 class ElementSetBase : public ReferenceCollectionWithProxies {
 public:
-    using Container = std::unordered_set<ModelElement>;
+    using Container = detail::ElementHashSet;
     using const_iterator = Container::const_iterator;
 
     ~ElementSetBase() override;

@@ -379,6 +379,10 @@ void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &
 void ElementSequenceBase::basicAdd(ModelElement const &element) {
     Operation operation(*this);
     modifying();
+    // Most lists of a model hold a few entries: the first allocation makes room for two,
+    // where growth from one would allocate twice.
+    if (entries_.capacity() == 0)
+        entries_.reserve(2);
     entries_.push_back(element);
     noteAdded(element.get());
     operation.commit();

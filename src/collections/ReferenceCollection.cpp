@@ -6,6 +6,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/detail/Collections.hpp>
+#include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
@@ -68,11 +69,23 @@ void ReferenceCollection::copyContents(AbstractOwnedCollection const &other) {
     assignFrom(static_cast<ReferenceCollection const &>(other));
 }
 
+namespace {
+/// The opposite as a handle for one call, without touching its count: every link passes
+/// it, and the metamodel outlives the model.
+class UncountedProperty : public meta::Property {
+public:
+    explicit UncountedProperty(meta::Property::Impl *impl) noexcept : meta::Property(impl, /*addReference=*/false) {}
+    UncountedProperty(UncountedProperty const &) = delete;
+    UncountedProperty &operator=(UncountedProperty const &) = delete;
+    ~UncountedProperty() { releaseImpl(); }
+};
+} // namespace
+
 void ReferenceCollection::associate(ModelElement::Impl *element) {
     if (!owner_ || !element || element->isProxy())
         return;
     if (opposite_)
-        owner_->_inverseAddThis(element, meta::Property::fromImpl(opposite_), /*force=*/false);
+        owner_->_inverseAddThis(element, UncountedProperty(opposite_), /*force=*/false);
     else if (isComposite())
         owner_->_setContainedByThis(element, property_);
 }
@@ -81,7 +94,7 @@ void ReferenceCollection::dissociate(ModelElement::Impl *element) {
     if (!owner_ || !element || element->isProxy())
         return;
     if (opposite_) {
-        owner_->_inverseRemoveThis(element, meta::Property::fromImpl(opposite_));
+        owner_->_inverseRemoveThis(element, UncountedProperty(opposite_));
     } else if (isComposite()) {
         // Only a child that this collection still holds leaves its container.
         if (element->containerImpl() == owner_ && element->containmentFeatureImpl() == property_.get())
@@ -144,6 +157,18 @@ void ModelElement::Impl::_loadCollectionContents(ReferenceCollection &) {
 namespace kivra::detail {
 
 void raiseCollectionOfProxy() { raise<messages::CannotModifyProxy>(); }
+
+void raiseKeyTaken() { raise<messages::UniquenessConstraint>(); }
+
+void leaveKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders) {
+    for (KeyHolder const &holder : holders)
+        element._inverseRemoveThis(holder.owner, *holder.property);
+}
+
+void returnToKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders) {
+    for (KeyHolder const &holder : holders)
+        element._inverseAddThis(holder.owner, *holder.property, /*force=*/true);
+}
 
 meta::Property::Impl *oppositeOf(meta::Property const &property) {
     return property ? property->getOpposite().get() : nullptr;

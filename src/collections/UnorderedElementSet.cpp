@@ -86,6 +86,12 @@ ProxyId proxyIdOf(ModelElement const &proxy) { return proxy->getPersistentProxyI
 
 // --- The side table ------------------------------------------------------------------------
 
+ReferenceCollectionWithProxies::ReferenceCollectionWithProxies(ModelElement::Impl *owner,
+                                                               meta::Property::Impl *property,
+                                                               meta::Property::Impl *opposite,
+                                                               GenericCollectionInterface *genericInterface)
+    : ReferenceCollection(owner, property, opposite, genericInterface) {}
+
 ReferenceCollectionWithProxies::~ReferenceCollectionWithProxies() = default;
 
 bool ReferenceCollectionWithProxies::hasUnresolved() const noexcept {
@@ -296,6 +302,8 @@ std::vector<ModelElement> ElementSetBase::getAllValuesAndProxies() const {
 }
 
 void ElementSetBase::basicAdd(ModelElement const &element) {
+    if (!element.get())
+        return;
     Operation operation(*this);
     modifying();
     entries_.insert(element);
@@ -312,7 +320,7 @@ void ElementSetBase::basicRemove(ModelElement const &element) {
         return;
     Operation operation(*this);
     modifying();
-    entries_.erase(found);
+    entries_.erase(element);
     operation.commit();
 }
 
@@ -344,7 +352,9 @@ void ElementSetBase::assignFrom(ReferenceCollection const &other) {
     copyUnresolvedFrom(set);
 }
 
-bool ElementSetBase::resolveAdd(ModelElement const &element) { return entries_.insert(element).second; }
+bool ElementSetBase::resolveAdd(ModelElement const &element) {
+    return element.get() && entries_.insert(element).second;
+}
 
 // --- The generic view ----------------------------------------------------------------------
 

@@ -292,11 +292,10 @@ void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &pro
     // its model may be a shell that must not be asked for a transaction.
     if (!target || !target->isValidNonProxy())
         return;
-    if (!force && property->getUpper() != 1 && !property->getIsComposite()) {
+    if (!force && model_->isParsingInProgress() && property->getUpper() != 1 && !property->getIsComposite()) {
         // While a document is read, both ends of a many-valued pair arrive by themselves.
         meta::Property const opposite = property->getOpposite();
-        bool const oppositeComposite = opposite && opposite->getIsComposite();
-        if (!oppositeComposite && model_->isParsingInProgress())
+        if (!opposite || !opposite->getIsComposite())
             return;
     }
     target->inverseAdd(ModelElement(this, true), property);

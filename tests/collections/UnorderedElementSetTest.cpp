@@ -15,6 +15,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <random>
+#include <set>
+
 namespace kivra::test::library {
 namespace {
 
@@ -95,6 +99,58 @@ TEST_F(UnorderedElementSetTest, WrongTypesAreRefusedOnlyThroughTheGenericView) {
     EXPECT_THROW(view.genericRemove(Shelf::create(model)), Error<messages::CannotAddIncompatibleTypes>);
     EXPECT_TRUE(view.genericEmpty());
     EXPECT_TRUE(shelf->getRecommended().empty());
+}
+
+// While a document is read, both ends of a many-to-many pair arrive by themselves; a
+// single-valued far end is still kept.
+TEST_F(UnorderedElementSetTest, AParseLeavesTheFarEndOfAManyToManyPairAlone) {
+    Book book = Book::create(model);
+    Author author = Author::create(model);
+    Author writer = Author::create(model);
+    {
+        auto parse = model->startParse();
+        book->getCoauthorsMutable().push_back(author);
+        writer->getBooksMutable().push_back(book);
+    }
+    EXPECT_TRUE(author->getCoauthored().empty());
+    EXPECT_EQ(book->getWriter(), writer);
+    book->getCoauthorsMutable().push_back(writer);
+    EXPECT_TRUE(writer->getCoauthored().contains(book)) << "outside a parse the far end hears";
+}
+
+// The table behind the set against a plain set, through growth and removals that pull
+// runs back; UUIDs that share their first half must still spread.
+TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainSetThroughAnyMixOfChanges) {
+    std::vector<Book> pool;
+    for (std::uint64_t i = 0; i < 300; ++i) {
+        boost::uuids::uuid id = ElementImpl::generateNewUuid();
+        if (i % 2) { // hand-numbered: one shared first half
+            std::memset(id.data, 0x11, 8);
+            std::memcpy(id.data + 8, &i, sizeof i);
+        }
+        pool.push_back(Book::create(model, id));
+    }
+    detail::ElementHashSet table;
+    std::set<ModelElement::Impl *> expected;
+    std::mt19937 random(7);
+    for (int step = 0; step < 5000; ++step) {
+        Book const &book = pool[random() % pool.size()];
+        if (random() % 3) {
+            EXPECT_EQ(table.insert(book).second, expected.insert(book.get()).second);
+        } else {
+            EXPECT_EQ(table.erase(book), expected.erase(book.get()) == 1);
+        }
+        if (step % 500 == 0) {
+            detail::ElementHashSet const copy = table;
+            std::set<ModelElement::Impl *> seen;
+            for (ModelElement const &entry : copy)
+                seen.insert(entry.get());
+            ASSERT_EQ(seen, expected);
+        }
+    }
+    for (Book const &book : pool)
+        ASSERT_EQ(table.contains(book), expected.contains(book.get()));
+    EXPECT_EQ(table.size(), expected.size());
 }
 
 } // namespace

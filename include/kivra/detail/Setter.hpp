@@ -11,6 +11,7 @@
 #include <kivra/meta/Property.hpp>
 
 #include <cstdint>
+#include <vector>
 
 namespace kivra::detail {
 
@@ -111,5 +112,31 @@ template <class TargetImpl> TargetImpl *elementAs(ModelElement const &element) {
 
 /// The element that `value` refers to, as above.
 template <class TargetImpl> TargetImpl *elementAs(Value const &value) { return elementAs<TargetImpl>(value.getElement()); }
+
+/// An element that holds another in a keyed collection, and that collection's property.
+struct KeyHolder {
+    ModelElement::Impl *owner;
+    meta::Property const *property;
+};
+
+/// Raises `UniquenessConstraint`: a new key is held by another element.
+[[noreturn]] void raiseKeyTaken();
+/// The element leaves each holder's keyed collection, at the store-only level.
+void leaveKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders);
+/// The element comes back into each holder's keyed collection under its present key.
+void returnToKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> const &holders);
+
+/// A member that is the key of its element in keyed collections: since a container never
+/// looks at a key again by itself, the element leaves them before the change and comes
+/// back after it, all in one transaction.
+template <class T, class U>
+void setKey(ModelElement::Impl &element, T &member, U const &value, std::uint64_t index,
+            std::vector<KeyHolder> const &holders) {
+    auto transaction = element.beginModification(index);
+    leaveKeyHolders(element, holders);
+    member = value;
+    returnToKeyHolders(element, holders);
+    transaction.commit();
+}
 
 } // namespace kivra::detail

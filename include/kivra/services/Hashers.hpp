@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 namespace boost::posix_time {
 class ptime;
@@ -58,6 +59,16 @@ template <> struct KivraHasher<std::string> {
 /// A time point hashes its ISO text ("20240131T101500,5").
 template <> struct KivraHasher<boost::posix_time::ptime> {
     std::size_t operator()(boost::posix_time::ptime const &time) const;
+};
+
+/// The hash of the key of a hashed keyed collection: integers hash their bytes with
+/// FNV-1a, other keys as `KivraHasher` does.
+template <class K> struct KeyHasher : KivraHasher<K> {};
+
+template <class K>
+    requires(std::is_integral_v<K> && !std::is_same_v<K, bool>)
+struct KeyHasher<K> {
+    std::size_t operator()(K key) const noexcept { return static_cast<std::size_t>(fnv1a(&key, sizeof key)); }
 };
 
 } // namespace kivra::services::hashers

@@ -41,6 +41,11 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Author::Impl::draftsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("103c8bc3-7f73-38c8-b3f3-2fb3fb616697")));
+    return slot;
+}
+
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Author element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -54,6 +59,8 @@ Author Author::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &
 }
 
 void Author::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (drafts_ && !drafts_->empty())
+        ::kivra::detail::destroyChildren(*this, *drafts_, draftsIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
@@ -72,6 +79,7 @@ void Author::Impl::basicDisassociateAll() {
     favourite_.reset();
     books_.reset();
     coauthored_.reset();
+    drafts_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
@@ -127,6 +135,23 @@ void Author::Impl::setFavourite(Book const &value) {
 
 ::kivra::UnorderedElementSet<Book> &Author::Impl::getCoauthoredMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getCoauthored()); }
 
+::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::ensureDrafts() const {
+    if (!drafts_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        drafts_.reset(new ::kivra::UnorderedElementMultimap<std::int32_t, Book>([](::kivra::ModelElement::Impl const &entry) -> std::int32_t { return static_cast<Book::Impl const &>(entry).getPages(); }, _privateTag(), self, draftsProperty().get(), ::kivra::detail::oppositeOf(draftsProperty())));
+        self->_loadCollectionContents(*drafts_);
+    }
+    return *drafts_;
+}
+
+::kivra::UnorderedElementMultimap<std::int32_t, Book> const &Author::Impl::getDrafts() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureDrafts());
+    return *drafts_;
+}
+
+::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::getDraftsMutable() { return const_cast<::kivra::UnorderedElementMultimap<std::int32_t, Book> &>(getDrafts()); }
+
 bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -138,6 +163,8 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return hasBooks();
     if (property == coauthoredProperty())
         return hasCoauthored();
+    if (property == draftsProperty())
+        return hasDrafts();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -152,6 +179,8 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
     if (property == coauthoredProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthoredMutable() : ensureCoauthored(), property);
+    if (property == draftsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getDraftsMutable() : ensureDrafts(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -166,6 +195,8 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::detail::assignCollection(getBooksMutable(), value);
     if (property == coauthoredProperty())
         return ::kivra::detail::assignCollection(getCoauthoredMutable(), value);
+    if (property == draftsProperty())
+        return ::kivra::detail::assignCollection(getDraftsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -181,6 +212,8 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return booksProperty();
     case 4:
         return coauthoredProperty();
+    case 5:
+        return draftsProperty();
     default:
         return {};
     }
@@ -209,6 +242,9 @@ void Author::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std:
     case coauthoredIndex:
         own->coauthored_ = ::kivra::detail::cloneCollection(coauthored_.get());
         return;
+    case draftsIndex:
+        own->drafts_ = ::kivra::detail::cloneCollection(drafts_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -224,6 +260,8 @@ void Author::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *st
         ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
     if (own->isChanged(coauthoredIndex))
         ::kivra::detail::restoreCollection(ensureCoauthored(), own->coauthored_.get());
+    if (own->isChanged(draftsIndex))
+        ::kivra::detail::restoreCollection(ensureDrafts(), own->drafts_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -245,6 +283,8 @@ bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
         return ::kivra::detail::oldCollectionValue(books_, property);
     if (property == Impl::coauthoredProperty() && isChanged(Impl::coauthoredIndex))
         return ::kivra::detail::oldCollectionValue(coauthored_, property);
+    if (property == Impl::draftsProperty() && isChanged(Impl::draftsIndex))
+        return ::kivra::detail::oldCollectionValue(drafts_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -262,6 +302,10 @@ void Author::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta:
     }
     if (property.get() && property == coauthoredProperty()) {
         _basicAdd(ensureCoauthored(), other);
+        return;
+    }
+    if (property.get() && property == draftsProperty()) {
+        _basicAdd(ensureDrafts(), other);
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -285,6 +329,11 @@ void Author::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::me
             _basicRemove(*coauthored_, other);
         return;
     }
+    if (property.get() && property == draftsProperty()) {
+        if (drafts_)
+            _basicRemove(*drafts_, other);
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
@@ -295,6 +344,8 @@ bool Author::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::
         return books_ && _basicContainsProxyTo(*books_, other);
     if (property.get() && property == coauthoredProperty())
         return coauthored_ && _basicContainsProxyTo(*coauthored_, other);
+    if (property.get() && property == draftsProperty())
+        return drafts_ && _basicContainsProxyTo(*drafts_, other);
     return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
@@ -310,6 +361,10 @@ void Author::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::m
     }
     if (property.get() && property == coauthoredProperty()) {
         _basicAdd(ensureCoauthored(), other);
+        return;
+    }
+    if (property.get() && property == draftsProperty()) {
+        _basicAdd(ensureDrafts(), other);
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

@@ -6,6 +6,7 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
@@ -24,8 +25,9 @@ public:
     static constexpr std::uint64_t favouriteIndex = 2;
     static constexpr std::uint64_t booksIndex = 3;
     static constexpr std::uint64_t coauthoredIndex = 4;
+    static constexpr std::uint64_t draftsIndex = 5;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 4;
+    static constexpr std::uint64_t propertyCount = 5;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
@@ -35,6 +37,8 @@ public:
     static ::kivra::meta::Property const &booksProperty();
     /// The description of `coauthored`; empty until the metamodel is described.
     static ::kivra::meta::Property const &coauthoredProperty();
+    /// The description of `drafts`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &draftsProperty();
 
     Class const &getMetaClass() const override;
 
@@ -56,6 +60,12 @@ public:
     ::kivra::UnorderedElementSet<Book> &getCoauthoredMutable();
     /// True when the collection was made and holds anything.
     bool hasCoauthored() const noexcept { return coauthored_ && !coauthored_->empty(); }
+
+    /// The `drafts`, made on first use; each access resolves the proxies it holds.
+    ::kivra::UnorderedElementMultimap<std::int32_t, Book> const &getDrafts() const;
+    ::kivra::UnorderedElementMultimap<std::int32_t, Book> &getDraftsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasDrafts() const noexcept { return drafts_ && !drafts_->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -83,6 +93,8 @@ protected:
     ::kivra::ElementSequence<Book> &ensureBooks() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::UnorderedElementSet<Book> &ensureCoauthored() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::UnorderedElementMultimap<std::int32_t, Book> &ensureDrafts() const;
 
     basalt::ustring name_{};
     Book favourite_;
@@ -90,6 +102,8 @@ protected:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
 };
 
 /// The old values of `Author`'s own members in a deep transaction.
@@ -105,6 +119,7 @@ private:
     Book favourite_;
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
+    mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
 };
 
 inline Author::Impl *Author::get() const noexcept {

@@ -87,6 +87,11 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Book::Impl::cataloguedProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9c304601-842c-3f02-aea2-e9da83fd2b81")));
+    return slot;
+}
+
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Book element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -114,6 +119,8 @@ void Book::Impl::disassociateIncoming() {
         setAuthor({});
     if (writer_.get())
         setWriter({});
+    if (catalogued_.get())
+        setCatalogued({});
     if (coauthors_)
         coauthors_->clear();
     ::kivra::ModelElement::Impl::disassociateIncoming();
@@ -127,6 +134,7 @@ void Book::Impl::basicDisassociateAll() {
     appendix_.reset();
     chapters_.reset();
     coauthors_.reset();
+    catalogued_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
@@ -136,10 +144,23 @@ void Book::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::k
     sequel_.reset();
     writer_.reset();
     coauthors_.reset();
+    catalogued_.reset();
     ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
-void Book::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMember(*this, title_, value, titleIndex); }
+void Book::Impl::setTitle(basalt::ustring const &value) {
+    checkModifiable();
+    if (title_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+    if (Shelf const owner = getCatalogued(); owner.get()) {
+        if (owner->hasCatalogue() && owner->getCatalogue().containsKey(value))
+            ::kivra::detail::raiseKeyTaken();
+        holders.push_back({owner.get(), &Shelf::Impl::catalogueProperty()});
+    }
+    ::kivra::detail::setKey(*this, title_, value, titleIndex, holders);
+}
 
 void Book::Impl::setSubtitle(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, subtitle_, value, subtitleIndex); }
 
@@ -163,7 +184,18 @@ void Book::Impl::setAuthor(Author const &value) {
     ::kivra::detail::setReference(*this, author_, value, authorProperty(), authorIndex);
 }
 
-void Book::Impl::setPages(std::int32_t value) { ::kivra::detail::setMember(*this, pages_, value, pagesIndex); }
+void Book::Impl::setPages(std::int32_t value) {
+    checkModifiable();
+    if (pages_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+    if (containmentFeatureImpl() == Author::Impl::draftsProperty().get()) {
+        Author const owner = Author::fromImpl(static_cast<Author::Impl *>(containerImpl()));
+        holders.push_back({owner.get(), &Author::Impl::draftsProperty()});
+    }
+    ::kivra::detail::setKey(*this, pages_, value, pagesIndex, holders);
+}
 
 Book Book::Impl::getSequel() const {
     return ::kivra::detail::readReference(*this, const_cast<Book &>(sequel_));
@@ -249,6 +281,14 @@ void Book::Impl::setChapterOf(Book const &value) {
 
 ::kivra::ElementSequence<Author> &Book::Impl::getCoauthorsMutable() { return const_cast<::kivra::ElementSequence<Author> &>(getCoauthors()); }
 
+Shelf Book::Impl::getCatalogued() const {
+    return ::kivra::detail::readReference(*this, const_cast<Shelf &>(catalogued_));
+}
+
+void Book::Impl::setCatalogued(Shelf const &value) {
+    ::kivra::detail::setReference(*this, catalogued_, value, cataloguedProperty(), cataloguedIndex);
+}
+
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -278,6 +318,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return getChapterOf().get() != nullptr;
     if (property == coauthorsProperty())
         return hasCoauthors();
+    if (property == cataloguedProperty())
+        return catalogued_.get() != nullptr;
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -310,6 +352,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getChapterOf()));
     if (property == coauthorsProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthorsMutable() : ensureCoauthors(), property);
+    if (property == cataloguedProperty())
+        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getCatalogued()) : ::kivra::ModelElement(catalogued_));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -342,6 +386,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return setChapterOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
     if (property == coauthorsProperty())
         return ::kivra::detail::assignCollection(getCoauthorsMutable(), value);
+    if (property == cataloguedProperty())
+        return setCatalogued(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -375,6 +421,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return chapterOfProperty();
     case 13:
         return coauthorsProperty();
+    case 14:
+        return cataloguedProperty();
     default:
         return {};
     }
@@ -421,6 +469,9 @@ void Book::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::u
     case coauthorsIndex:
         own->coauthors_ = ::kivra::detail::cloneCollection(coauthors_.get());
         return;
+    case cataloguedIndex:
+        own->catalogued_ = catalogued_;
+        return;
     case shelfIndex:
         storage->setOldContainer(container(), containmentFeature());
         return;
@@ -457,6 +508,8 @@ void Book::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
         ::kivra::detail::restoreCollection(ensureChapters(), own->chapters_.get());
     if (own->isChanged(coauthorsIndex))
         ::kivra::detail::restoreCollection(ensureCoauthors(), own->coauthors_.get());
+    if (own->isChanged(cataloguedIndex))
+        catalogued_ = own->catalogued_;
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -496,6 +549,8 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::detail::oldCollectionValue(chapters_, property);
     if (property == Impl::coauthorsProperty() && isChanged(Impl::coauthorsIndex))
         return ::kivra::detail::oldCollectionValue(coauthors_, property);
+    if (property == Impl::cataloguedProperty() && isChanged(Impl::cataloguedIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(catalogued_));
     if (property == Impl::shelfProperty() && isChanged(Impl::shelfIndex))
         return ::kivra::Value(property->getType(), getOldContainerBy(Shelf::Impl::featuredProperty()));
     if (property == Impl::appendixOfProperty() && isChanged(Impl::appendixOfIndex))
@@ -563,6 +618,13 @@ void Book::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::P
         _basicAdd(ensureCoauthors(), other);
         return;
     }
+    if (property.get() && property == cataloguedProperty()) {
+        notifyModifying(cataloguedIndex);
+        Shelf const old = std::exchange(catalogued_, Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(other)));
+        if (old.get() && old != catalogued_ && property->getOpposite())
+            _inverseRemoveThis(old.get(), property->getOpposite());
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
 }
 
@@ -620,6 +682,13 @@ void Book::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
             _basicRemove(*coauthors_, other);
         return;
     }
+    if (property.get() && property == cataloguedProperty()) {
+        if (catalogued_ == other) {
+            notifyModifying(cataloguedIndex);
+            catalogued_.reset();
+        }
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
@@ -634,6 +703,8 @@ bool Book::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::ki
         return chapters_ && _basicContainsProxyTo(*chapters_, other);
     if (property.get() && property == coauthorsProperty())
         return coauthors_ && _basicContainsProxyTo(*coauthors_, other);
+    if (property.get() && property == cataloguedProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Shelf &>(catalogued_), other);
     return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
@@ -679,6 +750,11 @@ void Book::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::met
     }
     if (property.get() && property == coauthorsProperty()) {
         _basicAdd(ensureCoauthors(), other);
+        return;
+    }
+    if (property.get() && property == cataloguedProperty()) {
+        notifyModifying(cataloguedIndex);
+        catalogued_ = Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(other));
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

@@ -33,8 +33,9 @@ public:
     static constexpr std::uint64_t chaptersIndex = 11;
     static constexpr std::uint64_t chapterOfIndex = 12;
     static constexpr std::uint64_t coauthorsIndex = 13;
+    static constexpr std::uint64_t cataloguedIndex = 14;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 13;
+    static constexpr std::uint64_t propertyCount = 14;
 
     /// The description of `title`; empty until the metamodel is described.
     static ::kivra::meta::Property const &titleProperty();
@@ -62,6 +63,8 @@ public:
     static ::kivra::meta::Property const &chapterOfProperty();
     /// The description of `coauthors`; empty until the metamodel is described.
     static ::kivra::meta::Property const &coauthorsProperty();
+    /// The description of `catalogued`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &cataloguedProperty();
 
     Class const &getMetaClass() const override;
 
@@ -122,6 +125,10 @@ public:
     /// True when the collection was made and holds anything.
     bool hasCoauthors() const noexcept { return coauthors_ && !coauthors_->empty(); }
 
+    /// The referenced `Shelf`, resolved when it is a proxy; empty when none.
+    Shelf getCatalogued() const;
+    void setCatalogued(Shelf const &value);
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -161,6 +168,7 @@ protected:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
+    Shelf catalogued_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.
@@ -182,6 +190,7 @@ private:
     Book appendix_;
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
     mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
+    Shelf catalogued_;
 };
 
 inline Book::Impl *Book::get() const noexcept {

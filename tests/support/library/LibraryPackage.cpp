@@ -43,6 +43,10 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Shelf_recommended, 4);
     ::kivra::meta::detail::declareOwningClass(Shelf_recommended, Shelf_);
     Shelf_recommended->setType(Book_);
+    Property const Shelf_catalogue = createProperty(u"catalogue", ::kivra::ValueFlags::Map, false, "448a560b-8a1d-37b9-b465-ea0b26fd2739");
+    setPropertyIndex(Shelf_catalogue, 5);
+    ::kivra::meta::detail::declareOwningClass(Shelf_catalogue, Shelf_);
+    Shelf_catalogue->setType(Book_);
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -98,8 +102,12 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Book_coauthors, 13);
     ::kivra::meta::detail::declareOwningClass(Book_coauthors, Book_);
     Book_coauthors->setType(Author_);
+    Property const Book_catalogued = createProperty(u"catalogued", ::kivra::ValueFlags::Single, false, "9c304601-842c-3f02-aea2-e9da83fd2b81");
+    setPropertyIndex(Book_catalogued, 14);
+    ::kivra::meta::detail::declareOwningClass(Book_catalogued, Book_);
+    Book_catalogued->setType(Shelf_);
     Property const Novel_genre = createProperty(u"genre", ::kivra::ValueFlags::Optional, false, "0877f7b2-d9c6-3692-be86-20e99d4cf1d1");
-    setPropertyIndex(Novel_genre, 14);
+    setPropertyIndex(Novel_genre, 15);
     ::kivra::meta::detail::declareOwningClass(Novel_genre, Novel_);
     Novel_genre->setType(registry().getPrimitiveType(u"String"));
     Property const Author_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "8342a15b-8351-3da5-a018-db729521eeb6");
@@ -118,8 +126,14 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Author_coauthored, 4);
     ::kivra::meta::detail::declareOwningClass(Author_coauthored, Author_);
     Author_coauthored->setType(Book_);
+    Property const Author_drafts = createProperty(u"drafts", ::kivra::ValueFlags::HashMultimap, true, "103c8bc3-7f73-38c8-b3f3-2fb3fb616697");
+    setPropertyIndex(Author_drafts, 5);
+    ::kivra::meta::detail::declareOwningClass(Author_drafts, Author_);
+    Author_drafts->setType(Book_);
     // Woven once every element exists.
     Shelf_featured->setOpposite(Book_shelf);
+    Shelf_catalogue->setOpposite(Book_catalogued);
+    Shelf_catalogue->setQualifiedBy(Book_title);
     Book_shelf->setOpposite(Shelf_featured);
     Book_author->setOpposite(Author_favourite);
     Book_writer->setOpposite(Author_books);
@@ -128,10 +142,12 @@ LibraryPackage::LibraryPackage() {
     Book_chapters->setOpposite(Book_chapterOf);
     Book_chapterOf->setOpposite(Book_chapters);
     Book_coauthors->setOpposite(Author_coauthored);
+    Book_catalogued->setOpposite(Shelf_catalogue);
     Novel_->setSuperclass(Book_);
     Author_favourite->setOpposite(Book_author);
     Author_books->setOpposite(Book_writer);
     Author_coauthored->setOpposite(Book_coauthors);
+    Author_drafts->setQualifiedBy(Book_pages);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b171343e-976b-3c15-8fe4-269754876c0c")) = Shelf_;
     registry().registerType(Shelf_);
     registry().registerProxyFactory(Shelf_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Shelf::createProxy(model, id)); });
@@ -139,6 +155,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5b89df5-b1a4-3882-99fb-d58cb9068738")) = Shelf_featured;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ecfae3c-1d1d-38ce-8119-39a2dfc516b6")) = Shelf_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = Shelf_recommended;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")) = Shelf_catalogue;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = Book_;
     registry().registerType(Book_);
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
@@ -155,6 +172,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d8093c19-4e12-3673-9c6d-e0093bdb1077")) = Book_chapters;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5dc86408-23b8-367f-bb39-3e3d503d45b0")) = Book_chapterOf;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")) = Book_coauthors;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9c304601-842c-3f02-aea2-e9da83fd2b81")) = Book_catalogued;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("3290f9e8-fcfc-3047-af61-a76537db74f5")) = Novel_;
     registry().registerType(Novel_);
     registry().registerProxyFactory(Novel_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Novel::createProxy(model, id)); });
@@ -166,6 +184,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("34f09c2e-9e41-3b46-aca7-e749428b4a14")) = Author_favourite;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fb8af07a-d1d6-3ffa-b951-793b826f35e0")) = Author_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6731b929-bad2-37e3-b0e4-aa3dc912fe45")) = Author_coauthored;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("103c8bc3-7f73-38c8-b3f3-2fb3fb616697")) = Author_drafts;
     finish();
 }
 

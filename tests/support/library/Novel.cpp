@@ -67,10 +67,10 @@ void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
 }
 
 ::kivra::meta::Property Novel::Impl::getPropertyByIndex(std::uint64_t index) const {
-    if (index < 14)
+    if (index < 15)
         return Book::Impl::getPropertyByIndex(index);
     switch (index) {
-    case 14:
+    case 15:
         return genreProperty();
     default:
         return {};

@@ -41,6 +41,11 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::catalogueProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -63,17 +68,25 @@ void Shelf::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void Shelf::Impl::disassociateIncoming() {
+    if (catalogue_)
+        catalogue_->clear();
+    ::kivra::ModelElement::Impl::disassociateIncoming();
+}
+
 void Shelf::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
     featured_.reset();
     books_.reset();
     recommended_.reset();
+    catalogue_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
 void Shelf::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) {
     // The model goes away: references let go, and far ends in other models read as none.
     recommended_.reset();
+    catalogue_.reset();
     ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
@@ -121,6 +134,23 @@ void Shelf::Impl::setFeatured(Book const &value) {
 
 ::kivra::UnorderedElementSet<Book> &Shelf::Impl::getRecommendedMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getRecommended()); }
 
+::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::ensureCatalogue() const {
+    if (!catalogue_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        catalogue_.reset(new ::kivra::ElementMap<basalt::ustring, Book>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Book::Impl const &>(entry).getTitle(); }, _privateTag(), self, catalogueProperty().get(), ::kivra::detail::oppositeOf(catalogueProperty())));
+        self->_loadCollectionContents(*catalogue_);
+    }
+    return *catalogue_;
+}
+
+::kivra::ElementMap<basalt::ustring, Book> const &Shelf::Impl::getCatalogue() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCatalogue());
+    return *catalogue_;
+}
+
+::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::getCatalogueMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Book> &>(getCatalogue()); }
+
 bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -132,6 +162,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return hasBooks();
     if (property == recommendedProperty())
         return hasRecommended();
+    if (property == catalogueProperty())
+        return hasCatalogue();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -146,6 +178,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
     if (property == recommendedProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
+    if (property == catalogueProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -160,6 +194,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::detail::assignCollection(getBooksMutable(), value);
     if (property == recommendedProperty())
         return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
+    if (property == catalogueProperty())
+        return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -175,6 +211,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return booksProperty();
     case 4:
         return recommendedProperty();
+    case 5:
+        return catalogueProperty();
     default:
         return {};
     }
@@ -203,6 +241,9 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case recommendedIndex:
         own->recommended_ = ::kivra::detail::cloneCollection(recommended_.get());
         return;
+    case catalogueIndex:
+        own->catalogue_ = ::kivra::detail::cloneCollection(catalogue_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -218,6 +259,8 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         ::kivra::detail::restoreCollection(ensureBooks(), own->books_.get());
     if (own->isChanged(recommendedIndex))
         ::kivra::detail::restoreCollection(ensureRecommended(), own->recommended_.get());
+    if (own->isChanged(catalogueIndex))
+        ::kivra::detail::restoreCollection(ensureCatalogue(), own->catalogue_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -239,6 +282,8 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::detail::oldCollectionValue(books_, property);
     if (property == Impl::recommendedProperty() && isChanged(Impl::recommendedIndex))
         return ::kivra::detail::oldCollectionValue(recommended_, property);
+    if (property == Impl::catalogueProperty() && isChanged(Impl::catalogueIndex))
+        return ::kivra::detail::oldCollectionValue(catalogue_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -256,6 +301,10 @@ void Shelf::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::
     }
     if (property.get() && property == recommendedProperty()) {
         _basicAdd(ensureRecommended(), other);
+        return;
+    }
+    if (property.get() && property == catalogueProperty()) {
+        _basicAdd(ensureCatalogue(), other);
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -279,6 +328,11 @@ void Shelf::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::met
             _basicRemove(*recommended_, other);
         return;
     }
+    if (property.get() && property == catalogueProperty()) {
+        if (catalogue_)
+            _basicRemove(*catalogue_, other);
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
@@ -287,6 +341,8 @@ bool Shelf::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::k
         return books_ && _basicContainsProxyTo(*books_, other);
     if (property.get() && property == recommendedProperty())
         return recommended_ && _basicContainsProxyTo(*recommended_, other);
+    if (property.get() && property == catalogueProperty())
+        return catalogue_ && _basicContainsProxyTo(*catalogue_, other);
     return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
@@ -305,6 +361,10 @@ void Shelf::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::me
     }
     if (property.get() && property == recommendedProperty()) {
         _basicAdd(ensureRecommended(), other);
+        return;
+    }
+    if (property.get() && property == catalogueProperty()) {
+        _basicAdd(ensureCatalogue(), other);
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

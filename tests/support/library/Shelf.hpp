@@ -6,6 +6,7 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
@@ -24,8 +25,9 @@ public:
     static constexpr std::uint64_t featuredIndex = 2;
     static constexpr std::uint64_t booksIndex = 3;
     static constexpr std::uint64_t recommendedIndex = 4;
+    static constexpr std::uint64_t catalogueIndex = 5;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 4;
+    static constexpr std::uint64_t propertyCount = 5;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
@@ -35,6 +37,8 @@ public:
     static ::kivra::meta::Property const &booksProperty();
     /// The description of `recommended`; empty until the metamodel is described.
     static ::kivra::meta::Property const &recommendedProperty();
+    /// The description of `catalogue`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &catalogueProperty();
 
     Class const &getMetaClass() const override;
 
@@ -57,6 +61,12 @@ public:
     /// True when the collection was made and holds anything.
     bool hasRecommended() const noexcept { return recommended_ && !recommended_->empty(); }
 
+    /// The `catalogue`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Book> const &getCatalogue() const;
+    ::kivra::ElementMap<basalt::ustring, Book> &getCatalogueMutable();
+    /// True when the collection was made and holds anything.
+    bool hasCatalogue() const noexcept { return catalogue_ && !catalogue_->empty(); }
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -76,12 +86,15 @@ protected:
     friend class Shelf;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void disassociateIncoming() override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::ElementSequence<Book> &ensureBooks() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::UnorderedElementSet<Book> &ensureRecommended() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Book> &ensureCatalogue() const;
 
     basalt::ustring label_{};
     Book featured_;
@@ -89,6 +102,8 @@ protected:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
@@ -104,6 +119,7 @@ private:
     Book featured_;
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
 };
 
 inline Shelf::Impl *Shelf::get() const noexcept {

@@ -1,0 +1,100 @@
+#include <kivra/detail/ElementHashSet.hpp>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+namespace kivra::detail {
+
+namespace {
+// A drawn UUID is random in its first half alone, but UUIDs a user gives may share it:
+// both halves go into the slot, so that such UUIDs do not fall into one run.
+std::size_t mix(boost::uuids::uuid const &uuid) noexcept {
+    std::uint64_t words[2];
+    std::memcpy(words, uuid.data, sizeof words);
+    std::uint64_t hash = words[0] ^ (words[1] * 0x9E3779B97F4A7C15ull);
+    hash ^= hash >> 32;
+    hash *= 0xD6E8FEB86659FD93ull;
+    hash ^= hash >> 32;
+    return static_cast<std::size_t>(hash);
+}
+
+constexpr std::size_t minimumCapacity = 8;
+} // namespace
+
+ElementHashSet::ElementHashSet(ElementHashSet const &other) : size_(other.size_) {
+    if (!other.slots_)
+        return;
+    mask_ = other.mask_;
+    slots_ = new ModelElement[mask_ + 1];
+    std::copy(other.slots_, other.slots_ + mask_ + 1, slots_);
+}
+
+ElementHashSet::~ElementHashSet() { delete[] slots_; }
+
+std::size_t ElementHashSet::home(ModelElement::Impl const *element) const noexcept {
+    return mix(element->getUuid()) & mask_;
+}
+
+std::size_t ElementHashSet::probe(ModelElement::Impl const *element) const noexcept {
+    std::size_t at = home(element);
+    while (slots_[at].get() && slots_[at].get() != element)
+        at = (at + 1) & mask_;
+    return at;
+}
+
+ElementHashSet::const_iterator ElementHashSet::find(ModelElement const &element) const noexcept {
+    if (!slots_ || !element.get())
+        return end();
+    std::size_t const at = probe(element.get());
+    return slots_[at].get() ? const_iterator(slots_ + at, slots_ + capacity()) : end();
+}
+
+std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElement const &element) {
+    if (!slots_ || (size_ + 1) * 4 > capacity() * 3)
+        rehash(slots_ ? capacity() * 2 : minimumCapacity);
+    std::size_t const at = probe(element.get());
+    bool const added = !slots_[at].get();
+    if (added) {
+        slots_[at] = element;
+        ++size_;
+    }
+    return {const_iterator(slots_ + at, slots_ + capacity()), added};
+}
+
+bool ElementHashSet::erase(ModelElement const &element) noexcept {
+    if (!slots_ || !element.get())
+        return false;
+    std::size_t hole = probe(element.get());
+    if (!slots_[hole].get())
+        return false;
+    slots_[hole].reset();
+    --size_;
+    // Entries behind the hole that may not stand before their home move into it.
+    for (std::size_t at = (hole + 1) & mask_; slots_[at].get(); at = (at + 1) & mask_) {
+        std::size_t const wanted = home(slots_[at].get());
+        bool const stays = hole < at ? (wanted > hole && wanted <= at) : (wanted > hole || wanted <= at);
+        if (stays)
+            continue;
+        slots_[hole] = std::move(slots_[at]);
+        hole = at;
+    }
+    return true;
+}
+
+void ElementHashSet::clear() noexcept {
+    delete[] std::exchange(slots_, nullptr);
+    mask_ = 0;
+    size_ = 0;
+}
+
+void ElementHashSet::rehash(std::size_t capacity) {
+    std::unique_ptr<ModelElement[]> old(std::exchange(slots_, new ModelElement[capacity]));
+    std::size_t const oldCapacity = old ? mask_ + 1 : 0;
+    mask_ = capacity - 1;
+    for (std::size_t i = 0; i < oldCapacity; ++i)
+        if (old[i].get())
+            slots_[probe(old[i].get())] = std::move(old[i]);
+}
+
+} // namespace kivra::detail
