@@ -1,5 +1,7 @@
 #include <kivra/detail/ElementHashSet.hpp>
 
+#include "core/UuidHash.hpp"
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -7,18 +9,6 @@
 namespace kivra::detail {
 
 namespace {
-// A drawn UUID is random in its first half alone, but UUIDs a user gives may share it:
-// both halves go into the slot, so that such UUIDs do not fall into one run.
-std::size_t mix(boost::uuids::uuid const &uuid) noexcept {
-    std::uint64_t words[2];
-    std::memcpy(words, uuid.data, sizeof words);
-    std::uint64_t hash = words[0] ^ (words[1] * 0x9E3779B97F4A7C15ull);
-    hash ^= hash >> 32;
-    hash *= 0xD6E8FEB86659FD93ull;
-    hash ^= hash >> 32;
-    return static_cast<std::size_t>(hash);
-}
-
 constexpr std::size_t minimumCapacity = 8;
 } // namespace
 
@@ -33,7 +23,7 @@ ElementHashSet::ElementHashSet(ElementHashSet const &other) : size_(other.size_)
 ElementHashSet::~ElementHashSet() { delete[] slots_; }
 
 std::size_t ElementHashSet::home(ModelElement::Impl const *element) const noexcept {
-    return mix(element->getUuid()) & mask_;
+    return uuidHash(element->getUuid()) & mask_;
 }
 
 std::size_t ElementHashSet::probe(ModelElement::Impl const *element) const noexcept {

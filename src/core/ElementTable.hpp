@@ -1,6 +1,8 @@
 #pragma once
 // Not API: the table of a model's live elements, found by UUID.
 
+#include "core/UuidHash.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/ModelElement.hpp>
 
@@ -14,19 +16,6 @@
 #include <utility>
 
 namespace kivra::detail {
-
-/// The hash of the element table: both halves of the UUID, mixed. A drawn UUID is random
-/// in its first half alone, but UUIDs a user gives (from a file, numbered by hand, from
-/// another system) may share it, and one shared word would put them all in one run.
-inline std::size_t uuidHash(boost::uuids::uuid const &uuid) noexcept {
-    std::uint64_t words[2];
-    std::memcpy(words, uuid.data, sizeof words);
-    std::uint64_t hash = words[0] ^ (words[1] * 0x9E3779B97F4A7C15ull);
-    hash ^= hash >> 32;
-    hash *= 0xD6E8FEB86659FD93ull;
-    hash ^= hash >> 32;
-    return static_cast<std::size_t>(hash);
-}
 
 /// An open-addressing set of raw element pointers, keyed by the element's UUID, in
 /// chunks of one cache line: seven slots, their seven tag bytes (7 bits of the hash and a

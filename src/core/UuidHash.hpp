@@ -1,0 +1,25 @@
+#pragma once
+// Not API: the hash that the library's own open-addressing tables of elements use.
+
+#include <boost/uuid/uuid.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace kivra::detail {
+
+/// The hash of element tables: both halves of the UUID, mixed. A drawn UUID is random
+/// in its first half alone, but UUIDs a user gives (from a file, numbered by hand, from
+/// another system) may share it, and one shared word would put them all in one run.
+inline std::size_t uuidHash(boost::uuids::uuid const &uuid) noexcept {
+    std::uint64_t words[2];
+    std::memcpy(words, uuid.data, sizeof words);
+    std::uint64_t hash = words[0] ^ (words[1] * 0x9E3779B97F4A7C15ull);
+    hash ^= hash >> 32;
+    hash *= 0xD6E8FEB86659FD93ull;
+    hash ^= hash >> 32;
+    return static_cast<std::size_t>(hash);
+}
+
+} // namespace kivra::detail
