@@ -104,6 +104,7 @@ private:
 class ModelElement : protected detail::HandleBase {
 public:
     class Impl;
+    class Builder;
     /// The key that lets an element build the collections of its properties.
     class CollectionPrivateTag {
         friend class Impl;

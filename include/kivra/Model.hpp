@@ -117,6 +117,9 @@ public:
     /// The packages whose classes the model's elements are instances of.
     std::vector<meta::Package> getUsedPackages() const;
     std::vector<std::u16string> getUsedPackageUris() const;
+    /// Replaces the account of what the model uses; the registry model keeps one of its
+    /// own, since its content is the metamodel itself.
+    void setUsageProvider(std::unique_ptr<meta::DataModelUsageProvider> provider);
     /// The URIs of the used packages and of the packages they import.
     std::set<std::u16string> getDescriptivePackageURIClosure() const;
     std::uint64_t serialNumber() const noexcept { return serialNumber_; }

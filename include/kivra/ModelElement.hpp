@@ -288,6 +288,13 @@ protected:
     };
 };
 
+/// The root of the builders that stage a new element's values before the element exists;
+/// each generated class derives its own. `meta::MetaRegistry::instantiateBuilder` makes them.
+class ModelElement::Builder {
+public:
+    virtual ~Builder() = default;
+};
+
 inline ModelElement::Impl *ModelElement::get() const noexcept { return static_cast<Impl *>(rawImpl()); }
 inline ModelElement::ModelElement(Impl *impl, bool addReference) noexcept : HandleBase(impl, addReference) {}
 inline ModelElement ModelElement::fromImpl(Impl *impl) noexcept { return ModelElement(impl, true); }

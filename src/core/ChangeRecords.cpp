@@ -28,9 +28,14 @@ thread_local void const *lastArenaRecord __attribute__((tls_model("initial-exec"
 
 namespace detail {
 
-ArenaScope::ArenaScope(RecordArena &arena) noexcept : previous_(std::exchange(activeArena, &arena)) {}
+ArenaScope::ArenaScope(RecordArena &arena) noexcept
+    : previous_(std::exchange(activeArena, &arena)), previousRecord_(lastArenaRecord) {}
 
-ArenaScope::~ArenaScope() { activeArena = previous_; }
+ArenaScope::~ArenaScope() {
+    activeArena = previous_;
+    // The record of the enclosing scope, allocated and not yet constructed, if any.
+    lastArenaRecord = previousRecord_;
+}
 
 RecordLog::~RecordLog() {
     // Later records may name elements that earlier ones keep: the newest go first.

@@ -298,6 +298,10 @@ std::vector<meta::Package> Model::Impl::getUsedPackages() const { return usagePr
 
 std::vector<std::u16string> Model::Impl::getUsedPackageUris() const { return usageProvider_->getUsedPackageUris(); }
 
+void Model::Impl::setUsageProvider(std::unique_ptr<meta::DataModelUsageProvider> provider) {
+    usageProvider_ = std::move(provider);
+}
+
 std::set<std::u16string> Model::Impl::getDescriptivePackageURIClosure() const {
     // Imported packages join the closure once packages hold their imports.
     std::vector<std::u16string> const used = getUsedPackageUris();

@@ -48,7 +48,9 @@ private:
     std::size_t left_ = 0;
 };
 
-/// While one lives, change records made on this thread go into `arena`.
+/// While one lives, change records made on this thread go into `arena`. Scopes nest: a
+/// record's constructor arguments may build a metaclass, whose description makes records
+/// of its own in between the record's allocation and its constructor.
 class ArenaScope {
 public:
     explicit ArenaScope(RecordArena &arena) noexcept;
@@ -58,6 +60,7 @@ public:
 
 private:
     RecordArena *previous_;
+    void const *previousRecord_;
 };
 
 /// The records of one transaction, shared by the transaction and the reports made from

@@ -6,8 +6,6 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/WorkQueue.hpp>
-#include <kivra/meta/MetaRegistry.hpp>
-#include <kivra/meta/PrimitiveType.hpp>
 
 #include <basalt/except/Exception.hpp>
 #include <basalt/log/DiagnosticLogger.hpp>
@@ -39,10 +37,10 @@ TransactionResult Transaction::commit(boost::optional<Value> const &argument) {
     return impl_ ? impl_->commit(argument) : TransactionResult::NotFinished;
 }
 TransactionResult Transaction::commit(std::string const &argument) {
-    return commit(boost::optional<Value>(Value(meta::MetaRegistry::getInstance()->getPrimitiveType(u"StdString"), argument)));
+    return commit(boost::optional<Value>(Value(argument)));
 }
 TransactionResult Transaction::commit(basalt::ustring const &argument) {
-    return commit(boost::optional<Value>(Value(meta::MetaRegistry::getInstance()->getPrimitiveType(u"String"), argument)));
+    return commit(boost::optional<Value>(Value(argument)));
 }
 TransactionResult Transaction::rollBack() { return impl_ ? impl_->rollBack() : TransactionResult::NotFinished; }
 bool Transaction::isRollBackOnly() const { return impl_ && impl_->isRollBackOnly(); }

@@ -7,13 +7,19 @@
 
 namespace kivra::meta {
 
+// Revertible, so that a description that fails part way leaves no element behind, and
+// with the elements the types that it registered.
 AbstractMetaPackage::AbstractMetaPackage()
     : registry_(MetaRegistry::getInstance()), locked_(registry_->getMetaRegistryModel()), model_(locked_->get()),
-      transaction_(model_->beginTransaction()) {}
+      transaction_(model_->beginRevertibleTransaction()) {}
 
 void AbstractMetaPackage::finish() {
     transaction_.commit();
     transaction_ = Transaction();
+    for (Package const &package : packages_)
+        if (!package->getParentPackage())
+            registry_->registerRootPackage(package);
+    packages_.clear();
     locked_.reset();
 }
 
@@ -21,6 +27,7 @@ Package AbstractMetaPackage::createPackage(basalt::ustring const &name, basalt::
     Package package = Package::create(model());
     package->setName(name);
     package->setUri(uri);
+    packages_.push_back(package);
     return package;
 }
 

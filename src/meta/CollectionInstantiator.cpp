@@ -6,6 +6,48 @@
 
 namespace kivra::meta::detail {
 
+CompositeCollectionInstantiator::CompositeCollectionInstantiator(std::unique_ptr<CollectionInstantiator> first) {
+    add(std::move(first));
+}
+
+void CompositeCollectionInstantiator::add(std::unique_ptr<CollectionInstantiator> instantiator) {
+    if (instantiator)
+        parts_.push_back(std::move(instantiator));
+}
+
+bool CompositeCollectionInstantiator::remove(CollectionInstantiator const *instantiator) {
+    for (auto part = parts_.begin(); part != parts_.end(); ++part)
+        if (part->get() == instantiator) {
+            parts_.erase(part);
+            return true;
+        }
+    return false;
+}
+
+AbstractOwnedCollection *CompositeCollectionInstantiator::instantiateDynamicCollection(ModelElement const &owner,
+                                                                                      Property const &property) {
+    for (auto const &part : parts_)
+        if (AbstractOwnedCollection *collection = part->instantiateDynamicCollection(owner, property))
+            return collection;
+    return nullptr;
+}
+
+boost::optional<Value> CompositeCollectionInstantiator::instantiateUnmanagedCollection(Property const &property) {
+    for (auto const &part : parts_)
+        if (auto value = part->instantiateUnmanagedCollection(property))
+            return value;
+    return boost::none;
+}
+
+template <class T, unsigned Owned, unsigned Unmanaged, class Extra>
+AbstractOwnedCollection *
+CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateDynamicCollection(ModelElement const &,
+                                                                                    Property const &) {
+    // The collections that an element owns for primitive values do not exist yet: no
+    // shape can be made, and the caller raises `CannotInstantiateCollection`.
+    return nullptr;
+}
+
 template <class T, unsigned Owned, unsigned Unmanaged, class Extra>
 boost::optional<Value>
 CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateUnmanagedCollection(Property const &property) {

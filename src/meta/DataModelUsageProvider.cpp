@@ -4,6 +4,7 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 
 namespace kivra::meta {
@@ -13,6 +14,11 @@ std::vector<std::u16string> DataModelUsageProvider::getUsedPackageUris() const {
     for (Package const &package : getUsedPackages())
         uris.push_back(package->getUri());
     return uris;
+}
+
+std::vector<Package> MetaRegistryUsageProvider::getUsedPackages() const {
+    Package const root = registry_.getRootPackage(MetaRegistry::composeUri(u"19700101", u"meta"));
+    return root ? std::vector<Package>{root} : std::vector<Package>{};
 }
 
 std::vector<Package> DefaultModelUsageProvider::getUsedPackages() const {

@@ -6,15 +6,34 @@
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
+#include <array>
 #include <cstdint>
+#include <type_traits>
 #include <typeinfo>
 
 namespace kivra::meta {
 
-#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member) PrimitiveType StandardTypes::member;
-#include <kivra/meta/PrimitiveTypes.def>
-
 namespace {
+
+constexpr std::size_t rowCount = 0
+#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member) +1
+#define KIVRA_OPAQUE_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member) +1
+#include <kivra/meta/PrimitiveTypes.def>
+    ;
+
+// Filled while the registry is built, read only afterwards: building the registry once
+// is all the synchronisation they need. Never destroyed, as the registry.
+std::array<PrimitiveType, rowCount> &rows() {
+    static auto *const table = new std::array<PrimitiveType, rowCount>;
+    return *table;
+}
+
+template <class Native> char const *typeidNameOf() {
+    if constexpr (std::is_void_v<Native>)
+        return "";
+    else
+        return typeid(Native).name();
+}
 
 PrimitiveType makeType(MetaRegistry &registry, Model const &model, char const *uuid, char16_t const *name,
                        char const *cppName, char const *vantorName, char const *typeidName,
@@ -28,31 +47,39 @@ PrimitiveType makeType(MetaRegistry &registry, Model const &model, char const *u
 
 } // namespace
 
+namespace detail {
+PrimitiveType const &standardType(StandardTypeRow row) {
+    MetaRegistry::getInstance();
+    return rows()[static_cast<std::size_t>(row)];
+}
+} // namespace detail
+
 void StandardTypes::initializeTypes(MetaRegistry &registry) {
     auto locked = registry.getMetaRegistryModel();
     Model const &model = locked.get();
+    auto &table = rows();
 #define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
-    member = makeType(registry, model, uuid, u"" #Name, cppName, vantorName, typeid(Native).name(),                \
-                      std::make_unique<detail::CollectionInstantiatorImpl<Native, 7, 7>>());
-#define KIVRA_OPAQUE_PRIMITIVE(Name, uuid, cppName, vantorName)                                                        \
-    makeType(registry, model, uuid, u"" #Name, cppName, vantorName, "", nullptr);
+    table[static_cast<std::size_t>(StandardTypeRow::Name)] =                                                           \
+        makeType(registry, model, uuid, u"" #Name, cppName, vantorName, typeidNameOf<Native>(),                        \
+                 std::make_unique<detail::CollectionInstantiatorImpl<Native, 7, 7>>());
+#define KIVRA_OPAQUE_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                       \
+    table[static_cast<std::size_t>(StandardTypeRow::Name)] =                                                           \
+        makeType(registry, model, uuid, u"" #Name, cppName, vantorName, typeidNameOf<Native>(), nullptr);
 #include <kivra/meta/PrimitiveTypes.def>
 }
 
 PrimitiveType StandardTypes::getIntegralType(bool isSigned, int bits) {
-    MetaRegistry::getInstance(); // the members are filled when the registry is built
     switch (bits) {
-    case 8: return isSigned ? integer8Meta : uinteger8Meta;
-    case 16: return isSigned ? integer16Meta : uinteger16Meta;
-    case 32: return isSigned ? integerMeta : unlimitedNaturalMeta;
-    case 64: return isSigned ? integer64Meta : uinteger64Meta;
+    case 8: return isSigned ? integer8Meta.get() : uinteger8Meta.get();
+    case 16: return isSigned ? integer16Meta.get() : uinteger16Meta.get();
+    case 32: return isSigned ? integerMeta.get() : unlimitedNaturalMeta.get();
+    case 64: return isSigned ? integer64Meta.get() : uinteger64Meta.get();
     default: return {};
     }
 }
 
 int StandardTypes::getSizeOfIntegralTypeInBits(PrimitiveType const &type) {
-    MetaRegistry::getInstance();
-    if (!type.get())
+    if (!type)
         return 0;
     if (type == integer8Meta || type == uinteger8Meta)
         return 8;

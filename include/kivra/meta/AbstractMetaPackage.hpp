@@ -8,8 +8,10 @@
 
 #include <basalt/ustring.hpp>
 
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -26,7 +28,9 @@ protected:
     /// Takes the registry's lock and opens a transaction on its model for the whole
     /// description; the derived constructor describes, `finish` commits and lets go.
     AbstractMetaPackage();
-    /// Commits the description.
+    /// Commits the description, then registers the packages made without a parent as
+    /// root packages. A description that fails before this rolls back, and the types it
+    /// registered go with it.
     void finish();
 
     Model const &model() const noexcept { return model_; }
@@ -39,11 +43,18 @@ protected:
     Property createProperty(basalt::ustring const &name, ValueFlags shape, bool isComposite, char const *uuid);
     void setPropertyIndex(Property const &property, int index);
 
+    void registerRootPackage(Package const &package) { registry_->registerRootPackage(package); }
+    void unregisterRootPackage(basalt::ustring const &uri) { registry_->unregisterRootPackage(uri); }
+    void updateCollectionInstantiator(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator) {
+        registry_->updateCollectionInstantiator(type, std::move(instantiator));
+    }
+
 private:
     MetaRegistry *registry_;
     std::optional<MetaRegistry::LockedModel> locked_;
     Model model_;
     Transaction transaction_;
+    std::vector<Package> packages_;
 };
 
 } // namespace kivra::meta

@@ -56,4 +56,18 @@ private:
     ModelContent content_;
 };
 
+/// The usage account of the registry model: it uses the metamodel's own root package and
+/// holds reified elements only, whatever is created in it.
+class MetaRegistryUsageProvider : public DataModelUsageProvider {
+public:
+    explicit MetaRegistryUsageProvider(MetaRegistry const &registry) : registry_(registry) {}
+
+    /// The root package of the metamodel's self-description, once it is registered.
+    std::vector<Package> getUsedPackages() const override;
+    ModelContent getModelContent() const override { return ModelContent::DeclaredReified; }
+
+private:
+    MetaRegistry const &registry_;
+};
+
 } // namespace kivra::meta

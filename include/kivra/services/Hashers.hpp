@@ -43,6 +43,8 @@ template <> struct KivraHasher<boost::uuids::uuid> {
 
 /// UTF-16 text hashes its code units as bytes.
 template <> struct KivraHasher<std::u16string> {
+    /// Tables with a transparent equality find views of text without making a string.
+    using is_transparent = void;
     std::size_t operator()(std::u16string_view text) const noexcept {
         return static_cast<std::size_t>(fnv1a(text.data(), text.size() * sizeof(char16_t)));
     }

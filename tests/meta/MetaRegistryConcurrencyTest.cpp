@@ -1,0 +1,95 @@
+#include "RegistryFixtures.hpp"
+
+#include <kivra/ModelElement.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
+#include <kivra/meta/StandardTypes.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace kivra::meta {
+namespace {
+
+using test::registry;
+using test::SamplePackage;
+using test::uniqueName;
+
+struct NoBuilder : ModelElement::Builder {};
+
+// Readers look types up, parse package URIs, make collections and builders and read the
+// frozen metamodel while one thread describes and registers packages. Run under
+// ThreadSanitizer, a lock missing on any of these paths shows as a race.
+TEST(MetaRegistryConcurrency, ReadersRunWhileAPackageRegisters) {
+    constexpr int readers = 3;
+    constexpr int packages = 20;
+    Property const numbers = test::makeProperty(u"numbers", StandardTypes::integerMeta, /*ordered=*/true);
+    Property const texts = test::makeProperty(u"texts", StandardTypes::stringMeta, /*ordered=*/false);
+    SamplePackage const built(uniqueName(u"concurrentBuilt"), {u"Made"},
+                              {.factory = [](Model const &) { return std::make_unique<NoBuilder>(); }});
+    Class const made = built.classes.at(0);
+    basalt::ustring const madeName = made->getQualifiedName();
+
+    basalt::ustring const family = uniqueName(u"concurrent");
+    std::vector<basalt::ustring> uris;
+    for (int i = 0; i < packages; ++i) {
+        std::string const version = std::to_string(i);
+        uris.push_back(MetaRegistry::composeUri(basalt::ustring(version.begin(), version.end()), family));
+    }
+
+    std::atomic<bool> done = false;
+    std::atomic<int> failures = 0;
+    auto read = [&](int seed) {
+        Model const model = Model::createTransientModel();
+        for (int round = 0; !done || round < 50; ++round) {
+            basalt::ustring const &uri = uris[(round + seed) % packages];
+            auto const &[version, parsedFamily] = MetaRegistry::parseUri(uri);
+            if (parsedFamily != family || version.empty() || !MetaRegistry::isValidUri(uri))
+                ++failures;
+            // Registered or not yet: either a package of the family or nothing.
+            if (Package const package = registry().getRootPackage(uri); package && package->getUri() != uri)
+                ++failures;
+            if (registry().getType(u"Integer") != StandardTypes::integerMeta ||
+                registry().getPrimitiveType(u"Boolean") != StandardTypes::booleanMeta ||
+                registry().getClass(madeName) != made)
+                ++failures;
+            registry().getTypeNoLoad(SamplePackage::nameOf(family, u"C") + u"0");
+            if (!registry().instantiateUnmanagedCollection(round % 2 ? numbers : texts))
+                ++failures;
+            if (!registry().instantiateBuilder(made, model))
+                ++failures;
+            if (!registry().isCorrectTypeForTypeId(StandardTypes::integerMeta, typeid(int).name()))
+                ++failures;
+            // The metamodel that was there before is read without any lock.
+            if (numbers->getType() != StandardTypes::integerMeta || !numbers->getIsOrdered() ||
+                made->getQualifiedName() != madeName)
+                ++failures;
+        }
+    };
+
+    std::vector<std::thread> threads;
+    for (int i = 0; i < readers; ++i)
+        threads.emplace_back(read, i);
+    std::vector<std::unique_ptr<SamplePackage>> registered;
+    for (int i = 0; i < packages; ++i) {
+        std::string const version = std::to_string(i);
+        registered.push_back(std::make_unique<SamplePackage>(
+            family, std::vector<basalt::ustring>{u"C" + basalt::ustring(version.begin(), version.end())},
+            SamplePackage::Options{.version = basalt::ustring(version.begin(), version.end())}));
+    }
+    done = true;
+    for (std::thread &thread : threads)
+        thread.join();
+
+    EXPECT_EQ(failures, 0);
+    for (int i = 0; i < packages; ++i) {
+        EXPECT_EQ(registry().getRootPackage(uris[i]), registered[i]->package);
+        EXPECT_EQ(registry().getClass(registered[i]->classes.at(0)->getQualifiedName()), registered[i]->classes.at(0));
+    }
+    EXPECT_EQ(registry().getPackageForFamily(family), registered.front()->package);
+}
+
+} // namespace
+} // namespace kivra::meta
