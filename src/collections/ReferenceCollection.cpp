@@ -171,7 +171,12 @@ void returnToKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> cons
 }
 
 meta::Property::Impl *oppositeOf(meta::Property const &property) {
-    return property ? property->getOpposite().get() : nullptr;
+    if (!property)
+        return nullptr;
+    // Every new collection asks: the stored end spares a count, unless it must resolve.
+    if (meta::Property::Impl *const stored = property->peekOpposite(); !stored || !stored->isProxy())
+        return stored;
+    return property->getOpposite().get();
 }
 
 void resolveCollectionOnAccess(ModelElement::Impl const &owner, ReferenceCollection &collection) {
