@@ -374,6 +374,258 @@ bool {cls.name}::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *ele
     return out
 
 
+def staged(mm, cls):
+    """The properties a builder level stages, with their kinds: plain values go to the
+    element's constructor, references through its typed setters, children are made after."""
+    out = []
+    for p in cls.props:
+        k = mm.kind(p)
+        if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS:
+            out.append((p, k))
+        elif k == "container-end" and mm.settable_container_end(p):
+            out.append((p, k))
+    return out
+
+
+def staged_type(p, k):
+    if k == "value":
+        return native(p)
+    if k == "optional":
+        return f"boost::optional<{native(p)}>"
+    if k == "composite":
+        return "std::unique_ptr<::kivra::ModelElement::Builder>"
+    if k in COLLECTION_KINDS:
+        return "std::vector<std::unique_ptr<::kivra::ModelElement::Builder>>" if p.composite else f"std::vector<{p.type}>"
+    return p.type
+
+
+def is_child(p, k):
+    return k == "composite" or (k in COLLECTION_KINDS and p.composite)
+
+
+def level_base(mm, cls):
+    return None if cls.superclass == "ModelElement" else f"{cls.superclass}::Impl::BuilderImpl"
+
+
+def write_builder_header(mm, cls):
+    """The builder levels of a class: its staged values, the fluent template, and the
+    concrete builder of a class that can be instantiated."""
+    props = staged(mm, cls)
+    up = level_base(mm, cls)
+    members = "".join(f"    {staged_type(p, k)} {p.name}_{initial(p) if k == 'value' else ''};\n" for p, k in props)
+    ctor = (f"    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {{}}\n" if up is None else
+            f"    explicit BuilderImpl({up} &up) noexcept : Level(up.root(), &up) {{}}\n"
+            f"    /// The superclass's level.\n    {up} &up() const noexcept {{ return static_cast<{up} &>(*upLevel()); }}\n")
+    overrides = ""
+    if props:
+        overrides += f"    std::uint64_t doSetOrAdd({META}::Property const &property, ::kivra::Value const &value) override;\n"
+    if any(is_child(p, k) for p, k in props):
+        overrides += f"    std::uint64_t doSetOrAdd({META}::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;\n"
+    hooks = ""
+    if any(k in ("reference", "container-end") or (k in COLLECTION_KINDS and not p.composite) for p, k in props):
+        hooks += "    void applyReferences(::kivra::ModelElement::Impl &element) override;\n"
+    if any(is_child(p, k) for p, k in props):
+        hooks += "    void cascadeCreation(::kivra::ModelElement::Impl &element) override;\n"
+    out = [f"""
+/// The values of `{cls.name}`'s own properties staged in a builder, before the element exists.
+class {cls.name}::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {{
+public:
+{ctor}{overrides}
+private:
+    friend class {cls.name}::Impl;
+    template <class> friend class {cls.name}::Impl::BuilderBase;
+{hooks}{members}}};
+
+/// The fluent setters of `{cls.name}`'s own properties, returning the most derived builder `B`.
+template <class B>
+class {cls.name}::Impl::BuilderBase : public {"::kivra::ModelElement::Builder" if up is None else f"{cls.superclass}::Impl::BuilderBase<B>"} {{
+public:
+"""]
+    for p, k in props:
+        i = f"{cls.name}::Impl::{p.name}Index"
+        if k == "value":
+            arg = param(p)
+            out.append(f"    B &set{p.cap}({arg}value) {{ level().{p.name}_ = value; this->markSet({i}); return self(); }}\n")
+            out.append(f"    /// Back to the element's default.\n")
+            out.append(f"    B &unset{p.cap}() {{ level().{p.name}_ = {native(p)}{initial(p)}; this->clearSet({i}); return self(); }}\n")
+            out.append(f"    {native(p)} const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k == "optional":
+            out.append(f"    B &set{p.cap}(boost::optional<{native(p)}> const &value) {{ level().{p.name}_ = value; value ? this->markSet({i}) : this->clearSet({i}); return self(); }}\n")
+            out.append(f"    B &unset{p.cap}() {{ level().{p.name}_ = boost::none; this->clearSet({i}); return self(); }}\n")
+            out.append(f"    boost::optional<{native(p)}> const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k in ("reference", "container-end"):
+            out.append(f"    /// An empty handle clears the staged value.\n")
+            out.append(f"    B &set{p.cap}({p.type} const &value) {{ level().{p.name}_ = value; value ? this->markSet({i}) : this->clearSet({i}); return self(); }}\n")
+            out.append(f"    {p.type} const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k == "composite":
+            out.append(f"    /// Stages the builder of the owned `{p.type}`; raises `NoSuchProperty` for a child of another class.\n")
+            out.append(f"    B &set{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.reset(); this->clearSet({i}); return self(); }}\n")
+        elif p.composite:
+            out.append(f"    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.\n")
+            out.append(f"    B &add{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.clear(); this->clearSet({i}); return self(); }}\n")
+        else:
+            out.append(f"    B &add{p.cap}({p.type} const &value) {{ level().{p.name}_.push_back(value); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &add{p.cap}(std::initializer_list<{p.type}> values) {{ level().{p.name}_.insert(level().{p.name}_.end(), values); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.clear(); this->clearSet({i}); return self(); }}\n")
+            out.append(f"    std::vector<{p.type}> const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+    base = "::kivra::ModelElement::Builder" if up is None else f"{cls.superclass}::Impl::BuilderBase<B>"
+    out.append(f"""
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : {base}(model, bitCount) {{}}
+""")
+    if props:
+        out.append(f"""
+private:
+    {cls.name}::Impl::BuilderImpl &level() noexcept {{ return static_cast<B &>(*this); }}
+    {cls.name}::Impl::BuilderImpl const &level() const noexcept {{ return static_cast<B const &>(*this); }}
+    B &self() noexcept {{ return static_cast<B &>(*this); }}
+""")
+    out.append("};\n")
+    if not cls.abstract:
+        levels = [c for c in reversed(list(mm.chain(cls)))]
+        bases = ", ".join([f"public {cls.name}::Impl::BuilderBase<{cls.name}::Builder>"] + [f"public {c.name}::Impl::BuilderImpl" for c in levels])
+        out.append(f"""
+/// Stages the values of a new `{cls.name}` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class {cls.name}::Builder final : {bases} {{
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    {cls.name} create{cls.name}(boost::uuids::uuid const &uuid = {{}}) {{ return create{cls.name}(/*noCascade=*/false, uuid); }}
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    {cls.name} create{cls.name}(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
+}};
+""")
+    return "".join(out)
+
+
+def write_builder_source(mm, cls):
+    props = staged(mm, cls)
+    out = []
+    name = cls.name
+    # The element's constructor from the staged values.
+    base_ctor = ("::kivra::ModelElement::Impl(level.root(), uuid)" if cls.superclass == "ModelElement"
+                 else f"{cls.superclass}::Impl(level.up(), uuid)")
+    inits = "".join(f", {p.name}_(level.{p.name}_)" for p, k in props if k in ("value", "optional"))
+    out.append(f"""
+{name}::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : {base_ctor}{inits} {{}}
+""")
+    if props:
+        cases = []
+        for p, k in props:
+            head = f"    if (property == {p.name}Property()) {{\n"
+            if k == "value":
+                body = f"        {p.name}_ = value.get<{native(p)}>();\n"
+            elif k == "optional":
+                body = f"        {p.name}_ = value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none;\n"
+            elif k in ("reference", "container-end"):
+                body = f"        {p.name}_ = {p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value));\n"
+            elif k in COLLECTION_KINDS and not p.composite:
+                body = (f"        for (::kivra::Value const &entry : value.extractEntryValues())\n"
+                        f"            {p.name}_.push_back({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(entry)));\n")
+            else:
+                continue  # children come as builders
+            cases.append(f"{head}{body}        return {p.name}Index;\n    }}\n")
+        out.append(f"""
+std::uint64_t {name}::Impl::BuilderImpl::doSetOrAdd({META}::Property const &property, ::kivra::Value const &value) {{
+    if (!property.get())
+        return notOwn;
+{"".join(cases)}    return notOwn;
+}}
+""")
+    children = [(p, k) for p, k in props if is_child(p, k)]
+    if children:
+        cases = []
+        for p, k in children:
+            store = f"{p.name}_ = std::move(child);" if k == "composite" else f"{p.name}_.push_back(std::move(child));"
+            cases.append(f"""    if (property == {p.name}Property() && fits(*child, property)) {{
+        {store}
+        return {p.name}Index;
+    }}
+""")
+        out.append(f"""
+std::uint64_t {name}::Impl::BuilderImpl::doSetOrAdd({META}::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {{
+    if (!property.get() || !child)
+        return notOwn;
+{"".join(cases)}    return notOwn;
+}}
+""")
+        lines = []
+        for p, k in children:
+            if k == "composite":
+                lines.append(f"""    if (root().isSet({p.name}Index) && {p.name}_)
+        self.set{p.cap}({p.type}::fromImpl(static_cast<{p.type}::Impl *>(createChild(*{p.name}_).get())));
+""")
+            else:
+                lines.append(f"""    if (root().isSet({p.name}Index))
+        for (auto const &child : {p.name}_)
+            addTo(self.get{p.cap}Mutable(), createChild(*child));
+""")
+        out.append(f"""
+void {name}::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {{
+    auto &self = static_cast<{name}::Impl &>(element);
+{"".join(lines)}}}
+""")
+    refs = [(p, k) for p, k in props if k in ("reference", "container-end") or (k in COLLECTION_KINDS and not p.composite)]
+    if refs:
+        lines = []
+        for p, k in refs:
+            if k in COLLECTION_KINDS:
+                lines.append(f"""    if (root().isSet({p.name}Index))
+        for ({p.type} const &entry : {p.name}_)
+            addTo(self.get{p.cap}Mutable(), entry);
+""")
+            else:
+                lines.append(f"    if (root().isSet({p.name}Index))\n        self.set{p.cap}({p.name}_);\n")
+        out.append(f"""
+void {name}::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {{
+    auto &self = static_cast<{name}::Impl &>(element);
+{"".join(lines)}}}
+""")
+    if not cls.abstract:
+        levels = [c for c in reversed(list(mm.chain(cls)))]
+        inits = [f"{name}::Impl::BuilderBase<{name}::Builder>(model, {name}::Impl::propertyCount + 1)"]
+        prev = "static_cast<::kivra::ModelElement::Builder &>(*this)"
+        for c in levels:
+            inits.append(f"{c.name}::Impl::BuilderImpl({prev})")
+            prev = f"static_cast<{c.name}::Impl::BuilderImpl &>(*this)"
+        joined = ",\n      ".join(inits)
+        out.append(f"""
+{name}::Builder::Builder() : Builder(::kivra::Model()) {{}}
+
+{name}::Builder::Builder(::kivra::Model const &model)
+    : {joined} {{
+    top_ = static_cast<{name}::Impl::BuilderImpl *>(this);
+}}
+
+Class const &{name}::Builder::getMetaClass() const {{ return {name}::metaClass(); }}
+
+{name} {name}::Builder::create{name}(bool noCascade, boost::uuids::uuid const &uuid) {{
+    return {name}::fromImpl(static_cast<{name}::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}}
+
+::kivra::ModelElement {name}::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) {{ return create{name}(noCascade, uuid); }}
+
+::kivra::ModelElement::Impl *{name}::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {{
+    auto &self = static_cast<{name}::Builder &>(builder);
+    return new (self.getModel()) {name}::Impl(static_cast<{name}::Impl::BuilderImpl &>(self), uuid);
+}}
+""")
+    return "".join(out)
+
+
 def write_handles(mm):
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The handles of the classes of `{mm.dotted}`: one pointer each, converting up the class chain.\n\n",
            "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n\n#include <boost/uuid/uuid.hpp>\n\n",
@@ -398,7 +650,10 @@ public:
     static {cls.name} fromImpl(Impl *impl) noexcept;
 """)
         if not cls.abstract:
-            out.append(f"""    /// A new `{cls.name}` in `model`, top level; a nil `uuid` draws a fresh one.
+            out.append(f"""    /// Stages the values of a new `{cls.name}`: `{cls.name}::Builder(model).setXxx(...).create{cls.name}()`.
+    class Builder;
+    /// A new `{cls.name}` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static {cls.name} create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {{}});
     /// A proxy of a `{cls.name}` named by `proxyId`, outside the model's tables.
     static {cls.name} createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -418,7 +673,7 @@ def write_header(mm, cls, extra_dir):
                 "boost/optional/optional.hpp"}
     if cls.superclass != "ModelElement":
         includes.add(mm.header(cls.superclass))
-    std_includes = {"cstdint"}
+    std_includes = {"cstdint", "cstddef", "initializer_list", "memory", "vector"}
     for p, k in kinds:
         if p.type in PRIMITIVES:
             cpp = native(p)
@@ -461,6 +716,7 @@ public:
             out.append(f"    /// The description of `{p.name}`; empty until the metamodel is described.\n")
             out.append(f"    static {META}::Property const &{p.name}Property();\n")
     out.append(f"\n    Class const &getMetaClass() const override;\n")
+    out.append("    class BuilderImpl;\n    template <class B> class BuilderBase;\n")
     for p, k in kinds:
         if k == "value":
             ret = param(p).strip() if PRIMITIVES[p.type][1] else native(p)
@@ -510,13 +766,16 @@ public:
     bool inverseContainsProxyTo(::kivra::ModelElement const &other, {META}::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, {META}::Property const &property) override;
 """)
+    builder_friend = "" if cls.abstract else f"\n    friend class {cls.name}::Builder;"
     extra = extra_dir / f"{cls.name}Extra.inc"
     if extra.exists():
         out.append(f"\n#include <{mm.prefix}/detail/{cls.name}Extra.inc>\n")
     out.append(f"""
 protected:
-    friend class {cls.name};
+    friend class {cls.name};{builder_friend}
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 """)
     if any(k == "reference" and p.opposite or disassociated(p, k) for p, k in kinds):
@@ -565,6 +824,7 @@ private:
             else:
                 out.append(f"    {p.type} {p.name}_;\n")
         out.append("};\n")
+    out.append(write_builder_header(mm, cls))
     out.append(f"""
 inline {cls.name}::Impl *{cls.name}::get() const noexcept {{
     return static_cast<Impl *>(::kivra::ModelElement::get());
@@ -736,6 +996,7 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     ::kivra::detail::setContainer(*this, value, {p.type}::Impl::{p.opposite}Property(), {p.name}Index);
 }}
 """)
+    out.append(write_builder_source(mm, cls))
     if kinds:
         out.append(write_reflective(mm, cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
@@ -1067,7 +1328,10 @@ namespace {mm.ns} {{
                 out.append(f"    {cls.name}_{p.name}->setQualifiedBy({key.owner}_{key.name});\n")
     for cls in classes:
         out.append(f"    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral(\"{cls.uuid}\")) = {cls.name}_;\n")
-        out.append(f"    registry().registerType({cls.name}_);\n")
+        if cls.abstract:
+            out.append(f"    registry().registerType({cls.name}_);\n")
+        else:
+            out.append(f"    registry().registerType({cls.name}_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> {{ return std::make_unique<{cls.name}::Builder>(model); }});\n")
         if not cls.abstract:
             out.append(f"    registry().registerProxyFactory({cls.name}_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) {{ return ::kivra::ModelElement({cls.name}::createProxy(model, id)); }});\n")
         for p in cls.props:

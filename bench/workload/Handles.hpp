@@ -26,7 +26,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Library fromImpl(Impl *impl) noexcept;
-    /// A new `Library` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Library`: `Library::Builder(model).setXxx(...).createLibrary()`.
+    class Builder;
+    /// A new `Library` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Library create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Library` named by `proxyId`, outside the model's tables.
     static Library createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -49,7 +52,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
-    /// A new `Book` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Book`: `Book::Builder(model).setXxx(...).createBook()`.
+    class Builder;
+    /// A new `Book` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Book create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
     static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -72,7 +78,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Writer fromImpl(Impl *impl) noexcept;
-    /// A new `Writer` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Writer`: `Writer::Builder(model).setXxx(...).createWriter()`.
+    class Builder;
+    /// A new `Writer` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Writer create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Writer` named by `proxyId`, outside the model's tables.
     static Writer createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);

@@ -151,6 +151,82 @@ void Shelf::Impl::setFeatured(Book const &value) {
 
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::getCatalogueMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Book> &>(getCatalogue()); }
 
+Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_) {}
+
+std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == labelProperty()) {
+        label_ = value.get<basalt::ustring>();
+        return labelIndex;
+    }
+    if (property == recommendedProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            recommended_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return recommendedIndex;
+    }
+    if (property == catalogueProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            catalogue_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return catalogueIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == featuredProperty() && fits(*child, property)) {
+        featured_ = std::move(child);
+        return featuredIndex;
+    }
+    if (property == booksProperty() && fits(*child, property)) {
+        books_.push_back(std::move(child));
+        return booksIndex;
+    }
+    return notOwn;
+}
+
+void Shelf::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Shelf::Impl &>(element);
+    if (root().isSet(featuredIndex) && featured_)
+        self.setFeatured(Book::fromImpl(static_cast<Book::Impl *>(createChild(*featured_).get())));
+    if (root().isSet(booksIndex))
+        for (auto const &child : books_)
+            addTo(self.getBooksMutable(), createChild(*child));
+}
+
+void Shelf::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Shelf::Impl &>(element);
+    if (root().isSet(recommendedIndex))
+        for (Book const &entry : recommended_)
+            addTo(self.getRecommendedMutable(), entry);
+    if (root().isSet(catalogueIndex))
+        for (Book const &entry : catalogue_)
+            addTo(self.getCatalogueMutable(), entry);
+}
+
+Shelf::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Shelf::Builder::Builder(::kivra::Model const &model)
+    : Shelf::Impl::BuilderBase<Shelf::Builder>(model, Shelf::Impl::propertyCount + 1),
+      Shelf::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Shelf::Impl::BuilderImpl *>(this);
+}
+
+Class const &Shelf::Builder::getMetaClass() const { return Shelf::metaClass(); }
+
+Shelf Shelf::Builder::createShelf(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Shelf::fromImpl(static_cast<Shelf::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Shelf::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createShelf(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Shelf::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Shelf::Builder &>(builder);
+    return new (self.getModel()) Shelf::Impl(static_cast<Shelf::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
