@@ -47,6 +47,11 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Shelf_catalogue, 5);
     ::kivra::meta::detail::declareOwningClass(Shelf_catalogue, Shelf_);
     Shelf_catalogue->setType(Book_);
+    Property const Shelf_code = createProperty(u"code", ::kivra::ValueFlags::Single, false, "c083093b-1327-363c-b269-d87126572cd5");
+    setPropertyIndex(Shelf_code, 6);
+    ::kivra::meta::detail::declareOwningClass(Shelf_code, Shelf_);
+    Shelf_code->setType(registry().getPrimitiveType(u"StdString"));
+    Shelf_code->setIsReadOnly(true);
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -156,6 +161,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ecfae3c-1d1d-38ce-8119-39a2dfc516b6")) = Shelf_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = Shelf_recommended;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")) = Shelf_catalogue;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")) = Shelf_code;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = Book_;
     registry().registerType(Book_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });

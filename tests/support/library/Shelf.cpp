@@ -46,6 +46,11 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::codeProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -151,7 +156,9 @@ void Shelf::Impl::setFeatured(Book const &value) {
 
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::getCatalogueMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Book> &>(getCatalogue()); }
 
-Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_) {}
+void Shelf::Impl::setCode(std::string const &value) { ::kivra::detail::setMember(*this, code_, value, codeIndex); }
+
+Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_) {}
 
 std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -169,6 +176,10 @@ std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const
         for (::kivra::Value const &entry : value.extractEntryValues())
             catalogue_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
         return catalogueIndex;
+    }
+    if (property == codeProperty()) {
+        code_ = value.get<std::string>();
+        return codeIndex;
     }
     return notOwn;
 }
@@ -240,6 +251,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return hasRecommended();
     if (property == catalogueProperty())
         return hasCatalogue();
+    if (property == codeProperty())
+        return true;
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -256,6 +269,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
     if (property == catalogueProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
+    if (property == codeProperty())
+        return ::kivra::Value(code_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -272,6 +287,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
     if (property == catalogueProperty())
         return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
+    if (property == codeProperty())
+        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u"library.Shelf.code");
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -289,6 +306,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return recommendedProperty();
     case 5:
         return catalogueProperty();
+    case 6:
+        return codeProperty();
     default:
         return {};
     }
@@ -320,6 +339,9 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case catalogueIndex:
         own->catalogue_ = ::kivra::detail::cloneCollection(catalogue_.get());
         return;
+    case codeIndex:
+        own->code_ = code_;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -337,6 +359,8 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         ::kivra::detail::restoreCollection(ensureRecommended(), own->recommended_.get());
     if (own->isChanged(catalogueIndex))
         ::kivra::detail::restoreCollection(ensureCatalogue(), own->catalogue_.get());
+    if (own->isChanged(codeIndex))
+        code_ = own->code_;
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -344,6 +368,8 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
     [[maybe_unused]] auto const *self = static_cast<Shelf::Impl const *>(element);
     if (isChanged(Impl::labelIndex) && label_ == self->label_)
         clearModified(Impl::labelIndex);
+    if (isChanged(Impl::codeIndex) && code_ == self->code_)
+        clearModified(Impl::codeIndex);
     return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
 }
 
@@ -360,6 +386,8 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::detail::oldCollectionValue(recommended_, property);
     if (property == Impl::catalogueProperty() && isChanged(Impl::catalogueIndex))
         return ::kivra::detail::oldCollectionValue(catalogue_, property);
+    if (property == Impl::codeProperty() && isChanged(Impl::codeIndex))
+        return ::kivra::Value(property->getType(), code_);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

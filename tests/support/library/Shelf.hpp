@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kivra::test::library {
@@ -29,8 +30,9 @@ public:
     static constexpr std::uint64_t booksIndex = 3;
     static constexpr std::uint64_t recommendedIndex = 4;
     static constexpr std::uint64_t catalogueIndex = 5;
+    static constexpr std::uint64_t codeIndex = 6;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 5;
+    static constexpr std::uint64_t propertyCount = 6;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
@@ -42,6 +44,8 @@ public:
     static ::kivra::meta::Property const &recommendedProperty();
     /// The description of `catalogue`; empty until the metamodel is described.
     static ::kivra::meta::Property const &catalogueProperty();
+    /// The description of `code`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &codeProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -71,6 +75,9 @@ public:
     ::kivra::ElementMap<basalt::ustring, Book> &getCatalogueMutable();
     /// True when the collection was made and holds anything.
     bool hasCatalogue() const noexcept { return catalogue_ && !catalogue_->empty(); }
+
+    std::string const & getCode() const noexcept { return code_; }
+    void setCode(std::string const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -112,6 +119,7 @@ protected:
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
+    std::string code_{};
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
@@ -128,6 +136,7 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
+    std::string code_{};
 };
 
 /// The values of `Shelf`'s own properties staged in a builder, before the element exists.
@@ -147,6 +156,7 @@ private:
     std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> books_;
     std::vector<Book> recommended_;
     std::vector<Book> catalogue_;
+    std::string code_{};
 };
 
 /// The fluent setters of `Shelf`'s own properties, returning the most derived builder `B`.
@@ -171,6 +181,10 @@ public:
     B &addCatalogue(std::initializer_list<Book> values) { level().catalogue_.insert(level().catalogue_.end(), values); this->markSet(Shelf::Impl::catalogueIndex); return self(); }
     B &clearCatalogue() { level().catalogue_.clear(); this->clearSet(Shelf::Impl::catalogueIndex); return self(); }
     std::vector<Book> const &getCatalogue() const noexcept { return level().catalogue_; }
+    B &setCode(std::string const &value) { level().code_ = value; this->markSet(Shelf::Impl::codeIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetCode() { level().code_ = std::string{}; this->clearSet(Shelf::Impl::codeIndex); return self(); }
+    std::string const &getCode() const noexcept { return level().code_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
