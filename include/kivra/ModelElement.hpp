@@ -383,6 +383,21 @@ private:
     Orchestrator *orchestrator_ = nullptr;
 };
 
+/// Owns a builder known only by its base, as the registry hands it out.
+class ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    explicit BuilderWrapper(std::unique_ptr<Builder> builder) noexcept : builder_(std::move(builder)) {}
+
+    Builder *operator->() const noexcept { return builder_.get(); }
+    /// Null when the wrapper holds no builder.
+    Builder *get() const noexcept { return builder_.get(); }
+    explicit operator bool() const noexcept { return builder_ != nullptr; }
+
+private:
+    std::unique_ptr<Builder> builder_;
+};
+
 /// One class's level of staged values in a builder: the generated `X::Impl::BuilderImpl`
 /// derive from it. Each level answers for its own properties and passes the rest up.
 class ModelElement::Builder::Level {

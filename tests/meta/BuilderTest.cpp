@@ -289,6 +289,25 @@ TEST_F(BuilderTest, SetOrAddRefusesWhatTheClassDoesNotHave) {
         EXPECT_EQ(builder.isSet(index), index == Book::Impl::chaptersIndex) << index;
 }
 
+TEST_F(BuilderTest, ASequenceGrowsThroughBuilders) {
+    Shelf const shelf = Shelf::create(model);
+    ElementSequence<Book> &books = shelf->getBooksMutable();
+    books.resize(2); // the registry's builder of the entry class
+    auto novel = std::make_unique<Novel::Builder>(); // no model yet: it gets the owner's
+    novel->setGenre(basalt::ustring(u"SF"));
+    books.resize(4, ModelElement::BuilderWrapper(std::move(novel)));
+    ASSERT_EQ(books.size(), 4u);
+    EXPECT_EQ(books[0]->getMetaClass(), Book::metaClass());
+    EXPECT_EQ(books[3]->getMetaClass(), Novel::metaClass());
+    EXPECT_NE(books[2], books[3]);
+    EXPECT_EQ(books[3]->getShelf(), Shelf()); // held by `books`, not `featured`
+    EXPECT_THROW(books.resize(5, ModelElement::BuilderWrapper(std::make_unique<Author::Builder>(model))),
+                 Error<messages::CannotAddIncompatibleTypes>);
+    books.resize(1);
+    EXPECT_EQ(books.size(), 1u);
+    EXPECT_EQ(model->getTopLevelElements().size(), 4u); // the shelf and the books it let go
+}
+
 // Reflective reads and writes agree with the typed accessors for each kind of property
 // and each access mode.
 TEST_F(BuilderTest, ReflectiveAccessAgreesWithTypedAccessors) {
