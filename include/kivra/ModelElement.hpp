@@ -466,8 +466,11 @@ private:
     void release() noexcept;
 
     Transaction transaction_;
+    /// The builders entered besides the root, with their elements once made.
     std::unordered_map<Builder *, ModelElement, PointerHash> created_;
+    /// The builder that started the creation, and its element once made.
     Builder *root_;
+    ModelElement rootElement_;
 };
 
 inline ModelElement::Impl *ModelElement::get() const noexcept { return static_cast<Impl *>(rawImpl()); }

@@ -170,17 +170,16 @@ std::size_t ModelElement::Builder::Orchestrator::PointerHash::operator()(Builder
     return static_cast<std::size_t>(hash);
 }
 
-ModelElement::Builder::Orchestrator::Orchestrator(Builder *root) : created_(8), root_(root) {
+ModelElement::Builder::Orchestrator::Orchestrator(Builder *root) : root_(nullptr) {
     Model::Impl *model = root->model_.get();
     if (!model)
         raise<messages::CannotCreateWithoutModel>();
     // Revertible: a failure half-way through a tree takes back what was made.
     transaction_ = model->beginTransaction(/*revertible=*/true);
-    created_.max_load_factor(1.0f);
     if (model->isFrozen())
         raise<messages::ModelFrozen>(); // the dropped transaction rolls back
     if (!root->orchestrator_) {
-        created_.emplace(root, ModelElement());
+        root_ = root;
         root->orchestrator_ = this;
     }
 }
@@ -190,20 +189,35 @@ ModelElement::Builder::Orchestrator::~Orchestrator() { release(); }
 void ModelElement::Builder::Orchestrator::addBuilder(Builder *builder) {
     if (builder->orchestrator_)
         return;
+    // A lone builder, the common case, never pays for the table.
+    if (created_.bucket_count() < 8) {
+        created_.max_load_factor(1.0f);
+        created_.rehash(8);
+    }
     created_.emplace(builder, ModelElement());
     builder->orchestrator_ = this;
 }
 
 void ModelElement::Builder::Orchestrator::removeBuilder(Builder *builder) {
-    if (created_.erase(builder))
+    if (builder == root_) {
+        root_ = nullptr;
+        rootElement_.reset();
         builder->orchestrator_ = nullptr;
+    } else if (created_.erase(builder)) {
+        builder->orchestrator_ = nullptr;
+    }
 }
 
 void ModelElement::Builder::Orchestrator::registerCreatedElement(Builder *builder, ModelElement const &element) {
-    created_[builder] = element;
+    if (builder == root_)
+        rootElement_ = element;
+    else
+        created_[builder] = element;
 }
 
 ModelElement ModelElement::Builder::Orchestrator::getCreatedElement(Builder *builder) const {
+    if (builder == root_)
+        return rootElement_;
     auto const found = created_.find(builder);
     return found == created_.end() ? ModelElement() : found->second;
 }
@@ -218,7 +232,10 @@ void ModelElement::Builder::Orchestrator::release() noexcept {
         if (builder->orchestrator_ == this)
             builder->orchestrator_ = nullptr;
     created_.clear();
+    if (root_ && root_->orchestrator_ == this)
+        root_->orchestrator_ = nullptr;
     root_ = nullptr;
+    rootElement_.reset();
 }
 
 // --- The element's side --------------------------------------------------------------------
