@@ -88,31 +88,92 @@ class Package:
     uri: str = ""
 
 
+class TablesError(Exception):
+    """A fault in a tables file, with the line that has it."""
+
+    def __init__(self, path, line, message):
+        super().__init__(f"{path}:{line}: error: {message}")
+
+
+SHAPES = {"Single", "Optional"} | COLLECTION_SHAPES
+FLAGS = {"composite", "derived", "readOnly", "transient", "sparse", "noPublicAccessor", "noPublicMutator", "nonUnique"}
+
+
+@dataclass
+class EnumType:
+    name: str
+    uuid: str
+    literals: list = field(default_factory=list)  # (name, value, public identifier or "")
+
+
+# The enumerations of the tables being written, by name; filled by `parse`.
+ENUMS = {}
+
+
 def parse(path):
     classes, package, current = {}, None, None
+    ENUMS.clear()
+    current_enum = None
+    lines = {}  # property or class -> line number, for the checks after reading
     for number, raw in enumerate(path.read_text().splitlines(), 1):
         line = raw.split("#", 1)[0].rstrip()
         if not line.strip():
             continue
         words = line.split()
-        where = f"{path}:{number}"
+
+        def fail(message):
+            raise TablesError(path, number, message)
+
         if words[0] == "package":
-            package = Package(words[1], re.search(r'uri="([^"]*)"', line).group(1))
+            uri = re.search(r'uri="([^"]*)"', line)
+            if len(words) < 3 or not uri or not re.fullmatch(r"[A-Za-z_]\w*", words[1]):
+                fail("expected 'package name uri=\"...\"'")
+            package = Package(words[1], uri.group(1))
+        elif words[0] == "enum":
+            if len(words) < 3:
+                fail("expected 'enum Name uuid'")
+            try:
+                uuidlib.UUID(words[2])
+            except ValueError:
+                fail(f"'{words[2]}' is not a UUID")
+            current_enum, current = EnumType(words[1], words[2]), None
+            ENUMS[words[1]] = current_enum
+        elif current_enum is not None and raw[:1].isspace():
+            ident = re.search(r'id="([^"]*)"', line)
+            if len(words) < 2 or not re.fullmatch(r"-?\d+", words[1]) or not re.fullmatch(r"[A-Za-z_]\w*", words[0]):
+                fail("expected 'Literal value [id=\"publicIdentifier\"]'")
+            current_enum.literals.append((words[0], int(words[1]), ident.group(1) if ident else ""))
         elif words[0] in ("class", "datatype"):
+            current_enum = None
             datatype = words[0] == "datatype"
             if datatype:
+                if len(words) < 3:
+                    fail("expected 'datatype Name uuid'")
                 name, superclass, rest = words[1], "", words[2:]
             else:
                 if len(words) < 5 or words[2] != ":":
-                    sys.exit(f"{where}: expected 'class Name : Superclass uuid'")
+                    fail("expected 'class Name : Superclass uuid [abstract]'")
                 name, superclass, rest = words[1], words[3], words[4:]
+            try:
+                uuidlib.UUID(rest[0])
+            except ValueError:
+                fail(f"'{rest[0]}' is not a UUID")
+            if name in classes:
+                fail(f"class '{name}' is described twice")
             current = MetaClass(name, superclass, rest[0], "abstract" in rest[1:], datatype)
             classes[name] = current
+            lines[id(current)] = number
         elif words[0] == "operations":
             continue  # operations arrive with the invokers
         else:
             if current is None:
-                sys.exit(f"{where}: property outside a class")
+                fail("property outside a class")
+            if len(words) < 4:
+                fail("expected 'index name Type Shape [options]'")
+            if words[0] != "-" and not words[0].isdigit():
+                fail(f"'{words[0]}' is not a property index (a number, or - for a derived property)")
+            if words[3] not in SHAPES:
+                fail(f"unknown shape '{words[3]}' (one of {', '.join(sorted(SHAPES))})")
             prop = Prop(0 if words[0] == "-" else int(words[0]), words[1], words[2], words[3], owner=current.name)
             for word in re.findall(r'\S+="[^"]*"|\S+', " ".join(words[4:])):
                 if word == "composite":
@@ -123,10 +184,37 @@ def parse(path):
                     prop.qualified_by = word.split("=", 1)[1]
                 elif word.startswith("default="):
                     prop.default = word.split("=", 1)[1].strip('"')
-                else:
+                elif word in FLAGS:
                     prop.notes.add(word)
+                else:
+                    fail(f"unknown option '{word}'")
             current.props.append(prop)
+            lines[id(prop)] = number
+    # What can only be checked once every class is read.
+    known = set(PRIMITIVES) | set(classes) | set(ENUMS) | {"ModelElement"}
+    for enum in ENUMS.values():
+        if not enum.literals:
+            raise TablesError(path, "?", f"enum '{enum.name}' has no literals")
+    for cls in classes.values():
+        if cls.superclass and cls.superclass not in classes and cls.superclass != "ModelElement":
+            raise TablesError(path, lines[id(cls)], f"unknown superclass '{cls.superclass}'")
+        for prop in cls.props:
+            where = lines[id(prop)]
+            if prop.type not in known and not (package is None):
+                raise TablesError(path, where, f"unknown type '{prop.type}'")
+            if prop.type in ENUMS and prop.default and prop.default not in [l[0] for l in ENUMS[prop.type].literals]:
+                raise TablesError(path, where, f"'{prop.default}' is no literal of '{prop.type}'")
+            if prop.opposite and prop.type in classes:
+                far = next((q for c in _chain(classes, classes[prop.type]) for q in c.props if q.name == prop.opposite), None)
+                if far is None:
+                    raise TablesError(path, where, f"'{prop.type}' has no property '{prop.opposite}' to be the opposite")
     return classes, package
+
+
+def _chain(classes, cls):
+    while cls is not None:
+        yield cls
+        cls = classes.get(cls.superclass)
 
 
 class Metamodel:
@@ -179,6 +267,8 @@ class Metamodel:
             return self.collection_kind(prop)
         if prop.type in PRIMITIVES:
             return "value" if prop.shape == "Single" else "optional"
+        if prop.type in ENUMS:
+            return "value" if prop.shape == "Single" else None
         target = self.classes.get(prop.type)
         if target is None or target.datatype or prop.shape != "Single":
             return None
@@ -270,15 +360,36 @@ def collection_type(kind, prop, mm=None):
 
 
 def native(prop):
-    return PRIMITIVES[prop.type][0]
+    return prop.type if prop.type in ENUMS else PRIMITIVES[prop.type][0]
+
+
+def is_enum(prop):
+    return prop.type in ENUMS
+
+
+def to_value(prop, member):
+    """A `Value` of a member: enum literals travel as their number, sign-extended."""
+    if is_enum(prop):
+        return f"::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>({member})))"
+    return f"::kivra::Value({member})"
+
+
+def from_value(prop, value):
+    if is_enum(prop):
+        return f"static_cast<{prop.type}>(static_cast<std::int64_t>({value}.get<std::uint64_t>()))"
+    return f"{value}.get<{native(prop)}>()"
 
 
 def param(prop):
+    if is_enum(prop):
+        return f"{prop.type} "
     cpp, by_ref = PRIMITIVES[prop.type]
     return f"{cpp} const &" if by_ref else f"{cpp} "
 
 
 def initial(prop):
+    if is_enum(prop):
+        return "{" + f"{prop.type}::{prop.default or ENUMS[prop.type].literals[0][0]}" + "}"
     if prop.type not in PRIMITIVES or prop.shape != "Single":
         return "{}"
     if prop.default:
@@ -346,7 +457,7 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
     for p, k in own:
         guard = f"property == Impl::{p.name}Property() && isChanged(Impl::{p.name}Index){visible(p, False)}"
         if k == "value":
-            old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_);\n")
+            old.append(f"    if ({guard})\n        return {to_value(p, p.name + '_') if is_enum(p) else f'::kivra::Value(property->getType(), {p.name}_)'};\n")
         elif k == "optional":
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
         elif k in COLLECTION_KINDS:
@@ -527,7 +638,7 @@ def write_builder_source(mm, cls):
         for p, k in props:
             head = f"    if (property == {p.name}Property()) {{\n"
             if k == "value":
-                body = f"        {p.name}_ = value.get<{native(p)}>();\n"
+                body = f"        {p.name}_ = {from_value(p, 'value')};\n"
             elif k == "optional":
                 body = f"        {p.name}_ = value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none;\n"
             elif k in ("reference", "container-end"):
@@ -626,12 +737,33 @@ Class const &{name}::Builder::getMetaClass() const {{ return {name}::metaClass()
     return "".join(out)
 
 
+def public_note(ident):
+    return f'  ///< public identifier "{ident}"' if ident else ""
+
+
 def write_handles(mm):
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The handles of the classes of `{mm.dotted}`: one pointer each, converting up the class chain.\n\n",
-           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n\n#include <boost/uuid/uuid.hpp>\n\n",
+           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n" + ("#include <kivra/meta/Handles.hpp>\n" if ENUMS else "") + "\n#include <boost/uuid/uuid.hpp>\n\n#include <cstdint>\n\n",
            f"namespace {mm.ns} {{\n"]
     if mm.ns != "kivra::meta":
         out.append("\nusing ::kivra::meta::Class;\n")
+    for enum in ENUMS.values():
+        literals = "".join(f"    {name} = {value},{public_note(ident)}\n" for name, value, ident in enum.literals)
+        idents = "".join(f"    case {enum.name}::{name}:\n        return u\"{ident}\";\n" for name, _, ident in enum.literals if ident)
+        out.append(f"""
+/// The literals of the enumeration `{enum.name}`, with their values.
+enum class {enum.name} : std::int32_t {{
+{literals}}};
+/// The `meta::Enum` that describes `{enum.name}`.
+::kivra::meta::Enum const &metaEnum({enum.name});
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier({enum.name} literal) noexcept {{
+    switch (literal) {{
+{idents}    default:
+        return u"";
+    }}
+}}
+""")
     for cls in mm.order():
         out.append(f"""
 /// Handle of a `{cls.name}` element; `operator->` needs `{mm.header(cls.name)}`.
@@ -719,7 +851,7 @@ public:
     out.append("    class BuilderImpl;\n    template <class B> class BuilderBase;\n")
     for p, k in kinds:
         if k == "value":
-            ret = param(p).strip() if PRIMITIVES[p.type][1] else native(p)
+            ret = param(p).strip() if not is_enum(p) and PRIMITIVES[p.type][1] else native(p)
             out.append(f"\n    {ret} get{p.cap}() const noexcept {{ return {p.name}_; }}\n")
             out.append(f"    void set{p.cap}({param(p)}value);\n")
         elif k == "optional":
@@ -855,8 +987,10 @@ def write_source(mm, cls):
         if k in COLLECTION_KINDS:
             includes.add("kivra/detail/Collections.hpp")
         if k == "value":
-            for q, _ in mm.key_holders(p):
+            for q, far in mm.key_holders(p):
                 includes.add(mm.header(q.owner))
+                if far is not None:
+                    includes.add(mm.header(far.owner))
     if mm.described():
         includes.add(f"{mm.prefix}/{package_class(mm)}.hpp")
     out = [mm.banner]
@@ -1021,14 +1155,19 @@ def write_key_setter(mm, cls, p):
         {q.owner} const owner = {q.owner}::fromImpl(static_cast<{q.owner}::Impl *>(containerImpl()));
 {check}{push}    }}
 """)
-        elif far.shape in COLLECTION_SHAPES:
-            body.append(f"""    for ({q.owner} const owner : get{far.cap}()) {{
-{check}{push}    }}
-""")
         else:
-            body.append(f"""    if ({q.owner} const owner = get{far.cap}(); owner.get()) {{
+            # A far end declared on a subclass is there only when this element is of it.
+            reach = "" if far.owner == cls.name else f"dynamic_cast<{far.owner}::Impl *>(this)"
+            holder = f"static_cast<{far.owner}::Impl *>(this)->" if reach else ""
+            if far.shape in COLLECTION_SHAPES:
+                loop = f"""    for ({q.owner} const owner : {holder}get{far.cap}()) {{
 {check}{push}    }}
-""")
+"""
+            else:
+                loop = f"""    if ({q.owner} const owner = {holder}get{far.cap}(); owner.get()) {{
+{check}{push}    }}
+"""
+            body.append(f"    if ({reach}) {{\n" + "".join("    " + l if l else l for l in loop.splitlines(True)) + "    }\n" if reach else loop)
     return f"""
 void {cls.name}::Impl::set{p.cap}({param(p)}value) {{
     checkModifiable();
@@ -1059,7 +1198,7 @@ def write_reflective(mm, cls, kinds, base):
         if k == "value":
             has.append(f"    if ({guard})\n        return true;\n")
             # Typed by the standard type of the member: no handle of the property's type is read.
-            get.append(f"    if ({guard})\n        return ::kivra::Value({p.name}_);\n")
+            get.append(f"    if ({guard})\n        return {to_value(p, p.name + '_')};\n")
         elif k == "optional":
             has.append(f"    if ({guard})\n        return {p.name}_.has_value();\n")
             get.append(f"    if ({guard})\n        return {p.name}_ ? ::kivra::Value(*{p.name}_) : ::kivra::Value(property->getType(), boost::none);\n")
@@ -1076,7 +1215,7 @@ def write_reflective(mm, cls, kinds, base):
         if "readOnly" in p.notes:
             set_.append(f"    if ({mguard})\n        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u\"{mm.dotted}.{cls.name}.{p.name}\");\n")
         elif k == "value":
-            set_.append(f"    if ({mguard})\n        return set{p.cap}(value.get<{native(p)}>());\n")
+            set_.append(f"    if ({mguard})\n        return set{p.cap}({from_value(p, 'value')});\n")
         elif k == "optional":
             set_.append(f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n")
         elif k in COLLECTION_KINDS:
@@ -1273,10 +1412,23 @@ private:
 def write_package_source(mm):
     name = package_class(mm)
     classes = mm.order()
+    enum_slots = "".join(f"""
+namespace {{
+::kivra::meta::Enum &{e.name}Slot() {{
+    static ::kivra::meta::Enum slot;
+    return slot;
+}}
+}} // namespace
+
+::kivra::meta::Enum const &metaEnum({e.name}) {{
+    static ::kivra::meta::Enum const &slot = ({name}::getInstance(), {e.name}Slot());
+    return slot;
+}}
+""" for e in ENUMS.values())
     out = [mm.banner, f"#include <{mm.prefix}/{name}.hpp>\n\n"]
     out += [f"#include <{mm.header(cls.name)}>\n" for cls in classes]
     out += [f"#include <{i}>\n" for i in ("kivra/ElementId.hpp", "kivra/UuidLiteral.hpp", "kivra/meta/Class.hpp", "kivra/meta/Package.hpp",
-                                          "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp",
+                                          "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp", "kivra/meta/Enum.hpp",
                                           "kivra/meta/detail/Metaclasses.hpp")]
     out.append(f"""
 namespace {mm.ns} {{
@@ -1285,11 +1437,16 @@ namespace {mm.ns} {{
     static {name} *const instance = new {name}(); // lives as long as the registry
     return *instance;
 }}
-
+{enum_slots}
 {name}::{name}() {{
     using namespace ::kivra::meta;
     package_ = createPackage(u"{mm.package.name}", u"{mm.package.uri}");
 """)
+    for enum in ENUMS.values():
+        out.append(f"    Enum const {enum.name}_ = Enum::create(model(), ::kivra::parseUuidLiteral(\"{enum.uuid}\"));\n")
+        out.append(f"    {enum.name}_->setName(u\"{enum.name}\");\n")
+        out.append(f"    {enum.name}Slot() = {enum.name}_;\n")
+        out.append(f"    registry().registerType({enum.name}_);\n")
     for cls in classes:
         out.append(f"    Class const {cls.name}_ = createClass(u\"{cls.name}\", \"{mm.dotted}.{cls.name}\", {str(cls.abstract).lower()}, \"{cls.uuid}\");\n")
     for cls in classes:
@@ -1302,7 +1459,7 @@ namespace {mm.ns} {{
             out.append(f"    ::kivra::meta::detail::declareOwningClass({var}, {cls.name}_);\n")
             if p.type in PRIMITIVES:
                 out.append(f"    {var}->setType(registry().getPrimitiveType(u\"{p.type}\"));\n")
-            elif p.type in mm.classes:
+            elif p.type in mm.classes or p.type in ENUMS:
                 out.append(f"    {var}->setType({p.type}_);\n")
             if p.default:
                 out.append(f"    {var}->setDefaultValue(basalt::ustring(u\"{p.default}\"));\n")
@@ -1366,6 +1523,12 @@ METAMODELS = [
 ]
 
 
+def outputs_of(tables, namespace, headers, sources, prefix):
+    classes, package = parse(tables)
+    mm = Metamodel(classes, package, namespace, prefix, tables.name)
+    return [str(path) for path in outputs(mm, headers, sources)]
+
+
 def run(tables, namespace, headers, sources, prefix, check):
     classes, package = parse(tables)
     # kivra's own keyed properties stay with the registry until its classes hold collections.
@@ -1391,14 +1554,27 @@ def main():
     parser.add_argument("--headers", type=Path)
     parser.add_argument("--sources", type=Path)
     parser.add_argument("--include-prefix")
+    parser.add_argument("--list", action="store_true", help="print the files that would be written, separated by ';'")
     args = parser.parse_args()
+    if args.tables and not (args.namespace and args.headers and args.sources and args.include_prefix):
+        parser.error("--tables needs --namespace, --headers, --sources and --include-prefix")
     if args.tables:
         jobs = [(args.tables, args.namespace, args.headers, args.sources, args.include_prefix)]
     else:
         jobs = [(ROOT / t, ns, ROOT / h, ROOT / s, p) for t, ns, h, s, p in METAMODELS]
     stale = []
-    for tables, namespace, headers, sources, prefix in jobs:
-        stale += run(tables, namespace, headers, sources, prefix, args.check)
+    try:
+        for tables, namespace, headers, sources, prefix in jobs:
+            if args.list:
+                print(*outputs_of(tables, namespace, headers, sources, prefix), sep=";", end="")
+                continue
+            stale += run(tables, namespace, headers, sources, prefix, args.check)
+    except TablesError as error:
+        print(error, file=sys.stderr)
+        return 2
+    except OSError as error:
+        print(f"kivra-metagen: {error}", file=sys.stderr)
+        return 2
     if stale:
         print("stale generated files (run tools/metagen.py):", *stale, sep="\n  ")
         return 1

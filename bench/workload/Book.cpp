@@ -79,7 +79,7 @@ void Book::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMe
 
 void Book::Impl::setPages(std::int32_t value) { ::kivra::detail::setMember(*this, pages_, value, pagesIndex); }
 
-void Book::Impl::setCategory(std::int32_t value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
+void Book::Impl::setCategory(Category value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
 
 ::kivra::ElementSequence<Writer> &Book::Impl::ensureAuthors() const {
     if (!authors_) [[unlikely]] {
@@ -112,7 +112,7 @@ std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const 
         return pagesIndex;
     }
     if (property == categoryProperty()) {
-        category_ = value.get<std::int32_t>();
+        category_ = static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>()));
         return categoryIndex;
     }
     if (property == authorsProperty()) {
@@ -173,7 +173,7 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (property == pagesProperty())
         return ::kivra::Value(pages_);
     if (property == categoryProperty())
-        return ::kivra::Value(category_);
+        return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
     if (property == authorsProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAuthorsMutable() : ensureAuthors(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
@@ -187,7 +187,7 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (property == pagesProperty())
         return setPages(value.get<std::int32_t>());
     if (property == categoryProperty())
-        return setCategory(value.get<std::int32_t>());
+        return setCategory(static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>())));
     if (property == authorsProperty())
         return ::kivra::detail::assignCollection(getAuthorsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
@@ -270,7 +270,7 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
     if (property == Impl::pagesProperty() && isChanged(Impl::pagesIndex))
         return ::kivra::Value(property->getType(), pages_);
     if (property == Impl::categoryProperty() && isChanged(Impl::categoryIndex))
-        return ::kivra::Value(property->getType(), category_);
+        return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
     if (property == Impl::authorsProperty() && isChanged(Impl::authorsIndex))
         return ::kivra::detail::oldCollectionValue(authors_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);

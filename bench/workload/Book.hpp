@@ -48,8 +48,8 @@ public:
     std::int32_t getPages() const noexcept { return pages_; }
     void setPages(std::int32_t value);
 
-    std::int32_t getCategory() const noexcept { return category_; }
-    void setCategory(std::int32_t value);
+    Category getCategory() const noexcept { return category_; }
+    void setCategory(Category value);
 
     /// The `authors`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementSequence<Writer> const &getAuthors() const;
@@ -87,7 +87,7 @@ protected:
 
     basalt::ustring title_{};
     std::int32_t pages_{0};
-    std::int32_t category_{0};
+    Category category_{Category::Mystery};
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
 };
@@ -103,7 +103,7 @@ private:
     friend class Book::Impl;
     basalt::ustring title_{};
     std::int32_t pages_{0};
-    std::int32_t category_{0};
+    Category category_{Category::Mystery};
     mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
 };
 
@@ -119,7 +119,7 @@ private:
     void applyReferences(::kivra::ModelElement::Impl &element) override;
     basalt::ustring title_{};
     std::int32_t pages_{0};
-    std::int32_t category_{0};
+    Category category_{Category::Mystery};
     std::vector<Writer> authors_;
 };
 
@@ -135,10 +135,10 @@ public:
     /// Back to the element's default.
     B &unsetPages() { level().pages_ = std::int32_t{0}; this->clearSet(Book::Impl::pagesIndex); return self(); }
     std::int32_t const &getPages() const noexcept { return level().pages_; }
-    B &setCategory(std::int32_t value) { level().category_ = value; this->markSet(Book::Impl::categoryIndex); return self(); }
+    B &setCategory(Category value) { level().category_ = value; this->markSet(Book::Impl::categoryIndex); return self(); }
     /// Back to the element's default.
-    B &unsetCategory() { level().category_ = std::int32_t{0}; this->clearSet(Book::Impl::categoryIndex); return self(); }
-    std::int32_t const &getCategory() const noexcept { return level().category_; }
+    B &unsetCategory() { level().category_ = Category{Category::Mystery}; this->clearSet(Book::Impl::categoryIndex); return self(); }
+    Category const &getCategory() const noexcept { return level().category_; }
     B &addAuthors(Writer const &value) { level().authors_.push_back(value); this->markSet(Book::Impl::authorsIndex); return self(); }
     B &addAuthors(std::initializer_list<Writer> values) { level().authors_.insert(level().authors_.end(), values); this->markSet(Book::Impl::authorsIndex); return self(); }
     B &clearAuthors() { level().authors_.clear(); this->clearSet(Book::Impl::authorsIndex); return self(); }

@@ -5,12 +5,31 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/meta/Handles.hpp>
 
 #include <boost/uuid/uuid.hpp>
+
+#include <cstdint>
 
 namespace kivra::bench::workload {
 
 using ::kivra::meta::Class;
+
+/// The literals of the enumeration `Category`, with their values.
+enum class Category : std::int32_t {
+    Mystery = 0,
+    ScienceFiction = 1,
+    Biography = 2,
+};
+/// The `meta::Enum` that describes `Category`.
+::kivra::meta::Enum const &metaEnum(Category);
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier(Category literal) noexcept {
+    switch (literal) {
+    default:
+        return u"";
+    }
+}
 
 /// Handle of a `Library` element; `operator->` needs `workload/Library.hpp`.
 class Library : public ::kivra::ModelElement {

@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace notes {
 
 using ::kivra::meta::Class;

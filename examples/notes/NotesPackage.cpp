@@ -9,6 +9,7 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace notes {

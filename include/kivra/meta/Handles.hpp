@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace kivra::meta {
 
 /// Handle of a `NamedElement` element; `operator->` needs `kivra/meta/NamedElement.hpp`.

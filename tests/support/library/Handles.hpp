@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace kivra::test::library {
 
 using ::kivra::meta::Class;
