@@ -358,6 +358,26 @@ bool TransactionImpl::isInterested() const noexcept {
     return firstChangeCallback_ || isDeep() || !listeners_.empty();
 }
 
+bool TransactionImpl::changeInPlace(Model::Impl *model, ModelElement::Impl const *element) noexcept {
+    TransactionImpl const *const transaction = model->currentTransaction_;
+    if (!transaction || model->freezeCount_ != 0 || !model->isValid() || model->dataSourceLoadingCount_ != 0)
+        return false;
+    // What a level's commit would find: no group to vote in, and another party holding on.
+    std::uint32_t const flags = transaction->flags_;
+    if (transaction->group_ || (flags & (Finished | ApplyingRollBack)) ||
+        transaction->refCount_ <= std::uint32_t(transaction->commitRequests_))
+        return false;
+    if (transaction->isInterested()) {
+        // An element made here is reported whole; the gate has nothing left to mark.
+        constexpr std::uint32_t marked = HasChanges | ChangedSinceReport;
+        if (!(element->marks_ & ModelElement::Impl::CreatedHereMark) || (flags & ChangesProhibited) ||
+            (flags & marked) != marked)
+            return false;
+    }
+    ++static_cast<LocalTransactionFactoryImpl &>(*model->transactionFactory_).ordinal_;
+    return true;
+}
+
 bool TransactionImpl::passGate() {
     if (has(ApplyingRollBack) || !isInterested())
         return false;
