@@ -127,6 +127,7 @@ TEST_F(TransactionTest, EveryChangeCountsAsALevelWhetherItIsRecordedOrNot) {
     addListener<ListenerRole::Observer>(model, committed);
     EXPECT_EQ(levelsOf([&] { threeChanges(before, u"C", u"D"); }), 3); // recorded
     EXPECT_EQ(levelsOf([&] { threeChanges(Book::create(model), u"E", u"F"); }), 3); // made here
+    removeListener(model, committed);
 }
 
 TEST_F(TransactionTest, ASetterIsAPartyOfItsOwnOnTheTransaction) {
