@@ -110,7 +110,9 @@ DataType VersionInfo::dataType() {
     std::lock_guard lock(mutex);
     if (kept)
         return kept;
-    ModelElement const element = MetaRegistry::getInstance()->getMetaRegistryModel()->findElement(versionInfoUuid());
+    // A read: the registry model stays frozen.
+    MetaRegistry const &registry = *MetaRegistry::getInstance();
+    ModelElement const element = registry.getMetaRegistryModel()->findElement(versionInfoUuid());
     auto *const impl = dynamic_cast<DataType::Impl *>(element.get());
     if (!impl)
         return {};
@@ -373,7 +375,6 @@ void PrimitiveAssociativeContainer<K, V, C>::insert(V const &entry, CollisionRes
     }
     typename AbstractOwnedCollection::Operation operation(*this);
     this->modifying();
-    // Looked up again: `modifying` may have run a listener's code.
     this->container.insert_or_assign(std::move(key), entry);
     operation.commit();
 }
