@@ -14,6 +14,8 @@
 
 namespace kivra {
 
+class Value;
+
 /// A hashed map from text to text, the value of a single-valued property of type
 /// "StringToStringMap". Each mutation runs in the frame of one change of its property and
 /// is recorded once per transaction; a free-standing map (built without owner) has no
@@ -75,6 +77,13 @@ public:
 
     /// The same entries; owner and property do not count.
     bool operator==(StringToStringMap const &other) const { return container == other.container; }
+
+    /// A single value of the primitive type "StringToStringMap" that points at this map: a
+    /// view, which copies share and which must not outlive the map.
+    Value toValue();
+    /// The map a value of `toValue` points at. Raises `CannotCastIncompatibleTypes` with the
+    /// value's type name for any other value.
+    static StringToStringMap &fromValue(Value const &value);
 
     /// A free-standing copy of the entries, as a change record keeps it.
     std::unique_ptr<StringToStringMap> cloneFreeStanding() const;

@@ -3,6 +3,7 @@
 #include "core/ValuePayloads.hpp"
 
 #include <kivra/Messages.hpp>
+#include <kivra/Value.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 
 #include <stdexcept>
@@ -124,6 +125,19 @@ void StringToStringMap::clear() {
     modifying();
     container.clear();
     operation.commit();
+}
+
+Value StringToStringMap::toValue() {
+    // No payload functions: copies share the pointer, and equal values are the same map.
+    return Value(ValueMeta(getCollectionType(), ValueFlags::Single), this, nullptr);
+}
+
+StringToStringMap &StringToStringMap::fromValue(Value const &value) {
+    meta::Type const &type = value.getType();
+    if (value.getFlags() != ValueFlags::Single || !value.hasPayload() || value.getPayloadFunctions() ||
+        type != meta::StandardTypes::stringToStringMapMeta.get())
+        raise<messages::CannotCastIncompatibleTypes>(type.get() ? type->getQualifiedName() : basalt::ustring());
+    return *static_cast<StringToStringMap *>(const_cast<void *>(value.getPayload()));
 }
 
 std::unique_ptr<StringToStringMap> StringToStringMap::cloneFreeStanding() const {

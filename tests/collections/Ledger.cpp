@@ -117,7 +117,7 @@ Value Ledger::Impl::getPropertyValue(meta::Property const &property, ReflectionP
     if (index < 1 || std::uint64_t(index) > propertyCount || property != Impl::property(std::uint64_t(index)))
         return ModelElement::Impl::getPropertyValue(property, tag);
     if (std::uint64_t(index) == labelsIndex)
-        return ModelElement::Impl::getPropertyValue(property, tag); // no value form of its own here
+        return static_cast<StringToStringMap &>(slot(labelsIndex)).toValue();
     return Value(static_cast<AbstractPrimitiveCollection &>(slot(std::uint64_t(index))), property);
 }
 

@@ -151,6 +151,14 @@ TEST_F(PrimitiveCollectionTest, AReflectiveReadGivesTheEntries) {
     Value const tags = ledger->getPropertyValue(Ledger::Impl::property(Ledger::Impl::tagsIndex), Tag::PUBLIC_ACCESS);
     EXPECT_EQ(tags.getFlags(), ValueFlags::SortedSet);
     EXPECT_EQ(tags.extractEntryValues(), (std::vector<Value>{text(u"a"), text(u"b")}));
+
+    // The map of texts travels as one value that points at it.
+    Value const labels = ledger->getPropertyValue(Ledger::Impl::property(Ledger::Impl::labelsIndex), Tag::PUBLIC_ACCESS);
+    EXPECT_EQ(&StringToStringMap::fromValue(Value(labels)), &ledger->labels());
+    StringToStringMap other;
+    EXPECT_NE(labels, other.toValue());
+    EXPECT_EQ(incompatibleTypeOf([&] { StringToStringMap::fromValue(tags); }), u"String");
+    EXPECT_EQ(incompatibleTypeOf([&] { StringToStringMap::fromValue(text(u"a=b")); }), u"String");
 }
 
 TEST_F(PrimitiveCollectionTest, TheMapKeepsTheFirstEntryOfAFamily) {
