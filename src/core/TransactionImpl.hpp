@@ -102,6 +102,11 @@ public:
     Model::Impl *model() const noexcept { return model_.get(); }
     detail::RecordLog const &records() const noexcept { return *log_; }
 
+    /// True, with the level counted, when a change of `element` would leave nothing in
+    /// the model's transaction and a level on it would only come and go: see
+    /// `ModelElement::Impl::changesInPlace`.
+    static bool changeInPlace(Model::Impl *model, ModelElement::Impl const *element) noexcept;
+
     // What the model reports while the transaction runs.
     void elementCreated(ModelElement::Impl *element);
     void elementDestroying(ModelElement::Impl *element);
