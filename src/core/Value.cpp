@@ -2,6 +2,7 @@
 
 #include "core/ValuePayloads.hpp"
 
+#include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
@@ -287,14 +288,15 @@ std::vector<Value> Value::extractEntryValues() const {
         return {*this};
     if (!managed_ && functions_ && functions_->entries)
         return functions_->entries(*this);
-    // A collection that an element owns is read through the collection itself; primitive
-    // collections answer here once they exist.
+    // A collection that an element owns is read through the collection itself.
     if (managed_ && payload_ && isClass(type_)) {
         std::vector<Value> entries;
         for (ModelElement const &element : static_cast<ReferenceCollection const *>(payload_)->getAllValues())
             entries.emplace_back(type_, element);
         return entries;
     }
+    if (managed_ && payload_)
+        return static_cast<AbstractPrimitiveCollection const *>(payload_)->getAllValues();
     raise<messages::CannotCastIncompatibleTypes>(qualifiedName(type_));
 }
 
