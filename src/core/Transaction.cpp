@@ -354,10 +354,6 @@ void TransactionImpl::abandon() noexcept {
 
 // --- TransactionImpl: recording ----------------------------------------------------
 
-bool TransactionImpl::isInterested() const noexcept {
-    return firstChangeCallback_ || isDeep() || !listeners_.empty();
-}
-
 bool TransactionImpl::changeInPlace(Model::Impl *model, ModelElement::Impl const *element) noexcept {
     TransactionImpl const *const transaction = model->currentTransaction_;
     if (!transaction)

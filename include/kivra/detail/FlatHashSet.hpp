@@ -2,6 +2,8 @@
 /// \file
 /// Not API: the open-addressing table behind the hashed sets of plain values.
 
+#include <kivra/detail/SlotIterator.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -20,6 +22,10 @@ template <class V, class Hash> class FlatHashSet {
         V value{};
         bool used = false;
     };
+    struct SlotAccess {
+        static bool used(Slot const &slot) noexcept { return slot.used; }
+        static V const &value(Slot const &slot) noexcept { return slot.value; }
+    };
 
 public:
     using value_type = V;
@@ -27,38 +33,7 @@ public:
     using size_type = std::size_t;
 
     /// Walks the used slots in order.
-    class const_iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = V;
-        using difference_type = std::ptrdiff_t;
-        using reference = V const &;
-        using pointer = V const *;
-
-        const_iterator() = default;
-        const_iterator(Slot const *at, Slot const *end) noexcept : at_(at), end_(end) { skip(); }
-        V const &operator*() const noexcept { return at_->value; }
-        V const *operator->() const noexcept { return &at_->value; }
-        const_iterator &operator++() noexcept {
-            ++at_;
-            skip();
-            return *this;
-        }
-        const_iterator operator++(int) noexcept {
-            const_iterator before = *this;
-            ++*this;
-            return before;
-        }
-        friend bool operator==(const_iterator const &a, const_iterator const &b) noexcept { return a.at_ == b.at_; }
-
-    private:
-        void skip() noexcept {
-            while (at_ != end_ && !at_->used)
-                ++at_;
-        }
-        Slot const *at_ = nullptr;
-        Slot const *end_ = nullptr;
-    };
+    using const_iterator = SlotIterator<Slot, V, SlotAccess>;
     using iterator = const_iterator;
 
     FlatHashSet() noexcept = default;
