@@ -66,7 +66,7 @@ private:
     static constexpr std::size_t classCount = largestPooled / granule;
     /// Slabs a pool takes from the heap before it takes runs of huge pages: a run is worth
     /// its size only to a model that has filled as much already.
-    static constexpr std::size_t heapSlabs = 64;
+    static constexpr std::size_t heapSlabs = 128;
 
     static Slab *slabOf(void *block) noexcept {
         return reinterpret_cast<Slab *>(reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t(slabSize - 1));
