@@ -6,9 +6,11 @@
 //   kivra_workload --big           also N = 10,000,000
 //   kivra_workload --cpu-time      processor time instead of wall time
 //   kivra_workload --sizes 5000    the sizes given, comma-separated
+//   kivra_workload --stop-after W1 exit after the first step whose name starts so (profiling)
 //
 // The save/load and query steps are left out until serializers and queries exist.
 #include "AllocationCounter.hpp"
+#include "core/PageMemory.hpp"
 
 #include <workload/Book.hpp>
 #include <workload/Library.hpp>
@@ -46,10 +48,13 @@ struct Clock {
 };
 using Tag = kivra::ModelElement::Impl::ReflectionPrivateTag;
 
+/// The heap in use, with the large blocks the model maps from the system beside it.
 std::size_t heapInUse() {
     auto const info = mallinfo2();
-    return info.uordblks + info.hblkhd;
+    return info.uordblks + info.hblkhd + kivra::detail::mappedBytes();
 }
+
+char const *stopAfter = nullptr;
 
 double millisecondsSince(Clock::time_point start) {
     return Clock::now() - start;
@@ -73,6 +78,8 @@ void line(char const *step, std::size_t n, double ms, char const *unit, double p
     std::printf("{\"system\":\"kivra\", \"step\":\"%s\", \"n\":%zu, \"ms\":%.1f, \"%s\":%.1f%s}\n", step, n, ms, unit,
                 perUnit, extra);
     std::fflush(stdout);
+    if (stopAfter != nullptr && std::strncmp(step, stopAfter, std::strlen(stopAfter)) == 0)
+        std::_Exit(0);
 }
 
 [[noreturn]] void fail(char const *what) {
@@ -265,6 +272,8 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--cpu-time") == 0) {
             Clock::cpuTime = true;
+        } else if (std::strcmp(argv[i], "--stop-after") == 0 && i + 1 < argc) {
+            stopAfter = argv[++i];
         } else if (std::strcmp(argv[i], "--big") == 0) {
             sizes.push_back(10'000'000);
         } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc) {
@@ -275,7 +284,7 @@ int main(int argc, char **argv) {
                 text = *end ? end + 1 : end;
             }
         } else {
-            std::fprintf(stderr, "usage: kivra_workload [--big] [--sizes N,N,...] [--cpu-time]\n");
+            std::fprintf(stderr, "usage: kivra_workload [--big] [--sizes N,N,...] [--cpu-time] [--stop-after STEP]\n");
             return 2;
         }
     }

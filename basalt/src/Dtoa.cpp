@@ -32,15 +32,15 @@ struct NumberShape {
     bool hasNonZeroDigit = false;
 };
 
-[[noreturn]] void invalid(std::string const &text) {
-    throw std::invalid_argument("not a number: \"" + text + "\"");
+[[noreturn]] void invalid(std::string_view text) {
+    throw std::invalid_argument("not a number: \"" + std::string(text) + "\"");
 }
 
 /// Checks the whole text against: sign? (digits ('.' digits?)? | '.' digits)
 /// ([eE] sign? digits)?. The standard parser is more lenient in several ways we do
 /// not want in stored text (its own "inf"/"nan"/"infinity" words, a prefix match),
 /// and refuses one form we accept (a leading '+'), so it only runs on checked text.
-NumberShape checkGrammar(std::string const &text) {
+NumberShape checkGrammar(std::string_view text) {
     NumberShape shape;
     std::size_t i = 0;
     std::size_t const n = text.size();
@@ -134,18 +134,21 @@ double to_double(std::u16string_view text) {
         return -std::numeric_limits<double>::infinity();
 
     // Only ASCII can be part of a number; narrowing anything else would let e.g. a
-    // U+0131 pass as '1' after truncation, so it is refused before narrowing.
-    std::string narrow;
-    narrow.reserve(text.size());
-    bool ascii = true;
-    for (char16_t unit : text) {
-        if (unit > 0x7F) {
-            ascii = false;
-            narrow.push_back('?');
-        } else {
-            narrow.push_back(static_cast<char>(unit));
-        }
+    // U+0131 pass as '1' after truncation, so it is refused before narrowing. Texts of
+    // the length numbers have are narrowed on the stack: reading allocates nothing.
+    std::array<char, 64> buffer;
+    std::string heap;
+    char *out = buffer.data();
+    if (text.size() > buffer.size()) {
+        heap.resize(text.size());
+        out = heap.data();
     }
+    bool ascii = true;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        ascii = ascii && text[i] <= 0x7F;
+        out[i] = text[i] > 0x7F ? '?' : static_cast<char>(text[i]);
+    }
+    std::string_view const narrow(out, text.size());
     if (!ascii)
         invalid(narrow);
 
@@ -161,7 +164,7 @@ double to_double(std::u16string_view text) {
         // unchanged. A double overflows only at a decimal exponent of 308 or more and
         // underflows below 1e-324, so the sign of the exponent tells which happened.
         if (shape.hasNonZeroDigit && shape.scientificExponent >= 0)
-            throw std::out_of_range("number too large for a double: \"" + narrow + "\"");
+            throw std::out_of_range("number too large for a double: \"" + std::string(narrow) + "\"");
         return shape.negative ? -0.0 : 0.0;
     }
     if (result.ec != std::errc() || result.ptr != last)

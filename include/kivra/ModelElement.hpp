@@ -157,6 +157,12 @@ public:
     };
     /// Opens the frame of one change of the property at `index` and announces it.
     Modification beginModification(std::uint64_t index) { return Modification(*this, index); }
+    /// True when a change of this element may be stored with no frame: the transaction in
+    /// progress keeps nothing of it (it records nothing, or it made the element here and
+    /// has no old values to keep), the model takes changes, and another party holds the
+    /// transaction open, so a level would only come and go. The level is counted as if it
+    /// had.
+    bool changesInPlace() noexcept;
 
     /// Stores the link to a container (or, with a null container, removes it) and keeps
     /// the model's top-level table in step. No far end, no guard. Raises `CannotChangeModel`

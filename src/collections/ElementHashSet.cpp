@@ -82,6 +82,11 @@ void ElementHashSet::rehash(std::size_t capacity) {
     std::unique_ptr<ModelElement[]> old(std::exchange(slots_, new ModelElement[capacity]));
     std::size_t const oldCapacity = old ? mask_ + 1 : 0;
     mask_ = capacity - 1;
+    // The entries are read for their UUIDs, wherever the elements lie: ask for them all
+    // before the first is needed rather than wait for each in turn.
+    for (std::size_t i = 0; i < oldCapacity; ++i)
+        if (old[i].get())
+            __builtin_prefetch(&old[i].get()->getUuid());
     for (std::size_t i = 0; i < oldCapacity; ++i)
         if (old[i].get())
             slots_[probe(old[i].get())] = std::move(old[i]);

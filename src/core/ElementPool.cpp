@@ -1,4 +1,5 @@
 #include "core/ElementPool.hpp"
+#include "core/PageMemory.hpp"
 
 #include <cstdlib>
 #include <new>
@@ -43,8 +44,14 @@ Model::Impl *ElementPool::abandon(void *block) noexcept {
 ElementPool::~ElementPool() {
     for (Slab *slab = slabs_; slab;) {
         Slab *const next = slab->next;
-        std::free(slab);
+        if (slab->kind == SlabKind::heap)
+            std::free(slab);
         slab = next;
+    }
+    for (Slab *run = runs_; run;) {
+        Slab *const previous = run->previousRun;
+        unmapHugePages(run, hugePageSize);
+        run = previous;
     }
 }
 
@@ -77,14 +84,34 @@ void *ElementPool::allocate(std::size_t size) {
 void *ElementPool::allocateFromNewSlab(std::size_t bytes) {
     // The tail of the old slab is too short for this size; it stays unused rather than
     // being sorted into the lists of smaller sizes.
-    auto *const slab = static_cast<Slab *>(newSlab(slabSize));
+    Slab *const slab = takeSlab();
     slab->pool = this;
     slab->next = slabs_;
-    slab->large = false;
     slabs_ = slab;
     cursor_ = reinterpret_cast<char *>(slab) + headerSize + bytes;
     end_ = reinterpret_cast<char *>(slab) + slabSize;
     return reinterpret_cast<char *>(slab) + headerSize;
+}
+
+ElementPool::Slab *ElementPool::takeSlab() {
+    if (slabCount_ < heapSlabs) {
+        auto *const slab = static_cast<Slab *>(newSlab(slabSize));
+        slab->kind = SlabKind::heap;
+        ++slabCount_;
+        return slab;
+    }
+    if (runCursor_ == runEnd_) {
+        auto *const run = static_cast<Slab *>(mapHugePages(hugePageSize));
+        run->previousRun = runs_;
+        runs_ = run;
+        runCursor_ = reinterpret_cast<char *>(run);
+        runEnd_ = runCursor_ + hugePageSize;
+    }
+    auto *const slab = reinterpret_cast<Slab *>(runCursor_);
+    runCursor_ += slabSize;
+    ++slabCount_;
+    slab->kind = SlabKind::run;
+    return slab;
 }
 
 void *ElementPool::allocateLarge(std::size_t size) {
@@ -92,14 +119,14 @@ void *ElementPool::allocateLarge(std::size_t size) {
     auto *const slab = static_cast<Slab *>(newSlab(bytes));
     slab->pool = this;
     slab->next = nullptr;
-    slab->large = true;
+    slab->kind = SlabKind::large;
     return reinterpret_cast<char *>(slab) + headerSize;
 }
 
 Model::Impl *ElementPool::deallocate(void *block, std::size_t size) noexcept {
     Slab *const slab = slabOf(block);
     ElementPool *const pool = slab->pool;
-    if (slab->large) {
+    if (slab->kind == SlabKind::large) {
         std::free(slab);
         return pool->model_;
     }
@@ -115,7 +142,7 @@ Model::Impl *ElementPool::deallocate(void *block, std::size_t size) noexcept {
 Model::Impl *ElementPool::abandon(void *block) noexcept {
     Slab *const slab = slabOf(block);
     Model::Impl *const model = slab->pool->model_;
-    if (slab->large)
+    if (slab->kind == SlabKind::large)
         std::free(slab);
     return model;
 }

@@ -18,7 +18,10 @@ namespace kivra::detail {
 /// from its own address. Objects are made by the model's writer, one thread at a time, but
 /// the last handle of an object may go on any thread: freed blocks go onto lock-free lists
 /// that the allocating thread takes whole. Memory goes back to the system only with the
-/// model: a model that shrinks keeps its slabs for the objects it makes next.
+/// model: a model that shrinks keeps its slabs for the objects it makes next. A small model
+/// takes its slabs from the heap one at a time; a model that has grown past a few of them
+/// takes them from runs of huge pages, so that filling it costs one fault per 2 MiB and its
+/// memory leaves in a few calls.
 class ElementPool {
 public:
     static constexpr std::size_t slabSize = 32 * 1024;
@@ -38,11 +41,20 @@ public:
     static Model::Impl *abandon(void *block) noexcept;
 
 private:
+    enum class SlabKind : std::uint8_t {
+        /// From the heap, freed with the pool.
+        heap,
+        /// One object larger than the largest pooled size, freed with it.
+        large,
+        /// Part of a run of huge pages, which goes with the pool.
+        run,
+    };
     struct Slab {
         ElementPool *pool;
         Slab *next;
-        /// A slab of one object larger than the largest pooled size, freed with it.
-        bool large;
+        /// In the first slab of a run: the first slab of the run made before.
+        Slab *previousRun;
+        SlabKind kind;
     };
     struct FreeBlock {
         FreeBlock *next;
@@ -52,6 +64,9 @@ private:
     static constexpr std::size_t headerSize = (sizeof(Slab) + granule - 1) / granule * granule;
     static constexpr std::size_t largestPooled = 2048;
     static constexpr std::size_t classCount = largestPooled / granule;
+    /// Slabs a pool takes from the heap before it takes runs of huge pages: a run is worth
+    /// its size only to a model that has filled as much already.
+    static constexpr std::size_t heapSlabs = 128;
 
     static Slab *slabOf(void *block) noexcept {
         return reinterpret_cast<Slab *>(reinterpret_cast<std::uintptr_t>(block) & ~std::uintptr_t(slabSize - 1));
@@ -60,12 +75,18 @@ private:
     static void *newSlab(std::size_t bytes);
     void *allocateLarge(std::size_t size);
     void *allocateFromNewSlab(std::size_t bytes);
+    Slab *takeSlab();
 
     Model::Impl *model_;
     /// Slabs of pooled objects, newest first.
     Slab *slabs_ = nullptr;
     char *cursor_ = nullptr;
     char *end_ = nullptr;
+    std::size_t slabCount_ = 0;
+    /// Runs of huge pages, newest first, and the part of the newest not yet carved.
+    Slab *runs_ = nullptr;
+    char *runCursor_ = nullptr;
+    char *runEnd_ = nullptr;
     /// Freed blocks by size class: the writer's own list, and the list of blocks given
     /// back since the writer last took it.
     FreeBlock *local_[classCount] = {};

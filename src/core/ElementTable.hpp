@@ -1,6 +1,7 @@
 #pragma once
 // Not API: the table of a model's live elements, found by UUID.
 
+#include "core/PageMemory.hpp"
 #include "core/UuidHash.hpp"
 
 #include <kivra/ElementId.hpp>
@@ -32,6 +33,7 @@ public:
     ElementSet() = default;
     ElementSet(ElementSet const &) = delete;
     ElementSet &operator=(ElementSet const &) = delete;
+    ~ElementSet() { release(); }
 
     std::size_t size() const noexcept { return size_; }
     bool empty() const noexcept { return size_ == 0; }
@@ -131,7 +133,8 @@ public:
     }
 
     void clear() noexcept {
-        chunks_.reset();
+        release();
+        chunks_ = nullptr;
         mask_ = size_ = 0;
     }
 
@@ -203,11 +206,30 @@ private:
         }
     }
 
+    // Large tables come zeroed from the system in huge pages: every probe is a random
+    // access, and small pages would cost a fault per 4 KiB as the table fills and a
+    // translation miss on most probes once it is big.
+    static Chunk *allocateChunks(std::size_t count) {
+        return static_cast<Chunk *>(allocateZeroed(count * sizeof(Chunk)));
+    }
+    void release() noexcept {
+        if (chunks_)
+            freeZeroed(chunks_, (mask_ + 1) * sizeof(Chunk));
+    }
+
     void grow() {
         std::size_t const newChunks = chunks_ ? 2 * (mask_ + 1) : 2;
-        std::unique_ptr<Chunk[]> old = std::exchange(chunks_, std::make_unique<Chunk[]>(newChunks));
+        Chunk *const old = std::exchange(chunks_, allocateChunks(newChunks));
         std::size_t const oldChunks = old ? mask_ + 1 : 0;
         mask_ = newChunks - 1;
+        struct Release {
+            Chunk *chunks;
+            std::size_t count;
+            ~Release() {
+                if (chunks)
+                    freeZeroed(chunks, count * sizeof(Chunk));
+            }
+        } const release{old, oldChunks};
         for (std::size_t c = 0; c < oldChunks; ++c) {
             if (c + 1 < oldChunks)
                 for (int i = 0; i < slotsPerChunk; ++i)
@@ -219,7 +241,7 @@ private:
         }
     }
 
-    std::unique_ptr<Chunk[]> chunks_;
+    Chunk *chunks_ = nullptr;
     std::size_t mask_ = 0;
     std::size_t size_ = 0;
 };

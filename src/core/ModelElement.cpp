@@ -185,6 +185,8 @@ ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t inde
     }
 }
 
+bool ModelElement::Impl::changesInPlace() noexcept { return TransactionImpl::changeInPlace(model_, this); }
+
 void ModelElement::Impl::Modification::commit() {
     if (!level_) {
         own_.commit();

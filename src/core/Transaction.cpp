@@ -354,8 +354,29 @@ void TransactionImpl::abandon() noexcept {
 
 // --- TransactionImpl: recording ----------------------------------------------------
 
-bool TransactionImpl::isInterested() const noexcept {
-    return firstChangeCallback_ || isDeep() || !listeners_.empty();
+bool TransactionImpl::changeInPlace(Model::Impl *model, ModelElement::Impl const *element) noexcept {
+    TransactionImpl const *const transaction = model->currentTransaction_;
+    if (!transaction)
+        return false;
+    // A recording transaction keeps old values of every element it did not make: the
+    // common refusal comes first and costs two tests.
+    std::uint32_t const flags = transaction->flags_;
+    bool const madeHere = element->marks_ & ModelElement::Impl::CreatedHereMark;
+    if ((flags & Deep) && !madeHere)
+        return false;
+    // What a level's commit would find: no group to vote in, and another party holding on.
+    if (transaction->group_ || (flags & (Finished | ApplyingRollBack)) ||
+        transaction->refCount_ <= std::uint32_t(transaction->commitRequests_) || model->freezeCount_ != 0 ||
+        model->dataSourceLoadingCount_ != 0 || !model->isValid())
+        return false;
+    if (transaction->isInterested()) {
+        // An element made here is reported whole; the gate has nothing left to mark.
+        constexpr std::uint32_t marked = HasChanges | ChangedSinceReport;
+        if (!madeHere || (flags & ChangesProhibited) || (flags & marked) != marked)
+            return false;
+    }
+    ++static_cast<LocalTransactionFactoryImpl &>(*model->transactionFactory_).ordinal_;
+    return true;
 }
 
 bool TransactionImpl::passGate() {

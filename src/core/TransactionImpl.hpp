@@ -100,7 +100,14 @@ public:
     /// True when every party that holds the transaction has voted.
     bool isReady() const noexcept { return refCount_ == static_cast<std::uint32_t>(commitRequests_); }
     Model::Impl *model() const noexcept { return model_.get(); }
+    /// Whether anybody needs the records: a callback, old values, or listeners.
+    bool isInterested() const noexcept { return firstChangeCallback_ || isDeep() || !listeners_.empty(); }
     detail::RecordLog const &records() const noexcept { return *log_; }
+
+    /// True, with the level counted, when a change of `element` would leave nothing in
+    /// the model's transaction and a level on it would only come and go: see
+    /// `ModelElement::Impl::changesInPlace`.
+    static bool changeInPlace(Model::Impl *model, ModelElement::Impl const *element) noexcept;
 
     // What the model reports while the transaction runs.
     void elementCreated(ModelElement::Impl *element);
@@ -140,8 +147,6 @@ private:
     friend class NestedTransaction;
     friend class TransactionGroup;
 
-    /// Whether anybody needs the records: a callback, old values, or listeners.
-    bool isInterested() const noexcept;
     /// The recording gate: false when nothing is to be recorded; raises
     /// `ChangesProhibited` after the modifiers.
     bool passGate();

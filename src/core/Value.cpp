@@ -2,6 +2,7 @@
 
 #include "core/ValuePayloads.hpp"
 
+#include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
@@ -12,6 +13,8 @@
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/PropertySerializer.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
 
 #include <boost/optional/optional.hpp>
 
@@ -237,11 +240,18 @@ Value Value::createEmptyValue(meta::Property const &property) {
 Value Value::createEmptyValue(meta::Type const &type, bool required) {
     if (auto *cls = dynamic_cast<meta::Class::Impl *>(type.get()))
         return createEmptyValue(meta::Class::fromImpl(cls));
-    // The standard types make their own defaults; data types and enums make theirs through
-    // the serializers of their metamodel.
-    if (auto value = detail::defaultScalarValue(type, required))
-        return std::move(*value);
-    raise<messages::InvalidValue>();
+    auto const &serializers = meta::PropertySerializerRegistry::getInstance();
+    if (auto *dataType = dynamic_cast<meta::DataType::Impl *>(type.get())) {
+        if (meta::DatatypeSerializer const *serializer = serializers.getDatatypeSerializer(meta::DataType::fromImpl(dataType)))
+            return required ? serializer->createDefaultValue() : serializer->createEmptyOptionalValue();
+        // A data type known only as a model element has no serializer; its reflective
+        // values come with the reflective data types.
+        raise<messages::InvalidValue>();
+    }
+    meta::PropertySerializer const *serializer = serializers.getPropertySerializer(type, "");
+    if (!serializer)
+        raise<messages::InvalidValue>();
+    return required ? serializer->createDefaultValue(type) : serializer->createEmptyOptionalValue(type);
 }
 
 Value Value::createEmptyUnmanagedCollectionValue(meta::Property const &property) {
@@ -287,14 +297,15 @@ std::vector<Value> Value::extractEntryValues() const {
         return {*this};
     if (!managed_ && functions_ && functions_->entries)
         return functions_->entries(*this);
-    // A collection that an element owns is read through the collection itself; primitive
-    // collections answer here once they exist.
+    // A collection that an element owns is read through the collection itself.
     if (managed_ && payload_ && isClass(type_)) {
         std::vector<Value> entries;
         for (ModelElement const &element : static_cast<ReferenceCollection const *>(payload_)->getAllValues())
             entries.emplace_back(type_, element);
         return entries;
     }
+    if (managed_ && payload_)
+        return static_cast<AbstractPrimitiveCollection const *>(payload_)->getAllValues();
     raise<messages::CannotCastIncompatibleTypes>(qualifiedName(type_));
 }
 
@@ -357,13 +368,6 @@ std::uint64_t Value::hashValues() const {
 }
 
 namespace detail {
-boost::optional<Value> defaultScalarValue(meta::Type const &type, bool required) {
-#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
-    if (type == primitiveTypeOf<Native>())                                                                           \
-        return required ? Value(type, Native()) : Value(type, boost::none);
-#include <kivra/meta/PrimitiveTypes.def>
-    return boost::none;
-}
 } // namespace detail
 
 namespace internal {

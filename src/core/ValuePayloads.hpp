@@ -102,9 +102,6 @@ template <class T> void checkScalarType(meta::Type const &type) {
     raise<messages::CannotCastIncompatibleTypes>(type.get() ? type->getQualifiedName() : basalt::ustring());
 }
 
-/// The default (`required`) or empty value of a standard type; none for other types.
-boost::optional<Value> defaultScalarValue(meta::Type const &type, bool required);
-
 /// The payload table of a free-standing collection `C` of scalars.
 template <class C> struct CollectionPayload {
     using Entry = typename C::value_type;

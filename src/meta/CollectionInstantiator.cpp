@@ -2,6 +2,7 @@
 
 #include "core/ValuePayloads.hpp"
 
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Property.hpp>
 
 namespace kivra::meta::detail {
@@ -41,10 +42,21 @@ boost::optional<Value> CompositeCollectionInstantiator::instantiateUnmanagedColl
 
 template <class T, unsigned Owned, unsigned Unmanaged, class Extra>
 AbstractOwnedCollection *
-CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateDynamicCollection(ModelElement const &,
-                                                                                    Property const &) {
-    // The collections that an element owns for primitive values do not exist yet: no
-    // shape can be made, and the caller raises `CannotInstantiateCollection`.
+CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateDynamicCollection(ModelElement const &owner,
+                                                                                    Property const &property) {
+    ModelElement::Impl *const impl = owner.get();
+    Property::Impl *const described = property.get();
+    if (!impl || !described)
+        return nullptr;
+    if (described->getIsOrdered()) {
+        if constexpr ((Owned & OrderedShape) != 0)
+            return new PrimitiveSequence<T>(ModelElement::Impl::_privateTag(), impl, described, described->getIsUnique());
+    } else if (described->getIsHashed()) {
+        if constexpr ((Owned & HashedShape) != 0)
+            return new UnorderedPrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
+    } else if constexpr ((Owned & SortedShape) != 0) {
+        return new PrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
+    }
     return nullptr;
 }
 
@@ -73,5 +85,8 @@ CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateUnmanagedColl
 #define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
     template class CollectionInstantiatorImpl<Native, 7, 7>;
 #include <kivra/meta/PrimitiveTypes.def>
+// The imported packages of a package are a map, which its accessor makes; a property of
+// that data type is otherwise only ever a list.
+template class CollectionInstantiatorImpl<VersionInfo, OrderedShape, 0>;
 
 } // namespace kivra::meta::detail

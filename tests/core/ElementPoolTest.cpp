@@ -49,8 +49,9 @@ TEST(ElementPool, BlocksOfEverySizeStayApartWhenFreedOnOtherThreads) {
         std::memset(bytes, int(size % 251), size);
         live.push_back({bytes, size});
     };
-    // Sizes across the pooled classes, past a slab's end and beyond the largest pooled one.
-    for (int round = 0; round < 3; ++round)
+    // Sizes across the pooled classes, past a slab's end and beyond the largest pooled one;
+    // enough rounds that the pool passes from heap slabs to runs of huge pages.
+    for (int round = 0; round < 32; ++round)
         for (std::size_t size = 8; size <= 5000; size += size < 2200 ? 13 : 401)
             allocate(size);
     expectDisjointAndIntact(live);

@@ -101,6 +101,35 @@ TEST_F(TransactionTest, DroppedOuterHandleRollsBack) {
     EXPECT_FALSE(model->isTransactionInProgress());
 }
 
+TEST_F(TransactionTest, EveryChangeCountsAsALevelWhetherItIsRecordedOrNot) {
+    // A change that leaves nothing to record is stored without a frame; the ordinals that
+    // later transactions carry must not tell it apart from a framed one.
+    struct Committed : Listener {
+        void transactionCommitted(std::shared_ptr<ReportData> const &) {}
+    } committed;
+    Book before = Book::create(model);
+    auto levelsOf = [&](auto change) {
+        std::int32_t const first = model->beginTransaction(false).getOrigin().getTransactionOrdinal();
+        {
+            Transaction transaction = model->beginTransaction(false);
+            change();
+            transaction.commit();
+        }
+        return model->beginTransaction(false).getOrigin().getTransactionOrdinal() - first - 2;
+    };
+    auto threeChanges = [](Book const &book, std::u16string const &first, std::u16string const &second) {
+        book->setSubtitle(first);
+        book->setSubtitle(second);
+        book->setSubtitle(second); // no change, no level
+        book->setSubtitle(boost::none);
+    };
+    EXPECT_EQ(levelsOf([&] { threeChanges(before, u"A", u"B"); }), 3); // nothing recorded
+    addListener<ListenerRole::Observer>(model, committed);
+    EXPECT_EQ(levelsOf([&] { threeChanges(before, u"C", u"D"); }), 3); // recorded
+    EXPECT_EQ(levelsOf([&] { threeChanges(Book::create(model), u"E", u"F"); }), 3); // made here
+    removeListener(model, committed);
+}
+
 TEST_F(TransactionTest, ASetterIsAPartyOfItsOwnOnTheTransaction) {
     struct Committed : Listener {
         int count = 0;

@@ -3,6 +3,7 @@
 /// Not API: the open-addressing table behind the hashed element set.
 
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/SlotIterator.hpp>
 
 #include <cstddef>
 #include <iterator>
@@ -16,40 +17,14 @@ namespace kivra::detail {
 /// back, which leaves no tombstones. At most 3/4 of the slots are used. Slot order, and
 /// with it iteration, depends on nothing but the UUIDs and the sequence of operations.
 class ElementHashSet {
+    struct SlotAccess {
+        static bool used(ModelElement const &slot) noexcept { return slot.get() != nullptr; }
+        static ModelElement const &value(ModelElement const &slot) noexcept { return slot; }
+    };
+
 public:
     /// Walks the used slots in order.
-    class const_iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = ModelElement;
-        using difference_type = std::ptrdiff_t;
-        using reference = ModelElement const &;
-        using pointer = ModelElement const *;
-
-        const_iterator() = default;
-        const_iterator(ModelElement const *at, ModelElement const *end) noexcept : at_(at), end_(end) { skip(); }
-        ModelElement const &operator*() const noexcept { return *at_; }
-        ModelElement const *operator->() const noexcept { return at_; }
-        const_iterator &operator++() noexcept {
-            ++at_;
-            skip();
-            return *this;
-        }
-        const_iterator operator++(int) noexcept {
-            const_iterator before = *this;
-            ++*this;
-            return before;
-        }
-        friend bool operator==(const_iterator const &a, const_iterator const &b) noexcept { return a.at_ == b.at_; }
-
-    private:
-        void skip() noexcept {
-            while (at_ != end_ && !at_->get())
-                ++at_;
-        }
-        ModelElement const *at_ = nullptr;
-        ModelElement const *end_ = nullptr;
-    };
+    using const_iterator = SlotIterator<ModelElement, ModelElement, SlotAccess>;
     using iterator = const_iterator;
 
     ElementHashSet() noexcept = default;

@@ -16,13 +16,18 @@
 namespace kivra::detail {
 
 /// A plain member: proxy test, compare and return when equal (no transaction, no
-/// record), open a transaction, announce, store, commit. An exception leaves through
+/// record), store at once when nothing is to be kept, else open a transaction, announce,
+/// store, commit. An exception leaves through
 /// the transaction, which then votes to roll back.
 template <class T, class U>
 void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint64_t index) {
     element.checkModifiable();
     if (member == value)
         return;
+    if (element.changesInPlace()) {
+        member = value;
+        return;
+    }
     auto transaction = element.beginModification(index);
     member = value;
     transaction.commit();

@@ -1,0 +1,28 @@
+#pragma once
+// Not API: large zeroed blocks straight from the system, on huge pages where it allows.
+
+#include <cstddef>
+
+namespace kivra::detail {
+
+/// Blocks of this size and above come from the system in whole huge pages.
+inline constexpr std::size_t hugePageSize = std::size_t(2) << 20;
+
+/// `bytes` of zeroed memory aligned to `hugePageSize`, asked to be backed by huge pages:
+/// one fault then maps 2 MiB where it would map 4 KiB, and a random walk over it keeps its
+/// translations cached. Raises `std::bad_alloc`.
+void *mapHugePages(std::size_t bytes);
+/// Gives back a block of `mapHugePages` with the size it was asked with.
+void unmapHugePages(void *block, std::size_t bytes) noexcept;
+
+/// Bytes held in blocks of `mapHugePages` by the whole process, for measurements: the
+/// heap's own statistics do not see them.
+std::size_t mappedBytes() noexcept;
+
+/// `bytes` of zeroed memory aligned to 64: from `mapHugePages` from `hugePageSize` up, else
+/// from the heap. Raises `std::bad_alloc`.
+void *allocateZeroed(std::size_t bytes);
+/// Gives back a block of `allocateZeroed` with the size it was asked with.
+void freeZeroed(void *block, std::size_t bytes) noexcept;
+
+} // namespace kivra::detail

@@ -1,0 +1,159 @@
+#include "query/Constraints.hpp"
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/ModelElement.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/optional/optional.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include <string>
+#include <string_view>
+
+namespace kivra::query {
+
+SingleObjectConstraint::~SingleObjectConstraint() = default;
+JoinConstraint::~JoinConstraint() = default;
+
+namespace {
+
+ModelElement::Impl::ReflectionPrivateTag const &tag() { return ReflectiveQuery::privilegedTag; }
+
+Value readScalar(ModelElement const &element, meta::Property const &property) {
+    Value value = element->getPropertyValue(property, tag());
+    if (isCollection(value.getFlags()))
+        raise<PropertyRelationValueNotPrimitive>();
+    return value;
+}
+
+// The element of `instance` in a row that holds the elements of `ids`.
+ModelElement const &elementOf(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids,
+                              std::size_t instance) {
+    return ids[0] == instance ? row[0] : row[1];
+}
+
+} // namespace
+
+bool IsAConstraint::test(ModelElement const &element) const {
+    meta::Class const &cls = element->getMetaClass();
+    if (matchMode == SearchClassMatchMode::ExactClass)
+        return cls == searchClass;
+    return cls->isA(searchClass);
+}
+
+bool IsTopLevelElementConstraint::test(ModelElement const &element) const { return element->isTopLevel(); }
+
+void IsTopLevelElementConstraint::replay(std::size_t instance, ReflectiveQuery &target) const {
+    target.requireTopLevelElement(instance);
+}
+
+bool PropertyRelationPropertySingleObjectConstraint::test(ModelElement const &element) const {
+    return (*comparator)(readScalar(element, propertyA), readScalar(element, propertyB));
+}
+
+void PropertyRelationPropertySingleObjectConstraint::replay(std::size_t instance, ReflectiveQuery &target) const {
+    target.addPropertyRelationProperty(propertyA, instance, relation, propertyB, instance);
+}
+
+bool testPropertyValue(ModelElement const &element, meta::Property const &property, ValueComparator comparator,
+                       Value const &constant) {
+    Value const value = element->getPropertyValue(property, tag());
+    if (!isCollection(value.getFlags()))
+        return comparator(value, constant);
+    // Some entry must relate; an empty collection relates to nothing, not even by notEqual.
+    for (Value const &entry : value.extractEntryValues())
+        if (comparator(entry, constant))
+            return true;
+    return false;
+}
+
+bool PropertyRelationValueConstraint::test(ModelElement const &element) const {
+    return testPropertyValue(element, property, *comparator, constant);
+}
+
+void PropertyRelationValueConstraint::replay(std::size_t instance, ReflectiveQuery &target) const {
+    target.addPropertyRelationValue(property, relation, constant, instance);
+}
+
+void PropertyRelationValueConstraint::replayInto(ReflectiveDisjunction &target) const {
+    target.addPropertyRelationValue(property, relation, constant, instance);
+}
+
+bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const {
+    ModelElement const &holder = elementOf(row, ids, holderInstance);
+    ModelElement const &target = ids[0] == holderInstance ? row[1] : row[0];
+    if (!holder || !target)
+        return false;
+    Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+    // A proxy of the target names it by UUID; the text is made once, and only if needed.
+    boost::optional<basalt::ustring> targetUuid;
+    auto const matches = [&](ModelElement const &entry) {
+        if (entry == target)
+            return true;
+        if (!entry || !entry->isProxy())
+            return false;
+        boost::optional<ProxyId> const id = entry->getProxyId();
+        if (!id || id->getIdentifierType() != u"uuid")
+            return false;
+        if (!targetUuid)
+            targetUuid = basalt::i18n::utf8_to_ustring(boost::uuids::to_string(target->getUuid()));
+        return id->getIdentifier() == *targetUuid;
+    };
+    for (Value const &entry : value.extractEntryValues())
+        if (matches(entry.getElement()))
+            return true;
+    return false;
+}
+
+void AssociatedObjectConstraint::replay(ReflectiveQuery &target) const {
+    target.addAssociatedObject(property, holderInstance, valueInstance);
+}
+
+bool PropertyRelationPropertyJoinConstraint::test(std::vector<ModelElement> const &row,
+                                                  std::vector<std::size_t> const &ids) const {
+    return (*comparator)(elementOf(row, ids, instanceA)->getPropertyValue(propertyA, tag()),
+                         elementOf(row, ids, instanceB)->getPropertyValue(propertyB, tag()));
+}
+
+void PropertyRelationPropertyJoinConstraint::replay(ReflectiveQuery &target) const {
+    target.addPropertyRelationProperty(propertyA, instanceA, relation, propertyB, instanceB);
+}
+
+Value likePatternToRegularExpression(Value const &value, meta::Type const &type) {
+    if (value.getFlags() != ValueFlags::Single)
+        raise<LikePatternNotSingle>();
+    bool const utf16 = type == meta::StandardTypes::stringMeta.get();
+    if (!utf16 && type != meta::StandardTypes::stdstringMeta.get())
+        raise<LikePatternNotString>();
+
+    std::string const pattern = value.getType() == meta::StandardTypes::stdstringMeta.get()
+                                    ? value.get<std::string>()
+                                    : basalt::i18n::ustring_to_utf8(value.get<basalt::ustring>());
+    // The characters that mean something in a regular expression stand for themselves in a
+    // like pattern; only "_" and "%" are wildcards, and there is no escape character.
+    static constexpr std::string_view special = "^$\\.*+?()[]{}|";
+    std::string expression;
+    expression.reserve(pattern.size() + pattern.size() / 2);
+    for (char const c : pattern) {
+        if (special.find(c) != std::string_view::npos) {
+            expression += '\\';
+            expression += c;
+        } else if (c == '_') {
+            expression += '.';
+        } else if (c == '%') {
+            expression += ".*";
+        } else {
+            expression += c;
+        }
+    }
+    if (utf16)
+        return Value(type, basalt::i18n::utf8_to_ustring(expression));
+    return Value(type, expression);
+}
+
+} // namespace kivra::query

@@ -1,0 +1,100 @@
+#include "query/QuerySorting.hpp"
+
+#include "query/TypeKinds.hpp"
+
+#include <kivra/Messages.hpp>
+#include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
+#include <kivra/query/ValueComparatorRegistry.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+namespace kivra::query {
+
+QuerySorting::~QuerySorting() = default;
+
+namespace {
+
+
+// One row's sort key: read once, not at every comparison.
+struct SortKey {
+    Value value;
+    bool present; ///< the row has an element in the sort's column
+    bool nan;
+};
+
+} // namespace
+
+void ByPropertySorting::sort(ResultSet &rows) const {
+    if (!property || property->getUpper() > 1 || detail::isClassType(property->getType()))
+        raise<UnsupportedSorting>();
+    bool const ascending = direction == SortDirection::Ascending;
+    meta::Type const type = property->getType();
+    ValueComparator const *const comparator = ValueComparatorRegistry::getInstance()->getComparator(
+        ascending ? ValueMatchRelation::less : ValueMatchRelation::greater, type, property->getLower() > 0);
+    if (!comparator)
+        raise<UnsupportedSorting>();
+
+    auto const column = std::find(rows.instanceIds.begin(), rows.instanceIds.end(), instance);
+    if (column == rows.instanceIds.end() || rows.rows.size() < 2)
+        return;
+    std::size_t const at = static_cast<std::size_t>(column - rows.instanceIds.begin());
+
+    bool const real = type == meta::StandardTypes::realMeta.get();
+    std::vector<SortKey> keys;
+    keys.reserve(rows.rows.size());
+    for (auto const &row : rows.rows) {
+        ModelElement const &element = row[at];
+        if (!element) {
+            keys.push_back({Value(type, boost::none), false, false});
+            continue;
+        }
+        Value value = element->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        bool const nan = real && value.hasPayload() && std::isnan(value.get<double>());
+        keys.push_back({std::move(value), true, nan});
+    }
+
+    // A row without an element comes first ascending and last descending. NaN, which no
+    // relation orders, is placed above every number (and below no empty value), so that
+    // the order stays total and the sort well defined.
+    auto const before = [&](std::size_t i, std::size_t j) {
+        SortKey const &a = keys[i];
+        SortKey const &b = keys[j];
+        if (a.present != b.present)
+            return a.present != ascending;
+        if (!a.present)
+            return false;
+        if (a.nan || b.nan) {
+            if (a.nan == b.nan)
+                return false;
+            return ascending ? b.nan : a.nan;
+        }
+        return (*comparator)(a.value, b.value);
+    };
+    std::vector<std::size_t> order(rows.rows.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    // Stable, so that equal keys keep the order of the scan.
+    std::stable_sort(order.begin(), order.end(), before);
+
+    std::vector<std::vector<ModelElement>> sorted;
+    sorted.reserve(order.size());
+    for (std::size_t const index : order)
+        sorted.push_back(std::move(rows.rows[index]));
+    rows.rows = std::move(sorted);
+}
+
+void ByPropertySorting::replay(ReflectiveQuery &target) const { target.sortByProperty(property, instance, direction); }
+
+void IntrinsicSorting::sort(ResultSet &) const { raise<UnsupportedSorting>(); }
+
+void IntrinsicSorting::replay(ReflectiveQuery &target) const { target.sortIntrinsic(instance, direction); }
+
+void ByOrdinalSorting::sort(ResultSet &) const { raise<UnsupportedSorting>(); }
+
+void ByOrdinalSorting::replay(ReflectiveQuery &target) const { target.sortByOrdinal(property, instance, direction); }
+
+} // namespace kivra::query
