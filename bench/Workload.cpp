@@ -111,7 +111,7 @@ void run(std::size_t n) {
             Book book = Book::create(model);
             book->setTitle(numbered(u"Book ", i));
             book->setPages(std::int32_t(i % 1000));
-            book->setCategory(std::int32_t(i % 3));
+            book->setCategory(Category(i % 3));
             libraryBooks.push_back(book);
             books.push_back(std::move(book));
         }

@@ -88,31 +88,92 @@ class Package:
     uri: str = ""
 
 
+class TablesError(Exception):
+    """A fault in a tables file, with the line that has it."""
+
+    def __init__(self, path, line, message):
+        super().__init__(f"{path}:{line}: error: {message}")
+
+
+SHAPES = {"Single", "Optional"} | COLLECTION_SHAPES
+FLAGS = {"composite", "derived", "readOnly", "transient", "sparse", "noPublicAccessor", "noPublicMutator", "nonUnique"}
+
+
+@dataclass
+class EnumType:
+    name: str
+    uuid: str
+    literals: list = field(default_factory=list)  # (name, value, public identifier or "")
+
+
+# The enumerations of the tables being written, by name; filled by `parse`.
+ENUMS = {}
+
+
 def parse(path):
     classes, package, current = {}, None, None
+    ENUMS.clear()
+    current_enum = None
+    lines = {}  # property or class -> line number, for the checks after reading
     for number, raw in enumerate(path.read_text().splitlines(), 1):
         line = raw.split("#", 1)[0].rstrip()
         if not line.strip():
             continue
         words = line.split()
-        where = f"{path}:{number}"
+
+        def fail(message):
+            raise TablesError(path, number, message)
+
         if words[0] == "package":
-            package = Package(words[1], re.search(r'uri="([^"]*)"', line).group(1))
+            uri = re.search(r'uri="([^"]*)"', line)
+            if len(words) < 3 or not uri or not re.fullmatch(r"[A-Za-z_]\w*", words[1]):
+                fail("expected 'package name uri=\"...\"'")
+            package = Package(words[1], uri.group(1))
+        elif words[0] == "enum":
+            if len(words) < 3:
+                fail("expected 'enum Name uuid'")
+            try:
+                uuidlib.UUID(words[2])
+            except ValueError:
+                fail(f"'{words[2]}' is not a UUID")
+            current_enum, current = EnumType(words[1], words[2]), None
+            ENUMS[words[1]] = current_enum
+        elif current_enum is not None and raw[:1].isspace():
+            ident = re.search(r'id="([^"]*)"', line)
+            if len(words) < 2 or not re.fullmatch(r"-?\d+", words[1]) or not re.fullmatch(r"[A-Za-z_]\w*", words[0]):
+                fail("expected 'Literal value [id=\"publicIdentifier\"]'")
+            current_enum.literals.append((words[0], int(words[1]), ident.group(1) if ident else ""))
         elif words[0] in ("class", "datatype"):
+            current_enum = None
             datatype = words[0] == "datatype"
             if datatype:
+                if len(words) < 3:
+                    fail("expected 'datatype Name uuid'")
                 name, superclass, rest = words[1], "", words[2:]
             else:
                 if len(words) < 5 or words[2] != ":":
-                    sys.exit(f"{where}: expected 'class Name : Superclass uuid'")
+                    fail("expected 'class Name : Superclass uuid [abstract]'")
                 name, superclass, rest = words[1], words[3], words[4:]
+            try:
+                uuidlib.UUID(rest[0])
+            except ValueError:
+                fail(f"'{rest[0]}' is not a UUID")
+            if name in classes:
+                fail(f"class '{name}' is described twice")
             current = MetaClass(name, superclass, rest[0], "abstract" in rest[1:], datatype)
             classes[name] = current
+            lines[id(current)] = number
         elif words[0] == "operations":
             continue  # operations arrive with the invokers
         else:
             if current is None:
-                sys.exit(f"{where}: property outside a class")
+                fail("property outside a class")
+            if len(words) < 4:
+                fail("expected 'index name Type Shape [options]'")
+            if words[0] != "-" and not words[0].isdigit():
+                fail(f"'{words[0]}' is not a property index (a number, or - for a derived property)")
+            if words[3] not in SHAPES:
+                fail(f"unknown shape '{words[3]}' (one of {', '.join(sorted(SHAPES))})")
             prop = Prop(0 if words[0] == "-" else int(words[0]), words[1], words[2], words[3], owner=current.name)
             for word in re.findall(r'\S+="[^"]*"|\S+', " ".join(words[4:])):
                 if word == "composite":
@@ -123,10 +184,37 @@ def parse(path):
                     prop.qualified_by = word.split("=", 1)[1]
                 elif word.startswith("default="):
                     prop.default = word.split("=", 1)[1].strip('"')
-                else:
+                elif word in FLAGS:
                     prop.notes.add(word)
+                else:
+                    fail(f"unknown option '{word}'")
             current.props.append(prop)
+            lines[id(prop)] = number
+    # What can only be checked once every class is read.
+    known = set(PRIMITIVES) | set(classes) | set(ENUMS) | {"ModelElement"}
+    for enum in ENUMS.values():
+        if not enum.literals:
+            raise TablesError(path, "?", f"enum '{enum.name}' has no literals")
+    for cls in classes.values():
+        if cls.superclass and cls.superclass not in classes and cls.superclass != "ModelElement":
+            raise TablesError(path, lines[id(cls)], f"unknown superclass '{cls.superclass}'")
+        for prop in cls.props:
+            where = lines[id(prop)]
+            if prop.type not in known and not (package is None):
+                raise TablesError(path, where, f"unknown type '{prop.type}'")
+            if prop.type in ENUMS and prop.default and prop.default not in [l[0] for l in ENUMS[prop.type].literals]:
+                raise TablesError(path, where, f"'{prop.default}' is no literal of '{prop.type}'")
+            if prop.opposite and prop.type in classes:
+                far = next((q for c in _chain(classes, classes[prop.type]) for q in c.props if q.name == prop.opposite), None)
+                if far is None:
+                    raise TablesError(path, where, f"'{prop.type}' has no property '{prop.opposite}' to be the opposite")
     return classes, package
+
+
+def _chain(classes, cls):
+    while cls is not None:
+        yield cls
+        cls = classes.get(cls.superclass)
 
 
 class Metamodel:
@@ -179,6 +267,8 @@ class Metamodel:
             return self.collection_kind(prop)
         if prop.type in PRIMITIVES:
             return "value" if prop.shape == "Single" else "optional"
+        if prop.type in ENUMS:
+            return "value" if prop.shape == "Single" else None
         target = self.classes.get(prop.type)
         if target is None or target.datatype or prop.shape != "Single":
             return None
@@ -270,15 +360,36 @@ def collection_type(kind, prop, mm=None):
 
 
 def native(prop):
-    return PRIMITIVES[prop.type][0]
+    return prop.type if prop.type in ENUMS else PRIMITIVES[prop.type][0]
+
+
+def is_enum(prop):
+    return prop.type in ENUMS
+
+
+def to_value(prop, member):
+    """A `Value` of a member: enum literals travel as their number, sign-extended."""
+    if is_enum(prop):
+        return f"::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>({member})))"
+    return f"::kivra::Value({member})"
+
+
+def from_value(prop, value):
+    if is_enum(prop):
+        return f"static_cast<{prop.type}>(static_cast<std::int64_t>({value}.get<std::uint64_t>()))"
+    return f"{value}.get<{native(prop)}>()"
 
 
 def param(prop):
+    if is_enum(prop):
+        return f"{prop.type} "
     cpp, by_ref = PRIMITIVES[prop.type]
     return f"{cpp} const &" if by_ref else f"{cpp} "
 
 
 def initial(prop):
+    if is_enum(prop):
+        return "{" + f"{prop.type}::{prop.default or ENUMS[prop.type].literals[0][0]}" + "}"
     if prop.type not in PRIMITIVES or prop.shape != "Single":
         return "{}"
     if prop.default:
@@ -346,7 +457,7 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
     for p, k in own:
         guard = f"property == Impl::{p.name}Property() && isChanged(Impl::{p.name}Index){visible(p, False)}"
         if k == "value":
-            old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_);\n")
+            old.append(f"    if ({guard})\n        return {to_value(p, p.name + '_') if is_enum(p) else f'::kivra::Value(property->getType(), {p.name}_)'};\n")
         elif k == "optional":
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
         elif k in COLLECTION_KINDS:
@@ -374,12 +485,285 @@ bool {cls.name}::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *ele
     return out
 
 
+def staged(mm, cls):
+    """The properties a builder level stages, with their kinds: plain values go to the
+    element's constructor, references through its typed setters, children are made after."""
+    out = []
+    for p in cls.props:
+        k = mm.kind(p)
+        if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS:
+            out.append((p, k))
+        elif k == "container-end" and mm.settable_container_end(p):
+            out.append((p, k))
+    return out
+
+
+def staged_type(p, k):
+    if k == "value":
+        return native(p)
+    if k == "optional":
+        return f"boost::optional<{native(p)}>"
+    if k == "composite":
+        return "std::unique_ptr<::kivra::ModelElement::Builder>"
+    if k in COLLECTION_KINDS:
+        return "std::vector<std::unique_ptr<::kivra::ModelElement::Builder>>" if p.composite else f"std::vector<{p.type}>"
+    return p.type
+
+
+def is_child(p, k):
+    return k == "composite" or (k in COLLECTION_KINDS and p.composite)
+
+
+def level_base(mm, cls):
+    return None if cls.superclass == "ModelElement" else f"{cls.superclass}::Impl::BuilderImpl"
+
+
+def write_builder_header(mm, cls):
+    """The builder levels of a class: its staged values, the fluent template, and the
+    concrete builder of a class that can be instantiated."""
+    props = staged(mm, cls)
+    up = level_base(mm, cls)
+    members = "".join(f"    {staged_type(p, k)} {p.name}_{initial(p) if k == 'value' else ''};\n" for p, k in props)
+    ctor = (f"    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {{}}\n" if up is None else
+            f"    explicit BuilderImpl({up} &up) noexcept : Level(up.root(), &up) {{}}\n"
+            f"    /// The superclass's level.\n    {up} &up() const noexcept {{ return static_cast<{up} &>(*upLevel()); }}\n")
+    overrides = ""
+    if props:
+        overrides += f"    std::uint64_t doSetOrAdd({META}::Property const &property, ::kivra::Value const &value) override;\n"
+    if any(is_child(p, k) for p, k in props):
+        overrides += f"    std::uint64_t doSetOrAdd({META}::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;\n"
+    hooks = ""
+    if any(k in ("reference", "container-end") or (k in COLLECTION_KINDS and not p.composite) for p, k in props):
+        hooks += "    void applyReferences(::kivra::ModelElement::Impl &element) override;\n"
+    if any(is_child(p, k) for p, k in props):
+        hooks += "    void cascadeCreation(::kivra::ModelElement::Impl &element) override;\n"
+    out = [f"""
+/// The values of `{cls.name}`'s own properties staged in a builder, before the element exists.
+class {cls.name}::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {{
+public:
+{ctor}{overrides}
+private:
+    friend class {cls.name}::Impl;
+    template <class> friend class {cls.name}::Impl::BuilderBase;
+{hooks}{members}}};
+
+/// The fluent setters of `{cls.name}`'s own properties, returning the most derived builder `B`.
+template <class B>
+class {cls.name}::Impl::BuilderBase : public {"::kivra::ModelElement::Builder" if up is None else f"{cls.superclass}::Impl::BuilderBase<B>"} {{
+public:
+"""]
+    for p, k in props:
+        i = f"{cls.name}::Impl::{p.name}Index"
+        if k == "value":
+            arg = param(p)
+            out.append(f"    B &set{p.cap}({arg}value) {{ level().{p.name}_ = value; this->markSet({i}); return self(); }}\n")
+            out.append(f"    /// Back to the element's default.\n")
+            out.append(f"    B &unset{p.cap}() {{ level().{p.name}_ = {native(p)}{initial(p)}; this->clearSet({i}); return self(); }}\n")
+            out.append(f"    {native(p)} const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k == "optional":
+            out.append(f"    B &set{p.cap}(boost::optional<{native(p)}> const &value) {{ level().{p.name}_ = value; value ? this->markSet({i}) : this->clearSet({i}); return self(); }}\n")
+            out.append(f"    B &unset{p.cap}() {{ level().{p.name}_ = boost::none; this->clearSet({i}); return self(); }}\n")
+            out.append(f"    boost::optional<{native(p)}> const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k in ("reference", "container-end"):
+            out.append(f"    /// An empty handle clears the staged value.\n")
+            out.append(f"    B &set{p.cap}({p.type} const &value) {{ level().{p.name}_ = value; value ? this->markSet({i}) : this->clearSet({i}); return self(); }}\n")
+            out.append(f"    {p.type} const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+        elif k == "composite":
+            out.append(f"    /// Stages the builder of the owned `{p.type}`; raises `NoSuchProperty` for a child of another class.\n")
+            out.append(f"    B &set{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.reset(); this->clearSet({i}); return self(); }}\n")
+        elif p.composite:
+            out.append(f"    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.\n")
+            out.append(f"    B &add{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.clear(); this->clearSet({i}); return self(); }}\n")
+        else:
+            out.append(f"    B &add{p.cap}({p.type} const &value) {{ level().{p.name}_.push_back(value); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &add{p.cap}(std::initializer_list<{p.type}> values) {{ level().{p.name}_.insert(level().{p.name}_.end(), values); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.clear(); this->clearSet({i}); return self(); }}\n")
+            out.append(f"    std::vector<{p.type}> const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
+    base = "::kivra::ModelElement::Builder" if up is None else f"{cls.superclass}::Impl::BuilderBase<B>"
+    out.append(f"""
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : {base}(model, bitCount) {{}}
+""")
+    if props:
+        out.append(f"""
+private:
+    {cls.name}::Impl::BuilderImpl &level() noexcept {{ return static_cast<B &>(*this); }}
+    {cls.name}::Impl::BuilderImpl const &level() const noexcept {{ return static_cast<B const &>(*this); }}
+    B &self() noexcept {{ return static_cast<B &>(*this); }}
+""")
+    out.append("};\n")
+    if not cls.abstract:
+        levels = [c for c in reversed(list(mm.chain(cls)))]
+        bases = ", ".join([f"public {cls.name}::Impl::BuilderBase<{cls.name}::Builder>"] + [f"public {c.name}::Impl::BuilderImpl" for c in levels])
+        out.append(f"""
+/// Stages the values of a new `{cls.name}` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class {cls.name}::Builder final : {bases} {{
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    {cls.name} create{cls.name}(boost::uuids::uuid const &uuid = {{}}) {{ return create{cls.name}(/*noCascade=*/false, uuid); }}
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    {cls.name} create{cls.name}(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
+}};
+""")
+    return "".join(out)
+
+
+def write_builder_source(mm, cls):
+    props = staged(mm, cls)
+    out = []
+    name = cls.name
+    # The element's constructor from the staged values.
+    base_ctor = ("::kivra::ModelElement::Impl(level.root(), uuid)" if cls.superclass == "ModelElement"
+                 else f"{cls.superclass}::Impl(level.up(), uuid)")
+    inits = "".join(f", {p.name}_(level.{p.name}_)" for p, k in props if k in ("value", "optional"))
+    out.append(f"""
+{name}::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : {base_ctor}{inits} {{}}
+""")
+    if props:
+        cases = []
+        for p, k in props:
+            head = f"    if (property == {p.name}Property()) {{\n"
+            if k == "value":
+                body = f"        {p.name}_ = {from_value(p, 'value')};\n"
+            elif k == "optional":
+                body = f"        {p.name}_ = value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none;\n"
+            elif k in ("reference", "container-end"):
+                body = f"        {p.name}_ = {p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value));\n"
+            elif k in COLLECTION_KINDS and not p.composite:
+                body = (f"        for (::kivra::Value const &entry : value.extractEntryValues())\n"
+                        f"            {p.name}_.push_back({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(entry)));\n")
+            else:
+                continue  # children come as builders
+            cases.append(f"{head}{body}        return {p.name}Index;\n    }}\n")
+        out.append(f"""
+std::uint64_t {name}::Impl::BuilderImpl::doSetOrAdd({META}::Property const &property, ::kivra::Value const &value) {{
+    if (!property.get())
+        return notOwn;
+{"".join(cases)}    return notOwn;
+}}
+""")
+    children = [(p, k) for p, k in props if is_child(p, k)]
+    if children:
+        cases = []
+        for p, k in children:
+            store = f"{p.name}_ = std::move(child);" if k == "composite" else f"{p.name}_.push_back(std::move(child));"
+            cases.append(f"""    if (property == {p.name}Property() && fits(*child, property)) {{
+        {store}
+        return {p.name}Index;
+    }}
+""")
+        out.append(f"""
+std::uint64_t {name}::Impl::BuilderImpl::doSetOrAdd({META}::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {{
+    if (!property.get() || !child)
+        return notOwn;
+{"".join(cases)}    return notOwn;
+}}
+""")
+        lines = []
+        for p, k in children:
+            if k == "composite":
+                lines.append(f"""    if (root().isSet({p.name}Index) && {p.name}_)
+        self.set{p.cap}({p.type}::fromImpl(static_cast<{p.type}::Impl *>(createChild(*{p.name}_).get())));
+""")
+            else:
+                lines.append(f"""    if (root().isSet({p.name}Index))
+        for (auto const &child : {p.name}_)
+            addTo(self.get{p.cap}Mutable(), createChild(*child));
+""")
+        out.append(f"""
+void {name}::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {{
+    auto &self = static_cast<{name}::Impl &>(element);
+{"".join(lines)}}}
+""")
+    refs = [(p, k) for p, k in props if k in ("reference", "container-end") or (k in COLLECTION_KINDS and not p.composite)]
+    if refs:
+        lines = []
+        for p, k in refs:
+            if k in COLLECTION_KINDS:
+                lines.append(f"""    if (root().isSet({p.name}Index))
+        for ({p.type} const &entry : {p.name}_)
+            addTo(self.get{p.cap}Mutable(), entry);
+""")
+            else:
+                lines.append(f"    if (root().isSet({p.name}Index))\n        self.set{p.cap}({p.name}_);\n")
+        out.append(f"""
+void {name}::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {{
+    auto &self = static_cast<{name}::Impl &>(element);
+{"".join(lines)}}}
+""")
+    if not cls.abstract:
+        levels = [c for c in reversed(list(mm.chain(cls)))]
+        inits = [f"{name}::Impl::BuilderBase<{name}::Builder>(model, {name}::Impl::propertyCount + 1)"]
+        prev = "static_cast<::kivra::ModelElement::Builder &>(*this)"
+        for c in levels:
+            inits.append(f"{c.name}::Impl::BuilderImpl({prev})")
+            prev = f"static_cast<{c.name}::Impl::BuilderImpl &>(*this)"
+        joined = ",\n      ".join(inits)
+        out.append(f"""
+{name}::Builder::Builder() : Builder(::kivra::Model()) {{}}
+
+{name}::Builder::Builder(::kivra::Model const &model)
+    : {joined} {{
+    top_ = static_cast<{name}::Impl::BuilderImpl *>(this);
+}}
+
+Class const &{name}::Builder::getMetaClass() const {{ return {name}::metaClass(); }}
+
+{name} {name}::Builder::create{name}(bool noCascade, boost::uuids::uuid const &uuid) {{
+    return {name}::fromImpl(static_cast<{name}::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}}
+
+::kivra::ModelElement {name}::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) {{ return create{name}(noCascade, uuid); }}
+
+::kivra::ModelElement::Impl *{name}::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {{
+    auto &self = static_cast<{name}::Builder &>(builder);
+    return new (self.getModel()) {name}::Impl(static_cast<{name}::Impl::BuilderImpl &>(self), uuid);
+}}
+""")
+    return "".join(out)
+
+
+def public_note(ident):
+    return f'  ///< public identifier "{ident}"' if ident else ""
+
+
 def write_handles(mm):
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The handles of the classes of `{mm.dotted}`: one pointer each, converting up the class chain.\n\n",
-           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n\n#include <boost/uuid/uuid.hpp>\n\n",
+           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n" + ("#include <kivra/meta/Handles.hpp>\n" if ENUMS else "") + "\n#include <boost/uuid/uuid.hpp>\n\n#include <cstdint>\n\n",
            f"namespace {mm.ns} {{\n"]
     if mm.ns != "kivra::meta":
         out.append("\nusing ::kivra::meta::Class;\n")
+    for enum in ENUMS.values():
+        literals = "".join(f"    {name} = {value},{public_note(ident)}\n" for name, value, ident in enum.literals)
+        idents = "".join(f"    case {enum.name}::{name}:\n        return u\"{ident}\";\n" for name, _, ident in enum.literals if ident)
+        out.append(f"""
+/// The literals of the enumeration `{enum.name}`, with their values.
+enum class {enum.name} : std::int32_t {{
+{literals}}};
+/// The `meta::Enum` that describes `{enum.name}`.
+::kivra::meta::Enum const &metaEnum({enum.name});
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier({enum.name} literal) noexcept {{
+    switch (literal) {{
+{idents}    default:
+        return u"";
+    }}
+}}
+""")
     for cls in mm.order():
         out.append(f"""
 /// Handle of a `{cls.name}` element; `operator->` needs `{mm.header(cls.name)}`.
@@ -398,7 +782,10 @@ public:
     static {cls.name} fromImpl(Impl *impl) noexcept;
 """)
         if not cls.abstract:
-            out.append(f"""    /// A new `{cls.name}` in `model`, top level; a nil `uuid` draws a fresh one.
+            out.append(f"""    /// Stages the values of a new `{cls.name}`: `{cls.name}::Builder(model).setXxx(...).create{cls.name}()`.
+    class Builder;
+    /// A new `{cls.name}` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static {cls.name} create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {{}});
     /// A proxy of a `{cls.name}` named by `proxyId`, outside the model's tables.
     static {cls.name} createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -418,7 +805,7 @@ def write_header(mm, cls, extra_dir):
                 "boost/optional/optional.hpp"}
     if cls.superclass != "ModelElement":
         includes.add(mm.header(cls.superclass))
-    std_includes = {"cstdint"}
+    std_includes = {"cstdint", "cstddef", "initializer_list", "memory", "vector"}
     for p, k in kinds:
         if p.type in PRIMITIVES:
             cpp = native(p)
@@ -461,9 +848,10 @@ public:
             out.append(f"    /// The description of `{p.name}`; empty until the metamodel is described.\n")
             out.append(f"    static {META}::Property const &{p.name}Property();\n")
     out.append(f"\n    Class const &getMetaClass() const override;\n")
+    out.append("    class BuilderImpl;\n    template <class B> class BuilderBase;\n")
     for p, k in kinds:
         if k == "value":
-            ret = param(p).strip() if PRIMITIVES[p.type][1] else native(p)
+            ret = param(p).strip() if not is_enum(p) and PRIMITIVES[p.type][1] else native(p)
             out.append(f"\n    {ret} get{p.cap}() const noexcept {{ return {p.name}_; }}\n")
             out.append(f"    void set{p.cap}({param(p)}value);\n")
         elif k == "optional":
@@ -510,13 +898,16 @@ public:
     bool inverseContainsProxyTo(::kivra::ModelElement const &other, {META}::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, {META}::Property const &property) override;
 """)
+    builder_friend = "" if cls.abstract else f"\n    friend class {cls.name}::Builder;"
     extra = extra_dir / f"{cls.name}Extra.inc"
     if extra.exists():
         out.append(f"\n#include <{mm.prefix}/detail/{cls.name}Extra.inc>\n")
     out.append(f"""
 protected:
-    friend class {cls.name};
+    friend class {cls.name};{builder_friend}
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 """)
     if any(k == "reference" and p.opposite or disassociated(p, k) for p, k in kinds):
@@ -565,6 +956,7 @@ private:
             else:
                 out.append(f"    {p.type} {p.name}_;\n")
         out.append("};\n")
+    out.append(write_builder_header(mm, cls))
     out.append(f"""
 inline {cls.name}::Impl *{cls.name}::get() const noexcept {{
     return static_cast<Impl *>(::kivra::ModelElement::get());
@@ -595,8 +987,10 @@ def write_source(mm, cls):
         if k in COLLECTION_KINDS:
             includes.add("kivra/detail/Collections.hpp")
         if k == "value":
-            for q, _ in mm.key_holders(p):
+            for q, far in mm.key_holders(p):
                 includes.add(mm.header(q.owner))
+                if far is not None:
+                    includes.add(mm.header(far.owner))
     if mm.described():
         includes.add(f"{mm.prefix}/{package_class(mm)}.hpp")
     out = [mm.banner]
@@ -736,6 +1130,7 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     ::kivra::detail::setContainer(*this, value, {p.type}::Impl::{p.opposite}Property(), {p.name}Index);
 }}
 """)
+    out.append(write_builder_source(mm, cls))
     if kinds:
         out.append(write_reflective(mm, cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
@@ -760,14 +1155,19 @@ def write_key_setter(mm, cls, p):
         {q.owner} const owner = {q.owner}::fromImpl(static_cast<{q.owner}::Impl *>(containerImpl()));
 {check}{push}    }}
 """)
-        elif far.shape in COLLECTION_SHAPES:
-            body.append(f"""    for ({q.owner} const owner : get{far.cap}()) {{
-{check}{push}    }}
-""")
         else:
-            body.append(f"""    if ({q.owner} const owner = get{far.cap}(); owner.get()) {{
+            # A far end declared on a subclass is there only when this element is of it.
+            reach = "" if far.owner == cls.name else f"dynamic_cast<{far.owner}::Impl *>(this)"
+            holder = f"static_cast<{far.owner}::Impl *>(this)->" if reach else ""
+            if far.shape in COLLECTION_SHAPES:
+                loop = f"""    for ({q.owner} const owner : {holder}get{far.cap}()) {{
 {check}{push}    }}
-""")
+"""
+            else:
+                loop = f"""    if ({q.owner} const owner = {holder}get{far.cap}(); owner.get()) {{
+{check}{push}    }}
+"""
+            body.append(f"    if ({reach}) {{\n" + "".join("    " + l if l else l for l in loop.splitlines(True)) + "    }\n" if reach else loop)
     return f"""
 void {cls.name}::Impl::set{p.cap}({param(p)}value) {{
     checkModifiable();
@@ -798,7 +1198,7 @@ def write_reflective(mm, cls, kinds, base):
         if k == "value":
             has.append(f"    if ({guard})\n        return true;\n")
             # Typed by the standard type of the member: no handle of the property's type is read.
-            get.append(f"    if ({guard})\n        return ::kivra::Value({p.name}_);\n")
+            get.append(f"    if ({guard})\n        return {to_value(p, p.name + '_')};\n")
         elif k == "optional":
             has.append(f"    if ({guard})\n        return {p.name}_.has_value();\n")
             get.append(f"    if ({guard})\n        return {p.name}_ ? ::kivra::Value(*{p.name}_) : ::kivra::Value(property->getType(), boost::none);\n")
@@ -815,7 +1215,7 @@ def write_reflective(mm, cls, kinds, base):
         if "readOnly" in p.notes:
             set_.append(f"    if ({mguard})\n        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u\"{mm.dotted}.{cls.name}.{p.name}\");\n")
         elif k == "value":
-            set_.append(f"    if ({mguard})\n        return set{p.cap}(value.get<{native(p)}>());\n")
+            set_.append(f"    if ({mguard})\n        return set{p.cap}({from_value(p, 'value')});\n")
         elif k == "optional":
             set_.append(f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n")
         elif k in COLLECTION_KINDS:
@@ -1012,10 +1412,23 @@ private:
 def write_package_source(mm):
     name = package_class(mm)
     classes = mm.order()
+    enum_slots = "".join(f"""
+namespace {{
+::kivra::meta::Enum &{e.name}Slot() {{
+    static ::kivra::meta::Enum slot;
+    return slot;
+}}
+}} // namespace
+
+::kivra::meta::Enum const &metaEnum({e.name}) {{
+    static ::kivra::meta::Enum const &slot = ({name}::getInstance(), {e.name}Slot());
+    return slot;
+}}
+""" for e in ENUMS.values())
     out = [mm.banner, f"#include <{mm.prefix}/{name}.hpp>\n\n"]
     out += [f"#include <{mm.header(cls.name)}>\n" for cls in classes]
     out += [f"#include <{i}>\n" for i in ("kivra/ElementId.hpp", "kivra/UuidLiteral.hpp", "kivra/meta/Class.hpp", "kivra/meta/Package.hpp",
-                                          "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp",
+                                          "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp", "kivra/meta/Enum.hpp",
                                           "kivra/meta/detail/Metaclasses.hpp")]
     out.append(f"""
 namespace {mm.ns} {{
@@ -1024,11 +1437,16 @@ namespace {mm.ns} {{
     static {name} *const instance = new {name}(); // lives as long as the registry
     return *instance;
 }}
-
+{enum_slots}
 {name}::{name}() {{
     using namespace ::kivra::meta;
     package_ = createPackage(u"{mm.package.name}", u"{mm.package.uri}");
 """)
+    for enum in ENUMS.values():
+        out.append(f"    Enum const {enum.name}_ = Enum::create(model(), ::kivra::parseUuidLiteral(\"{enum.uuid}\"));\n")
+        out.append(f"    {enum.name}_->setName(u\"{enum.name}\");\n")
+        out.append(f"    {enum.name}Slot() = {enum.name}_;\n")
+        out.append(f"    registry().registerType({enum.name}_);\n")
     for cls in classes:
         out.append(f"    Class const {cls.name}_ = createClass(u\"{cls.name}\", \"{mm.dotted}.{cls.name}\", {str(cls.abstract).lower()}, \"{cls.uuid}\");\n")
     for cls in classes:
@@ -1041,7 +1459,7 @@ namespace {mm.ns} {{
             out.append(f"    ::kivra::meta::detail::declareOwningClass({var}, {cls.name}_);\n")
             if p.type in PRIMITIVES:
                 out.append(f"    {var}->setType(registry().getPrimitiveType(u\"{p.type}\"));\n")
-            elif p.type in mm.classes:
+            elif p.type in mm.classes or p.type in ENUMS:
                 out.append(f"    {var}->setType({p.type}_);\n")
             if p.default:
                 out.append(f"    {var}->setDefaultValue(basalt::ustring(u\"{p.default}\"));\n")
@@ -1067,7 +1485,10 @@ namespace {mm.ns} {{
                 out.append(f"    {cls.name}_{p.name}->setQualifiedBy({key.owner}_{key.name});\n")
     for cls in classes:
         out.append(f"    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral(\"{cls.uuid}\")) = {cls.name}_;\n")
-        out.append(f"    registry().registerType({cls.name}_);\n")
+        if cls.abstract:
+            out.append(f"    registry().registerType({cls.name}_);\n")
+        else:
+            out.append(f"    registry().registerType({cls.name}_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> {{ return std::make_unique<{cls.name}::Builder>(model); }});\n")
         if not cls.abstract:
             out.append(f"    registry().registerProxyFactory({cls.name}_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) {{ return ::kivra::ModelElement({cls.name}::createProxy(model, id)); }});\n")
         for p in cls.props:
@@ -1102,6 +1523,12 @@ METAMODELS = [
 ]
 
 
+def outputs_of(tables, namespace, headers, sources, prefix):
+    classes, package = parse(tables)
+    mm = Metamodel(classes, package, namespace, prefix, tables.name)
+    return [str(path) for path in outputs(mm, headers, sources)]
+
+
 def run(tables, namespace, headers, sources, prefix, check):
     classes, package = parse(tables)
     # kivra's own keyed properties stay with the registry until its classes hold collections.
@@ -1127,14 +1554,27 @@ def main():
     parser.add_argument("--headers", type=Path)
     parser.add_argument("--sources", type=Path)
     parser.add_argument("--include-prefix")
+    parser.add_argument("--list", action="store_true", help="print the files that would be written, separated by ';'")
     args = parser.parse_args()
+    if args.tables and not (args.namespace and args.headers and args.sources and args.include_prefix):
+        parser.error("--tables needs --namespace, --headers, --sources and --include-prefix")
     if args.tables:
         jobs = [(args.tables, args.namespace, args.headers, args.sources, args.include_prefix)]
     else:
         jobs = [(ROOT / t, ns, ROOT / h, ROOT / s, p) for t, ns, h, s, p in METAMODELS]
     stale = []
-    for tables, namespace, headers, sources, prefix in jobs:
-        stale += run(tables, namespace, headers, sources, prefix, args.check)
+    try:
+        for tables, namespace, headers, sources, prefix in jobs:
+            if args.list:
+                print(*outputs_of(tables, namespace, headers, sources, prefix), sep=";", end="")
+                continue
+            stale += run(tables, namespace, headers, sources, prefix, args.check)
+    except TablesError as error:
+        print(error, file=sys.stderr)
+        return 2
+    except OSError as error:
+        print(f"kivra-metagen: {error}", file=sys.stderr)
+        return 2
     if stale:
         print("stale generated files (run tools/metagen.py):", *stale, sep="\n  ")
         return 1

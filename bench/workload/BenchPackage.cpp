@@ -10,6 +10,7 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::bench::workload {
@@ -19,9 +20,25 @@ BenchPackage &BenchPackage::getInstance() {
     return *instance;
 }
 
+namespace {
+::kivra::meta::Enum &CategorySlot() {
+    static ::kivra::meta::Enum slot;
+    return slot;
+}
+} // namespace
+
+::kivra::meta::Enum const &metaEnum(Category) {
+    static ::kivra::meta::Enum const &slot = (BenchPackage::getInstance(), CategorySlot());
+    return slot;
+}
+
 BenchPackage::BenchPackage() {
     using namespace ::kivra::meta;
     package_ = createPackage(u"bench", u"http://bench/1.0");
+    Enum const Category_ = Enum::create(model(), ::kivra::parseUuidLiteral("5f0c2f4e-8b0a-3d55-9a47-6a1f1f0e2c11"));
+    Category_->setName(u"Category");
+    CategorySlot() = Category_;
+    registry().registerType(Category_);
     Class const Library_ = createClass(u"Library", "bench.Library", false, "700e8b35-a382-3330-8372-c85baad4102b");
     Class const Book_ = createClass(u"Book", "bench.Book", false, "90a41975-3c97-3cdf-bf7f-2ffb7fffeecf");
     Class const Writer_ = createClass(u"Writer", "bench.Writer", false, "ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a");
@@ -51,8 +68,8 @@ BenchPackage::BenchPackage() {
     Property const Book_category = createProperty(u"category", ::kivra::ValueFlags::Single, false, "9588ce1f-c39b-326c-8f16-7d0c9971911c");
     setPropertyIndex(Book_category, 3);
     ::kivra::meta::detail::declareOwningClass(Book_category, Book_);
-    Book_category->setType(registry().getPrimitiveType(u"Integer"));
-    Book_category->setDefaultValue(basalt::ustring(u"0"));
+    Book_category->setType(Category_);
+    Book_category->setDefaultValue(basalt::ustring(u"Mystery"));
     Property const Book_authors = createProperty(u"authors", ::kivra::ValueFlags::Sequence, false, "dda62d17-7f6e-3b8b-b26d-84a38376d3ba");
     setPropertyIndex(Book_authors, 4);
     ::kivra::meta::detail::declareOwningClass(Book_authors, Book_);
@@ -69,20 +86,20 @@ BenchPackage::BenchPackage() {
     Book_authors->setOpposite(Writer_books);
     Writer_books->setOpposite(Book_authors);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("700e8b35-a382-3330-8372-c85baad4102b")) = Library_;
-    registry().registerType(Library_);
+    registry().registerType(Library_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Library::Builder>(model); });
     registry().registerProxyFactory(Library_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Library::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acb0a9d6-1016-3d80-af4a-658617a01c24")) = Library_name;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d87b3eff-e89c-30f5-bb5b-531a3ef70f1f")) = Library_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("49e21a42-97d3-315a-8c00-fbc975e185dc")) = Library_writers;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("90a41975-3c97-3cdf-bf7f-2ffb7fffeecf")) = Book_;
-    registry().registerType(Book_);
+    registry().registerType(Book_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fd609fcb-916c-329a-b046-67dca4051200")) = Book_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("29c6ffef-98e5-321a-be27-87632cc043c0")) = Book_pages;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9588ce1f-c39b-326c-8f16-7d0c9971911c")) = Book_category;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dda62d17-7f6e-3b8b-b26d-84a38376d3ba")) = Book_authors;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a")) = Writer_;
-    registry().registerType(Writer_);
+    registry().registerType(Writer_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Writer::Builder>(model); });
     registry().registerProxyFactory(Writer_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Writer::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15")) = Writer_name;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")) = Writer_books;

@@ -79,7 +79,7 @@ void Book::Impl::setTitle(basalt::ustring const &value) { ::kivra::detail::setMe
 
 void Book::Impl::setPages(std::int32_t value) { ::kivra::detail::setMember(*this, pages_, value, pagesIndex); }
 
-void Book::Impl::setCategory(std::int32_t value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
+void Book::Impl::setCategory(Category value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
 
 ::kivra::ElementSequence<Writer> &Book::Impl::ensureAuthors() const {
     if (!authors_) [[unlikely]] {
@@ -97,6 +97,59 @@ void Book::Impl::setCategory(std::int32_t value) { ::kivra::detail::setMember(*t
 }
 
 ::kivra::ElementSequence<Writer> &Book::Impl::getAuthorsMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getAuthors()); }
+
+Book::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), title_(level.title_), pages_(level.pages_), category_(level.category_) {}
+
+std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == titleProperty()) {
+        title_ = value.get<basalt::ustring>();
+        return titleIndex;
+    }
+    if (property == pagesProperty()) {
+        pages_ = value.get<std::int32_t>();
+        return pagesIndex;
+    }
+    if (property == categoryProperty()) {
+        category_ = static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>()));
+        return categoryIndex;
+    }
+    if (property == authorsProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            authors_.push_back(Writer::fromImpl(::kivra::detail::elementAs<Writer::Impl>(entry)));
+        return authorsIndex;
+    }
+    return notOwn;
+}
+
+void Book::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Book::Impl &>(element);
+    if (root().isSet(authorsIndex))
+        for (Writer const &entry : authors_)
+            addTo(self.getAuthorsMutable(), entry);
+}
+
+Book::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Book::Builder::Builder(::kivra::Model const &model)
+    : Book::Impl::BuilderBase<Book::Builder>(model, Book::Impl::propertyCount + 1),
+      Book::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Book::Impl::BuilderImpl *>(this);
+}
+
+Class const &Book::Builder::getMetaClass() const { return Book::metaClass(); }
+
+Book Book::Builder::createBook(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Book::fromImpl(static_cast<Book::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Book::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createBook(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Book::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Book::Builder &>(builder);
+    return new (self.getModel()) Book::Impl(static_cast<Book::Impl::BuilderImpl &>(self), uuid);
+}
 
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
@@ -120,7 +173,7 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (property == pagesProperty())
         return ::kivra::Value(pages_);
     if (property == categoryProperty())
-        return ::kivra::Value(category_);
+        return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
     if (property == authorsProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAuthorsMutable() : ensureAuthors(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
@@ -134,7 +187,7 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     if (property == pagesProperty())
         return setPages(value.get<std::int32_t>());
     if (property == categoryProperty())
-        return setCategory(value.get<std::int32_t>());
+        return setCategory(static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>())));
     if (property == authorsProperty())
         return ::kivra::detail::assignCollection(getAuthorsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
@@ -217,7 +270,7 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
     if (property == Impl::pagesProperty() && isChanged(Impl::pagesIndex))
         return ::kivra::Value(property->getType(), pages_);
     if (property == Impl::categoryProperty() && isChanged(Impl::categoryIndex))
-        return ::kivra::Value(property->getType(), category_);
+        return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
     if (property == Impl::authorsProperty() && isChanged(Impl::authorsIndex))
         return ::kivra::detail::oldCollectionValue(authors_, property);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);

@@ -11,8 +11,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace kivra::bench::workload {
 
@@ -36,6 +39,8 @@ public:
     static ::kivra::meta::Property const &authorsProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getTitle() const noexcept { return title_; }
     void setTitle(basalt::ustring const &value);
@@ -43,8 +48,8 @@ public:
     std::int32_t getPages() const noexcept { return pages_; }
     void setPages(std::int32_t value);
 
-    std::int32_t getCategory() const noexcept { return category_; }
-    void setCategory(std::int32_t value);
+    Category getCategory() const noexcept { return category_; }
+    void setCategory(Category value);
 
     /// The `authors`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementSequence<Writer> const &getAuthors() const;
@@ -69,7 +74,10 @@ public:
 
 protected:
     friend class Book;
+    friend class Book::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
@@ -79,7 +87,7 @@ protected:
 
     basalt::ustring title_{};
     std::int32_t pages_{0};
-    std::int32_t category_{0};
+    Category category_{Category::Mystery};
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
 };
@@ -95,8 +103,75 @@ private:
     friend class Book::Impl;
     basalt::ustring title_{};
     std::int32_t pages_{0};
-    std::int32_t category_{0};
+    Category category_{Category::Mystery};
     mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
+};
+
+/// The values of `Book`'s own properties staged in a builder, before the element exists.
+class Book::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Book::Impl;
+    template <class> friend class Book::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring title_{};
+    std::int32_t pages_{0};
+    Category category_{Category::Mystery};
+    std::vector<Writer> authors_;
+};
+
+/// The fluent setters of `Book`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Book::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setTitle(basalt::ustring const &value) { level().title_ = value; this->markSet(Book::Impl::titleIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetTitle() { level().title_ = basalt::ustring{}; this->clearSet(Book::Impl::titleIndex); return self(); }
+    basalt::ustring const &getTitle() const noexcept { return level().title_; }
+    B &setPages(std::int32_t value) { level().pages_ = value; this->markSet(Book::Impl::pagesIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetPages() { level().pages_ = std::int32_t{0}; this->clearSet(Book::Impl::pagesIndex); return self(); }
+    std::int32_t const &getPages() const noexcept { return level().pages_; }
+    B &setCategory(Category value) { level().category_ = value; this->markSet(Book::Impl::categoryIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetCategory() { level().category_ = Category{Category::Mystery}; this->clearSet(Book::Impl::categoryIndex); return self(); }
+    Category const &getCategory() const noexcept { return level().category_; }
+    B &addAuthors(Writer const &value) { level().authors_.push_back(value); this->markSet(Book::Impl::authorsIndex); return self(); }
+    B &addAuthors(std::initializer_list<Writer> values) { level().authors_.insert(level().authors_.end(), values); this->markSet(Book::Impl::authorsIndex); return self(); }
+    B &clearAuthors() { level().authors_.clear(); this->clearSet(Book::Impl::authorsIndex); return self(); }
+    std::vector<Writer> const &getAuthors() const noexcept { return level().authors_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Book::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Book::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Book` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Book::Builder final : public Book::Impl::BuilderBase<Book::Builder>, public Book::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Book createBook(boost::uuids::uuid const &uuid = {}) { return createBook(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Book createBook(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Book::Impl *Book::get() const noexcept {

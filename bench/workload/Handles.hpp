@@ -5,12 +5,31 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/meta/Handles.hpp>
 
 #include <boost/uuid/uuid.hpp>
+
+#include <cstdint>
 
 namespace kivra::bench::workload {
 
 using ::kivra::meta::Class;
+
+/// The literals of the enumeration `Category`, with their values.
+enum class Category : std::int32_t {
+    Mystery = 0,
+    ScienceFiction = 1,
+    Biography = 2,
+};
+/// The `meta::Enum` that describes `Category`.
+::kivra::meta::Enum const &metaEnum(Category);
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier(Category literal) noexcept {
+    switch (literal) {
+    default:
+        return u"";
+    }
+}
 
 /// Handle of a `Library` element; `operator->` needs `workload/Library.hpp`.
 class Library : public ::kivra::ModelElement {
@@ -26,7 +45,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Library fromImpl(Impl *impl) noexcept;
-    /// A new `Library` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Library`: `Library::Builder(model).setXxx(...).createLibrary()`.
+    class Builder;
+    /// A new `Library` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Library create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Library` named by `proxyId`, outside the model's tables.
     static Library createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -49,7 +71,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
-    /// A new `Book` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Book`: `Book::Builder(model).setXxx(...).createBook()`.
+    class Builder;
+    /// A new `Book` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Book create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
     static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -72,7 +97,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Writer fromImpl(Impl *impl) noexcept;
-    /// A new `Writer` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Writer`: `Writer::Builder(model).setXxx(...).createWriter()`.
+    class Builder;
+    /// A new `Writer` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Writer create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Writer` named by `proxyId`, outside the model's tables.
     static Writer createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);

@@ -100,6 +100,63 @@ void Library::Impl::setName(basalt::ustring const &value) { ::kivra::detail::set
 
 ::kivra::ElementSequence<Writer> &Library::Impl::getWritersMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getWriters()); }
 
+Library::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
+
+std::uint64_t Library::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == nameProperty()) {
+        name_ = value.get<basalt::ustring>();
+        return nameIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Library::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == booksProperty() && fits(*child, property)) {
+        books_.push_back(std::move(child));
+        return booksIndex;
+    }
+    if (property == writersProperty() && fits(*child, property)) {
+        writers_.push_back(std::move(child));
+        return writersIndex;
+    }
+    return notOwn;
+}
+
+void Library::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Library::Impl &>(element);
+    if (root().isSet(booksIndex))
+        for (auto const &child : books_)
+            addTo(self.getBooksMutable(), createChild(*child));
+    if (root().isSet(writersIndex))
+        for (auto const &child : writers_)
+            addTo(self.getWritersMutable(), createChild(*child));
+}
+
+Library::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Library::Builder::Builder(::kivra::Model const &model)
+    : Library::Impl::BuilderBase<Library::Builder>(model, Library::Impl::propertyCount + 1),
+      Library::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Library::Impl::BuilderImpl *>(this);
+}
+
+Class const &Library::Builder::getMetaClass() const { return Library::metaClass(); }
+
+Library Library::Builder::createLibrary(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Library::fromImpl(static_cast<Library::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Library::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createLibrary(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Library::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Library::Builder &>(builder);
+    return new (self.getModel()) Library::Impl(static_cast<Library::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Library::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

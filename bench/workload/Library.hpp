@@ -11,8 +11,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace kivra::bench::workload {
 
@@ -33,6 +36,8 @@ public:
     static ::kivra::meta::Property const &writersProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
@@ -66,7 +71,10 @@ public:
 
 protected:
     friend class Library;
+    friend class Library::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     /// The collection, made when missing; no proxy is resolved.
@@ -93,6 +101,67 @@ private:
     basalt::ustring name_{};
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::ElementSequence<Writer>> writers_;
+};
+
+/// The values of `Library`'s own properties staged in a builder, before the element exists.
+class Library::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Library::Impl;
+    template <class> friend class Library::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring name_{};
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> books_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> writers_;
+};
+
+/// The fluent setters of `Library`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Library::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setName(basalt::ustring const &value) { level().name_ = value; this->markSet(Library::Impl::nameIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetName() { level().name_ = basalt::ustring{}; this->clearSet(Library::Impl::nameIndex); return self(); }
+    basalt::ustring const &getName() const noexcept { return level().name_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addBooks(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Library::Impl::booksProperty(), std::move(child)); return self(); }
+    B &clearBooks() { level().books_.clear(); this->clearSet(Library::Impl::booksIndex); return self(); }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addWriters(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Library::Impl::writersProperty(), std::move(child)); return self(); }
+    B &clearWriters() { level().writers_.clear(); this->clearSet(Library::Impl::writersIndex); return self(); }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Library::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Library::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Library` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Library::Builder final : public Library::Impl::BuilderBase<Library::Builder>, public Library::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Library createLibrary(boost::uuids::uuid const &uuid = {}) { return createLibrary(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Library createLibrary(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Library::Impl *Library::get() const noexcept {

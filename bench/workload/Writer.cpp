@@ -84,6 +84,51 @@ void Writer::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setM
 
 ::kivra::UnorderedElementSet<Book> &Writer::Impl::getBooksMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getBooks()); }
 
+Writer::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
+
+std::uint64_t Writer::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == nameProperty()) {
+        name_ = value.get<basalt::ustring>();
+        return nameIndex;
+    }
+    if (property == booksProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            books_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return booksIndex;
+    }
+    return notOwn;
+}
+
+void Writer::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Writer::Impl &>(element);
+    if (root().isSet(booksIndex))
+        for (Book const &entry : books_)
+            addTo(self.getBooksMutable(), entry);
+}
+
+Writer::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Writer::Builder::Builder(::kivra::Model const &model)
+    : Writer::Impl::BuilderBase<Writer::Builder>(model, Writer::Impl::propertyCount + 1),
+      Writer::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Writer::Impl::BuilderImpl *>(this);
+}
+
+Class const &Writer::Builder::getMetaClass() const { return Writer::metaClass(); }
+
+Writer Writer::Builder::createWriter(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Writer::fromImpl(static_cast<Writer::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Writer::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createWriter(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Writer::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Writer::Builder &>(builder);
+    return new (self.getModel()) Writer::Impl(static_cast<Writer::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Writer::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

@@ -11,8 +11,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace kivra::bench::workload {
 
@@ -30,6 +33,8 @@ public:
     static ::kivra::meta::Property const &booksProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
@@ -57,7 +62,10 @@ public:
 
 protected:
     friend class Writer;
+    friend class Writer::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
@@ -81,6 +89,63 @@ private:
     friend class Writer::Impl;
     basalt::ustring name_{};
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> books_;
+};
+
+/// The values of `Writer`'s own properties staged in a builder, before the element exists.
+class Writer::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Writer::Impl;
+    template <class> friend class Writer::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring name_{};
+    std::vector<Book> books_;
+};
+
+/// The fluent setters of `Writer`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Writer::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setName(basalt::ustring const &value) { level().name_ = value; this->markSet(Writer::Impl::nameIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetName() { level().name_ = basalt::ustring{}; this->clearSet(Writer::Impl::nameIndex); return self(); }
+    basalt::ustring const &getName() const noexcept { return level().name_; }
+    B &addBooks(Book const &value) { level().books_.push_back(value); this->markSet(Writer::Impl::booksIndex); return self(); }
+    B &addBooks(std::initializer_list<Book> values) { level().books_.insert(level().books_.end(), values); this->markSet(Writer::Impl::booksIndex); return self(); }
+    B &clearBooks() { level().books_.clear(); this->clearSet(Writer::Impl::booksIndex); return self(); }
+    std::vector<Book> const &getBooks() const noexcept { return level().books_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Writer::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Writer::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Writer` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Writer::Builder final : public Writer::Impl::BuilderBase<Writer::Builder>, public Writer::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Writer createWriter(boost::uuids::uuid const &uuid = {}) { return createWriter(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Writer createWriter(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Writer::Impl *Writer::get() const noexcept {

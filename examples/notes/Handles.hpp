@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace notes {
 
 using ::kivra::meta::Class;
@@ -26,7 +28,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Notebook fromImpl(Impl *impl) noexcept;
-    /// A new `Notebook` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Notebook`: `Notebook::Builder(model).setXxx(...).createNotebook()`.
+    class Builder;
+    /// A new `Notebook` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Notebook create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Notebook` named by `proxyId`, outside the model's tables.
     static Notebook createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -49,7 +54,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Note fromImpl(Impl *impl) noexcept;
-    /// A new `Note` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Note`: `Note::Builder(model).setXxx(...).createNote()`.
+    class Builder;
+    /// A new `Note` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Note create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Note` named by `proxyId`, outside the model's tables.
     static Note createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);

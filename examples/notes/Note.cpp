@@ -67,6 +67,53 @@ void Note::Impl::setNotebook(Notebook const &value) {
 
 void Note::Impl::setStars(std::int32_t value) { ::kivra::detail::setMember(*this, stars_, value, starsIndex); }
 
+Note::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), text_(level.text_), stars_(level.stars_) {}
+
+std::uint64_t Note::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == textProperty()) {
+        text_ = value.get<basalt::ustring>();
+        return textIndex;
+    }
+    if (property == notebookProperty()) {
+        notebook_ = Notebook::fromImpl(::kivra::detail::elementAs<Notebook::Impl>(value));
+        return notebookIndex;
+    }
+    if (property == starsProperty()) {
+        stars_ = value.get<std::int32_t>();
+        return starsIndex;
+    }
+    return notOwn;
+}
+
+void Note::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Note::Impl &>(element);
+    if (root().isSet(notebookIndex))
+        self.setNotebook(notebook_);
+}
+
+Note::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Note::Builder::Builder(::kivra::Model const &model)
+    : Note::Impl::BuilderBase<Note::Builder>(model, Note::Impl::propertyCount + 1),
+      Note::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Note::Impl::BuilderImpl *>(this);
+}
+
+Class const &Note::Builder::getMetaClass() const { return Note::metaClass(); }
+
+Note Note::Builder::createNote(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Note::fromImpl(static_cast<Note::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Note::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createNote(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Note::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Note::Builder &>(builder);
+    return new (self.getModel()) Note::Impl(static_cast<Note::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Note::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

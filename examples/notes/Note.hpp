@@ -10,7 +10,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <notes/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace notes {
 
@@ -31,6 +35,8 @@ public:
     static ::kivra::meta::Property const &starsProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getText() const noexcept { return text_; }
     void setText(basalt::ustring const &value);
@@ -60,7 +66,10 @@ public:
 
 protected:
     friend class Note;
+    friend class Note::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     basalt::ustring text_{};
@@ -78,6 +87,67 @@ private:
     friend class Note::Impl;
     basalt::ustring text_{};
     std::int32_t stars_{0};
+};
+
+/// The values of `Note`'s own properties staged in a builder, before the element exists.
+class Note::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Note::Impl;
+    template <class> friend class Note::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring text_{};
+    Notebook notebook_;
+    std::int32_t stars_{0};
+};
+
+/// The fluent setters of `Note`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Note::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setText(basalt::ustring const &value) { level().text_ = value; this->markSet(Note::Impl::textIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetText() { level().text_ = basalt::ustring{}; this->clearSet(Note::Impl::textIndex); return self(); }
+    basalt::ustring const &getText() const noexcept { return level().text_; }
+    /// An empty handle clears the staged value.
+    B &setNotebook(Notebook const &value) { level().notebook_ = value; value ? this->markSet(Note::Impl::notebookIndex) : this->clearSet(Note::Impl::notebookIndex); return self(); }
+    Notebook const &getNotebook() const noexcept { return level().notebook_; }
+    B &setStars(std::int32_t value) { level().stars_ = value; this->markSet(Note::Impl::starsIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetStars() { level().stars_ = std::int32_t{0}; this->clearSet(Note::Impl::starsIndex); return self(); }
+    std::int32_t const &getStars() const noexcept { return level().stars_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Note::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Note::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Note` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Note::Builder final : public Note::Impl::BuilderBase<Note::Builder>, public Note::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Note createNote(boost::uuids::uuid const &uuid = {}) { return createNote(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Note createNote(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Note::Impl *Note::get() const noexcept {

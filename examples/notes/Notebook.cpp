@@ -66,6 +66,55 @@ void Notebook::Impl::setPinned(Note const &value) {
     ::kivra::detail::setComposite(*this, pinned_, value, pinnedProperty(), pinnedIndex);
 }
 
+Notebook::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), title_(level.title_) {}
+
+std::uint64_t Notebook::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == titleProperty()) {
+        title_ = value.get<basalt::ustring>();
+        return titleIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Notebook::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == pinnedProperty() && fits(*child, property)) {
+        pinned_ = std::move(child);
+        return pinnedIndex;
+    }
+    return notOwn;
+}
+
+void Notebook::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Notebook::Impl &>(element);
+    if (root().isSet(pinnedIndex) && pinned_)
+        self.setPinned(Note::fromImpl(static_cast<Note::Impl *>(createChild(*pinned_).get())));
+}
+
+Notebook::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Notebook::Builder::Builder(::kivra::Model const &model)
+    : Notebook::Impl::BuilderBase<Notebook::Builder>(model, Notebook::Impl::propertyCount + 1),
+      Notebook::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Notebook::Impl::BuilderImpl *>(this);
+}
+
+Class const &Notebook::Builder::getMetaClass() const { return Notebook::metaClass(); }
+
+Notebook Notebook::Builder::createNotebook(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Notebook::fromImpl(static_cast<Notebook::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Notebook::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createNotebook(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Notebook::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Notebook::Builder &>(builder);
+    return new (self.getModel()) Notebook::Impl(static_cast<Notebook::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Notebook::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

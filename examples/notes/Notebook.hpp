@@ -10,7 +10,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <notes/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace notes {
 
@@ -28,6 +32,8 @@ public:
     static ::kivra::meta::Property const &pinnedProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getTitle() const noexcept { return title_; }
     void setTitle(basalt::ustring const &value);
@@ -53,7 +59,10 @@ public:
 
 protected:
     friend class Notebook;
+    friend class Notebook::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
 
@@ -72,6 +81,63 @@ private:
     friend class Notebook::Impl;
     basalt::ustring title_{};
     Note pinned_;
+};
+
+/// The values of `Notebook`'s own properties staged in a builder, before the element exists.
+class Notebook::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Notebook::Impl;
+    template <class> friend class Notebook::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring title_{};
+    std::unique_ptr<::kivra::ModelElement::Builder> pinned_;
+};
+
+/// The fluent setters of `Notebook`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Notebook::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setTitle(basalt::ustring const &value) { level().title_ = value; this->markSet(Notebook::Impl::titleIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetTitle() { level().title_ = basalt::ustring{}; this->clearSet(Notebook::Impl::titleIndex); return self(); }
+    basalt::ustring const &getTitle() const noexcept { return level().title_; }
+    /// Stages the builder of the owned `Note`; raises `NoSuchProperty` for a child of another class.
+    B &setPinned(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Notebook::Impl::pinnedProperty(), std::move(child)); return self(); }
+    B &clearPinned() { level().pinned_.reset(); this->clearSet(Notebook::Impl::pinnedIndex); return self(); }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Notebook::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Notebook::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Notebook` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Notebook::Builder final : public Notebook::Impl::BuilderBase<Notebook::Builder>, public Notebook::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Notebook createNotebook(boost::uuids::uuid const &uuid = {}) { return createNotebook(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Notebook createNotebook(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Notebook::Impl *Notebook::get() const noexcept {

@@ -9,6 +9,7 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace notes {
@@ -48,12 +49,12 @@ NotesPackage::NotesPackage() {
     Notebook_pinned->setOpposite(Note_notebook);
     Note_notebook->setOpposite(Notebook_pinned);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("e81306ed-23cd-3ff9-9785-f06b32ff5115")) = Notebook_;
-    registry().registerType(Notebook_);
+    registry().registerType(Notebook_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Notebook::Builder>(model); });
     registry().registerProxyFactory(Notebook_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Notebook::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6e6830d-8464-394c-b4d1-dab4cbfbfa2d")) = Notebook_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d94c6445-85e7-3d8b-9152-ba094a589cec")) = Notebook_pinned;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("76a97fb6-39da-3c21-abd5-b81552e11ca5")) = Note_;
-    registry().registerType(Note_);
+    registry().registerType(Note_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Note::Builder>(model); });
     registry().registerProxyFactory(Note_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Note::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6fa7d46-0541-33f0-9448-4a060e05c0ff")) = Note_text;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba")) = Note_notebook;

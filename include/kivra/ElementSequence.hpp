@@ -61,12 +61,14 @@ public:
     void clear() { erase(0, entries_.size()); }
     /// Exchanges two entries; no association, since no entry comes or goes.
     void swap(std::size_t a, std::size_t b);
-    /// Makes a new element of the entry class in a model.
-    using MakeElement = ModelElement (*)(Model const &model);
-    /// Shrinks from the back, or grows with elements that `make` creates in the owner's
-    /// model. Growing without `make`, or on a free-standing sequence, raises
-    /// `NoSuchOperation` ("create", the entry class).
-    void resize(std::size_t n, MakeElement make);
+    /// Shrinks from the back, or grows with elements that the registry's builder of the
+    /// entry class makes in the owner's model. Growing a free-standing sequence, or one
+    /// whose entry class has no builder, raises `NoSuchOperation` ("create", the entry class).
+    void resize(std::size_t n);
+    /// The same with elements that `builder` makes; a builder without a model gets the
+    /// owner's. Raises `CannotAddIncompatibleTypes` for a builder of a class that is not
+    /// the entry class or a subclass of it.
+    void resize(std::size_t n, ModelElement::BuilderWrapper const &builder);
     /// Capacity only; no change of the model.
     void reserve(std::size_t n) { entries_.reserve(n); }
 
@@ -120,6 +122,7 @@ protected:
     void assignFrom(ReferenceCollection const &other) override;
 
 private:
+    void doResize(std::size_t n, ModelElement::Builder *builder);
     /// The generic view, which forwards to the public operations after the class test.
     class GenericSequence final : public GenericSequenceInterface {
     public:
@@ -308,13 +311,6 @@ public:
     iterator erase(iterator position) { return {*this, erase(position.index())}; }
     void erase(iterator first, iterator last) { erase(first.index(), last.index()); }
     void swap(iterator a, iterator b) { swap(a.index(), b.index()); }
-    /// Shrinks from the back, or grows with new `V` elements made in the owner's model.
-    void resize(std::size_t n) {
-        if constexpr (requires(Model const &model) { V::create(model); })
-            ElementSequenceBase::resize(n, [](Model const &model) { return ModelElement(V::create(model)); });
-        else
-            ElementSequenceBase::resize(n, nullptr);
-    }
     using ElementSequenceBase::resize;
 };
 

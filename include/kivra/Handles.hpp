@@ -105,6 +105,7 @@ class ModelElement : protected detail::HandleBase {
 public:
     class Impl;
     class Builder;
+    class BuilderWrapper;
     /// The key that lets an element build the collections of its properties.
     class CollectionPrivateTag {
         friend class Impl;

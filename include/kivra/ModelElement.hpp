@@ -11,7 +11,11 @@
 
 #include <basalt/ustring.hpp>
 
+#include <boost/uuid/uuid.hpp>
+
 #include <cstdint>
+#include <memory>
+#include <unordered_map>
 #include <vector>
 
 namespace kivra {
@@ -234,9 +238,13 @@ public:
 protected:
     friend class Model::Impl;
     friend class TransactionImpl;
+    friend class Builder;
 
     /// Starts `UnderConstruction`, top level, in memory that `model` gave.
     Impl(Model const &model, boost::uuids::uuid const &uuid);
+    /// The same for `builder`'s model: the form of generated constructors that take their
+    /// values from a builder.
+    Impl(Builder &builder, boost::uuids::uuid const &uuid);
 
     void invalidate() override;
     /// Gives up the identity of an element that lost a UUID clash, so that its end does
@@ -294,11 +302,181 @@ protected:
     };
 };
 
-/// The root of the builders that stage a new element's values before the element exists;
-/// each generated class derives its own. `meta::MetaRegistry::instantiateBuilder` makes them.
+/// The root of the builders that stage a new element's values before the element exists,
+/// with one is-set bit per property index; each generated class derives its own, and
+/// `meta::MetaRegistry::instantiateBuilder` makes them for a class known by its handle.
+/// `create` makes the element, and the elements of the child builders handed to it, in one
+/// revertible transaction: a failure anywhere leaves nothing behind. The staged values stay
+/// in the builder after a creation. A builder belongs to one thread.
+///
+/// Example:
+/// \code
+///   Book book = Book::Builder(model).setTitle(u"Dune").setPages(412).createBook();
+/// \endcode
 class ModelElement::Builder {
 public:
-    virtual ~Builder() = default;
+    class Orchestrator;
+    class Level;
+
+    Builder(Builder const &) = delete;
+    Builder &operator=(Builder const &) = delete;
+    virtual ~Builder();
+
+    /// The class of the elements this builder makes.
+    virtual meta::Class const &getMetaClass() const = 0;
+    /// Stages `child` on the composite `property`. Raises `NoSuchProperty` (property name,
+    /// class's qualified name) for a property of another class, a property that is not
+    /// composite, a child of the wrong class or a null child; nothing is staged then.
+    virtual void setOrAdd(meta::Property const &property, std::unique_ptr<Builder> child);
+    /// Stages `value` on `property` as the typed setter would take it: a single value is
+    /// cast, an empty optional clears, an element is added to a collection. Raises
+    /// `NoSuchProperty` as above, or what the cast raises.
+    virtual void setOrAdd(meta::Property const &property, Value const &value);
+
+    /// A new element of the staged values; a nil `uuid` draws a fresh one. Raises
+    /// `NoSuchOperation` for an abstract class, `CannotCreateWithoutModel` without a
+    /// model, `ModelFrozen` in a frozen model, and whatever a child's creation raises.
+    ModelElement create(boost::uuids::uuid const &uuid = {});
+    /// A proxy named by `proxyId`, outside the model's tables; child builders are ignored.
+    ModelElement createProxy(ProxyId const &proxyId);
+
+    Model const &getModel() const noexcept { return model_; }
+    void setModel(Model const &model);
+    /// True when the property of that index has a staged value.
+    bool isSet(std::uint64_t index) const noexcept {
+        return index < bitCount_ && (bits()[index / 32] >> (index % 32) & 1u) != 0;
+    }
+    /// Enters `builder` into the creation that runs now, if there is one and the builder
+    /// is not yet part of it.
+    void addBuilder(Builder *builder);
+
+    /// Sets or clears the is-set bit of `index`; for the generated levels.
+    void markSet(std::uint64_t index) noexcept;
+    void clearSet(std::uint64_t index) noexcept;
+
+protected:
+    /// `bitCount` is the class's number of indexed properties plus one.
+    Builder(Model const &model, std::size_t bitCount);
+
+    /// Makes the element: `createX(noCascade, uuid)` of the generated builder.
+    virtual ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) = 0;
+
+    /// Makes one element of `construct` (a placement-new of the class's `Impl` from this
+    /// builder) and, unless `noCascade`, announces it, sets its staged references and makes
+    /// its staged children, inside the running creation or one of its own. A builder met
+    /// twice in one creation gives its first element.
+    using Construct = Impl *(*)(Builder &builder, boost::uuids::uuid const &uuid);
+    ModelElement runCreation(bool noCascade, boost::uuids::uuid const &uuid, Construct construct);
+
+    /// The most derived level of staged values, set by the generated builder.
+    Level *top_ = nullptr;
+
+private:
+    friend class Impl;
+    std::uint32_t const *bits() const noexcept { return bitCount_ <= 64 ? inlineBits_ : heapBits_; }
+    std::uint32_t *bits() noexcept { return bitCount_ <= 64 ? inlineBits_ : heapBits_; }
+    ModelElement build(bool noCascade, boost::uuids::uuid const &uuid, Construct construct);
+
+    Model model_;
+    /// The is-set bits in blocks of 32, inline up to 64 bits: no allocation for any class
+    /// of kivra's own metamodel.
+    union {
+        std::uint32_t inlineBits_[2];
+        std::uint32_t *heapBits_;
+    };
+    std::size_t bitCount_;
+    /// The creation in progress that this builder is part of; null otherwise.
+    Orchestrator *orchestrator_ = nullptr;
+};
+
+/// Owns a builder known only by its base, as the registry hands it out.
+class ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    explicit BuilderWrapper(std::unique_ptr<Builder> builder) noexcept : builder_(std::move(builder)) {}
+
+    Builder *operator->() const noexcept { return builder_.get(); }
+    /// Null when the wrapper holds no builder.
+    Builder *get() const noexcept { return builder_.get(); }
+    explicit operator bool() const noexcept { return builder_ != nullptr; }
+
+private:
+    std::unique_ptr<Builder> builder_;
+};
+
+/// One class's level of staged values in a builder: the generated `X::Impl::BuilderImpl`
+/// derive from it. Each level answers for its own properties and passes the rest up.
+class ModelElement::Builder::Level {
+public:
+    /// The index of `property` when this level staged `value` on it; `notOwn` otherwise.
+    virtual std::uint64_t doSetOrAdd(meta::Property const &property, Value const &value);
+    /// The index of `property` when this level took `child` (left null then); `notOwn`
+    /// otherwise, with `child` untouched.
+    virtual std::uint64_t doSetOrAdd(meta::Property const &property, std::unique_ptr<Builder> &child);
+
+    static constexpr std::uint64_t notOwn = std::uint64_t(-1);
+    /// The builder that holds the level, and so the is-set bits.
+    Builder &root() const noexcept { return *root_; }
+
+protected:
+    Level(Builder &root, Level *up) noexcept : root_(&root), up_(up) {}
+    Level(Level const &) = delete;
+    Level &operator=(Level const &) = delete;
+    ~Level() = default;
+
+    /// Sets the staged references of the new element through its typed setters.
+    virtual void applyReferences(Impl &element);
+    /// Makes the staged children and adds them to the new element.
+    virtual void cascadeCreation(Impl &element);
+    /// Creates `child` in the running creation and gives its element.
+    ModelElement createChild(Builder &child);
+    /// True when `child`'s class is the property's type or a subclass of it.
+    static bool fits(Builder const &child, meta::Property const &property);
+    /// Adds a new element to one of its collections through the collection's own add.
+    static void addTo(ReferenceCollection &collection, ModelElement const &entry);
+    /// The superclass's level; null at the top of the chain.
+    Level *upLevel() const noexcept { return up_; }
+
+private:
+    friend class Builder;
+    Builder *root_;
+    /// The superclass's level; null at the top of the chain.
+    Level *up_;
+};
+
+/// The state of one creation, which may span a tree of builders: it owns the one
+/// revertible transaction of the creation and remembers which element each builder made.
+/// Dropped without `commit`, it votes for roll-back, so that nothing of the tree stays.
+class ModelElement::Builder::Orchestrator {
+public:
+    /// Begins a revertible transaction on `root`'s model and enters `root`. Raises
+    /// `CannotCreateWithoutModel` without a model and `ModelFrozen` in a frozen one.
+    explicit Orchestrator(Builder *root);
+    Orchestrator(Orchestrator const &) = delete;
+    Orchestrator &operator=(Orchestrator const &) = delete;
+    ~Orchestrator();
+
+    /// Enters `builder` with no element yet; a builder already in a creation is left alone.
+    void addBuilder(Builder *builder);
+    void removeBuilder(Builder *builder);
+    void registerCreatedElement(Builder *builder, ModelElement const &element);
+    /// The element made for `builder` in this creation; null when none yet.
+    ModelElement getCreatedElement(Builder *builder) const;
+    /// Commits the transaction and lets go of every builder.
+    void commit();
+
+private:
+    struct PointerHash {
+        std::size_t operator()(Builder *builder) const noexcept;
+    };
+    void release() noexcept;
+
+    Transaction transaction_;
+    /// The builders entered besides the root, with their elements once made.
+    std::unordered_map<Builder *, ModelElement, PointerHash> created_;
+    /// The builder that started the creation, and its element once made.
+    Builder *root_;
+    ModelElement rootElement_;
 };
 
 inline ModelElement::Impl *ModelElement::get() const noexcept { return static_cast<Impl *>(rawImpl()); }

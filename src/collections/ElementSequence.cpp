@@ -5,6 +5,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 
 #include <absl/container/flat_hash_map.h>
@@ -314,21 +315,42 @@ void ElementSequenceBase::swap(std::size_t a, std::size_t b) {
     operation.commit();
 }
 
-void ElementSequenceBase::resize(std::size_t n, MakeElement make) {
+void ElementSequenceBase::resize(std::size_t n) {
+    ModelElement::BuilderWrapper builder;
+    // Only growing needs a builder: shrinking asks nothing of the registry.
+    if (n > entries_.size() && owner_)
+        builder = ModelElement::BuilderWrapper(
+            meta::MetaRegistry::getInstance()->instantiateBuilder(entryClass_(), owner_->getModel()));
+    doResize(n, builder.get());
+}
+
+void ElementSequenceBase::resize(std::size_t n, ModelElement::BuilderWrapper const &builder) {
+    meta::Class const &entryClass = entryClass_();
+    if (builder.get()) {
+        meta::Class const &cls = builder->getMetaClass();
+        if (!cls || !cls->isA(entryClass))
+            raise<messages::CannotAddIncompatibleTypes>(cls ? cls->getQualifiedName() : basalt::ustring(),
+                                                        entryClass ? entryClass->getQualifiedName() : basalt::ustring());
+    }
+    doResize(n, builder.get());
+}
+
+void ElementSequenceBase::doResize(std::size_t n, ModelElement::Builder *builder) {
     if (entries_.size() == n)
         return;
     Operation operation(*this);
     modifying();
     if (n > entries_.size()) {
-        if (!make || !owner_) {
+        if (!builder || !owner_) {
             meta::Class const &cls = entryClass_();
             raise<messages::NoSuchOperation>(basalt::ustring(u"create"),
                                              cls ? cls->getQualifiedName() : basalt::ustring());
         }
-        Model const model = owner_->getModel();
+        if (!builder->getModel())
+            builder->setModel(owner_->getModel());
         entries_.reserve(n);
         while (entries_.size() < n)
-            push_back(make(model));
+            push_back(builder->create());
     } else {
         erase(n, entries_.size());
     }

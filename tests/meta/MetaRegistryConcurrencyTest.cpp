@@ -17,7 +17,11 @@ using test::registry;
 using test::SamplePackage;
 using test::uniqueName;
 
-struct NoBuilder : ModelElement::Builder {};
+struct NoBuilder : ModelElement::Builder {
+    NoBuilder() : Builder(Model(), 1) {}
+    meta::Class const &getMetaClass() const override { return ModelElement::metaClass(); }
+    ModelElement doCreate(bool, boost::uuids::uuid const &) override { return {}; }
+};
 
 // Readers look types up, parse package URIs, make collections and builders and read the
 // frozen metamodel while one thread describes and registers packages. Run under

@@ -279,7 +279,9 @@ TEST(MetaRegistry, UnregisteringTakesOnlyThatVeryType) {
 // --- Instantiation -------------------------------------------------------------------------
 
 struct RecordingBuilder : ModelElement::Builder {
-    explicit RecordingBuilder(Model const &model) : model(model) {}
+    explicit RecordingBuilder(Model const &model) : Builder(model, 1), model(model) {}
+    meta::Class const &getMetaClass() const override { return ModelElement::metaClass(); }
+    ModelElement doCreate(bool, boost::uuids::uuid const &) override { return {}; }
     Model model;
 };
 

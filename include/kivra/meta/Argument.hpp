@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -27,6 +31,8 @@ public:
     static ::kivra::meta::Property const &isInputProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The containing `Parameterized`, when this element is held by its `arguments`.
     Parameterized getOperation() const;
@@ -53,7 +59,10 @@ public:
 
 protected:
     friend class Argument;
+    friend class Argument::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     bool isInput_{true};
@@ -69,6 +78,64 @@ public:
 private:
     friend class Argument::Impl;
     bool isInput_{true};
+};
+
+/// The values of `Argument`'s own properties staged in a builder, before the element exists.
+class Argument::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(TypedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    TypedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<TypedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Argument::Impl;
+    template <class> friend class Argument::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    Parameterized operation_;
+    bool isInput_{true};
+};
+
+/// The fluent setters of `Argument`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Argument::Impl::BuilderBase : public TypedElement::Impl::BuilderBase<B> {
+public:
+    /// An empty handle clears the staged value.
+    B &setOperation(Parameterized const &value) { level().operation_ = value; value ? this->markSet(Argument::Impl::operationIndex) : this->clearSet(Argument::Impl::operationIndex); return self(); }
+    Parameterized const &getOperation() const noexcept { return level().operation_; }
+    B &setIsInput(bool value) { level().isInput_ = value; this->markSet(Argument::Impl::isInputIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsInput() { level().isInput_ = bool{true}; this->clearSet(Argument::Impl::isInputIndex); return self(); }
+    bool const &getIsInput() const noexcept { return level().isInput_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : TypedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Argument::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Argument::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Argument` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Argument::Builder final : public Argument::Impl::BuilderBase<Argument::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl, public Argument::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Argument createArgument(boost::uuids::uuid const &uuid = {}) { return createArgument(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Argument createArgument(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Argument::Impl *Argument::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -27,6 +31,8 @@ public:
     static ::kivra::meta::Property const &ownerProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getKey() const noexcept { return key_; }
     void setKey(basalt::ustring const &value);
@@ -52,6 +58,8 @@ public:
 protected:
     friend class Attribute;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     basalt::ustring key_{};
@@ -67,6 +75,36 @@ public:
 private:
     friend class Attribute::Impl;
     basalt::ustring key_{};
+};
+
+/// The values of `Attribute`'s own properties staged in a builder, before the element exists.
+class Attribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Attribute::Impl;
+    template <class> friend class Attribute::Impl::BuilderBase;
+    basalt::ustring key_{};
+};
+
+/// The fluent setters of `Attribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Attribute::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setKey(basalt::ustring const &value) { level().key_ = value; this->markSet(Attribute::Impl::keyIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetKey() { level().key_ = basalt::ustring{}; this->clearSet(Attribute::Impl::keyIndex); return self(); }
+    basalt::ustring const &getKey() const noexcept { return level().key_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Attribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Attribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
 };
 
 inline Attribute::Impl *Attribute::get() const noexcept {

@@ -8,7 +8,11 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -23,6 +27,8 @@ public:
     static ::kivra::meta::Property const &attributesProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
     using Storage = ::kivra::ModelElement::Impl::Storage;
@@ -33,8 +39,51 @@ public:
 
 protected:
     friend class AttributeMap;
+    friend class AttributeMap::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+};
+
+/// The values of `AttributeMap`'s own properties staged in a builder, before the element exists.
+class AttributeMap::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+
+private:
+    friend class AttributeMap::Impl;
+    template <class> friend class AttributeMap::Impl::BuilderBase;
+};
+
+/// The fluent setters of `AttributeMap`'s own properties, returning the most derived builder `B`.
+template <class B>
+class AttributeMap::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+};
+
+/// Stages the values of a new `AttributeMap` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class AttributeMap::Builder final : public AttributeMap::Impl::BuilderBase<AttributeMap::Builder>, public AttributeMap::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    AttributeMap createAttributeMap(boost::uuids::uuid const &uuid = {}) { return createAttributeMap(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    AttributeMap createAttributeMap(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline AttributeMap::Impl *AttributeMap::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &valueProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The owned `AttributeMap`, resolved when it is a proxy; empty when none.
     AttributeMap getValue() const;
@@ -46,7 +52,10 @@ public:
 
 protected:
     friend class AttributeMapAttribute;
+    friend class AttributeMapAttribute::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
 
@@ -62,6 +71,60 @@ public:
 private:
     friend class AttributeMapAttribute::Impl;
     AttributeMap value_;
+};
+
+/// The values of `AttributeMapAttribute`'s own properties staged in a builder, before the element exists.
+class AttributeMapAttribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Attribute::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Attribute::Impl::BuilderImpl &up() const noexcept { return static_cast<Attribute::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class AttributeMapAttribute::Impl;
+    template <class> friend class AttributeMapAttribute::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    std::unique_ptr<::kivra::ModelElement::Builder> value_;
+};
+
+/// The fluent setters of `AttributeMapAttribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class AttributeMapAttribute::Impl::BuilderBase : public Attribute::Impl::BuilderBase<B> {
+public:
+    /// Stages the builder of the owned `AttributeMap`; raises `NoSuchProperty` for a child of another class.
+    B &setValue(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(AttributeMapAttribute::Impl::valueProperty(), std::move(child)); return self(); }
+    B &clearValue() { level().value_.reset(); this->clearSet(AttributeMapAttribute::Impl::valueIndex); return self(); }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Attribute::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    AttributeMapAttribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    AttributeMapAttribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `AttributeMapAttribute` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class AttributeMapAttribute::Builder final : public AttributeMapAttribute::Impl::BuilderBase<AttributeMapAttribute::Builder>, public Attribute::Impl::BuilderImpl, public AttributeMapAttribute::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    AttributeMapAttribute createAttributeMapAttribute(boost::uuids::uuid const &uuid = {}) { return createAttributeMapAttribute(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    AttributeMapAttribute createAttributeMapAttribute(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline AttributeMapAttribute::Impl *AttributeMapAttribute::get() const noexcept {

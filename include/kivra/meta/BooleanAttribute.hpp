@@ -9,7 +9,11 @@
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &valueProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     bool getValue() const noexcept { return value_; }
     void setValue(bool value);
@@ -41,7 +47,10 @@ public:
 
 protected:
     friend class BooleanAttribute;
+    friend class BooleanAttribute::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     bool value_{false};
@@ -57,6 +66,59 @@ public:
 private:
     friend class BooleanAttribute::Impl;
     bool value_{false};
+};
+
+/// The values of `BooleanAttribute`'s own properties staged in a builder, before the element exists.
+class BooleanAttribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Attribute::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Attribute::Impl::BuilderImpl &up() const noexcept { return static_cast<Attribute::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class BooleanAttribute::Impl;
+    template <class> friend class BooleanAttribute::Impl::BuilderBase;
+    bool value_{false};
+};
+
+/// The fluent setters of `BooleanAttribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class BooleanAttribute::Impl::BuilderBase : public Attribute::Impl::BuilderBase<B> {
+public:
+    B &setValue(bool value) { level().value_ = value; this->markSet(BooleanAttribute::Impl::valueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetValue() { level().value_ = bool{false}; this->clearSet(BooleanAttribute::Impl::valueIndex); return self(); }
+    bool const &getValue() const noexcept { return level().value_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Attribute::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    BooleanAttribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    BooleanAttribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `BooleanAttribute` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class BooleanAttribute::Builder final : public BooleanAttribute::Impl::BuilderBase<BooleanAttribute::Builder>, public Attribute::Impl::BuilderImpl, public BooleanAttribute::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    BooleanAttribute createBooleanAttribute(boost::uuids::uuid const &uuid = {}) { return createBooleanAttribute(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    BooleanAttribute createBooleanAttribute(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline BooleanAttribute::Impl *BooleanAttribute::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/StructuredType.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -30,6 +34,8 @@ public:
     static ::kivra::meta::Property const &isAbstractProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The referenced `Class`, resolved when it is a proxy; empty when none.
     Class getSuperclass() const;
@@ -57,7 +63,10 @@ public:
 
 protected:
     friend class Class;
+    friend class Class::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
@@ -77,6 +86,64 @@ private:
     friend class Class::Impl;
     Class superclass_;
     bool isAbstract_{false};
+};
+
+/// The values of `Class`'s own properties staged in a builder, before the element exists.
+class Class::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(StructuredType::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    StructuredType::Impl::BuilderImpl &up() const noexcept { return static_cast<StructuredType::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Class::Impl;
+    template <class> friend class Class::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    Class superclass_;
+    bool isAbstract_{false};
+};
+
+/// The fluent setters of `Class`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Class::Impl::BuilderBase : public StructuredType::Impl::BuilderBase<B> {
+public:
+    /// An empty handle clears the staged value.
+    B &setSuperclass(Class const &value) { level().superclass_ = value; value ? this->markSet(Class::Impl::superclassIndex) : this->clearSet(Class::Impl::superclassIndex); return self(); }
+    Class const &getSuperclass() const noexcept { return level().superclass_; }
+    B &setIsAbstract(bool value) { level().isAbstract_ = value; this->markSet(Class::Impl::isAbstractIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsAbstract() { level().isAbstract_ = bool{false}; this->clearSet(Class::Impl::isAbstractIndex); return self(); }
+    bool const &getIsAbstract() const noexcept { return level().isAbstract_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : StructuredType::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Class::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Class::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Class` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Class::Builder final : public Class::Impl::BuilderBase<Class::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl, public StructuredType::Impl::BuilderImpl, public Class::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Class createClass(boost::uuids::uuid const &uuid = {}) { return createClass(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Class createClass(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Class::Impl *Class::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/StructuredType.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -21,6 +25,8 @@ public:
 
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
     using Storage = StructuredType::Impl::Storage;
@@ -31,8 +37,53 @@ public:
 
 protected:
     friend class DataType;
+    friend class DataType::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : StructuredType::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+};
+
+/// The values of `DataType`'s own properties staged in a builder, before the element exists.
+class DataType::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(StructuredType::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    StructuredType::Impl::BuilderImpl &up() const noexcept { return static_cast<StructuredType::Impl::BuilderImpl &>(*upLevel()); }
+
+private:
+    friend class DataType::Impl;
+    template <class> friend class DataType::Impl::BuilderBase;
+};
+
+/// The fluent setters of `DataType`'s own properties, returning the most derived builder `B`.
+template <class B>
+class DataType::Impl::BuilderBase : public StructuredType::Impl::BuilderBase<B> {
+public:
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : StructuredType::Impl::BuilderBase<B>(model, bitCount) {}
+};
+
+/// Stages the values of a new `DataType` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class DataType::Builder final : public DataType::Impl::BuilderBase<DataType::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl, public StructuredType::Impl::BuilderImpl, public DataType::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    DataType createDataType(boost::uuids::uuid const &uuid = {}) { return createDataType(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    DataType createDataType(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline DataType::Impl *DataType::get() const noexcept {

@@ -8,7 +8,11 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -29,6 +33,8 @@ public:
     static ::kivra::meta::Property const &owningClassProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     std::uint64_t getModelID() const noexcept { return modelID_; }
     void setModelID(std::uint64_t value);
@@ -53,7 +59,10 @@ public:
 
 protected:
     friend class DynamicExtensions;
+    friend class DynamicExtensions::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     std::uint64_t modelID_{0};
@@ -69,6 +78,57 @@ public:
 private:
     friend class DynamicExtensions::Impl;
     std::uint64_t modelID_{0};
+};
+
+/// The values of `DynamicExtensions`'s own properties staged in a builder, before the element exists.
+class DynamicExtensions::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class DynamicExtensions::Impl;
+    template <class> friend class DynamicExtensions::Impl::BuilderBase;
+    std::uint64_t modelID_{0};
+};
+
+/// The fluent setters of `DynamicExtensions`'s own properties, returning the most derived builder `B`.
+template <class B>
+class DynamicExtensions::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setModelID(std::uint64_t value) { level().modelID_ = value; this->markSet(DynamicExtensions::Impl::modelIDIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetModelID() { level().modelID_ = std::uint64_t{0}; this->clearSet(DynamicExtensions::Impl::modelIDIndex); return self(); }
+    std::uint64_t const &getModelID() const noexcept { return level().modelID_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    DynamicExtensions::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    DynamicExtensions::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `DynamicExtensions` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class DynamicExtensions::Builder final : public DynamicExtensions::Impl::BuilderBase<DynamicExtensions::Builder>, public DynamicExtensions::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    DynamicExtensions createDynamicExtensions(boost::uuids::uuid const &uuid = {}) { return createDynamicExtensions(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    DynamicExtensions createDynamicExtensions(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline DynamicExtensions::Impl *DynamicExtensions::get() const noexcept {

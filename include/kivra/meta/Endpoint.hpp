@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Parameterized.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -27,6 +31,8 @@ public:
     static ::kivra::meta::Property const &millisecondTimeoutProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The containing `Package`, when this element is held by its `ownedEndpoints`.
     Package getOwningPackage() const;
@@ -51,7 +57,10 @@ public:
 
 protected:
     friend class Endpoint;
+    friend class Endpoint::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Parameterized::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     std::int32_t millisecondTimeout_{0};
@@ -67,6 +76,59 @@ public:
 private:
     friend class Endpoint::Impl;
     std::int32_t millisecondTimeout_{0};
+};
+
+/// The values of `Endpoint`'s own properties staged in a builder, before the element exists.
+class Endpoint::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Parameterized::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Parameterized::Impl::BuilderImpl &up() const noexcept { return static_cast<Parameterized::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Endpoint::Impl;
+    template <class> friend class Endpoint::Impl::BuilderBase;
+    std::int32_t millisecondTimeout_{0};
+};
+
+/// The fluent setters of `Endpoint`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Endpoint::Impl::BuilderBase : public Parameterized::Impl::BuilderBase<B> {
+public:
+    B &setMillisecondTimeout(std::int32_t value) { level().millisecondTimeout_ = value; this->markSet(Endpoint::Impl::millisecondTimeoutIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetMillisecondTimeout() { level().millisecondTimeout_ = std::int32_t{0}; this->clearSet(Endpoint::Impl::millisecondTimeoutIndex); return self(); }
+    std::int32_t const &getMillisecondTimeout() const noexcept { return level().millisecondTimeout_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Parameterized::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Endpoint::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Endpoint::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Endpoint` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Endpoint::Builder final : public Endpoint::Impl::BuilderBase<Endpoint::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl, public Parameterized::Impl::BuilderImpl, public Endpoint::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Endpoint createEndpoint(boost::uuids::uuid const &uuid = {}) { return createEndpoint(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Endpoint createEndpoint(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Endpoint::Impl *Endpoint::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -27,6 +31,8 @@ public:
     static ::kivra::meta::Property const &underlyingTypeProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The referenced `PrimitiveType`, resolved when it is a proxy; empty when none.
     PrimitiveType getUnderlyingType() const;
@@ -49,7 +55,10 @@ public:
 
 protected:
     friend class Enum;
+    friend class Enum::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
@@ -66,6 +75,59 @@ public:
 private:
     friend class Enum::Impl;
     PrimitiveType underlyingType_;
+};
+
+/// The values of `Enum`'s own properties staged in a builder, before the element exists.
+class Enum::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Type::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Type::Impl::BuilderImpl &up() const noexcept { return static_cast<Type::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Enum::Impl;
+    template <class> friend class Enum::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    PrimitiveType underlyingType_;
+};
+
+/// The fluent setters of `Enum`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Enum::Impl::BuilderBase : public Type::Impl::BuilderBase<B> {
+public:
+    /// An empty handle clears the staged value.
+    B &setUnderlyingType(PrimitiveType const &value) { level().underlyingType_ = value; value ? this->markSet(Enum::Impl::underlyingTypeIndex) : this->clearSet(Enum::Impl::underlyingTypeIndex); return self(); }
+    PrimitiveType const &getUnderlyingType() const noexcept { return level().underlyingType_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Type::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Enum::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Enum::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Enum` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Enum::Builder final : public Enum::Impl::BuilderBase<Enum::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl, public Enum::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Enum createEnum(boost::uuids::uuid const &uuid = {}) { return createEnum(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Enum createEnum(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Enum::Impl *Enum::get() const noexcept {

@@ -10,7 +10,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -31,6 +35,8 @@ public:
     static ::kivra::meta::Property const &publicIdentifierProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     std::int32_t getValue() const noexcept { return value_; }
     void setValue(std::int32_t value);
@@ -59,7 +65,10 @@ public:
 
 protected:
     friend class EnumLiteral;
+    friend class EnumLiteral::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     std::int32_t value_{0};
@@ -77,6 +86,63 @@ private:
     friend class EnumLiteral::Impl;
     std::int32_t value_{0};
     boost::optional<basalt::ustring> publicIdentifier_;
+};
+
+/// The values of `EnumLiteral`'s own properties staged in a builder, before the element exists.
+class EnumLiteral::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(NamedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    NamedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<NamedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class EnumLiteral::Impl;
+    template <class> friend class EnumLiteral::Impl::BuilderBase;
+    std::int32_t value_{0};
+    boost::optional<basalt::ustring> publicIdentifier_;
+};
+
+/// The fluent setters of `EnumLiteral`'s own properties, returning the most derived builder `B`.
+template <class B>
+class EnumLiteral::Impl::BuilderBase : public NamedElement::Impl::BuilderBase<B> {
+public:
+    B &setValue(std::int32_t value) { level().value_ = value; this->markSet(EnumLiteral::Impl::valueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetValue() { level().value_ = std::int32_t{0}; this->clearSet(EnumLiteral::Impl::valueIndex); return self(); }
+    std::int32_t const &getValue() const noexcept { return level().value_; }
+    B &setPublicIdentifier(boost::optional<basalt::ustring> const &value) { level().publicIdentifier_ = value; value ? this->markSet(EnumLiteral::Impl::publicIdentifierIndex) : this->clearSet(EnumLiteral::Impl::publicIdentifierIndex); return self(); }
+    B &unsetPublicIdentifier() { level().publicIdentifier_ = boost::none; this->clearSet(EnumLiteral::Impl::publicIdentifierIndex); return self(); }
+    boost::optional<basalt::ustring> const &getPublicIdentifier() const noexcept { return level().publicIdentifier_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : NamedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    EnumLiteral::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    EnumLiteral::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `EnumLiteral` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class EnumLiteral::Builder final : public EnumLiteral::Impl::BuilderBase<EnumLiteral::Builder>, public NamedElement::Impl::BuilderImpl, public EnumLiteral::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    EnumLiteral createEnumLiteral(boost::uuids::uuid const &uuid = {}) { return createEnumLiteral(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    EnumLiteral createEnumLiteral(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline EnumLiteral::Impl *EnumLiteral::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &ownerProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The containing `DynamicExtensions`, when this element is held by its `extensions`.
     DynamicExtensions getOwner() const;
@@ -45,7 +51,10 @@ public:
 
 protected:
     friend class Extension;
+    friend class Extension::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Property::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 };
 
@@ -57,6 +66,48 @@ public:
 
 private:
     friend class Extension::Impl;
+};
+
+/// The values of `Extension`'s own properties staged in a builder, before the element exists.
+class Extension::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Property::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Property::Impl::BuilderImpl &up() const noexcept { return static_cast<Property::Impl::BuilderImpl &>(*upLevel()); }
+
+private:
+    friend class Extension::Impl;
+    template <class> friend class Extension::Impl::BuilderBase;
+};
+
+/// The fluent setters of `Extension`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Extension::Impl::BuilderBase : public Property::Impl::BuilderBase<B> {
+public:
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Property::Impl::BuilderBase<B>(model, bitCount) {}
+};
+
+/// Stages the values of a new `Extension` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Extension::Builder final : public Extension::Impl::BuilderBase<Extension::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl, public Property::Impl::BuilderImpl, public Extension::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Extension createExtension(boost::uuids::uuid const &uuid = {}) { return createExtension(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Extension createExtension(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Extension::Impl *Extension::get() const noexcept {

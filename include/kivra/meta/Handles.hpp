@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace kivra::meta {
 
 /// Handle of a `NamedElement` element; `operator->` needs `kivra/meta/NamedElement.hpp`.
@@ -24,7 +26,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static NamedElement fromImpl(Impl *impl) noexcept;
-    /// A new `NamedElement` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `NamedElement`: `NamedElement::Builder(model).setXxx(...).createNamedElement()`.
+    class Builder;
+    /// A new `NamedElement` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static NamedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `NamedElement` named by `proxyId`, outside the model's tables.
     static NamedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -47,7 +52,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static TypedElement fromImpl(Impl *impl) noexcept;
-    /// A new `TypedElement` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `TypedElement`: `TypedElement::Builder(model).setXxx(...).createTypedElement()`.
+    class Builder;
+    /// A new `TypedElement` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static TypedElement create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `TypedElement` named by `proxyId`, outside the model's tables.
     static TypedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -89,7 +97,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Argument fromImpl(Impl *impl) noexcept;
-    /// A new `Argument` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Argument`: `Argument::Builder(model).setXxx(...).createArgument()`.
+    class Builder;
+    /// A new `Argument` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Argument create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Argument` named by `proxyId`, outside the model's tables.
     static Argument createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -112,7 +123,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Operation fromImpl(Impl *impl) noexcept;
-    /// A new `Operation` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Operation`: `Operation::Builder(model).setXxx(...).createOperation()`.
+    class Builder;
+    /// A new `Operation` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Operation create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Operation` named by `proxyId`, outside the model's tables.
     static Operation createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -135,7 +149,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Endpoint fromImpl(Impl *impl) noexcept;
-    /// A new `Endpoint` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Endpoint`: `Endpoint::Builder(model).setXxx(...).createEndpoint()`.
+    class Builder;
+    /// A new `Endpoint` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Endpoint create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Endpoint` named by `proxyId`, outside the model's tables.
     static Endpoint createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -158,7 +175,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Property fromImpl(Impl *impl) noexcept;
-    /// A new `Property` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Property`: `Property::Builder(model).setXxx(...).createProperty()`.
+    class Builder;
+    /// A new `Property` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Property create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Property` named by `proxyId`, outside the model's tables.
     static Property createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -181,7 +201,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Extension fromImpl(Impl *impl) noexcept;
-    /// A new `Extension` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Extension`: `Extension::Builder(model).setXxx(...).createExtension()`.
+    class Builder;
+    /// A new `Extension` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Extension create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Extension` named by `proxyId`, outside the model's tables.
     static Extension createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -204,7 +227,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Type fromImpl(Impl *impl) noexcept;
-    /// A new `Type` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Type`: `Type::Builder(model).setXxx(...).createType()`.
+    class Builder;
+    /// A new `Type` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Type create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Type` named by `proxyId`, outside the model's tables.
     static Type createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -227,7 +253,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static StructuredType fromImpl(Impl *impl) noexcept;
-    /// A new `StructuredType` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `StructuredType`: `StructuredType::Builder(model).setXxx(...).createStructuredType()`.
+    class Builder;
+    /// A new `StructuredType` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static StructuredType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `StructuredType` named by `proxyId`, outside the model's tables.
     static StructuredType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -250,7 +279,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Class fromImpl(Impl *impl) noexcept;
-    /// A new `Class` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Class`: `Class::Builder(model).setXxx(...).createClass()`.
+    class Builder;
+    /// A new `Class` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Class create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Class` named by `proxyId`, outside the model's tables.
     static Class createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -273,7 +305,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DataType fromImpl(Impl *impl) noexcept;
-    /// A new `DataType` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `DataType`: `DataType::Builder(model).setXxx(...).createDataType()`.
+    class Builder;
+    /// A new `DataType` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static DataType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `DataType` named by `proxyId`, outside the model's tables.
     static DataType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -296,7 +331,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static PrimitiveType fromImpl(Impl *impl) noexcept;
-    /// A new `PrimitiveType` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `PrimitiveType`: `PrimitiveType::Builder(model).setXxx(...).createPrimitiveType()`.
+    class Builder;
+    /// A new `PrimitiveType` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static PrimitiveType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `PrimitiveType` named by `proxyId`, outside the model's tables.
     static PrimitiveType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -319,7 +357,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Enum fromImpl(Impl *impl) noexcept;
-    /// A new `Enum` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Enum`: `Enum::Builder(model).setXxx(...).createEnum()`.
+    class Builder;
+    /// A new `Enum` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Enum create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Enum` named by `proxyId`, outside the model's tables.
     static Enum createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -342,7 +383,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static EnumLiteral fromImpl(Impl *impl) noexcept;
-    /// A new `EnumLiteral` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `EnumLiteral`: `EnumLiteral::Builder(model).setXxx(...).createEnumLiteral()`.
+    class Builder;
+    /// A new `EnumLiteral` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static EnumLiteral create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `EnumLiteral` named by `proxyId`, outside the model's tables.
     static EnumLiteral createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -365,7 +409,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Package fromImpl(Impl *impl) noexcept;
-    /// A new `Package` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Package`: `Package::Builder(model).setXxx(...).createPackage()`.
+    class Builder;
+    /// A new `Package` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Package create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Package` named by `proxyId`, outside the model's tables.
     static Package createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -388,7 +435,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DynamicExtensions fromImpl(Impl *impl) noexcept;
-    /// A new `DynamicExtensions` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `DynamicExtensions`: `DynamicExtensions::Builder(model).setXxx(...).createDynamicExtensions()`.
+    class Builder;
+    /// A new `DynamicExtensions` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static DynamicExtensions create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `DynamicExtensions` named by `proxyId`, outside the model's tables.
     static DynamicExtensions createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -430,7 +480,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static AttributeMap fromImpl(Impl *impl) noexcept;
-    /// A new `AttributeMap` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `AttributeMap`: `AttributeMap::Builder(model).setXxx(...).createAttributeMap()`.
+    class Builder;
+    /// A new `AttributeMap` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static AttributeMap create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `AttributeMap` named by `proxyId`, outside the model's tables.
     static AttributeMap createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -453,7 +506,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static AttributeMapAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `AttributeMapAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `AttributeMapAttribute`: `AttributeMapAttribute::Builder(model).setXxx(...).createAttributeMapAttribute()`.
+    class Builder;
+    /// A new `AttributeMapAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static AttributeMapAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `AttributeMapAttribute` named by `proxyId`, outside the model's tables.
     static AttributeMapAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -476,7 +532,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static BooleanAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `BooleanAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `BooleanAttribute`: `BooleanAttribute::Builder(model).setXxx(...).createBooleanAttribute()`.
+    class Builder;
+    /// A new `BooleanAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static BooleanAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `BooleanAttribute` named by `proxyId`, outside the model's tables.
     static BooleanAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -499,7 +558,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DateTimeAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `DateTimeAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `DateTimeAttribute`: `DateTimeAttribute::Builder(model).setXxx(...).createDateTimeAttribute()`.
+    class Builder;
+    /// A new `DateTimeAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static DateTimeAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `DateTimeAttribute` named by `proxyId`, outside the model's tables.
     static DateTimeAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -522,7 +584,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static IntegerAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `IntegerAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `IntegerAttribute`: `IntegerAttribute::Builder(model).setXxx(...).createIntegerAttribute()`.
+    class Builder;
+    /// A new `IntegerAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static IntegerAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `IntegerAttribute` named by `proxyId`, outside the model's tables.
     static IntegerAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -545,7 +610,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static RealAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `RealAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `RealAttribute`: `RealAttribute::Builder(model).setXxx(...).createRealAttribute()`.
+    class Builder;
+    /// A new `RealAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static RealAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `RealAttribute` named by `proxyId`, outside the model's tables.
     static RealAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -568,7 +636,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static StringAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `StringAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `StringAttribute`: `StringAttribute::Builder(model).setXxx(...).createStringAttribute()`.
+    class Builder;
+    /// A new `StringAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static StringAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `StringAttribute` named by `proxyId`, outside the model's tables.
     static StringAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -591,7 +662,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static UUIDAttribute fromImpl(Impl *impl) noexcept;
-    /// A new `UUIDAttribute` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `UUIDAttribute`: `UUIDAttribute::Builder(model).setXxx(...).createUUIDAttribute()`.
+    class Builder;
+    /// A new `UUIDAttribute` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static UUIDAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `UUIDAttribute` named by `proxyId`, outside the model's tables.
     static UUIDAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);

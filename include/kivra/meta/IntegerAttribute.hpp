@@ -9,7 +9,11 @@
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &valueProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     std::int32_t getValue() const noexcept { return value_; }
     void setValue(std::int32_t value);
@@ -41,7 +47,10 @@ public:
 
 protected:
     friend class IntegerAttribute;
+    friend class IntegerAttribute::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     std::int32_t value_{0};
@@ -57,6 +66,59 @@ public:
 private:
     friend class IntegerAttribute::Impl;
     std::int32_t value_{0};
+};
+
+/// The values of `IntegerAttribute`'s own properties staged in a builder, before the element exists.
+class IntegerAttribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Attribute::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Attribute::Impl::BuilderImpl &up() const noexcept { return static_cast<Attribute::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class IntegerAttribute::Impl;
+    template <class> friend class IntegerAttribute::Impl::BuilderBase;
+    std::int32_t value_{0};
+};
+
+/// The fluent setters of `IntegerAttribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class IntegerAttribute::Impl::BuilderBase : public Attribute::Impl::BuilderBase<B> {
+public:
+    B &setValue(std::int32_t value) { level().value_ = value; this->markSet(IntegerAttribute::Impl::valueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetValue() { level().value_ = std::int32_t{0}; this->clearSet(IntegerAttribute::Impl::valueIndex); return self(); }
+    std::int32_t const &getValue() const noexcept { return level().value_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Attribute::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    IntegerAttribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    IntegerAttribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `IntegerAttribute` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class IntegerAttribute::Builder final : public IntegerAttribute::Impl::BuilderBase<IntegerAttribute::Builder>, public Attribute::Impl::BuilderImpl, public IntegerAttribute::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    IntegerAttribute createIntegerAttribute(boost::uuids::uuid const &uuid = {}) { return createIntegerAttribute(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    IntegerAttribute createIntegerAttribute(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline IntegerAttribute::Impl *IntegerAttribute::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &nameProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
@@ -41,7 +47,10 @@ public:
 
 protected:
     friend class NamedElement;
+    friend class NamedElement::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     basalt::ustring name_{};
@@ -57,6 +66,57 @@ public:
 private:
     friend class NamedElement::Impl;
     basalt::ustring name_{};
+};
+
+/// The values of `NamedElement`'s own properties staged in a builder, before the element exists.
+class NamedElement::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class NamedElement::Impl;
+    template <class> friend class NamedElement::Impl::BuilderBase;
+    basalt::ustring name_{};
+};
+
+/// The fluent setters of `NamedElement`'s own properties, returning the most derived builder `B`.
+template <class B>
+class NamedElement::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setName(basalt::ustring const &value) { level().name_ = value; this->markSet(NamedElement::Impl::nameIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetName() { level().name_ = basalt::ustring{}; this->clearSet(NamedElement::Impl::nameIndex); return self(); }
+    basalt::ustring const &getName() const noexcept { return level().name_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    NamedElement::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    NamedElement::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `NamedElement` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class NamedElement::Builder final : public NamedElement::Impl::BuilderBase<NamedElement::Builder>, public NamedElement::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    NamedElement createNamedElement(boost::uuids::uuid const &uuid = {}) { return createNamedElement(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    NamedElement createNamedElement(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline NamedElement::Impl *NamedElement::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Parameterized.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -36,6 +40,8 @@ public:
     static ::kivra::meta::Property const &isEventProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The containing `StructuredType`, when this element is held by its `ownedOperations`.
     StructuredType getOwningType() const;
@@ -69,7 +75,10 @@ public:
 
 protected:
     friend class Operation;
+    friend class Operation::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Parameterized::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     bool isAbstract_{false};
@@ -91,6 +100,74 @@ private:
     bool isStatic_{false};
     bool isPublic_{true};
     bool isEvent_{false};
+};
+
+/// The values of `Operation`'s own properties staged in a builder, before the element exists.
+class Operation::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Parameterized::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Parameterized::Impl::BuilderImpl &up() const noexcept { return static_cast<Parameterized::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Operation::Impl;
+    template <class> friend class Operation::Impl::BuilderBase;
+    bool isAbstract_{false};
+    bool isStatic_{false};
+    bool isPublic_{true};
+    bool isEvent_{false};
+};
+
+/// The fluent setters of `Operation`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Operation::Impl::BuilderBase : public Parameterized::Impl::BuilderBase<B> {
+public:
+    B &setIsAbstract(bool value) { level().isAbstract_ = value; this->markSet(Operation::Impl::isAbstractIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsAbstract() { level().isAbstract_ = bool{false}; this->clearSet(Operation::Impl::isAbstractIndex); return self(); }
+    bool const &getIsAbstract() const noexcept { return level().isAbstract_; }
+    B &setIsStatic(bool value) { level().isStatic_ = value; this->markSet(Operation::Impl::isStaticIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsStatic() { level().isStatic_ = bool{false}; this->clearSet(Operation::Impl::isStaticIndex); return self(); }
+    bool const &getIsStatic() const noexcept { return level().isStatic_; }
+    B &setIsPublic(bool value) { level().isPublic_ = value; this->markSet(Operation::Impl::isPublicIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsPublic() { level().isPublic_ = bool{true}; this->clearSet(Operation::Impl::isPublicIndex); return self(); }
+    bool const &getIsPublic() const noexcept { return level().isPublic_; }
+    B &setIsEvent(bool value) { level().isEvent_ = value; this->markSet(Operation::Impl::isEventIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsEvent() { level().isEvent_ = bool{false}; this->clearSet(Operation::Impl::isEventIndex); return self(); }
+    bool const &getIsEvent() const noexcept { return level().isEvent_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Parameterized::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Operation::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Operation::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Operation` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Operation::Builder final : public Operation::Impl::BuilderBase<Operation::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl, public Parameterized::Impl::BuilderImpl, public Operation::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Operation createOperation(boost::uuids::uuid const &uuid = {}) { return createOperation(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Operation createOperation(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Operation::Impl *Operation::get() const noexcept {

@@ -10,8 +10,12 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -47,6 +51,8 @@ public:
     static ::kivra::meta::Property const &cachedQualifiedNameProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getUri() const noexcept { return uri_; }
     void setUri(basalt::ustring const &value);
@@ -81,7 +87,10 @@ public:
 
 protected:
     friend class Package;
+    friend class Package::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     basalt::ustring uri_{};
@@ -101,6 +110,67 @@ private:
     basalt::ustring uri_{};
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
+};
+
+/// The values of `Package`'s own properties staged in a builder, before the element exists.
+class Package::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(NamedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    NamedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<NamedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Package::Impl;
+    template <class> friend class Package::Impl::BuilderBase;
+    basalt::ustring uri_{};
+    boost::optional<std::string> defaultVantorCategory_;
+    boost::optional<basalt::ustring> cachedQualifiedName_;
+};
+
+/// The fluent setters of `Package`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Package::Impl::BuilderBase : public NamedElement::Impl::BuilderBase<B> {
+public:
+    B &setUri(basalt::ustring const &value) { level().uri_ = value; this->markSet(Package::Impl::uriIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetUri() { level().uri_ = basalt::ustring{}; this->clearSet(Package::Impl::uriIndex); return self(); }
+    basalt::ustring const &getUri() const noexcept { return level().uri_; }
+    B &setDefaultVantorCategory(boost::optional<std::string> const &value) { level().defaultVantorCategory_ = value; value ? this->markSet(Package::Impl::defaultVantorCategoryIndex) : this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
+    B &unsetDefaultVantorCategory() { level().defaultVantorCategory_ = boost::none; this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
+    boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return level().defaultVantorCategory_; }
+    B &setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { level().cachedQualifiedName_ = value; value ? this->markSet(Package::Impl::cachedQualifiedNameIndex) : this->clearSet(Package::Impl::cachedQualifiedNameIndex); return self(); }
+    B &unsetCachedQualifiedName() { level().cachedQualifiedName_ = boost::none; this->clearSet(Package::Impl::cachedQualifiedNameIndex); return self(); }
+    boost::optional<basalt::ustring> const &getCachedQualifiedName() const noexcept { return level().cachedQualifiedName_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : NamedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Package::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Package::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Package` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Package::Builder final : public Package::Impl::BuilderBase<Package::Builder>, public NamedElement::Impl::BuilderImpl, public Package::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Package createPackage(boost::uuids::uuid const &uuid = {}) { return createPackage(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Package createPackage(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Package::Impl *Package::get() const noexcept {

@@ -10,8 +10,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -26,6 +29,8 @@ public:
     static ::kivra::meta::Property const &argumentsProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The `arguments`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementSequence<Argument> const &getArguments() const;
@@ -51,6 +56,8 @@ public:
 protected:
     friend class Parameterized;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     /// The collection, made when missing; no proxy is resolved.
@@ -69,6 +76,39 @@ public:
 private:
     friend class Parameterized::Impl;
     mutable std::unique_ptr<::kivra::ElementSequence<Argument>> arguments_;
+};
+
+/// The values of `Parameterized`'s own properties staged in a builder, before the element exists.
+class Parameterized::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(TypedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    TypedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<TypedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Parameterized::Impl;
+    template <class> friend class Parameterized::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> arguments_;
+};
+
+/// The fluent setters of `Parameterized`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Parameterized::Impl::BuilderBase : public TypedElement::Impl::BuilderBase<B> {
+public:
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addArguments(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Parameterized::Impl::argumentsProperty(), std::move(child)); return self(); }
+    B &clearArguments() { level().arguments_.clear(); this->clearSet(Parameterized::Impl::argumentsIndex); return self(); }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : TypedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Parameterized::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Parameterized::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
 };
 
 inline Parameterized::Impl *Parameterized::get() const noexcept {

@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -21,6 +25,8 @@ public:
 
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
     using Storage = Type::Impl::Storage;
@@ -31,8 +37,53 @@ public:
 
 protected:
     friend class PrimitiveType;
+    friend class PrimitiveType::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+};
+
+/// The values of `PrimitiveType`'s own properties staged in a builder, before the element exists.
+class PrimitiveType::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Type::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Type::Impl::BuilderImpl &up() const noexcept { return static_cast<Type::Impl::BuilderImpl &>(*upLevel()); }
+
+private:
+    friend class PrimitiveType::Impl;
+    template <class> friend class PrimitiveType::Impl::BuilderBase;
+};
+
+/// The fluent setters of `PrimitiveType`'s own properties, returning the most derived builder `B`.
+template <class B>
+class PrimitiveType::Impl::BuilderBase : public Type::Impl::BuilderBase<B> {
+public:
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Type::Impl::BuilderBase<B>(model, bitCount) {}
+};
+
+/// Stages the values of a new `PrimitiveType` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class PrimitiveType::Builder final : public PrimitiveType::Impl::BuilderBase<PrimitiveType::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl, public PrimitiveType::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    PrimitiveType createPrimitiveType(boost::uuids::uuid const &uuid = {}) { return createPrimitiveType(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    PrimitiveType createPrimitiveType(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline PrimitiveType::Impl *PrimitiveType::get() const noexcept {

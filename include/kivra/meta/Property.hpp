@@ -10,8 +10,12 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -83,6 +87,8 @@ public:
     static ::kivra::meta::Property const &isQueryIndexProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     bool getIsDerived() const noexcept { return isDerived_; }
     void setIsDerived(bool value);
@@ -167,7 +173,10 @@ public:
 
 protected:
     friend class Property;
+    friend class Property::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : TypedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
@@ -221,6 +230,146 @@ private:
     bool isVantorHidden_{false};
     boost::optional<basalt::ustring> defaultValue_;
     bool isQueryIndex_{false};
+};
+
+/// The values of `Property`'s own properties staged in a builder, before the element exists.
+class Property::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(TypedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    TypedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<TypedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Property::Impl;
+    template <class> friend class Property::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    bool isDerived_{false};
+    bool isComposite_{false};
+    bool isReadOnly_{false};
+    bool isUnique_{false};
+    Property qualifiedBy_;
+    bool customQualification_{false};
+    bool isQualificationUnique_{true};
+    Property opposite_;
+    std::int32_t propertyIndex_{0};
+    bool isPublicAccessor_{true};
+    bool isPublicMutator_{true};
+    bool isTransient_{false};
+    bool isSparse_{false};
+    boost::optional<std::string> vantorDispCategory_;
+    bool vantorDispSkipEmpty_{false};
+    bool isSetOnce_{false};
+    bool isVantorHidden_{false};
+    boost::optional<basalt::ustring> defaultValue_;
+    bool isQueryIndex_{false};
+};
+
+/// The fluent setters of `Property`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Property::Impl::BuilderBase : public TypedElement::Impl::BuilderBase<B> {
+public:
+    B &setIsDerived(bool value) { level().isDerived_ = value; this->markSet(Property::Impl::isDerivedIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsDerived() { level().isDerived_ = bool{false}; this->clearSet(Property::Impl::isDerivedIndex); return self(); }
+    bool const &getIsDerived() const noexcept { return level().isDerived_; }
+    B &setIsComposite(bool value) { level().isComposite_ = value; this->markSet(Property::Impl::isCompositeIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsComposite() { level().isComposite_ = bool{false}; this->clearSet(Property::Impl::isCompositeIndex); return self(); }
+    bool const &getIsComposite() const noexcept { return level().isComposite_; }
+    B &setIsReadOnly(bool value) { level().isReadOnly_ = value; this->markSet(Property::Impl::isReadOnlyIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsReadOnly() { level().isReadOnly_ = bool{false}; this->clearSet(Property::Impl::isReadOnlyIndex); return self(); }
+    bool const &getIsReadOnly() const noexcept { return level().isReadOnly_; }
+    B &setIsUnique(bool value) { level().isUnique_ = value; this->markSet(Property::Impl::isUniqueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsUnique() { level().isUnique_ = bool{false}; this->clearSet(Property::Impl::isUniqueIndex); return self(); }
+    bool const &getIsUnique() const noexcept { return level().isUnique_; }
+    /// An empty handle clears the staged value.
+    B &setQualifiedBy(Property const &value) { level().qualifiedBy_ = value; value ? this->markSet(Property::Impl::qualifiedByIndex) : this->clearSet(Property::Impl::qualifiedByIndex); return self(); }
+    Property const &getQualifiedBy() const noexcept { return level().qualifiedBy_; }
+    B &setCustomQualification(bool value) { level().customQualification_ = value; this->markSet(Property::Impl::customQualificationIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetCustomQualification() { level().customQualification_ = bool{false}; this->clearSet(Property::Impl::customQualificationIndex); return self(); }
+    bool const &getCustomQualification() const noexcept { return level().customQualification_; }
+    B &setIsQualificationUnique(bool value) { level().isQualificationUnique_ = value; this->markSet(Property::Impl::isQualificationUniqueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsQualificationUnique() { level().isQualificationUnique_ = bool{true}; this->clearSet(Property::Impl::isQualificationUniqueIndex); return self(); }
+    bool const &getIsQualificationUnique() const noexcept { return level().isQualificationUnique_; }
+    /// An empty handle clears the staged value.
+    B &setOpposite(Property const &value) { level().opposite_ = value; value ? this->markSet(Property::Impl::oppositeIndex) : this->clearSet(Property::Impl::oppositeIndex); return self(); }
+    Property const &getOpposite() const noexcept { return level().opposite_; }
+    B &setPropertyIndex(std::int32_t value) { level().propertyIndex_ = value; this->markSet(Property::Impl::propertyIndexIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetPropertyIndex() { level().propertyIndex_ = std::int32_t{0}; this->clearSet(Property::Impl::propertyIndexIndex); return self(); }
+    std::int32_t const &getPropertyIndex() const noexcept { return level().propertyIndex_; }
+    B &setIsPublicAccessor(bool value) { level().isPublicAccessor_ = value; this->markSet(Property::Impl::isPublicAccessorIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsPublicAccessor() { level().isPublicAccessor_ = bool{true}; this->clearSet(Property::Impl::isPublicAccessorIndex); return self(); }
+    bool const &getIsPublicAccessor() const noexcept { return level().isPublicAccessor_; }
+    B &setIsPublicMutator(bool value) { level().isPublicMutator_ = value; this->markSet(Property::Impl::isPublicMutatorIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsPublicMutator() { level().isPublicMutator_ = bool{true}; this->clearSet(Property::Impl::isPublicMutatorIndex); return self(); }
+    bool const &getIsPublicMutator() const noexcept { return level().isPublicMutator_; }
+    B &setIsTransient(bool value) { level().isTransient_ = value; this->markSet(Property::Impl::isTransientIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsTransient() { level().isTransient_ = bool{false}; this->clearSet(Property::Impl::isTransientIndex); return self(); }
+    bool const &getIsTransient() const noexcept { return level().isTransient_; }
+    B &setIsSparse(bool value) { level().isSparse_ = value; this->markSet(Property::Impl::isSparseIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsSparse() { level().isSparse_ = bool{false}; this->clearSet(Property::Impl::isSparseIndex); return self(); }
+    bool const &getIsSparse() const noexcept { return level().isSparse_; }
+    B &setVantorDispCategory(boost::optional<std::string> const &value) { level().vantorDispCategory_ = value; value ? this->markSet(Property::Impl::vantorDispCategoryIndex) : this->clearSet(Property::Impl::vantorDispCategoryIndex); return self(); }
+    B &unsetVantorDispCategory() { level().vantorDispCategory_ = boost::none; this->clearSet(Property::Impl::vantorDispCategoryIndex); return self(); }
+    boost::optional<std::string> const &getVantorDispCategory() const noexcept { return level().vantorDispCategory_; }
+    B &setVantorDispSkipEmpty(bool value) { level().vantorDispSkipEmpty_ = value; this->markSet(Property::Impl::vantorDispSkipEmptyIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetVantorDispSkipEmpty() { level().vantorDispSkipEmpty_ = bool{false}; this->clearSet(Property::Impl::vantorDispSkipEmptyIndex); return self(); }
+    bool const &getVantorDispSkipEmpty() const noexcept { return level().vantorDispSkipEmpty_; }
+    B &setIsSetOnce(bool value) { level().isSetOnce_ = value; this->markSet(Property::Impl::isSetOnceIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsSetOnce() { level().isSetOnce_ = bool{false}; this->clearSet(Property::Impl::isSetOnceIndex); return self(); }
+    bool const &getIsSetOnce() const noexcept { return level().isSetOnce_; }
+    B &setIsVantorHidden(bool value) { level().isVantorHidden_ = value; this->markSet(Property::Impl::isVantorHiddenIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsVantorHidden() { level().isVantorHidden_ = bool{false}; this->clearSet(Property::Impl::isVantorHiddenIndex); return self(); }
+    bool const &getIsVantorHidden() const noexcept { return level().isVantorHidden_; }
+    B &setDefaultValue(boost::optional<basalt::ustring> const &value) { level().defaultValue_ = value; value ? this->markSet(Property::Impl::defaultValueIndex) : this->clearSet(Property::Impl::defaultValueIndex); return self(); }
+    B &unsetDefaultValue() { level().defaultValue_ = boost::none; this->clearSet(Property::Impl::defaultValueIndex); return self(); }
+    boost::optional<basalt::ustring> const &getDefaultValue() const noexcept { return level().defaultValue_; }
+    B &setIsQueryIndex(bool value) { level().isQueryIndex_ = value; this->markSet(Property::Impl::isQueryIndexIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsQueryIndex() { level().isQueryIndex_ = bool{false}; this->clearSet(Property::Impl::isQueryIndexIndex); return self(); }
+    bool const &getIsQueryIndex() const noexcept { return level().isQueryIndex_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : TypedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Property::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Property::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Property` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Property::Builder final : public Property::Impl::BuilderBase<Property::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl, public Property::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Property createProperty(boost::uuids::uuid const &uuid = {}) { return createProperty(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Property createProperty(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Property::Impl *Property::get() const noexcept {

@@ -10,7 +10,11 @@
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -25,6 +29,8 @@ public:
     static ::kivra::meta::Property const &valueProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getValue() const noexcept { return value_; }
     void setValue(basalt::ustring const &value);
@@ -42,7 +48,10 @@ public:
 
 protected:
     friend class StringAttribute;
+    friend class StringAttribute::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     basalt::ustring value_{};
@@ -58,6 +67,59 @@ public:
 private:
     friend class StringAttribute::Impl;
     basalt::ustring value_{};
+};
+
+/// The values of `StringAttribute`'s own properties staged in a builder, before the element exists.
+class StringAttribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Attribute::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Attribute::Impl::BuilderImpl &up() const noexcept { return static_cast<Attribute::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class StringAttribute::Impl;
+    template <class> friend class StringAttribute::Impl::BuilderBase;
+    basalt::ustring value_{};
+};
+
+/// The fluent setters of `StringAttribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class StringAttribute::Impl::BuilderBase : public Attribute::Impl::BuilderBase<B> {
+public:
+    B &setValue(basalt::ustring const &value) { level().value_ = value; this->markSet(StringAttribute::Impl::valueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetValue() { level().value_ = basalt::ustring{}; this->clearSet(StringAttribute::Impl::valueIndex); return self(); }
+    basalt::ustring const &getValue() const noexcept { return level().value_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Attribute::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    StringAttribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    StringAttribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `StringAttribute` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class StringAttribute::Builder final : public StringAttribute::Impl::BuilderBase<StringAttribute::Builder>, public Attribute::Impl::BuilderImpl, public StringAttribute::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    StringAttribute createStringAttribute(boost::uuids::uuid const &uuid = {}) { return createStringAttribute(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    StringAttribute createStringAttribute(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline StringAttribute::Impl *StringAttribute::get() const noexcept {

@@ -9,8 +9,12 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -37,6 +41,8 @@ public:
     static ::kivra::meta::Property const &vantorDispCategoriesProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     std::string const & getVantorName() const noexcept { return vantorName_; }
     void setVantorName(std::string const &value);
@@ -57,7 +63,10 @@ public:
 
 protected:
     friend class StructuredType;
+    friend class StructuredType::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     std::string vantorName_{};
@@ -75,6 +84,64 @@ private:
     friend class StructuredType::Impl;
     std::string vantorName_{};
     bool vantorCompactDisplay_{false};
+};
+
+/// The values of `StructuredType`'s own properties staged in a builder, before the element exists.
+class StructuredType::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Type::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Type::Impl::BuilderImpl &up() const noexcept { return static_cast<Type::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class StructuredType::Impl;
+    template <class> friend class StructuredType::Impl::BuilderBase;
+    std::string vantorName_{};
+    bool vantorCompactDisplay_{false};
+};
+
+/// The fluent setters of `StructuredType`'s own properties, returning the most derived builder `B`.
+template <class B>
+class StructuredType::Impl::BuilderBase : public Type::Impl::BuilderBase<B> {
+public:
+    B &setVantorName(std::string const &value) { level().vantorName_ = value; this->markSet(StructuredType::Impl::vantorNameIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetVantorName() { level().vantorName_ = std::string{}; this->clearSet(StructuredType::Impl::vantorNameIndex); return self(); }
+    std::string const &getVantorName() const noexcept { return level().vantorName_; }
+    B &setVantorCompactDisplay(bool value) { level().vantorCompactDisplay_ = value; this->markSet(StructuredType::Impl::vantorCompactDisplayIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetVantorCompactDisplay() { level().vantorCompactDisplay_ = bool{false}; this->clearSet(StructuredType::Impl::vantorCompactDisplayIndex); return self(); }
+    bool const &getVantorCompactDisplay() const noexcept { return level().vantorCompactDisplay_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Type::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    StructuredType::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    StructuredType::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `StructuredType` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class StructuredType::Builder final : public StructuredType::Impl::BuilderBase<StructuredType::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl, public StructuredType::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    StructuredType createStructuredType(boost::uuids::uuid const &uuid = {}) { return createStructuredType(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    StructuredType createStructuredType(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline StructuredType::Impl *StructuredType::get() const noexcept {

@@ -10,7 +10,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -31,6 +35,8 @@ public:
     static ::kivra::meta::Property const &cachedQualifiedNameProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     bool getIsVantorHidden() const noexcept { return isVantorHidden_; }
     void setIsVantorHidden(bool value);
@@ -61,7 +67,10 @@ public:
 
 protected:
     friend class Type;
+    friend class Type::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     bool isVantorHidden_{false};
@@ -79,6 +88,63 @@ private:
     friend class Type::Impl;
     bool isVantorHidden_{false};
     boost::optional<basalt::ustring> cachedQualifiedName_;
+};
+
+/// The values of `Type`'s own properties staged in a builder, before the element exists.
+class Type::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(NamedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    NamedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<NamedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Type::Impl;
+    template <class> friend class Type::Impl::BuilderBase;
+    bool isVantorHidden_{false};
+    boost::optional<basalt::ustring> cachedQualifiedName_;
+};
+
+/// The fluent setters of `Type`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Type::Impl::BuilderBase : public NamedElement::Impl::BuilderBase<B> {
+public:
+    B &setIsVantorHidden(bool value) { level().isVantorHidden_ = value; this->markSet(Type::Impl::isVantorHiddenIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsVantorHidden() { level().isVantorHidden_ = bool{false}; this->clearSet(Type::Impl::isVantorHiddenIndex); return self(); }
+    bool const &getIsVantorHidden() const noexcept { return level().isVantorHidden_; }
+    B &setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { level().cachedQualifiedName_ = value; value ? this->markSet(Type::Impl::cachedQualifiedNameIndex) : this->clearSet(Type::Impl::cachedQualifiedNameIndex); return self(); }
+    B &unsetCachedQualifiedName() { level().cachedQualifiedName_ = boost::none; this->clearSet(Type::Impl::cachedQualifiedNameIndex); return self(); }
+    boost::optional<basalt::ustring> const &getCachedQualifiedName() const noexcept { return level().cachedQualifiedName_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : NamedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Type::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Type::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Type` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Type::Builder final : public Type::Impl::BuilderBase<Type::Builder>, public NamedElement::Impl::BuilderImpl, public Type::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Type createType(boost::uuids::uuid const &uuid = {}) { return createType(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Type createType(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Type::Impl *Type::get() const noexcept {

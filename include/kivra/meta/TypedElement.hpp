@@ -9,7 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -36,6 +40,8 @@ public:
     static ::kivra::meta::Property const &isHashedProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     /// The referenced `Type`, resolved when it is a proxy; empty when none.
     Type getType() const;
@@ -70,7 +76,10 @@ public:
 
 protected:
     friend class TypedElement;
+    friend class TypedElement::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
@@ -96,6 +105,79 @@ private:
     std::uint32_t upper_{0};
     bool isOrdered_{false};
     bool isHashed_{false};
+};
+
+/// The values of `TypedElement`'s own properties staged in a builder, before the element exists.
+class TypedElement::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(NamedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    NamedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<NamedElement::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class TypedElement::Impl;
+    template <class> friend class TypedElement::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    Type type_;
+    std::uint32_t lower_{0};
+    std::uint32_t upper_{0};
+    bool isOrdered_{false};
+    bool isHashed_{false};
+};
+
+/// The fluent setters of `TypedElement`'s own properties, returning the most derived builder `B`.
+template <class B>
+class TypedElement::Impl::BuilderBase : public NamedElement::Impl::BuilderBase<B> {
+public:
+    /// An empty handle clears the staged value.
+    B &setType(Type const &value) { level().type_ = value; value ? this->markSet(TypedElement::Impl::typeIndex) : this->clearSet(TypedElement::Impl::typeIndex); return self(); }
+    Type const &getType() const noexcept { return level().type_; }
+    B &setLower(std::uint32_t value) { level().lower_ = value; this->markSet(TypedElement::Impl::lowerIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetLower() { level().lower_ = std::uint32_t{0}; this->clearSet(TypedElement::Impl::lowerIndex); return self(); }
+    std::uint32_t const &getLower() const noexcept { return level().lower_; }
+    B &setUpper(std::uint32_t value) { level().upper_ = value; this->markSet(TypedElement::Impl::upperIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetUpper() { level().upper_ = std::uint32_t{0}; this->clearSet(TypedElement::Impl::upperIndex); return self(); }
+    std::uint32_t const &getUpper() const noexcept { return level().upper_; }
+    B &setIsOrdered(bool value) { level().isOrdered_ = value; this->markSet(TypedElement::Impl::isOrderedIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsOrdered() { level().isOrdered_ = bool{false}; this->clearSet(TypedElement::Impl::isOrderedIndex); return self(); }
+    bool const &getIsOrdered() const noexcept { return level().isOrdered_; }
+    B &setIsHashed(bool value) { level().isHashed_ = value; this->markSet(TypedElement::Impl::isHashedIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetIsHashed() { level().isHashed_ = bool{false}; this->clearSet(TypedElement::Impl::isHashedIndex); return self(); }
+    bool const &getIsHashed() const noexcept { return level().isHashed_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : NamedElement::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    TypedElement::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    TypedElement::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `TypedElement` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class TypedElement::Builder final : public TypedElement::Impl::BuilderBase<TypedElement::Builder>, public NamedElement::Impl::BuilderImpl, public TypedElement::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    TypedElement createTypedElement(boost::uuids::uuid const &uuid = {}) { return createTypedElement(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    TypedElement createTypedElement(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline TypedElement::Impl *TypedElement::get() const noexcept {

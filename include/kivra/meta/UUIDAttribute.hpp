@@ -9,7 +9,11 @@
 #include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::meta {
 
@@ -24,6 +28,8 @@ public:
     static ::kivra::meta::Property const &valueProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     boost::uuids::uuid const & getValue() const noexcept { return value_; }
     void setValue(boost::uuids::uuid const &value);
@@ -41,7 +47,10 @@ public:
 
 protected:
     friend class UUIDAttribute;
+    friend class UUIDAttribute::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Attribute::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     boost::uuids::uuid value_{};
@@ -57,6 +66,59 @@ public:
 private:
     friend class UUIDAttribute::Impl;
     boost::uuids::uuid value_{};
+};
+
+/// The values of `UUIDAttribute`'s own properties staged in a builder, before the element exists.
+class UUIDAttribute::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Attribute::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Attribute::Impl::BuilderImpl &up() const noexcept { return static_cast<Attribute::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class UUIDAttribute::Impl;
+    template <class> friend class UUIDAttribute::Impl::BuilderBase;
+    boost::uuids::uuid value_{};
+};
+
+/// The fluent setters of `UUIDAttribute`'s own properties, returning the most derived builder `B`.
+template <class B>
+class UUIDAttribute::Impl::BuilderBase : public Attribute::Impl::BuilderBase<B> {
+public:
+    B &setValue(boost::uuids::uuid const &value) { level().value_ = value; this->markSet(UUIDAttribute::Impl::valueIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetValue() { level().value_ = boost::uuids::uuid{}; this->clearSet(UUIDAttribute::Impl::valueIndex); return self(); }
+    boost::uuids::uuid const &getValue() const noexcept { return level().value_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Attribute::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    UUIDAttribute::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    UUIDAttribute::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `UUIDAttribute` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class UUIDAttribute::Builder final : public UUIDAttribute::Impl::BuilderBase<UUIDAttribute::Builder>, public Attribute::Impl::BuilderImpl, public UUIDAttribute::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    UUIDAttribute createUUIDAttribute(boost::uuids::uuid const &uuid = {}) { return createUUIDAttribute(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    UUIDAttribute createUUIDAttribute(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline UUIDAttribute::Impl *UUIDAttribute::get() const noexcept {

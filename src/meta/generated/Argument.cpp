@@ -59,6 +59,51 @@ void Argument::Impl::setOperation(Parameterized const &value) {
 
 void Argument::Impl::setIsInput(bool value) { ::kivra::detail::setMember(*this, isInput_, value, isInputIndex); }
 
+Argument::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : TypedElement::Impl(level.up(), uuid), isInput_(level.isInput_) {}
+
+std::uint64_t Argument::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == operationProperty()) {
+        operation_ = Parameterized::fromImpl(::kivra::detail::elementAs<Parameterized::Impl>(value));
+        return operationIndex;
+    }
+    if (property == isInputProperty()) {
+        isInput_ = value.get<bool>();
+        return isInputIndex;
+    }
+    return notOwn;
+}
+
+void Argument::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Argument::Impl &>(element);
+    if (root().isSet(operationIndex))
+        self.setOperation(operation_);
+}
+
+Argument::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Argument::Builder::Builder(::kivra::Model const &model)
+    : Argument::Impl::BuilderBase<Argument::Builder>(model, Argument::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Argument::Impl::BuilderImpl(static_cast<TypedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Argument::Impl::BuilderImpl *>(this);
+}
+
+Class const &Argument::Builder::getMetaClass() const { return Argument::metaClass(); }
+
+Argument Argument::Builder::createArgument(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Argument::fromImpl(static_cast<Argument::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Argument::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createArgument(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Argument::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Argument::Builder &>(builder);
+    return new (self.getModel()) Argument::Impl(static_cast<Argument::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Argument::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);

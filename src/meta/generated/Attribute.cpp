@@ -43,6 +43,18 @@ AttributeMap Attribute::Impl::getOwner() const {
     return AttributeMap::fromImpl(dynamic_cast<AttributeMap::Impl *>(containerImpl()));
 }
 
+Attribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), key_(level.key_) {}
+
+std::uint64_t Attribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == keyProperty()) {
+        key_ = value.get<basalt::ustring>();
+        return keyIndex;
+    }
+    return notOwn;
+}
+
 bool Attribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

@@ -39,6 +39,29 @@ void AttributeMap::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+AttributeMap::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid) {}
+
+AttributeMap::Builder::Builder() : Builder(::kivra::Model()) {}
+
+AttributeMap::Builder::Builder(::kivra::Model const &model)
+    : AttributeMap::Impl::BuilderBase<AttributeMap::Builder>(model, AttributeMap::Impl::propertyCount + 1),
+      AttributeMap::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<AttributeMap::Impl::BuilderImpl *>(this);
+}
+
+Class const &AttributeMap::Builder::getMetaClass() const { return AttributeMap::metaClass(); }
+
+AttributeMap AttributeMap::Builder::createAttributeMap(bool noCascade, boost::uuids::uuid const &uuid) {
+    return AttributeMap::fromImpl(static_cast<AttributeMap::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement AttributeMap::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createAttributeMap(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *AttributeMap::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<AttributeMap::Builder &>(builder);
+    return new (self.getModel()) AttributeMap::Impl(static_cast<AttributeMap::Impl::BuilderImpl &>(self), uuid);
+}
+
 ::kivra::meta::Property AttributeMap::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

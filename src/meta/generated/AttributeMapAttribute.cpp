@@ -58,6 +58,52 @@ void AttributeMapAttribute::Impl::setValue(AttributeMap const &value) {
     ::kivra::detail::setComposite(*this, value_, value, valueProperty(), valueIndex);
 }
 
+AttributeMapAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid) {}
+
+std::uint64_t AttributeMapAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    return notOwn;
+}
+
+std::uint64_t AttributeMapAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == valueProperty() && fits(*child, property)) {
+        value_ = std::move(child);
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+void AttributeMapAttribute::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<AttributeMapAttribute::Impl &>(element);
+    if (root().isSet(valueIndex) && value_)
+        self.setValue(AttributeMap::fromImpl(static_cast<AttributeMap::Impl *>(createChild(*value_).get())));
+}
+
+AttributeMapAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+AttributeMapAttribute::Builder::Builder(::kivra::Model const &model)
+    : AttributeMapAttribute::Impl::BuilderBase<AttributeMapAttribute::Builder>(model, AttributeMapAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      AttributeMapAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<AttributeMapAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &AttributeMapAttribute::Builder::getMetaClass() const { return AttributeMapAttribute::metaClass(); }
+
+AttributeMapAttribute AttributeMapAttribute::Builder::createAttributeMapAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return AttributeMapAttribute::fromImpl(static_cast<AttributeMapAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement AttributeMapAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createAttributeMapAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *AttributeMapAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<AttributeMapAttribute::Builder &>(builder);
+    return new (self.getModel()) AttributeMapAttribute::Impl(static_cast<AttributeMapAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool AttributeMapAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

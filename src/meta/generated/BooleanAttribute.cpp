@@ -41,6 +41,40 @@ void BooleanAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void BooleanAttribute::Impl::setValue(bool value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+BooleanAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t BooleanAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<bool>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+BooleanAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+BooleanAttribute::Builder::Builder(::kivra::Model const &model)
+    : BooleanAttribute::Impl::BuilderBase<BooleanAttribute::Builder>(model, BooleanAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      BooleanAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<BooleanAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &BooleanAttribute::Builder::getMetaClass() const { return BooleanAttribute::metaClass(); }
+
+BooleanAttribute BooleanAttribute::Builder::createBooleanAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return BooleanAttribute::fromImpl(static_cast<BooleanAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement BooleanAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createBooleanAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *BooleanAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<BooleanAttribute::Builder &>(builder);
+    return new (self.getModel()) BooleanAttribute::Impl(static_cast<BooleanAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool BooleanAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

@@ -70,6 +70,52 @@ void Class::Impl::setSuperclass(Class const &value) {
 
 void Class::Impl::setIsAbstract(bool value) { ::kivra::detail::setMember(*this, isAbstract_, value, isAbstractIndex); }
 
+Class::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : StructuredType::Impl(level.up(), uuid), isAbstract_(level.isAbstract_) {}
+
+std::uint64_t Class::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == superclassProperty()) {
+        superclass_ = Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value));
+        return superclassIndex;
+    }
+    if (property == isAbstractProperty()) {
+        isAbstract_ = value.get<bool>();
+        return isAbstractIndex;
+    }
+    return notOwn;
+}
+
+void Class::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Class::Impl &>(element);
+    if (root().isSet(superclassIndex))
+        self.setSuperclass(superclass_);
+}
+
+Class::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Class::Builder::Builder(::kivra::Model const &model)
+    : Class::Impl::BuilderBase<Class::Builder>(model, Class::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      StructuredType::Impl::BuilderImpl(static_cast<Type::Impl::BuilderImpl &>(*this)),
+      Class::Impl::BuilderImpl(static_cast<StructuredType::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Class::Impl::BuilderImpl *>(this);
+}
+
+Class const &Class::Builder::getMetaClass() const { return Class::metaClass(); }
+
+Class Class::Builder::createClass(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Class::fromImpl(static_cast<Class::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Class::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createClass(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Class::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Class::Builder &>(builder);
+    return new (self.getModel()) Class::Impl(static_cast<Class::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Class::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return StructuredType::Impl::hasPropertyValue(property, tag);

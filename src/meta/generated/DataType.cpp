@@ -34,6 +34,32 @@ void DataType::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     StructuredType::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+DataType::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : StructuredType::Impl(level.up(), uuid) {}
+
+DataType::Builder::Builder() : Builder(::kivra::Model()) {}
+
+DataType::Builder::Builder(::kivra::Model const &model)
+    : DataType::Impl::BuilderBase<DataType::Builder>(model, DataType::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      StructuredType::Impl::BuilderImpl(static_cast<Type::Impl::BuilderImpl &>(*this)),
+      DataType::Impl::BuilderImpl(static_cast<StructuredType::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<DataType::Impl::BuilderImpl *>(this);
+}
+
+Class const &DataType::Builder::getMetaClass() const { return DataType::metaClass(); }
+
+DataType DataType::Builder::createDataType(bool noCascade, boost::uuids::uuid const &uuid) {
+    return DataType::fromImpl(static_cast<DataType::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement DataType::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createDataType(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *DataType::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<DataType::Builder &>(builder);
+    return new (self.getModel()) DataType::Impl(static_cast<DataType::Impl::BuilderImpl &>(self), uuid);
+}
+
 ::kivra::meta::Property DataType::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 10)
         return StructuredType::Impl::getPropertyByIndex(index);

@@ -41,6 +41,40 @@ void DateTimeAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void DateTimeAttribute::Impl::setValue(boost::posix_time::ptime const &value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+DateTimeAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t DateTimeAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<boost::posix_time::ptime>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+DateTimeAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+DateTimeAttribute::Builder::Builder(::kivra::Model const &model)
+    : DateTimeAttribute::Impl::BuilderBase<DateTimeAttribute::Builder>(model, DateTimeAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      DateTimeAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<DateTimeAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &DateTimeAttribute::Builder::getMetaClass() const { return DateTimeAttribute::metaClass(); }
+
+DateTimeAttribute DateTimeAttribute::Builder::createDateTimeAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return DateTimeAttribute::fromImpl(static_cast<DateTimeAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement DateTimeAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createDateTimeAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *DateTimeAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<DateTimeAttribute::Builder &>(builder);
+    return new (self.getModel()) DateTimeAttribute::Impl(static_cast<DateTimeAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool DateTimeAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

@@ -59,6 +59,39 @@ Class DynamicExtensions::Impl::getOwningClass() const {
     return Class::fromImpl(dynamic_cast<Class::Impl *>(containerImpl()));
 }
 
+DynamicExtensions::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), modelID_(level.modelID_) {}
+
+std::uint64_t DynamicExtensions::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == modelIDProperty()) {
+        modelID_ = value.get<std::uint64_t>();
+        return modelIDIndex;
+    }
+    return notOwn;
+}
+
+DynamicExtensions::Builder::Builder() : Builder(::kivra::Model()) {}
+
+DynamicExtensions::Builder::Builder(::kivra::Model const &model)
+    : DynamicExtensions::Impl::BuilderBase<DynamicExtensions::Builder>(model, DynamicExtensions::Impl::propertyCount + 1),
+      DynamicExtensions::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<DynamicExtensions::Impl::BuilderImpl *>(this);
+}
+
+Class const &DynamicExtensions::Builder::getMetaClass() const { return DynamicExtensions::metaClass(); }
+
+DynamicExtensions DynamicExtensions::Builder::createDynamicExtensions(bool noCascade, boost::uuids::uuid const &uuid) {
+    return DynamicExtensions::fromImpl(static_cast<DynamicExtensions::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement DynamicExtensions::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createDynamicExtensions(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *DynamicExtensions::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<DynamicExtensions::Builder &>(builder);
+    return new (self.getModel()) DynamicExtensions::Impl(static_cast<DynamicExtensions::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool DynamicExtensions::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

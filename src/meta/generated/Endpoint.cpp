@@ -55,6 +55,42 @@ Package Endpoint::Impl::getOwningPackage() const {
 
 void Endpoint::Impl::setMillisecondTimeout(std::int32_t value) { ::kivra::detail::setMember(*this, millisecondTimeout_, value, millisecondTimeoutIndex); }
 
+Endpoint::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Parameterized::Impl(level.up(), uuid), millisecondTimeout_(level.millisecondTimeout_) {}
+
+std::uint64_t Endpoint::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == millisecondTimeoutProperty()) {
+        millisecondTimeout_ = value.get<std::int32_t>();
+        return millisecondTimeoutIndex;
+    }
+    return notOwn;
+}
+
+Endpoint::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Endpoint::Builder::Builder(::kivra::Model const &model)
+    : Endpoint::Impl::BuilderBase<Endpoint::Builder>(model, Endpoint::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Parameterized::Impl::BuilderImpl(static_cast<TypedElement::Impl::BuilderImpl &>(*this)),
+      Endpoint::Impl::BuilderImpl(static_cast<Parameterized::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Endpoint::Impl::BuilderImpl *>(this);
+}
+
+Class const &Endpoint::Builder::getMetaClass() const { return Endpoint::metaClass(); }
+
+Endpoint Endpoint::Builder::createEndpoint(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Endpoint::fromImpl(static_cast<Endpoint::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Endpoint::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createEndpoint(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Endpoint::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Endpoint::Builder &>(builder);
+    return new (self.getModel()) Endpoint::Impl(static_cast<Endpoint::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Endpoint::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::hasPropertyValue(property, tag);

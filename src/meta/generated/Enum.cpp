@@ -65,6 +65,47 @@ void Enum::Impl::setUnderlyingType(PrimitiveType const &value) {
     ::kivra::detail::setReference(*this, underlyingType_, value, underlyingTypeProperty(), underlyingTypeIndex);
 }
 
+Enum::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Type::Impl(level.up(), uuid) {}
+
+std::uint64_t Enum::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == underlyingTypeProperty()) {
+        underlyingType_ = PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(value));
+        return underlyingTypeIndex;
+    }
+    return notOwn;
+}
+
+void Enum::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Enum::Impl &>(element);
+    if (root().isSet(underlyingTypeIndex))
+        self.setUnderlyingType(underlyingType_);
+}
+
+Enum::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Enum::Builder::Builder(::kivra::Model const &model)
+    : Enum::Impl::BuilderBase<Enum::Builder>(model, Enum::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Enum::Impl::BuilderImpl(static_cast<Type::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Enum::Impl::BuilderImpl *>(this);
+}
+
+Class const &Enum::Builder::getMetaClass() const { return Enum::metaClass(); }
+
+Enum Enum::Builder::createEnum(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Enum::fromImpl(static_cast<Enum::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Enum::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createEnum(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Enum::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Enum::Builder &>(builder);
+    return new (self.getModel()) Enum::Impl(static_cast<Enum::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Enum::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::hasPropertyValue(property, tag);

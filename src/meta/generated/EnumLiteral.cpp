@@ -62,6 +62,44 @@ Enum EnumLiteral::Impl::getParentEnum() const {
 
 void EnumLiteral::Impl::setPublicIdentifier(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, publicIdentifier_, value, publicIdentifierIndex); }
 
+EnumLiteral::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), value_(level.value_), publicIdentifier_(level.publicIdentifier_) {}
+
+std::uint64_t EnumLiteral::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<std::int32_t>();
+        return valueIndex;
+    }
+    if (property == publicIdentifierProperty()) {
+        publicIdentifier_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return publicIdentifierIndex;
+    }
+    return notOwn;
+}
+
+EnumLiteral::Builder::Builder() : Builder(::kivra::Model()) {}
+
+EnumLiteral::Builder::Builder(::kivra::Model const &model)
+    : EnumLiteral::Impl::BuilderBase<EnumLiteral::Builder>(model, EnumLiteral::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      EnumLiteral::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<EnumLiteral::Impl::BuilderImpl *>(this);
+}
+
+Class const &EnumLiteral::Builder::getMetaClass() const { return EnumLiteral::metaClass(); }
+
+EnumLiteral EnumLiteral::Builder::createEnumLiteral(bool noCascade, boost::uuids::uuid const &uuid) {
+    return EnumLiteral::fromImpl(static_cast<EnumLiteral::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement EnumLiteral::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createEnumLiteral(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *EnumLiteral::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<EnumLiteral::Builder &>(builder);
+    return new (self.getModel()) EnumLiteral::Impl(static_cast<EnumLiteral::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool EnumLiteral::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);

@@ -48,6 +48,32 @@ DynamicExtensions Extension::Impl::getOwner() const {
     return DynamicExtensions::fromImpl(dynamic_cast<DynamicExtensions::Impl *>(containerImpl()));
 }
 
+Extension::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Property::Impl(level.up(), uuid) {}
+
+Extension::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Extension::Builder::Builder(::kivra::Model const &model)
+    : Extension::Impl::BuilderBase<Extension::Builder>(model, Extension::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Property::Impl::BuilderImpl(static_cast<TypedElement::Impl::BuilderImpl &>(*this)),
+      Extension::Impl::BuilderImpl(static_cast<Property::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Extension::Impl::BuilderImpl *>(this);
+}
+
+Class const &Extension::Builder::getMetaClass() const { return Extension::metaClass(); }
+
+Extension Extension::Builder::createExtension(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Extension::fromImpl(static_cast<Extension::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Extension::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createExtension(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Extension::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Extension::Builder &>(builder);
+    return new (self.getModel()) Extension::Impl(static_cast<Extension::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Extension::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Property::Impl::hasPropertyValue(property, tag);

@@ -41,6 +41,40 @@ void IntegerAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void IntegerAttribute::Impl::setValue(std::int32_t value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+IntegerAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t IntegerAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<std::int32_t>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+IntegerAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+IntegerAttribute::Builder::Builder(::kivra::Model const &model)
+    : IntegerAttribute::Impl::BuilderBase<IntegerAttribute::Builder>(model, IntegerAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      IntegerAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<IntegerAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &IntegerAttribute::Builder::getMetaClass() const { return IntegerAttribute::metaClass(); }
+
+IntegerAttribute IntegerAttribute::Builder::createIntegerAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return IntegerAttribute::fromImpl(static_cast<IntegerAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement IntegerAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createIntegerAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *IntegerAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<IntegerAttribute::Builder &>(builder);
+    return new (self.getModel()) IntegerAttribute::Impl(static_cast<IntegerAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool IntegerAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

@@ -41,6 +41,39 @@ void NamedElement::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void NamedElement::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
 
+NamedElement::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
+
+std::uint64_t NamedElement::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == nameProperty()) {
+        name_ = value.get<basalt::ustring>();
+        return nameIndex;
+    }
+    return notOwn;
+}
+
+NamedElement::Builder::Builder() : Builder(::kivra::Model()) {}
+
+NamedElement::Builder::Builder(::kivra::Model const &model)
+    : NamedElement::Impl::BuilderBase<NamedElement::Builder>(model, NamedElement::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<NamedElement::Impl::BuilderImpl *>(this);
+}
+
+Class const &NamedElement::Builder::getMetaClass() const { return NamedElement::metaClass(); }
+
+NamedElement NamedElement::Builder::createNamedElement(bool noCascade, boost::uuids::uuid const &uuid) {
+    return NamedElement::fromImpl(static_cast<NamedElement::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement NamedElement::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createNamedElement(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *NamedElement::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<NamedElement::Builder &>(builder);
+    return new (self.getModel()) NamedElement::Impl(static_cast<NamedElement::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool NamedElement::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

@@ -76,6 +76,54 @@ void Operation::Impl::setIsPublic(bool value) { ::kivra::detail::setMember(*this
 
 void Operation::Impl::setIsEvent(bool value) { ::kivra::detail::setMember(*this, isEvent_, value, isEventIndex); }
 
+Operation::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Parameterized::Impl(level.up(), uuid), isAbstract_(level.isAbstract_), isStatic_(level.isStatic_), isPublic_(level.isPublic_), isEvent_(level.isEvent_) {}
+
+std::uint64_t Operation::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == isAbstractProperty()) {
+        isAbstract_ = value.get<bool>();
+        return isAbstractIndex;
+    }
+    if (property == isStaticProperty()) {
+        isStatic_ = value.get<bool>();
+        return isStaticIndex;
+    }
+    if (property == isPublicProperty()) {
+        isPublic_ = value.get<bool>();
+        return isPublicIndex;
+    }
+    if (property == isEventProperty()) {
+        isEvent_ = value.get<bool>();
+        return isEventIndex;
+    }
+    return notOwn;
+}
+
+Operation::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Operation::Builder::Builder(::kivra::Model const &model)
+    : Operation::Impl::BuilderBase<Operation::Builder>(model, Operation::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Parameterized::Impl::BuilderImpl(static_cast<TypedElement::Impl::BuilderImpl &>(*this)),
+      Operation::Impl::BuilderImpl(static_cast<Parameterized::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Operation::Impl::BuilderImpl *>(this);
+}
+
+Class const &Operation::Builder::getMetaClass() const { return Operation::metaClass(); }
+
+Operation Operation::Builder::createOperation(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Operation::fromImpl(static_cast<Operation::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Operation::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createOperation(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Operation::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Operation::Builder &>(builder);
+    return new (self.getModel()) Operation::Impl(static_cast<Operation::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Operation::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::hasPropertyValue(property, tag);

@@ -88,6 +88,48 @@ void Package::Impl::setDefaultVantorCategory(boost::optional<std::string> const 
 
 void Package::Impl::setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, cachedQualifiedName_, value, cachedQualifiedNameIndex); }
 
+Package::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), uri_(level.uri_), defaultVantorCategory_(level.defaultVantorCategory_), cachedQualifiedName_(level.cachedQualifiedName_) {}
+
+std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == uriProperty()) {
+        uri_ = value.get<basalt::ustring>();
+        return uriIndex;
+    }
+    if (property == defaultVantorCategoryProperty()) {
+        defaultVantorCategory_ = value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none;
+        return defaultVantorCategoryIndex;
+    }
+    if (property == cachedQualifiedNameProperty()) {
+        cachedQualifiedName_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return cachedQualifiedNameIndex;
+    }
+    return notOwn;
+}
+
+Package::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Package::Builder::Builder(::kivra::Model const &model)
+    : Package::Impl::BuilderBase<Package::Builder>(model, Package::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Package::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Package::Impl::BuilderImpl *>(this);
+}
+
+Class const &Package::Builder::getMetaClass() const { return Package::metaClass(); }
+
+Package Package::Builder::createPackage(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Package::fromImpl(static_cast<Package::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Package::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createPackage(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Package::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Package::Builder &>(builder);
+    return new (self.getModel()) Package::Impl(static_cast<Package::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);

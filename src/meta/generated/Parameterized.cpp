@@ -54,6 +54,31 @@ void Parameterized::Impl::basicDisassociateAll() {
 
 ::kivra::ElementSequence<Argument> &Parameterized::Impl::getArgumentsMutable() { return const_cast<::kivra::ElementSequence<Argument> &>(getArguments()); }
 
+Parameterized::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : TypedElement::Impl(level.up(), uuid) {}
+
+std::uint64_t Parameterized::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    return notOwn;
+}
+
+std::uint64_t Parameterized::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == argumentsProperty() && fits(*child, property)) {
+        arguments_.push_back(std::move(child));
+        return argumentsIndex;
+    }
+    return notOwn;
+}
+
+void Parameterized::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Parameterized::Impl &>(element);
+    if (root().isSet(argumentsIndex))
+        for (auto const &child : arguments_)
+            addTo(self.getArgumentsMutable(), createChild(*child));
+}
+
 bool Parameterized::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);

@@ -34,6 +34,31 @@ void PrimitiveType::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     Type::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+PrimitiveType::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Type::Impl(level.up(), uuid) {}
+
+PrimitiveType::Builder::Builder() : Builder(::kivra::Model()) {}
+
+PrimitiveType::Builder::Builder(::kivra::Model const &model)
+    : PrimitiveType::Impl::BuilderBase<PrimitiveType::Builder>(model, PrimitiveType::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      PrimitiveType::Impl::BuilderImpl(static_cast<Type::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<PrimitiveType::Impl::BuilderImpl *>(this);
+}
+
+Class const &PrimitiveType::Builder::getMetaClass() const { return PrimitiveType::metaClass(); }
+
+PrimitiveType PrimitiveType::Builder::createPrimitiveType(bool noCascade, boost::uuids::uuid const &uuid) {
+    return PrimitiveType::fromImpl(static_cast<PrimitiveType::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement PrimitiveType::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createPrimitiveType(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *PrimitiveType::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<PrimitiveType::Builder &>(builder);
+    return new (self.getModel()) PrimitiveType::Impl(static_cast<PrimitiveType::Impl::BuilderImpl &>(self), uuid);
+}
+
 ::kivra::meta::Property PrimitiveType::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 5)
         return Type::Impl::getPropertyByIndex(index);

@@ -206,6 +206,121 @@ void Property::Impl::setDefaultValue(boost::optional<basalt::ustring> const &val
 
 void Property::Impl::setIsQueryIndex(bool value) { ::kivra::detail::setMember(*this, isQueryIndex_, value, isQueryIndexIndex); }
 
+Property::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : TypedElement::Impl(level.up(), uuid), isDerived_(level.isDerived_), isComposite_(level.isComposite_), isReadOnly_(level.isReadOnly_), isUnique_(level.isUnique_), customQualification_(level.customQualification_), isQualificationUnique_(level.isQualificationUnique_), propertyIndex_(level.propertyIndex_), isPublicAccessor_(level.isPublicAccessor_), isPublicMutator_(level.isPublicMutator_), isTransient_(level.isTransient_), isSparse_(level.isSparse_), vantorDispCategory_(level.vantorDispCategory_), vantorDispSkipEmpty_(level.vantorDispSkipEmpty_), isSetOnce_(level.isSetOnce_), isVantorHidden_(level.isVantorHidden_), defaultValue_(level.defaultValue_), isQueryIndex_(level.isQueryIndex_) {}
+
+std::uint64_t Property::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == isDerivedProperty()) {
+        isDerived_ = value.get<bool>();
+        return isDerivedIndex;
+    }
+    if (property == isCompositeProperty()) {
+        isComposite_ = value.get<bool>();
+        return isCompositeIndex;
+    }
+    if (property == isReadOnlyProperty()) {
+        isReadOnly_ = value.get<bool>();
+        return isReadOnlyIndex;
+    }
+    if (property == isUniqueProperty()) {
+        isUnique_ = value.get<bool>();
+        return isUniqueIndex;
+    }
+    if (property == qualifiedByProperty()) {
+        qualifiedBy_ = Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value));
+        return qualifiedByIndex;
+    }
+    if (property == customQualificationProperty()) {
+        customQualification_ = value.get<bool>();
+        return customQualificationIndex;
+    }
+    if (property == isQualificationUniqueProperty()) {
+        isQualificationUnique_ = value.get<bool>();
+        return isQualificationUniqueIndex;
+    }
+    if (property == oppositeProperty()) {
+        opposite_ = Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value));
+        return oppositeIndex;
+    }
+    if (property == propertyIndexProperty()) {
+        propertyIndex_ = value.get<std::int32_t>();
+        return propertyIndexIndex;
+    }
+    if (property == isPublicAccessorProperty()) {
+        isPublicAccessor_ = value.get<bool>();
+        return isPublicAccessorIndex;
+    }
+    if (property == isPublicMutatorProperty()) {
+        isPublicMutator_ = value.get<bool>();
+        return isPublicMutatorIndex;
+    }
+    if (property == isTransientProperty()) {
+        isTransient_ = value.get<bool>();
+        return isTransientIndex;
+    }
+    if (property == isSparseProperty()) {
+        isSparse_ = value.get<bool>();
+        return isSparseIndex;
+    }
+    if (property == vantorDispCategoryProperty()) {
+        vantorDispCategory_ = value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none;
+        return vantorDispCategoryIndex;
+    }
+    if (property == vantorDispSkipEmptyProperty()) {
+        vantorDispSkipEmpty_ = value.get<bool>();
+        return vantorDispSkipEmptyIndex;
+    }
+    if (property == isSetOnceProperty()) {
+        isSetOnce_ = value.get<bool>();
+        return isSetOnceIndex;
+    }
+    if (property == isVantorHiddenProperty()) {
+        isVantorHidden_ = value.get<bool>();
+        return isVantorHiddenIndex;
+    }
+    if (property == defaultValueProperty()) {
+        defaultValue_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return defaultValueIndex;
+    }
+    if (property == isQueryIndexProperty()) {
+        isQueryIndex_ = value.get<bool>();
+        return isQueryIndexIndex;
+    }
+    return notOwn;
+}
+
+void Property::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Property::Impl &>(element);
+    if (root().isSet(qualifiedByIndex))
+        self.setQualifiedBy(qualifiedBy_);
+    if (root().isSet(oppositeIndex))
+        self.setOpposite(opposite_);
+}
+
+Property::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Property::Builder::Builder(::kivra::Model const &model)
+    : Property::Impl::BuilderBase<Property::Builder>(model, Property::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      Property::Impl::BuilderImpl(static_cast<TypedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Property::Impl::BuilderImpl *>(this);
+}
+
+Class const &Property::Builder::getMetaClass() const { return Property::metaClass(); }
+
+Property Property::Builder::createProperty(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Property::fromImpl(static_cast<Property::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Property::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createProperty(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Property::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Property::Builder &>(builder);
+    return new (self.getModel()) Property::Impl(static_cast<Property::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Property::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);

@@ -41,6 +41,40 @@ void RealAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void RealAttribute::Impl::setValue(double value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+RealAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t RealAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<double>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+RealAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+RealAttribute::Builder::Builder(::kivra::Model const &model)
+    : RealAttribute::Impl::BuilderBase<RealAttribute::Builder>(model, RealAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      RealAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<RealAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &RealAttribute::Builder::getMetaClass() const { return RealAttribute::metaClass(); }
+
+RealAttribute RealAttribute::Builder::createRealAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return RealAttribute::fromImpl(static_cast<RealAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement RealAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createRealAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *RealAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<RealAttribute::Builder &>(builder);
+    return new (self.getModel()) RealAttribute::Impl(static_cast<RealAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool RealAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

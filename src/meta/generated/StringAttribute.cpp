@@ -41,6 +41,40 @@ void StringAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void StringAttribute::Impl::setValue(basalt::ustring const &value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+StringAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t StringAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<basalt::ustring>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+StringAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+StringAttribute::Builder::Builder(::kivra::Model const &model)
+    : StringAttribute::Impl::BuilderBase<StringAttribute::Builder>(model, StringAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      StringAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<StringAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &StringAttribute::Builder::getMetaClass() const { return StringAttribute::metaClass(); }
+
+StringAttribute StringAttribute::Builder::createStringAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return StringAttribute::fromImpl(static_cast<StringAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement StringAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createStringAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *StringAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<StringAttribute::Builder &>(builder);
+    return new (self.getModel()) StringAttribute::Impl(static_cast<StringAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool StringAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

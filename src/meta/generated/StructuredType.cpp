@@ -63,6 +63,45 @@ void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::de
 
 void StructuredType::Impl::setVantorCompactDisplay(bool value) { ::kivra::detail::setMember(*this, vantorCompactDisplay_, value, vantorCompactDisplayIndex); }
 
+StructuredType::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Type::Impl(level.up(), uuid), vantorName_(level.vantorName_), vantorCompactDisplay_(level.vantorCompactDisplay_) {}
+
+std::uint64_t StructuredType::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == vantorNameProperty()) {
+        vantorName_ = value.get<std::string>();
+        return vantorNameIndex;
+    }
+    if (property == vantorCompactDisplayProperty()) {
+        vantorCompactDisplay_ = value.get<bool>();
+        return vantorCompactDisplayIndex;
+    }
+    return notOwn;
+}
+
+StructuredType::Builder::Builder() : Builder(::kivra::Model()) {}
+
+StructuredType::Builder::Builder(::kivra::Model const &model)
+    : StructuredType::Impl::BuilderBase<StructuredType::Builder>(model, StructuredType::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)),
+      StructuredType::Impl::BuilderImpl(static_cast<Type::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<StructuredType::Impl::BuilderImpl *>(this);
+}
+
+Class const &StructuredType::Builder::getMetaClass() const { return StructuredType::metaClass(); }
+
+StructuredType StructuredType::Builder::createStructuredType(bool noCascade, boost::uuids::uuid const &uuid) {
+    return StructuredType::fromImpl(static_cast<StructuredType::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement StructuredType::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createStructuredType(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *StructuredType::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<StructuredType::Builder &>(builder);
+    return new (self.getModel()) StructuredType::Impl(static_cast<StructuredType::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::hasPropertyValue(property, tag);

@@ -62,6 +62,44 @@ Package Type::Impl::getOwningPackage() const {
 
 void Type::Impl::setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, cachedQualifiedName_, value, cachedQualifiedNameIndex); }
 
+Type::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), isVantorHidden_(level.isVantorHidden_), cachedQualifiedName_(level.cachedQualifiedName_) {}
+
+std::uint64_t Type::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == isVantorHiddenProperty()) {
+        isVantorHidden_ = value.get<bool>();
+        return isVantorHiddenIndex;
+    }
+    if (property == cachedQualifiedNameProperty()) {
+        cachedQualifiedName_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return cachedQualifiedNameIndex;
+    }
+    return notOwn;
+}
+
+Type::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Type::Builder::Builder(::kivra::Model const &model)
+    : Type::Impl::BuilderBase<Type::Builder>(model, Type::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Type::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Type::Impl::BuilderImpl *>(this);
+}
+
+Class const &Type::Builder::getMetaClass() const { return Type::metaClass(); }
+
+Type Type::Builder::createType(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Type::fromImpl(static_cast<Type::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Type::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createType(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Type::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Type::Builder &>(builder);
+    return new (self.getModel()) Type::Impl(static_cast<Type::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Type::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);

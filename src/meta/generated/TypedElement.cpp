@@ -88,6 +88,62 @@ void TypedElement::Impl::setIsOrdered(bool value) { ::kivra::detail::setMember(*
 
 void TypedElement::Impl::setIsHashed(bool value) { ::kivra::detail::setMember(*this, isHashed_, value, isHashedIndex); }
 
+TypedElement::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), lower_(level.lower_), upper_(level.upper_), isOrdered_(level.isOrdered_), isHashed_(level.isHashed_) {}
+
+std::uint64_t TypedElement::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == typeProperty()) {
+        type_ = Type::fromImpl(::kivra::detail::elementAs<Type::Impl>(value));
+        return typeIndex;
+    }
+    if (property == lowerProperty()) {
+        lower_ = value.get<std::uint32_t>();
+        return lowerIndex;
+    }
+    if (property == upperProperty()) {
+        upper_ = value.get<std::uint32_t>();
+        return upperIndex;
+    }
+    if (property == isOrderedProperty()) {
+        isOrdered_ = value.get<bool>();
+        return isOrderedIndex;
+    }
+    if (property == isHashedProperty()) {
+        isHashed_ = value.get<bool>();
+        return isHashedIndex;
+    }
+    return notOwn;
+}
+
+void TypedElement::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<TypedElement::Impl &>(element);
+    if (root().isSet(typeIndex))
+        self.setType(type_);
+}
+
+TypedElement::Builder::Builder() : Builder(::kivra::Model()) {}
+
+TypedElement::Builder::Builder(::kivra::Model const &model)
+    : TypedElement::Impl::BuilderBase<TypedElement::Builder>(model, TypedElement::Impl::propertyCount + 1),
+      NamedElement::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      TypedElement::Impl::BuilderImpl(static_cast<NamedElement::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<TypedElement::Impl::BuilderImpl *>(this);
+}
+
+Class const &TypedElement::Builder::getMetaClass() const { return TypedElement::metaClass(); }
+
+TypedElement TypedElement::Builder::createTypedElement(bool noCascade, boost::uuids::uuid const &uuid) {
+    return TypedElement::fromImpl(static_cast<TypedElement::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement TypedElement::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createTypedElement(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *TypedElement::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<TypedElement::Builder &>(builder);
+    return new (self.getModel()) TypedElement::Impl(static_cast<TypedElement::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool TypedElement::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);

@@ -41,6 +41,40 @@ void UUIDAttribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void UUIDAttribute::Impl::setValue(boost::uuids::uuid const &value) { ::kivra::detail::setMember(*this, value_, value, valueIndex); }
 
+UUIDAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid), value_(level.value_) {}
+
+std::uint64_t UUIDAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == valueProperty()) {
+        value_ = value.get<boost::uuids::uuid>();
+        return valueIndex;
+    }
+    return notOwn;
+}
+
+UUIDAttribute::Builder::Builder() : Builder(::kivra::Model()) {}
+
+UUIDAttribute::Builder::Builder(::kivra::Model const &model)
+    : UUIDAttribute::Impl::BuilderBase<UUIDAttribute::Builder>(model, UUIDAttribute::Impl::propertyCount + 1),
+      Attribute::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      UUIDAttribute::Impl::BuilderImpl(static_cast<Attribute::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<UUIDAttribute::Impl::BuilderImpl *>(this);
+}
+
+Class const &UUIDAttribute::Builder::getMetaClass() const { return UUIDAttribute::metaClass(); }
+
+UUIDAttribute UUIDAttribute::Builder::createUUIDAttribute(bool noCascade, boost::uuids::uuid const &uuid) {
+    return UUIDAttribute::fromImpl(static_cast<UUIDAttribute::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement UUIDAttribute::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createUUIDAttribute(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *UUIDAttribute::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<UUIDAttribute::Builder &>(builder);
+    return new (self.getModel()) UUIDAttribute::Impl(static_cast<UUIDAttribute::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool UUIDAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);

@@ -152,6 +152,82 @@ void Author::Impl::setFavourite(Book const &value) {
 
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::getDraftsMutable() { return const_cast<::kivra::UnorderedElementMultimap<std::int32_t, Book> &>(getDrafts()); }
 
+Author::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
+
+std::uint64_t Author::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == nameProperty()) {
+        name_ = value.get<basalt::ustring>();
+        return nameIndex;
+    }
+    if (property == favouriteProperty()) {
+        favourite_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value));
+        return favouriteIndex;
+    }
+    if (property == booksProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            books_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return booksIndex;
+    }
+    if (property == coauthoredProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            coauthored_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return coauthoredIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Author::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == draftsProperty() && fits(*child, property)) {
+        drafts_.push_back(std::move(child));
+        return draftsIndex;
+    }
+    return notOwn;
+}
+
+void Author::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Author::Impl &>(element);
+    if (root().isSet(draftsIndex))
+        for (auto const &child : drafts_)
+            addTo(self.getDraftsMutable(), createChild(*child));
+}
+
+void Author::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Author::Impl &>(element);
+    if (root().isSet(favouriteIndex))
+        self.setFavourite(favourite_);
+    if (root().isSet(booksIndex))
+        for (Book const &entry : books_)
+            addTo(self.getBooksMutable(), entry);
+    if (root().isSet(coauthoredIndex))
+        for (Book const &entry : coauthored_)
+            addTo(self.getCoauthoredMutable(), entry);
+}
+
+Author::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Author::Builder::Builder(::kivra::Model const &model)
+    : Author::Impl::BuilderBase<Author::Builder>(model, Author::Impl::propertyCount + 1),
+      Author::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Author::Impl::BuilderImpl *>(this);
+}
+
+Class const &Author::Builder::getMetaClass() const { return Author::metaClass(); }
+
+Author Author::Builder::createAuthor(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Author::fromImpl(static_cast<Author::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Author::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createAuthor(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Author::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Author::Builder &>(builder);
+    return new (self.getModel()) Author::Impl(static_cast<Author::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

@@ -13,8 +13,11 @@
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace kivra::test::library {
 
@@ -41,6 +44,8 @@ public:
     static ::kivra::meta::Property const &draftsProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getName() const noexcept { return name_; }
     void setName(basalt::ustring const &value);
@@ -84,7 +89,10 @@ public:
 
 protected:
     friend class Author;
+    friend class Author::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
@@ -120,6 +128,78 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
     mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
+};
+
+/// The values of `Author`'s own properties staged in a builder, before the element exists.
+class Author::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Author::Impl;
+    template <class> friend class Author::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring name_{};
+    Book favourite_;
+    std::vector<Book> books_;
+    std::vector<Book> coauthored_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> drafts_;
+};
+
+/// The fluent setters of `Author`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Author::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setName(basalt::ustring const &value) { level().name_ = value; this->markSet(Author::Impl::nameIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetName() { level().name_ = basalt::ustring{}; this->clearSet(Author::Impl::nameIndex); return self(); }
+    basalt::ustring const &getName() const noexcept { return level().name_; }
+    /// An empty handle clears the staged value.
+    B &setFavourite(Book const &value) { level().favourite_ = value; value ? this->markSet(Author::Impl::favouriteIndex) : this->clearSet(Author::Impl::favouriteIndex); return self(); }
+    Book const &getFavourite() const noexcept { return level().favourite_; }
+    B &addBooks(Book const &value) { level().books_.push_back(value); this->markSet(Author::Impl::booksIndex); return self(); }
+    B &addBooks(std::initializer_list<Book> values) { level().books_.insert(level().books_.end(), values); this->markSet(Author::Impl::booksIndex); return self(); }
+    B &clearBooks() { level().books_.clear(); this->clearSet(Author::Impl::booksIndex); return self(); }
+    std::vector<Book> const &getBooks() const noexcept { return level().books_; }
+    B &addCoauthored(Book const &value) { level().coauthored_.push_back(value); this->markSet(Author::Impl::coauthoredIndex); return self(); }
+    B &addCoauthored(std::initializer_list<Book> values) { level().coauthored_.insert(level().coauthored_.end(), values); this->markSet(Author::Impl::coauthoredIndex); return self(); }
+    B &clearCoauthored() { level().coauthored_.clear(); this->clearSet(Author::Impl::coauthoredIndex); return self(); }
+    std::vector<Book> const &getCoauthored() const noexcept { return level().coauthored_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addDrafts(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Author::Impl::draftsProperty(), std::move(child)); return self(); }
+    B &clearDrafts() { level().drafts_.clear(); this->clearSet(Author::Impl::draftsIndex); return self(); }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Author::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Author::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Author` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Author::Builder final : public Author::Impl::BuilderBase<Author::Builder>, public Author::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Author createAuthor(boost::uuids::uuid const &uuid = {}) { return createAuthor(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Author createAuthor(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Author::Impl *Author::get() const noexcept {

@@ -289,6 +289,128 @@ void Book::Impl::setCatalogued(Shelf const &value) {
     ::kivra::detail::setReference(*this, catalogued_, value, cataloguedProperty(), cataloguedIndex);
 }
 
+Book::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), title_(level.title_), subtitle_(level.subtitle_), pages_(level.pages_), isbn_(level.isbn_) {}
+
+std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == titleProperty()) {
+        title_ = value.get<basalt::ustring>();
+        return titleIndex;
+    }
+    if (property == subtitleProperty()) {
+        subtitle_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return subtitleIndex;
+    }
+    if (property == shelfProperty()) {
+        shelf_ = Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value));
+        return shelfIndex;
+    }
+    if (property == authorProperty()) {
+        author_ = Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value));
+        return authorIndex;
+    }
+    if (property == pagesProperty()) {
+        pages_ = value.get<std::int32_t>();
+        return pagesIndex;
+    }
+    if (property == sequelProperty()) {
+        sequel_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value));
+        return sequelIndex;
+    }
+    if (property == writerProperty()) {
+        writer_ = Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value));
+        return writerIndex;
+    }
+    if (property == isbnProperty()) {
+        isbn_ = value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none;
+        return isbnIndex;
+    }
+    if (property == appendixOfProperty()) {
+        appendixOf_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value));
+        return appendixOfIndex;
+    }
+    if (property == chapterOfProperty()) {
+        chapterOf_ = Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value));
+        return chapterOfIndex;
+    }
+    if (property == coauthorsProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            coauthors_.push_back(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(entry)));
+        return coauthorsIndex;
+    }
+    if (property == cataloguedProperty()) {
+        catalogued_ = Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value));
+        return cataloguedIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == appendixProperty() && fits(*child, property)) {
+        appendix_ = std::move(child);
+        return appendixIndex;
+    }
+    if (property == chaptersProperty() && fits(*child, property)) {
+        chapters_.push_back(std::move(child));
+        return chaptersIndex;
+    }
+    return notOwn;
+}
+
+void Book::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Book::Impl &>(element);
+    if (root().isSet(appendixIndex) && appendix_)
+        self.setAppendix(Book::fromImpl(static_cast<Book::Impl *>(createChild(*appendix_).get())));
+    if (root().isSet(chaptersIndex))
+        for (auto const &child : chapters_)
+            addTo(self.getChaptersMutable(), createChild(*child));
+}
+
+void Book::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Book::Impl &>(element);
+    if (root().isSet(shelfIndex))
+        self.setShelf(shelf_);
+    if (root().isSet(authorIndex))
+        self.setAuthor(author_);
+    if (root().isSet(sequelIndex))
+        self.setSequel(sequel_);
+    if (root().isSet(writerIndex))
+        self.setWriter(writer_);
+    if (root().isSet(appendixOfIndex))
+        self.setAppendixOf(appendixOf_);
+    if (root().isSet(chapterOfIndex))
+        self.setChapterOf(chapterOf_);
+    if (root().isSet(coauthorsIndex))
+        for (Author const &entry : coauthors_)
+            addTo(self.getCoauthorsMutable(), entry);
+    if (root().isSet(cataloguedIndex))
+        self.setCatalogued(catalogued_);
+}
+
+Book::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Book::Builder::Builder(::kivra::Model const &model)
+    : Book::Impl::BuilderBase<Book::Builder>(model, Book::Impl::propertyCount + 1),
+      Book::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Book::Impl::BuilderImpl *>(this);
+}
+
+Class const &Book::Builder::getMetaClass() const { return Book::metaClass(); }
+
+Book Book::Builder::createBook(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Book::fromImpl(static_cast<Book::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Book::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createBook(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Book::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Book::Builder &>(builder);
+    return new (self.getModel()) Book::Impl(static_cast<Book::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);

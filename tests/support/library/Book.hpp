@@ -11,9 +11,12 @@
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kivra::test::library {
 
@@ -67,6 +70,8 @@ public:
     static ::kivra::meta::Property const &cataloguedProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getTitle() const noexcept { return title_; }
     void setTitle(basalt::ustring const &value);
@@ -146,7 +151,10 @@ public:
 
 protected:
     friend class Book;
+    friend class Book::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
@@ -191,6 +199,114 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
     mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
     Shelf catalogued_;
+};
+
+/// The values of `Book`'s own properties staged in a builder, before the element exists.
+class Book::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Book::Impl;
+    template <class> friend class Book::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring title_{};
+    boost::optional<basalt::ustring> subtitle_;
+    Shelf shelf_;
+    Author author_;
+    std::int32_t pages_{100};
+    Book sequel_;
+    Author writer_;
+    boost::optional<std::string> isbn_;
+    std::unique_ptr<::kivra::ModelElement::Builder> appendix_;
+    Book appendixOf_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> chapters_;
+    Book chapterOf_;
+    std::vector<Author> coauthors_;
+    Shelf catalogued_;
+};
+
+/// The fluent setters of `Book`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Book::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setTitle(basalt::ustring const &value) { level().title_ = value; this->markSet(Book::Impl::titleIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetTitle() { level().title_ = basalt::ustring{}; this->clearSet(Book::Impl::titleIndex); return self(); }
+    basalt::ustring const &getTitle() const noexcept { return level().title_; }
+    B &setSubtitle(boost::optional<basalt::ustring> const &value) { level().subtitle_ = value; value ? this->markSet(Book::Impl::subtitleIndex) : this->clearSet(Book::Impl::subtitleIndex); return self(); }
+    B &unsetSubtitle() { level().subtitle_ = boost::none; this->clearSet(Book::Impl::subtitleIndex); return self(); }
+    boost::optional<basalt::ustring> const &getSubtitle() const noexcept { return level().subtitle_; }
+    /// An empty handle clears the staged value.
+    B &setShelf(Shelf const &value) { level().shelf_ = value; value ? this->markSet(Book::Impl::shelfIndex) : this->clearSet(Book::Impl::shelfIndex); return self(); }
+    Shelf const &getShelf() const noexcept { return level().shelf_; }
+    /// An empty handle clears the staged value.
+    B &setAuthor(Author const &value) { level().author_ = value; value ? this->markSet(Book::Impl::authorIndex) : this->clearSet(Book::Impl::authorIndex); return self(); }
+    Author const &getAuthor() const noexcept { return level().author_; }
+    B &setPages(std::int32_t value) { level().pages_ = value; this->markSet(Book::Impl::pagesIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetPages() { level().pages_ = std::int32_t{100}; this->clearSet(Book::Impl::pagesIndex); return self(); }
+    std::int32_t const &getPages() const noexcept { return level().pages_; }
+    /// An empty handle clears the staged value.
+    B &setSequel(Book const &value) { level().sequel_ = value; value ? this->markSet(Book::Impl::sequelIndex) : this->clearSet(Book::Impl::sequelIndex); return self(); }
+    Book const &getSequel() const noexcept { return level().sequel_; }
+    /// An empty handle clears the staged value.
+    B &setWriter(Author const &value) { level().writer_ = value; value ? this->markSet(Book::Impl::writerIndex) : this->clearSet(Book::Impl::writerIndex); return self(); }
+    Author const &getWriter() const noexcept { return level().writer_; }
+    B &setIsbn(boost::optional<std::string> const &value) { level().isbn_ = value; value ? this->markSet(Book::Impl::isbnIndex) : this->clearSet(Book::Impl::isbnIndex); return self(); }
+    B &unsetIsbn() { level().isbn_ = boost::none; this->clearSet(Book::Impl::isbnIndex); return self(); }
+    boost::optional<std::string> const &getIsbn() const noexcept { return level().isbn_; }
+    /// Stages the builder of the owned `Book`; raises `NoSuchProperty` for a child of another class.
+    B &setAppendix(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Book::Impl::appendixProperty(), std::move(child)); return self(); }
+    B &clearAppendix() { level().appendix_.reset(); this->clearSet(Book::Impl::appendixIndex); return self(); }
+    /// An empty handle clears the staged value.
+    B &setAppendixOf(Book const &value) { level().appendixOf_ = value; value ? this->markSet(Book::Impl::appendixOfIndex) : this->clearSet(Book::Impl::appendixOfIndex); return self(); }
+    Book const &getAppendixOf() const noexcept { return level().appendixOf_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addChapters(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Book::Impl::chaptersProperty(), std::move(child)); return self(); }
+    B &clearChapters() { level().chapters_.clear(); this->clearSet(Book::Impl::chaptersIndex); return self(); }
+    /// An empty handle clears the staged value.
+    B &setChapterOf(Book const &value) { level().chapterOf_ = value; value ? this->markSet(Book::Impl::chapterOfIndex) : this->clearSet(Book::Impl::chapterOfIndex); return self(); }
+    Book const &getChapterOf() const noexcept { return level().chapterOf_; }
+    B &addCoauthors(Author const &value) { level().coauthors_.push_back(value); this->markSet(Book::Impl::coauthorsIndex); return self(); }
+    B &addCoauthors(std::initializer_list<Author> values) { level().coauthors_.insert(level().coauthors_.end(), values); this->markSet(Book::Impl::coauthorsIndex); return self(); }
+    B &clearCoauthors() { level().coauthors_.clear(); this->clearSet(Book::Impl::coauthorsIndex); return self(); }
+    std::vector<Author> const &getCoauthors() const noexcept { return level().coauthors_; }
+    /// An empty handle clears the staged value.
+    B &setCatalogued(Shelf const &value) { level().catalogued_ = value; value ? this->markSet(Book::Impl::cataloguedIndex) : this->clearSet(Book::Impl::cataloguedIndex); return self(); }
+    Shelf const &getCatalogued() const noexcept { return level().catalogued_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Book::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Book::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Book` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Book::Builder final : public Book::Impl::BuilderBase<Book::Builder>, public Book::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Book createBook(boost::uuids::uuid const &uuid = {}) { return createBook(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Book createBook(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Book::Impl *Book::get() const noexcept {

@@ -8,6 +8,8 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstdint>
+
 namespace kivra::test::library {
 
 using ::kivra::meta::Class;
@@ -26,7 +28,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Shelf fromImpl(Impl *impl) noexcept;
-    /// A new `Shelf` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Shelf`: `Shelf::Builder(model).setXxx(...).createShelf()`.
+    class Builder;
+    /// A new `Shelf` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Shelf create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Shelf` named by `proxyId`, outside the model's tables.
     static Shelf createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -49,7 +54,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
-    /// A new `Book` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Book`: `Book::Builder(model).setXxx(...).createBook()`.
+    class Builder;
+    /// A new `Book` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Book create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
     static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -72,7 +80,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Novel fromImpl(Impl *impl) noexcept;
-    /// A new `Novel` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Novel`: `Novel::Builder(model).setXxx(...).createNovel()`.
+    class Builder;
+    /// A new `Novel` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Novel create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Novel` named by `proxyId`, outside the model's tables.
     static Novel createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
@@ -95,7 +106,10 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Author fromImpl(Impl *impl) noexcept;
-    /// A new `Author` in `model`, top level; a nil `uuid` draws a fresh one.
+    /// Stages the values of a new `Author`: `Author::Builder(model).setXxx(...).createAuthor()`.
+    class Builder;
+    /// A new `Author` in `model`, top level, with default values; a nil `uuid` draws a
+    /// fresh one. The short form of the builder, without the builder's cost.
     static Author create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Author` named by `proxyId`, outside the model's tables.
     static Author createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);

@@ -11,6 +11,7 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::test::library {
@@ -47,6 +48,11 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Shelf_catalogue, 5);
     ::kivra::meta::detail::declareOwningClass(Shelf_catalogue, Shelf_);
     Shelf_catalogue->setType(Book_);
+    Property const Shelf_code = createProperty(u"code", ::kivra::ValueFlags::Single, false, "c083093b-1327-363c-b269-d87126572cd5");
+    setPropertyIndex(Shelf_code, 6);
+    ::kivra::meta::detail::declareOwningClass(Shelf_code, Shelf_);
+    Shelf_code->setType(registry().getPrimitiveType(u"StdString"));
+    Shelf_code->setIsReadOnly(true);
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -149,15 +155,16 @@ LibraryPackage::LibraryPackage() {
     Author_coauthored->setOpposite(Book_coauthors);
     Author_drafts->setQualifiedBy(Book_pages);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b171343e-976b-3c15-8fe4-269754876c0c")) = Shelf_;
-    registry().registerType(Shelf_);
+    registry().registerType(Shelf_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Shelf::Builder>(model); });
     registry().registerProxyFactory(Shelf_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Shelf::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ddb448c-b16d-3240-bcc3-84da9740db25")) = Shelf_label;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5b89df5-b1a4-3882-99fb-d58cb9068738")) = Shelf_featured;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ecfae3c-1d1d-38ce-8119-39a2dfc516b6")) = Shelf_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = Shelf_recommended;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")) = Shelf_catalogue;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")) = Shelf_code;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = Book_;
-    registry().registerType(Book_);
+    registry().registerType(Book_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("312ae8c1-3264-36d9-9176-a6554904eddb")) = Book_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("f9b44572-0d61-3cd9-b360-3666b993f501")) = Book_subtitle;
@@ -174,11 +181,11 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")) = Book_coauthors;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9c304601-842c-3f02-aea2-e9da83fd2b81")) = Book_catalogued;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("3290f9e8-fcfc-3047-af61-a76537db74f5")) = Novel_;
-    registry().registerType(Novel_);
+    registry().registerType(Novel_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Novel::Builder>(model); });
     registry().registerProxyFactory(Novel_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Novel::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0877f7b2-d9c6-3692-be86-20e99d4cf1d1")) = Novel_genre;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("da1d6d14-f03f-34e6-8632-826fa8ffdaac")) = Author_;
-    registry().registerType(Author_);
+    registry().registerType(Author_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Author::Builder>(model); });
     registry().registerProxyFactory(Author_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Author::createProxy(model, id)); });
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8342a15b-8351-3da5-a018-db729521eeb6")) = Author_name;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("34f09c2e-9e41-3b46-aca7-e749428b4a14")) = Author_favourite;

@@ -42,6 +42,40 @@ void Novel::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 
 void Novel::Impl::setGenre(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, genre_, value, genreIndex); }
 
+Novel::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Book::Impl(level.up(), uuid), genre_(level.genre_) {}
+
+std::uint64_t Novel::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == genreProperty()) {
+        genre_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
+        return genreIndex;
+    }
+    return notOwn;
+}
+
+Novel::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Novel::Builder::Builder(::kivra::Model const &model)
+    : Novel::Impl::BuilderBase<Novel::Builder>(model, Novel::Impl::propertyCount + 1),
+      Book::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)),
+      Novel::Impl::BuilderImpl(static_cast<Book::Impl::BuilderImpl &>(*this)) {
+    top_ = static_cast<Novel::Impl::BuilderImpl *>(this);
+}
+
+Class const &Novel::Builder::getMetaClass() const { return Novel::metaClass(); }
+
+Novel Novel::Builder::createNovel(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Novel::fromImpl(static_cast<Novel::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Novel::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createNovel(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Novel::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Novel::Builder &>(builder);
+    return new (self.getModel()) Novel::Impl(static_cast<Novel::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Novel::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Book::Impl::hasPropertyValue(property, tag);

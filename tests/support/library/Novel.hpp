@@ -11,7 +11,11 @@
 #include <library/Book.hpp>
 #include <library/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
 
 namespace kivra::test::library {
 
@@ -26,6 +30,8 @@ public:
     static ::kivra::meta::Property const &genreProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     boost::optional<basalt::ustring> const &getGenre() const noexcept { return genre_; }
     bool hasGenre() const noexcept { return genre_.has_value(); }
@@ -44,7 +50,10 @@ public:
 
 protected:
     friend class Novel;
+    friend class Novel::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Book::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
 
     boost::optional<basalt::ustring> genre_;
@@ -60,6 +69,58 @@ public:
 private:
     friend class Novel::Impl;
     boost::optional<basalt::ustring> genre_;
+};
+
+/// The values of `Novel`'s own properties staged in a builder, before the element exists.
+class Novel::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(Book::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
+    /// The superclass's level.
+    Book::Impl::BuilderImpl &up() const noexcept { return static_cast<Book::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+
+private:
+    friend class Novel::Impl;
+    template <class> friend class Novel::Impl::BuilderBase;
+    boost::optional<basalt::ustring> genre_;
+};
+
+/// The fluent setters of `Novel`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Novel::Impl::BuilderBase : public Book::Impl::BuilderBase<B> {
+public:
+    B &setGenre(boost::optional<basalt::ustring> const &value) { level().genre_ = value; value ? this->markSet(Novel::Impl::genreIndex) : this->clearSet(Novel::Impl::genreIndex); return self(); }
+    B &unsetGenre() { level().genre_ = boost::none; this->clearSet(Novel::Impl::genreIndex); return self(); }
+    boost::optional<basalt::ustring> const &getGenre() const noexcept { return level().genre_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Book::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Novel::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Novel::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Novel` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Novel::Builder final : public Novel::Impl::BuilderBase<Novel::Builder>, public Book::Impl::BuilderImpl, public Novel::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Novel createNovel(boost::uuids::uuid const &uuid = {}) { return createNovel(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Novel createNovel(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Novel::Impl *Novel::get() const noexcept {

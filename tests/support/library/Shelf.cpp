@@ -46,6 +46,11 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::codeProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -151,6 +156,88 @@ void Shelf::Impl::setFeatured(Book const &value) {
 
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::getCatalogueMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Book> &>(getCatalogue()); }
 
+void Shelf::Impl::setCode(std::string const &value) { ::kivra::detail::setMember(*this, code_, value, codeIndex); }
+
+Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_) {}
+
+std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == labelProperty()) {
+        label_ = value.get<basalt::ustring>();
+        return labelIndex;
+    }
+    if (property == recommendedProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            recommended_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return recommendedIndex;
+    }
+    if (property == catalogueProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            catalogue_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
+        return catalogueIndex;
+    }
+    if (property == codeProperty()) {
+        code_ = value.get<std::string>();
+        return codeIndex;
+    }
+    return notOwn;
+}
+
+std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == featuredProperty() && fits(*child, property)) {
+        featured_ = std::move(child);
+        return featuredIndex;
+    }
+    if (property == booksProperty() && fits(*child, property)) {
+        books_.push_back(std::move(child));
+        return booksIndex;
+    }
+    return notOwn;
+}
+
+void Shelf::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Shelf::Impl &>(element);
+    if (root().isSet(featuredIndex) && featured_)
+        self.setFeatured(Book::fromImpl(static_cast<Book::Impl *>(createChild(*featured_).get())));
+    if (root().isSet(booksIndex))
+        for (auto const &child : books_)
+            addTo(self.getBooksMutable(), createChild(*child));
+}
+
+void Shelf::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Shelf::Impl &>(element);
+    if (root().isSet(recommendedIndex))
+        for (Book const &entry : recommended_)
+            addTo(self.getRecommendedMutable(), entry);
+    if (root().isSet(catalogueIndex))
+        for (Book const &entry : catalogue_)
+            addTo(self.getCatalogueMutable(), entry);
+}
+
+Shelf::Builder::Builder() : Builder(::kivra::Model()) {}
+
+Shelf::Builder::Builder(::kivra::Model const &model)
+    : Shelf::Impl::BuilderBase<Shelf::Builder>(model, Shelf::Impl::propertyCount + 1),
+      Shelf::Impl::BuilderImpl(static_cast<::kivra::ModelElement::Builder &>(*this)) {
+    top_ = static_cast<Shelf::Impl::BuilderImpl *>(this);
+}
+
+Class const &Shelf::Builder::getMetaClass() const { return Shelf::metaClass(); }
+
+Shelf Shelf::Builder::createShelf(bool noCascade, boost::uuids::uuid const &uuid) {
+    return Shelf::fromImpl(static_cast<Shelf::Impl *>(runCreation(noCascade, uuid, &construct).get()));
+}
+
+::kivra::ModelElement Shelf::Builder::doCreate(bool noCascade, boost::uuids::uuid const &uuid) { return createShelf(noCascade, uuid); }
+
+::kivra::ModelElement::Impl *Shelf::Builder::construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid) {
+    auto &self = static_cast<Shelf::Builder &>(builder);
+    return new (self.getModel()) Shelf::Impl(static_cast<Shelf::Impl::BuilderImpl &>(self), uuid);
+}
+
 bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -164,6 +251,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return hasRecommended();
     if (property == catalogueProperty())
         return hasCatalogue();
+    if (property == codeProperty())
+        return true;
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -180,6 +269,8 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
     if (property == catalogueProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
+    if (property == codeProperty())
+        return ::kivra::Value(code_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -196,6 +287,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
     if (property == catalogueProperty())
         return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
+    if (property == codeProperty())
+        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u"library.Shelf.code");
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -213,6 +306,8 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return recommendedProperty();
     case 5:
         return catalogueProperty();
+    case 6:
+        return codeProperty();
     default:
         return {};
     }
@@ -244,6 +339,9 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case catalogueIndex:
         own->catalogue_ = ::kivra::detail::cloneCollection(catalogue_.get());
         return;
+    case codeIndex:
+        own->code_ = code_;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -261,6 +359,8 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         ::kivra::detail::restoreCollection(ensureRecommended(), own->recommended_.get());
     if (own->isChanged(catalogueIndex))
         ::kivra::detail::restoreCollection(ensureCatalogue(), own->catalogue_.get());
+    if (own->isChanged(codeIndex))
+        code_ = own->code_;
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -268,6 +368,8 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
     [[maybe_unused]] auto const *self = static_cast<Shelf::Impl const *>(element);
     if (isChanged(Impl::labelIndex) && label_ == self->label_)
         clearModified(Impl::labelIndex);
+    if (isChanged(Impl::codeIndex) && code_ == self->code_)
+        clearModified(Impl::codeIndex);
     return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
 }
 
@@ -284,6 +386,8 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::detail::oldCollectionValue(recommended_, property);
     if (property == Impl::catalogueProperty() && isChanged(Impl::catalogueIndex))
         return ::kivra::detail::oldCollectionValue(catalogue_, property);
+    if (property == Impl::codeProperty() && isChanged(Impl::codeIndex))
+        return ::kivra::Value(property->getType(), code_);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -13,8 +13,12 @@
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace kivra::test::library {
 
@@ -26,8 +30,9 @@ public:
     static constexpr std::uint64_t booksIndex = 3;
     static constexpr std::uint64_t recommendedIndex = 4;
     static constexpr std::uint64_t catalogueIndex = 5;
+    static constexpr std::uint64_t codeIndex = 6;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 5;
+    static constexpr std::uint64_t propertyCount = 6;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
@@ -39,8 +44,12 @@ public:
     static ::kivra::meta::Property const &recommendedProperty();
     /// The description of `catalogue`; empty until the metamodel is described.
     static ::kivra::meta::Property const &catalogueProperty();
+    /// The description of `code`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &codeProperty();
 
     Class const &getMetaClass() const override;
+    class BuilderImpl;
+    template <class B> class BuilderBase;
 
     basalt::ustring const & getLabel() const noexcept { return label_; }
     void setLabel(basalt::ustring const &value);
@@ -67,6 +76,9 @@ public:
     /// True when the collection was made and holds anything.
     bool hasCatalogue() const noexcept { return catalogue_ && !catalogue_->empty(); }
 
+    std::string const & getCode() const noexcept { return code_; }
+    void setCode(std::string const &value);
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -84,7 +96,10 @@ public:
 
 protected:
     friend class Shelf;
+    friend class Shelf::Builder;
     Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    /// Takes the plain values staged in `level` and its levels above.
+    Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void disassociateIncoming() override;
     void basicDisassociateAll() override;
@@ -104,6 +119,7 @@ protected:
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
+    std::string code_{};
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
@@ -120,6 +136,84 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
+    std::string code_{};
+};
+
+/// The values of `Shelf`'s own properties staged in a builder, before the element exists.
+class Shelf::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
+public:
+    explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
+
+private:
+    friend class Shelf::Impl;
+    template <class> friend class Shelf::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    basalt::ustring label_{};
+    std::unique_ptr<::kivra::ModelElement::Builder> featured_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> books_;
+    std::vector<Book> recommended_;
+    std::vector<Book> catalogue_;
+    std::string code_{};
+};
+
+/// The fluent setters of `Shelf`'s own properties, returning the most derived builder `B`.
+template <class B>
+class Shelf::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
+public:
+    B &setLabel(basalt::ustring const &value) { level().label_ = value; this->markSet(Shelf::Impl::labelIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetLabel() { level().label_ = basalt::ustring{}; this->clearSet(Shelf::Impl::labelIndex); return self(); }
+    basalt::ustring const &getLabel() const noexcept { return level().label_; }
+    /// Stages the builder of the owned `Book`; raises `NoSuchProperty` for a child of another class.
+    B &setFeatured(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Shelf::Impl::featuredProperty(), std::move(child)); return self(); }
+    B &clearFeatured() { level().featured_.reset(); this->clearSet(Shelf::Impl::featuredIndex); return self(); }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addBooks(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Shelf::Impl::booksProperty(), std::move(child)); return self(); }
+    B &clearBooks() { level().books_.clear(); this->clearSet(Shelf::Impl::booksIndex); return self(); }
+    B &addRecommended(Book const &value) { level().recommended_.push_back(value); this->markSet(Shelf::Impl::recommendedIndex); return self(); }
+    B &addRecommended(std::initializer_list<Book> values) { level().recommended_.insert(level().recommended_.end(), values); this->markSet(Shelf::Impl::recommendedIndex); return self(); }
+    B &clearRecommended() { level().recommended_.clear(); this->clearSet(Shelf::Impl::recommendedIndex); return self(); }
+    std::vector<Book> const &getRecommended() const noexcept { return level().recommended_; }
+    B &addCatalogue(Book const &value) { level().catalogue_.push_back(value); this->markSet(Shelf::Impl::catalogueIndex); return self(); }
+    B &addCatalogue(std::initializer_list<Book> values) { level().catalogue_.insert(level().catalogue_.end(), values); this->markSet(Shelf::Impl::catalogueIndex); return self(); }
+    B &clearCatalogue() { level().catalogue_.clear(); this->clearSet(Shelf::Impl::catalogueIndex); return self(); }
+    std::vector<Book> const &getCatalogue() const noexcept { return level().catalogue_; }
+    B &setCode(std::string const &value) { level().code_ = value; this->markSet(Shelf::Impl::codeIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetCode() { level().code_ = std::string{}; this->clearSet(Shelf::Impl::codeIndex); return self(); }
+    std::string const &getCode() const noexcept { return level().code_; }
+
+protected:
+    BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    Shelf::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Shelf::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
+};
+
+/// Stages the values of a new `Shelf` and makes it: `create` gives the element, and the
+/// elements of the child builders staged on it, in one transaction.
+class Shelf::Builder final : public Shelf::Impl::BuilderBase<Shelf::Builder>, public Shelf::Impl::BuilderImpl {
+public:
+    /// A builder with no model yet: `setModel` before `create`.
+    Builder();
+    explicit Builder(::kivra::Model const &model);
+
+    Class const &getMetaClass() const override;
+    /// The new element; a nil `uuid` draws a fresh one. Raises as `create` does.
+    Shelf createShelf(boost::uuids::uuid const &uuid = {}) { return createShelf(/*noCascade=*/false, uuid); }
+    /// With `noCascade`, the element is neither announced nor given references or children.
+    Shelf createShelf(bool noCascade, boost::uuids::uuid const &uuid);
+
+protected:
+    ::kivra::ModelElement doCreate(bool noCascade, boost::uuids::uuid const &uuid) override;
+
+private:
+    static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
 inline Shelf::Impl *Shelf::get() const noexcept {
