@@ -1,4 +1,5 @@
 #include <basalt/dtoa/Dtoa.hpp>
+#include <basalt/i18n/Unicode.hpp>
 
 #include <algorithm>
 #include <array>
@@ -133,23 +134,10 @@ double to_double(std::u16string_view text) {
     if (text == negInfWord)
         return -std::numeric_limits<double>::infinity();
 
-    // Only ASCII can be part of a number; narrowing anything else would let e.g. a
-    // U+0131 pass as '1' after truncation, so it is refused before narrowing. Texts of
-    // the length numbers have are narrowed on the stack: reading allocates nothing.
-    std::array<char, 64> buffer;
-    std::string heap;
-    char *out = buffer.data();
-    if (text.size() > buffer.size()) {
-        heap.resize(text.size());
-        out = heap.data();
-    }
-    bool ascii = true;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        ascii = ascii && text[i] <= 0x7F;
-        out[i] = text[i] > 0x7F ? '?' : static_cast<char>(text[i]);
-    }
-    std::string_view const narrow(out, text.size());
-    if (!ascii)
+    // Only ASCII can be part of a number; the text is refused before it is read.
+    i18n::AsciiNarrowing const narrowing(text);
+    std::string_view const narrow = narrowing.bytes();
+    if (!narrowing.ascii())
         invalid(narrow);
 
     NumberShape const shape = checkGrammar(narrow);

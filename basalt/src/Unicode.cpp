@@ -316,4 +316,17 @@ int compare(char16_t const *left, std::size_t leftLength, char16_t const *right,
 
 } // namespace detail
 
+AsciiNarrowing::AsciiNarrowing(std::u16string_view text) {
+    char *out = buffer_;
+    if (text.size() > sizeof buffer_) {
+        heap_.resize(text.size());
+        out = heap_.data();
+    }
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        ascii_ = ascii_ && text[i] <= 0x7F;
+        out[i] = text[i] > 0x7F ? '?' : static_cast<char>(text[i]);
+    }
+    bytes_ = std::string_view(out, text.size());
+}
+
 } // namespace basalt::i18n

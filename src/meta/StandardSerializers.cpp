@@ -39,22 +39,12 @@ ustring widen(char const *first, char const *last) { return ustring(first, last)
 [[noreturn]] void raiseBadCast(std::type_info const &target) { throw boost::bad_lexical_cast(typeid(ustring), target); }
 
 /// Calls `parse` with the text narrowed to bytes. Every text the parsers below accept is
-/// ASCII, so a text that is not fails before anything is converted; short texts, which
-/// are all that a number can be, are narrowed on the stack.
+/// ASCII, so a text that is not fails before anything is converted.
 template <class F> decltype(auto) withAscii(ustring const &text, std::type_info const &target, F &&parse) {
-    std::array<char, 64> buffer;
-    std::string heap;
-    char *out = buffer.data();
-    if (text.size() > buffer.size()) {
-        heap.resize(text.size());
-        out = heap.data();
-    }
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] > 0x7F)
-            raiseBadCast(target);
-        out[i] = static_cast<char>(text[i]);
-    }
-    return parse(std::string_view(out, text.size()));
+    basalt::i18n::AsciiNarrowing const narrowing(text);
+    if (!narrowing.ascii())
+        raiseBadCast(target);
+    return parse(narrowing.bytes());
 }
 
 // --- Numbers and texts -------------------------------------------------------------------------

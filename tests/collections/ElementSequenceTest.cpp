@@ -159,9 +159,11 @@ TEST_F(ElementSequenceTest, CoauthorsAndTheirBooksStayConsistent) {
     authors[1]->destroy();
     EXPECT_FALSE(coauthors.contains(authors[1]));
     book->destroy();
-    for (Author const &author : authors)
-        if (author)
+    for (Author const &author : authors) {
+        if (author) {
             EXPECT_TRUE(author->getCoauthored().empty());
+        }
+    }
 }
 
 TEST_F(ElementSequenceTest, EnsureAtExchangesWithTheEntryThere) {

@@ -64,6 +64,24 @@ protected:
     int do_max_length() const noexcept override { return 4; }
 };
 
+/// The bytes of a UTF-16 text that should be ASCII, such as a number: a code unit beyond
+/// U+007F reads as '?' and clears `ascii()`, so that no character passes as another after
+/// truncation. Texts as short as numbers are narrowed on the stack.
+class AsciiNarrowing {
+public:
+    explicit AsciiNarrowing(std::u16string_view text);
+    AsciiNarrowing(AsciiNarrowing const &) = delete;
+    AsciiNarrowing &operator=(AsciiNarrowing const &) = delete;
+    std::string_view bytes() const noexcept { return bytes_; }
+    bool ascii() const noexcept { return ascii_; }
+
+private:
+    char buffer_[64];
+    std::string heap_;
+    std::string_view bytes_;
+    bool ascii_ = true;
+};
+
 /// How `detail::compare` treats case.
 enum compare_options { case_sensitive = 0, case_insensitive = 1 };
 
