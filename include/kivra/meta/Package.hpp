@@ -7,6 +7,7 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 
@@ -60,6 +61,12 @@ public:
     /// The containing `Package`, when this element is held by its `nestedPackages`.
     Package getParentPackage() const;
 
+    /// The `importedPackages`, made on first use.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getImportedPackages() const;
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &getImportedPackagesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasImportedPackages() const noexcept { return importedPackages_ && !importedPackages_->empty(); }
+
     boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return defaultVantorCategory_; }
     bool hasDefaultVantorCategory() const noexcept { return defaultVantorCategory_.has_value(); }
     void setDefaultVantorCategory(boost::optional<std::string> const &value);
@@ -92,8 +99,12 @@ protected:
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &ensureImportedPackages() const;
 
     basalt::ustring uri_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -108,6 +119,7 @@ public:
 private:
     friend class Package::Impl;
     basalt::ustring uri_{};
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -124,6 +136,7 @@ private:
     friend class Package::Impl;
     template <class> friend class Package::Impl::BuilderBase;
     basalt::ustring uri_{};
+    std::vector<::kivra::meta::VersionInfo> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -136,6 +149,11 @@ public:
     /// Back to the element's default.
     B &unsetUri() { level().uri_ = basalt::ustring{}; this->clearSet(Package::Impl::uriIndex); return self(); }
     basalt::ustring const &getUri() const noexcept { return level().uri_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addImportedPackages(::kivra::meta::VersionInfo const &value) { level().importedPackages_.push_back(value); this->markSet(Package::Impl::importedPackagesIndex); return self(); }
+    B &addImportedPackages(std::initializer_list<::kivra::meta::VersionInfo> values) { level().importedPackages_.insert(level().importedPackages_.end(), values); this->markSet(Package::Impl::importedPackagesIndex); return self(); }
+    B &clearImportedPackages() { level().importedPackages_.clear(); this->clearSet(Package::Impl::importedPackagesIndex); return self(); }
+    std::vector<::kivra::meta::VersionInfo> const &getImportedPackages() const noexcept { return level().importedPackages_; }
     B &setDefaultVantorCategory(boost::optional<std::string> const &value) { level().defaultVantorCategory_ = value; value ? this->markSet(Package::Impl::defaultVantorCategoryIndex) : this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
     B &unsetDefaultVantorCategory() { level().defaultVantorCategory_ = boost::none; this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
     boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return level().defaultVantorCategory_; }

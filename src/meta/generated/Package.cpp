@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -84,11 +85,30 @@ Package Package::Impl::getParentPackage() const {
     return Package::fromImpl(dynamic_cast<Package::Impl *>(containerImpl()));
 }
 
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Package::Impl::ensureImportedPackages() const {
+    if (!importedPackages_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        importedPackages_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, importedPackagesProperty().get()));
+    }
+    return *importedPackages_;
+}
+
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &Package::Impl::getImportedPackages() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureImportedPackages();
+}
+
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Package::Impl::getImportedPackagesMutable() { return const_cast<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &>(getImportedPackages()); }
+
 void Package::Impl::setDefaultVantorCategory(boost::optional<std::string> const &value) { ::kivra::detail::setMember(*this, defaultVantorCategory_, value, defaultVantorCategoryIndex); }
 
 void Package::Impl::setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, cachedQualifiedName_, value, cachedQualifiedNameIndex); }
 
-Package::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), uri_(level.uri_), defaultVantorCategory_(level.defaultVantorCategory_), cachedQualifiedName_(level.cachedQualifiedName_) {}
+Package::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), uri_(level.uri_), defaultVantorCategory_(level.defaultVantorCategory_), cachedQualifiedName_(level.cachedQualifiedName_) {
+    if (level.root().isSet(importedPackagesIndex) && !level.importedPackages_.empty())
+        for (auto const &entry : level.importedPackages_)
+            ensureImportedPackages().add(entry);
+}
 
 std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -96,6 +116,10 @@ std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property con
     if (property == uriProperty()) {
         uri_ = value.get<basalt::ustring>();
         return uriIndex;
+    }
+    if (property == importedPackagesProperty()) {
+        ::kivra::detail::stageValues(importedPackages_, value);
+        return importedPackagesIndex;
     }
     if (property == defaultVantorCategoryProperty()) {
         defaultVantorCategory_ = value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none;
@@ -137,6 +161,8 @@ bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
         return true;
     if (property == parentPackageProperty())
         return getParentPackage().get() != nullptr;
+    if (property == importedPackagesProperty())
+        return hasImportedPackages();
     if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
         return defaultVantorCategory_.has_value();
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
@@ -151,6 +177,8 @@ bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
         return ::kivra::Value(uri_);
     if (property == parentPackageProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentPackage()));
+    if (property == importedPackagesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getImportedPackagesMutable() : ensureImportedPackages(), property);
     if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
         return defaultVantorCategory_ ? ::kivra::Value(*defaultVantorCategory_) : ::kivra::Value(property->getType(), boost::none);
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
@@ -163,6 +191,8 @@ void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
         return NamedElement::Impl::setPropertyValue(property, value, tag);
     if (property == uriProperty())
         return setUri(value.get<basalt::ustring>());
+    if (property == importedPackagesProperty())
+        return ::kivra::detail::assignValues(getImportedPackagesMutable(), value);
     if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
         return setDefaultVantorCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
@@ -209,6 +239,9 @@ void Package::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std
     case uriIndex:
         own->uri_ = uri_;
         return;
+    case importedPackagesIndex:
+        own->importedPackages_ = importedPackages_ ? importedPackages_->cloneFreeStanding() : nullptr;
+        return;
     case defaultVantorCategoryIndex:
         own->defaultVantorCategory_ = defaultVantorCategory_;
         return;
@@ -227,6 +260,8 @@ void Package::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *s
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(uriIndex))
         uri_ = own->uri_;
+    if (own->isChanged(importedPackagesIndex) && (importedPackages_ || own->importedPackages_))
+        ensureImportedPackages().restoreFrom(own->importedPackages_.get());
     if (own->isChanged(defaultVantorCategoryIndex))
         defaultVantorCategory_ = own->defaultVantorCategory_;
     if (own->isChanged(cachedQualifiedNameIndex))
@@ -250,6 +285,11 @@ bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
         return NamedElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::uriProperty() && isChanged(Impl::uriIndex))
         return ::kivra::Value(property->getType(), uri_);
+    if (property == Impl::importedPackagesProperty() && isChanged(Impl::importedPackagesIndex)) {
+        if (!importedPackages_)
+            importedPackages_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
+        return ::kivra::Value(*importedPackages_, property);
+    }
     if (property == Impl::defaultVantorCategoryProperty() && isChanged(Impl::defaultVantorCategoryIndex) && tag.isPrivileged())
         return ::kivra::Value(property->getType(), defaultVantorCategory_, false);
     if (property == Impl::cachedQualifiedNameProperty() && isChanged(Impl::cachedQualifiedNameIndex) && tag.isPrivileged())

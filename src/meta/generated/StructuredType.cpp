@@ -2,6 +2,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
@@ -63,7 +64,25 @@ void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::de
 
 void StructuredType::Impl::setVantorCompactDisplay(bool value) { ::kivra::detail::setMember(*this, vantorCompactDisplay_, value, vantorCompactDisplayIndex); }
 
-StructuredType::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Type::Impl(level.up(), uuid), vantorName_(level.vantorName_), vantorCompactDisplay_(level.vantorCompactDisplay_) {}
+::kivra::PrimitiveSequence<std::string> &StructuredType::Impl::ensureVantorDispCategories() const {
+    if (!vantorDispCategories_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        vantorDispCategories_.reset(new ::kivra::PrimitiveSequence<std::string>(_privateTag(), self, vantorDispCategoriesProperty().get(), false));
+    }
+    return *vantorDispCategories_;
+}
+
+::kivra::PrimitiveSequence<std::string> const &StructuredType::Impl::getVantorDispCategories() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureVantorDispCategories();
+}
+
+::kivra::PrimitiveSequence<std::string> &StructuredType::Impl::getVantorDispCategoriesMutable() { return const_cast<::kivra::PrimitiveSequence<std::string> &>(getVantorDispCategories()); }
+
+StructuredType::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Type::Impl(level.up(), uuid), vantorName_(level.vantorName_), vantorCompactDisplay_(level.vantorCompactDisplay_) {
+    if (level.root().isSet(vantorDispCategoriesIndex) && !level.vantorDispCategories_.empty())
+        ensureVantorDispCategories().assign(level.vantorDispCategories_);
+}
 
 std::uint64_t StructuredType::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -75,6 +94,10 @@ std::uint64_t StructuredType::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Prope
     if (property == vantorCompactDisplayProperty()) {
         vantorCompactDisplay_ = value.get<bool>();
         return vantorCompactDisplayIndex;
+    }
+    if (property == vantorDispCategoriesProperty()) {
+        ::kivra::detail::stageValues(vantorDispCategories_, value);
+        return vantorDispCategoriesIndex;
     }
     return notOwn;
 }
@@ -109,6 +132,8 @@ bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &prope
         return true;
     if (property == vantorCompactDisplayProperty())
         return true;
+    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+        return hasVantorDispCategories();
     return Type::Impl::hasPropertyValue(property, tag);
 }
 
@@ -119,6 +144,8 @@ bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &prope
         return ::kivra::Value(vantorName_);
     if (property == vantorCompactDisplayProperty())
         return ::kivra::Value(vantorCompactDisplay_);
+    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVantorDispCategoriesMutable() : ensureVantorDispCategories(), property);
     return Type::Impl::getPropertyValue(property, tag);
 }
 
@@ -129,6 +156,8 @@ void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &prope
         return setVantorName(value.get<std::string>());
     if (property == vantorCompactDisplayProperty() && tag.isPrivileged())
         return setVantorCompactDisplay(value.get<bool>());
+    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+        return ::kivra::detail::assignValues(getVantorDispCategoriesMutable(), value);
     Type::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -168,6 +197,9 @@ void StructuredType::Impl::copyValue(::kivra::ModelElement::Impl::Storage *stora
     case vantorCompactDisplayIndex:
         own->vantorCompactDisplay_ = vantorCompactDisplay_;
         return;
+    case vantorDispCategoriesIndex:
+        own->vantorDispCategories_ = vantorDispCategories_ ? vantorDispCategories_->cloneFreeStanding() : nullptr;
+        return;
     default:
         Type::Impl::copyValue(storage, index);
     }
@@ -179,6 +211,8 @@ void StructuredType::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Sto
         vantorName_ = own->vantorName_;
     if (own->isChanged(vantorCompactDisplayIndex))
         vantorCompactDisplay_ = own->vantorCompactDisplay_;
+    if (own->isChanged(vantorDispCategoriesIndex) && (vantorDispCategories_ || own->vantorDispCategories_))
+        ensureVantorDispCategories().restoreFrom(own->vantorDispCategories_.get());
     Type::Impl::copyStateFromStorage(storage);
 }
 
@@ -198,6 +232,11 @@ bool StructuredType::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl 
         return ::kivra::Value(property->getType(), vantorName_);
     if (property == Impl::vantorCompactDisplayProperty() && isChanged(Impl::vantorCompactDisplayIndex))
         return ::kivra::Value(property->getType(), vantorCompactDisplay_);
+    if (property == Impl::vantorDispCategoriesProperty() && isChanged(Impl::vantorDispCategoriesIndex) && tag.isPrivileged()) {
+        if (!vantorDispCategories_)
+            vantorDispCategories_.reset(new ::kivra::PrimitiveSequence<std::string>(false));
+        return ::kivra::Value(*vantorDispCategories_, property);
+    }
     return Type::Impl::Storage::getOldValue(property, tag);
 }
 

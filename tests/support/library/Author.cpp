@@ -46,6 +46,21 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Author::Impl::pseudonymsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c7cede21-0153-3aea-a023-39edddd1fa8b")));
+    return slot;
+}
+
+::kivra::meta::Property const &Author::Impl::ratingsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("78425e9d-e32e-3314-9927-ead24f482294")));
+    return slot;
+}
+
+::kivra::meta::Property const &Author::Impl::visitsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1559e4b1-5f8b-31ac-a934-51fed6f58ef7")));
+    return slot;
+}
+
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Author element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -152,7 +167,61 @@ void Author::Impl::setFavourite(Book const &value) {
 
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::getDraftsMutable() { return const_cast<::kivra::UnorderedElementMultimap<std::int32_t, Book> &>(getDrafts()); }
 
-Author::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
+::kivra::PrimitiveSet<std::string> &Author::Impl::ensurePseudonyms() const {
+    if (!pseudonyms_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        pseudonyms_.reset(new ::kivra::PrimitiveSet<std::string>(_privateTag(), self, pseudonymsProperty().get()));
+    }
+    return *pseudonyms_;
+}
+
+::kivra::PrimitiveSet<std::string> const &Author::Impl::getPseudonyms() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensurePseudonyms();
+}
+
+::kivra::PrimitiveSet<std::string> &Author::Impl::getPseudonymsMutable() { return const_cast<::kivra::PrimitiveSet<std::string> &>(getPseudonyms()); }
+
+::kivra::PrimitiveSequence<std::int32_t> &Author::Impl::ensureRatings() const {
+    if (!ratings_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        ratings_.reset(new ::kivra::PrimitiveSequence<std::int32_t>(_privateTag(), self, ratingsProperty().get(), false));
+    }
+    return *ratings_;
+}
+
+::kivra::PrimitiveSequence<std::int32_t> const &Author::Impl::getRatings() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureRatings();
+}
+
+::kivra::PrimitiveSequence<std::int32_t> &Author::Impl::getRatingsMutable() { return const_cast<::kivra::PrimitiveSequence<std::int32_t> &>(getRatings()); }
+
+::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &Author::Impl::ensureVisits() const {
+    if (!visits_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        visits_.reset(new ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>(_privateTag(), self, visitsProperty().get()));
+    }
+    return *visits_;
+}
+
+::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> const &Author::Impl::getVisits() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureVisits();
+}
+
+::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &Author::Impl::getVisitsMutable() { return const_cast<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &>(getVisits()); }
+
+Author::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {
+    if (level.root().isSet(pseudonymsIndex) && !level.pseudonyms_.empty())
+        for (auto const &entry : level.pseudonyms_)
+            ensurePseudonyms().insert(entry);
+    if (level.root().isSet(ratingsIndex) && !level.ratings_.empty())
+        ensureRatings().assign(level.ratings_);
+    if (level.root().isSet(visitsIndex) && !level.visits_.empty())
+        for (auto const &entry : level.visits_)
+            ensureVisits().insert(entry);
+}
 
 std::uint64_t Author::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -174,6 +243,18 @@ std::uint64_t Author::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property cons
         for (::kivra::Value const &entry : value.extractEntryValues())
             coauthored_.push_back(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(entry)));
         return coauthoredIndex;
+    }
+    if (property == pseudonymsProperty()) {
+        ::kivra::detail::stageValues(pseudonyms_, value);
+        return pseudonymsIndex;
+    }
+    if (property == ratingsProperty()) {
+        ::kivra::detail::stageValues(ratings_, value);
+        return ratingsIndex;
+    }
+    if (property == visitsProperty()) {
+        ::kivra::detail::stageValues(visits_, value);
+        return visitsIndex;
     }
     return notOwn;
 }
@@ -241,6 +322,12 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return hasCoauthored();
     if (property == draftsProperty())
         return hasDrafts();
+    if (property == pseudonymsProperty())
+        return hasPseudonyms();
+    if (property == ratingsProperty())
+        return hasRatings();
+    if (property == visitsProperty())
+        return hasVisits();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -257,6 +344,12 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthoredMutable() : ensureCoauthored(), property);
     if (property == draftsProperty())
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getDraftsMutable() : ensureDrafts(), property);
+    if (property == pseudonymsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getPseudonymsMutable() : ensurePseudonyms(), property);
+    if (property == ratingsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRatingsMutable() : ensureRatings(), property);
+    if (property == visitsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVisitsMutable() : ensureVisits(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -273,6 +366,12 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return ::kivra::detail::assignCollection(getCoauthoredMutable(), value);
     if (property == draftsProperty())
         return ::kivra::detail::assignCollection(getDraftsMutable(), value);
+    if (property == pseudonymsProperty())
+        return ::kivra::detail::assignValues(getPseudonymsMutable(), value);
+    if (property == ratingsProperty())
+        return ::kivra::detail::assignValues(getRatingsMutable(), value);
+    if (property == visitsProperty())
+        return ::kivra::detail::assignValues(getVisitsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -290,6 +389,12 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         return coauthoredProperty();
     case 5:
         return draftsProperty();
+    case 6:
+        return pseudonymsProperty();
+    case 7:
+        return ratingsProperty();
+    case 8:
+        return visitsProperty();
     default:
         return {};
     }
@@ -321,6 +426,15 @@ void Author::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std:
     case draftsIndex:
         own->drafts_ = ::kivra::detail::cloneCollection(drafts_.get());
         return;
+    case pseudonymsIndex:
+        own->pseudonyms_ = pseudonyms_ ? pseudonyms_->cloneFreeStanding() : nullptr;
+        return;
+    case ratingsIndex:
+        own->ratings_ = ratings_ ? ratings_->cloneFreeStanding() : nullptr;
+        return;
+    case visitsIndex:
+        own->visits_ = visits_ ? visits_->cloneFreeStanding() : nullptr;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -338,6 +452,12 @@ void Author::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *st
         ::kivra::detail::restoreCollection(ensureCoauthored(), own->coauthored_.get());
     if (own->isChanged(draftsIndex))
         ::kivra::detail::restoreCollection(ensureDrafts(), own->drafts_.get());
+    if (own->isChanged(pseudonymsIndex) && (pseudonyms_ || own->pseudonyms_))
+        ensurePseudonyms().restoreFrom(own->pseudonyms_.get());
+    if (own->isChanged(ratingsIndex) && (ratings_ || own->ratings_))
+        ensureRatings().restoreFrom(own->ratings_.get());
+    if (own->isChanged(visitsIndex) && (visits_ || own->visits_))
+        ensureVisits().restoreFrom(own->visits_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -361,6 +481,21 @@ bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
         return ::kivra::detail::oldCollectionValue(coauthored_, property);
     if (property == Impl::draftsProperty() && isChanged(Impl::draftsIndex))
         return ::kivra::detail::oldCollectionValue(drafts_, property);
+    if (property == Impl::pseudonymsProperty() && isChanged(Impl::pseudonymsIndex)) {
+        if (!pseudonyms_)
+            pseudonyms_.reset(new ::kivra::PrimitiveSet<std::string>());
+        return ::kivra::Value(*pseudonyms_, property);
+    }
+    if (property == Impl::ratingsProperty() && isChanged(Impl::ratingsIndex)) {
+        if (!ratings_)
+            ratings_.reset(new ::kivra::PrimitiveSequence<std::int32_t>(false));
+        return ::kivra::Value(*ratings_, property);
+    }
+    if (property == Impl::visitsProperty() && isChanged(Impl::visitsIndex)) {
+        if (!visits_)
+            visits_.reset(new ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>());
+        return ::kivra::Value(*visits_, property);
+    }
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

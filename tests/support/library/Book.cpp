@@ -92,6 +92,11 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Book::Impl::tagsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aab1856-d5e3-3d15-bc07-a59e8ed1c771")));
+    return slot;
+}
+
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Book element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -289,7 +294,25 @@ void Book::Impl::setCatalogued(Shelf const &value) {
     ::kivra::detail::setReference(*this, catalogued_, value, cataloguedProperty(), cataloguedIndex);
 }
 
-Book::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), title_(level.title_), subtitle_(level.subtitle_), pages_(level.pages_), isbn_(level.isbn_) {}
+::kivra::PrimitiveSequence<basalt::ustring> &Book::Impl::ensureTags() const {
+    if (!tags_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        tags_.reset(new ::kivra::PrimitiveSequence<basalt::ustring>(_privateTag(), self, tagsProperty().get(), true));
+    }
+    return *tags_;
+}
+
+::kivra::PrimitiveSequence<basalt::ustring> const &Book::Impl::getTags() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureTags();
+}
+
+::kivra::PrimitiveSequence<basalt::ustring> &Book::Impl::getTagsMutable() { return const_cast<::kivra::PrimitiveSequence<basalt::ustring> &>(getTags()); }
+
+Book::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), title_(level.title_), subtitle_(level.subtitle_), pages_(level.pages_), isbn_(level.isbn_) {
+    if (level.root().isSet(tagsIndex) && !level.tags_.empty())
+        ensureTags().assign(level.tags_);
+}
 
 std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -342,6 +365,10 @@ std::uint64_t Book::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const 
     if (property == cataloguedProperty()) {
         catalogued_ = Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value));
         return cataloguedIndex;
+    }
+    if (property == tagsProperty()) {
+        ::kivra::detail::stageValues(tags_, value);
+        return tagsIndex;
     }
     return notOwn;
 }
@@ -442,6 +469,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return hasCoauthors();
     if (property == cataloguedProperty())
         return catalogued_.get() != nullptr;
+    if (property == tagsProperty())
+        return hasTags();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -476,6 +505,8 @@ bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthorsMutable() : ensureCoauthors(), property);
     if (property == cataloguedProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getCatalogued()) : ::kivra::ModelElement(catalogued_));
+    if (property == tagsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getTagsMutable() : ensureTags(), property);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -510,6 +541,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return ::kivra::detail::assignCollection(getCoauthorsMutable(), value);
     if (property == cataloguedProperty())
         return setCatalogued(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
+    if (property == tagsProperty())
+        return ::kivra::detail::assignValues(getTagsMutable(), value);
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -545,6 +578,8 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return coauthorsProperty();
     case 14:
         return cataloguedProperty();
+    case 15:
+        return tagsProperty();
     default:
         return {};
     }
@@ -594,6 +629,9 @@ void Book::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::u
     case cataloguedIndex:
         own->catalogued_ = catalogued_;
         return;
+    case tagsIndex:
+        own->tags_ = tags_ ? tags_->cloneFreeStanding() : nullptr;
+        return;
     case shelfIndex:
         storage->setOldContainer(container(), containmentFeature());
         return;
@@ -632,6 +670,8 @@ void Book::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
         ::kivra::detail::restoreCollection(ensureCoauthors(), own->coauthors_.get());
     if (own->isChanged(cataloguedIndex))
         catalogued_ = own->catalogued_;
+    if (own->isChanged(tagsIndex) && (tags_ || own->tags_))
+        ensureTags().restoreFrom(own->tags_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -673,6 +713,11 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::detail::oldCollectionValue(coauthors_, property);
     if (property == Impl::cataloguedProperty() && isChanged(Impl::cataloguedIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(catalogued_));
+    if (property == Impl::tagsProperty() && isChanged(Impl::tagsIndex)) {
+        if (!tags_)
+            tags_.reset(new ::kivra::PrimitiveSequence<basalt::ustring>(true));
+        return ::kivra::Value(*tags_, property);
+    }
     if (property == Impl::shelfProperty() && isChanged(Impl::shelfIndex))
         return ::kivra::Value(property->getType(), getOldContainerBy(Shelf::Impl::featuredProperty()));
     if (property == Impl::appendixOfProperty() && isChanged(Impl::appendixOfIndex))

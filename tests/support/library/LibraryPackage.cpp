@@ -13,6 +13,8 @@
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/meta/DataType.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 namespace kivra::test::library {
 
@@ -53,6 +55,18 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::declareOwningClass(Shelf_code, Shelf_);
     Shelf_code->setType(registry().getPrimitiveType(u"StdString"));
     Shelf_code->setIsReadOnly(true);
+    Property const Shelf_codes = createProperty(u"codes", ::kivra::ValueFlags::HashSet, false, "b6fae8c1-ecb1-3570-a935-4158f18e65fd");
+    setPropertyIndex(Shelf_codes, 7);
+    ::kivra::meta::detail::declareOwningClass(Shelf_codes, Shelf_);
+    Shelf_codes->setType(registry().getPrimitiveType(u"Integer"));
+    Property const Shelf_sources = createProperty(u"sources", ::kivra::ValueFlags::Map, false, "8a71efc8-d61a-37f7-8586-7bb494ae7147");
+    setPropertyIndex(Shelf_sources, 8);
+    ::kivra::meta::detail::declareOwningClass(Shelf_sources, Shelf_);
+    Shelf_sources->setType(::kivra::meta::VersionInfo::dataType());
+    Property const Shelf_labels = createProperty(u"labels", ::kivra::ValueFlags::Single, false, "0da39475-7d4f-3cc3-ae18-d70b00fa46bd");
+    setPropertyIndex(Shelf_labels, 9);
+    ::kivra::meta::detail::declareOwningClass(Shelf_labels, Shelf_);
+    Shelf_labels->setType(registry().getPrimitiveType(u"StringToStringMap"));
     Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(Book_title, 1);
     ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
@@ -112,8 +126,12 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Book_catalogued, 14);
     ::kivra::meta::detail::declareOwningClass(Book_catalogued, Book_);
     Book_catalogued->setType(Shelf_);
+    Property const Book_tags = createProperty(u"tags", ::kivra::ValueFlags::Sequence, false, "0aab1856-d5e3-3d15-bc07-a59e8ed1c771");
+    setPropertyIndex(Book_tags, 15);
+    ::kivra::meta::detail::declareOwningClass(Book_tags, Book_);
+    Book_tags->setType(registry().getPrimitiveType(u"String"));
     Property const Novel_genre = createProperty(u"genre", ::kivra::ValueFlags::Optional, false, "0877f7b2-d9c6-3692-be86-20e99d4cf1d1");
-    setPropertyIndex(Novel_genre, 15);
+    setPropertyIndex(Novel_genre, 16);
     ::kivra::meta::detail::declareOwningClass(Novel_genre, Novel_);
     Novel_genre->setType(registry().getPrimitiveType(u"String"));
     Property const Author_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "8342a15b-8351-3da5-a018-db729521eeb6");
@@ -136,6 +154,19 @@ LibraryPackage::LibraryPackage() {
     setPropertyIndex(Author_drafts, 5);
     ::kivra::meta::detail::declareOwningClass(Author_drafts, Author_);
     Author_drafts->setType(Book_);
+    Property const Author_pseudonyms = createProperty(u"pseudonyms", ::kivra::ValueFlags::SortedSet, false, "c7cede21-0153-3aea-a023-39edddd1fa8b");
+    setPropertyIndex(Author_pseudonyms, 6);
+    ::kivra::meta::detail::declareOwningClass(Author_pseudonyms, Author_);
+    Author_pseudonyms->setType(registry().getPrimitiveType(u"StdString"));
+    Property const Author_ratings = createProperty(u"ratings", ::kivra::ValueFlags::Sequence, false, "78425e9d-e32e-3314-9927-ead24f482294");
+    setPropertyIndex(Author_ratings, 7);
+    ::kivra::meta::detail::declareOwningClass(Author_ratings, Author_);
+    Author_ratings->setType(registry().getPrimitiveType(u"Integer"));
+    Author_ratings->setIsUnique(false);
+    Property const Author_visits = createProperty(u"visits", ::kivra::ValueFlags::HashSet, false, "1559e4b1-5f8b-31ac-a934-51fed6f58ef7");
+    setPropertyIndex(Author_visits, 8);
+    ::kivra::meta::detail::declareOwningClass(Author_visits, Author_);
+    Author_visits->setType(registry().getPrimitiveType(u"UUID"));
     // Woven once every element exists.
     Shelf_featured->setOpposite(Book_shelf);
     Shelf_catalogue->setOpposite(Book_catalogued);
@@ -163,6 +194,9 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = Shelf_recommended;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")) = Shelf_catalogue;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")) = Shelf_code;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6fae8c1-ecb1-3570-a935-4158f18e65fd")) = Shelf_codes;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8a71efc8-d61a-37f7-8586-7bb494ae7147")) = Shelf_sources;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0da39475-7d4f-3cc3-ae18-d70b00fa46bd")) = Shelf_labels;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = Book_;
     registry().registerType(Book_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
     registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
@@ -180,6 +214,7 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5dc86408-23b8-367f-bb39-3e3d503d45b0")) = Book_chapterOf;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")) = Book_coauthors;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9c304601-842c-3f02-aea2-e9da83fd2b81")) = Book_catalogued;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aab1856-d5e3-3d15-bc07-a59e8ed1c771")) = Book_tags;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("3290f9e8-fcfc-3047-af61-a76537db74f5")) = Novel_;
     registry().registerType(Novel_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Novel::Builder>(model); });
     registry().registerProxyFactory(Novel_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Novel::createProxy(model, id)); });
@@ -192,6 +227,9 @@ LibraryPackage::LibraryPackage() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fb8af07a-d1d6-3ffa-b951-793b826f35e0")) = Author_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6731b929-bad2-37e3-b0e4-aa3dc912fe45")) = Author_coauthored;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("103c8bc3-7f73-38c8-b3f3-2fb3fb616697")) = Author_drafts;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c7cede21-0153-3aea-a023-39edddd1fa8b")) = Author_pseudonyms;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("78425e9d-e32e-3314-9927-ead24f482294")) = Author_ratings;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1559e4b1-5f8b-31ac-a934-51fed6f58ef7")) = Author_visits;
     finish();
 }
 

@@ -51,6 +51,21 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::codesProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6fae8c1-ecb1-3570-a935-4158f18e65fd")));
+    return slot;
+}
+
+::kivra::meta::Property const &Shelf::Impl::sourcesProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8a71efc8-d61a-37f7-8586-7bb494ae7147")));
+    return slot;
+}
+
+::kivra::meta::Property const &Shelf::Impl::labelsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0da39475-7d4f-3cc3-ae18-d70b00fa46bd")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -158,7 +173,59 @@ void Shelf::Impl::setFeatured(Book const &value) {
 
 void Shelf::Impl::setCode(std::string const &value) { ::kivra::detail::setMember(*this, code_, value, codeIndex); }
 
-Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_) {}
+::kivra::UnorderedPrimitiveSet<std::int32_t> &Shelf::Impl::ensureCodes() const {
+    if (!codes_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        codes_.reset(new ::kivra::UnorderedPrimitiveSet<std::int32_t>(_privateTag(), self, codesProperty().get()));
+    }
+    return *codes_;
+}
+
+::kivra::UnorderedPrimitiveSet<std::int32_t> const &Shelf::Impl::getCodes() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureCodes();
+}
+
+::kivra::UnorderedPrimitiveSet<std::int32_t> &Shelf::Impl::getCodesMutable() { return const_cast<::kivra::UnorderedPrimitiveSet<std::int32_t> &>(getCodes()); }
+
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Shelf::Impl::ensureSources() const {
+    if (!sources_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        sources_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, sourcesProperty().get()));
+    }
+    return *sources_;
+}
+
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &Shelf::Impl::getSources() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureSources();
+}
+
+::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Shelf::Impl::getSourcesMutable() { return const_cast<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &>(getSources()); }
+
+::kivra::StringToStringMap &Shelf::Impl::ensureLabels() const {
+    if (!labels_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        labels_.reset(new ::kivra::StringToStringMap(_privateTag(), self, labelsProperty().get()));
+    }
+    return *labels_;
+}
+
+::kivra::StringToStringMap const &Shelf::Impl::getLabels() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensureLabels();
+}
+
+::kivra::StringToStringMap &Shelf::Impl::getLabelsMutable() { return const_cast<::kivra::StringToStringMap &>(getLabels()); }
+
+Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_) {
+    if (level.root().isSet(codesIndex) && !level.codes_.empty())
+        for (auto const &entry : level.codes_)
+            ensureCodes().insert(entry);
+    if (level.root().isSet(sourcesIndex) && !level.sources_.empty())
+        for (auto const &entry : level.sources_)
+            ensureSources().add(entry);
+}
 
 std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
@@ -180,6 +247,14 @@ std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const
     if (property == codeProperty()) {
         code_ = value.get<std::string>();
         return codeIndex;
+    }
+    if (property == codesProperty()) {
+        ::kivra::detail::stageValues(codes_, value);
+        return codesIndex;
+    }
+    if (property == sourcesProperty()) {
+        ::kivra::detail::stageValues(sources_, value);
+        return sourcesIndex;
     }
     return notOwn;
 }
@@ -253,6 +328,12 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return hasCatalogue();
     if (property == codeProperty())
         return true;
+    if (property == codesProperty())
+        return hasCodes();
+    if (property == sourcesProperty())
+        return hasSources();
+    if (property == labelsProperty())
+        return hasLabels();
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -271,6 +352,12 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
     if (property == codeProperty())
         return ::kivra::Value(code_);
+    if (property == codesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCodesMutable() : ensureCodes(), property);
+    if (property == sourcesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getSourcesMutable() : ensureSources(), property);
+    if (property == labelsProperty())
+        return ensureLabels().toValue();
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -289,6 +376,12 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
     if (property == codeProperty())
         ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u"library.Shelf.code");
+    if (property == codesProperty())
+        return ::kivra::detail::assignValues(getCodesMutable(), value);
+    if (property == sourcesProperty())
+        return ::kivra::detail::assignValues(getSourcesMutable(), value);
+    if (property == labelsProperty())
+        return getLabelsMutable().assign(::kivra::StringToStringMap::fromValue(value));
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -308,6 +401,12 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return catalogueProperty();
     case 6:
         return codeProperty();
+    case 7:
+        return codesProperty();
+    case 8:
+        return sourcesProperty();
+    case 9:
+        return labelsProperty();
     default:
         return {};
     }
@@ -342,6 +441,15 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case codeIndex:
         own->code_ = code_;
         return;
+    case codesIndex:
+        own->codes_ = codes_ ? codes_->cloneFreeStanding() : nullptr;
+        return;
+    case sourcesIndex:
+        own->sources_ = sources_ ? sources_->cloneFreeStanding() : nullptr;
+        return;
+    case labelsIndex:
+        own->labels_ = labels_ ? labels_->cloneFreeStanding() : nullptr;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -361,6 +469,12 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         ::kivra::detail::restoreCollection(ensureCatalogue(), own->catalogue_.get());
     if (own->isChanged(codeIndex))
         code_ = own->code_;
+    if (own->isChanged(codesIndex) && (codes_ || own->codes_))
+        ensureCodes().restoreFrom(own->codes_.get());
+    if (own->isChanged(sourcesIndex) && (sources_ || own->sources_))
+        ensureSources().restoreFrom(own->sources_.get());
+    if (own->isChanged(labelsIndex) && (labels_ || own->labels_))
+        ensureLabels().restoreFrom(own->labels_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -388,6 +502,21 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::detail::oldCollectionValue(catalogue_, property);
     if (property == Impl::codeProperty() && isChanged(Impl::codeIndex))
         return ::kivra::Value(property->getType(), code_);
+    if (property == Impl::codesProperty() && isChanged(Impl::codesIndex)) {
+        if (!codes_)
+            codes_.reset(new ::kivra::UnorderedPrimitiveSet<std::int32_t>());
+        return ::kivra::Value(*codes_, property);
+    }
+    if (property == Impl::sourcesProperty() && isChanged(Impl::sourcesIndex)) {
+        if (!sources_)
+            sources_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
+        return ::kivra::Value(*sources_, property);
+    }
+    if (property == Impl::labelsProperty() && isChanged(Impl::labelsIndex)) {
+        if (!labels_)
+            labels_.reset(new ::kivra::StringToStringMap());
+        return labels_->toValue();
+    }
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
