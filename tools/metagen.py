@@ -431,6 +431,12 @@ def values_args(mm, prop, owned):
     return owner if owned else ""
 
 
+def holds_values(mm, cls):
+    """Whether the class has members that are collections of values: their classes are only
+    declared in its header, so that what includes it does not pay for their definitions."""
+    return any(mm.kind(p) in VALUE_KINDS for p in cls.props)
+
+
 def native(prop):
     return prop.type if prop.type in ENUMS else PRIMITIVES[prop.type][0]
 
@@ -949,10 +955,10 @@ def write_header(mm, cls, extra_dir):
         if k in ("map", "multimap"):
             includes.add("kivra/ElementMap.hpp")
             std_includes.add("memory")
-        if k == "values":
-            includes.add("kivra/PrimitiveCollection.hpp")
-        if k == "stringmap":
-            includes.add("kivra/StringToStringMap.hpp")
+        if k in VALUE_KINDS:
+            includes.add("kivra/Fwd.hpp")
+        if k == "values" and p.type in BUILTIN_DATATYPES:
+            includes.add("kivra/meta/VersionInfo.hpp")
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The `{cls.name}` class of `{mm.dotted}`: its handle's implementation.\n\n"]
     out += [f"#include <{i}>\n" for i in sorted(includes)]
     out.append("\n")
@@ -1003,7 +1009,7 @@ public:
             out.append(f"    {ctype} const &get{p.cap}() const;\n")
             out.append(f"    {ctype} &get{p.cap}Mutable();\n")
             out.append(f"    /// True when the collection was made and holds anything.\n")
-            out.append(f"    bool has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}\n")
+            out.append(f"    bool has{p.cap}() const noexcept;\n")
         elif k == "container-end":
             out.append(f"\n    /// The containing `{p.type}`, when this element is held by its `{p.opposite}`.\n")
             out.append(f"    {p.type} get{p.cap}() const;\n")
@@ -1039,7 +1045,7 @@ public:
     out.append(f"""
 protected:
     friend class {cls.name};{builder_friend}
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
+{f"    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);{chr(10)}    ~Impl() override;" if holds_values(mm, cls) else f"    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}"}
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -1076,12 +1082,15 @@ protected:
     out.append("};\n")
     if own_storage(mm, cls):
         revert = "    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;\n" if plain_members(mm, cls) else ""
+        # Out of line when members are collections of values, which the header only declares.
+        storage_ctor = (f"    using {mm.impl_base(cls)}::Storage::Storage;\n" if not holds_values(mm, cls) else
+                        "    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);\n"
+                        "    ~Storage() override;\n")
         out.append(f"""
 /// The old values of `{cls.name}`'s own members in a deep transaction.
 class {cls.name}::Impl::Storage : public {mm.impl_base(cls)}::Storage {{
 public:
-    using {mm.impl_base(cls)}::Storage::Storage;
-{revert}    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
+{storage_ctor}{revert}    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
 
 private:
     friend class {cls.name}::Impl;
@@ -1128,6 +1137,10 @@ def write_source(mm, cls):
             includes.add(mm.header(p.type))
         if k in COLLECTION_KINDS + VALUE_KINDS:
             includes.add("kivra/detail/Collections.hpp")
+        if k == "values":
+            includes.add("kivra/PrimitiveCollection.hpp")
+        if k == "stringmap":
+            includes.add("kivra/StringToStringMap.hpp")
         if k == "value":
             for q, far in mm.key_holders(p):
                 includes.add(mm.header(q.owner))
@@ -1168,6 +1181,17 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     element->makeProxy(proxyId);
     return element;
 }}
+""")
+    if holds_values(mm, cls):
+        out.append(f"""
+{cls.name}::Impl::Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {base}(model, uuid) {{}}
+
+{cls.name}::Impl::~Impl() = default;
+
+{cls.name}::Impl::Storage::Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count)
+    : {base}::Storage(uuid, model, metaClass, count) {{}}
+
+{cls.name}::Impl::Storage::~Storage() = default;
 """)
     # Destruction: owned children go with their owner.
     body = []
@@ -1259,6 +1283,8 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
         elif k in VALUE_KINDS:
             ctype = values_type(mm, p)
             out.append(f"""
+bool {cls.name}::Impl::has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}
+
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
     if (!{p.name}_) [[unlikely]] {{
         auto *self = const_cast<Impl *>(this);

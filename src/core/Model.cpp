@@ -20,6 +20,7 @@
 #include <kivra/services/ModelIdNormalizer.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 
 #include <basalt/i18n/Unicode.hpp>

@@ -4,6 +4,8 @@
 #include <library/Book.hpp>
 #include <library/Shelf.hpp>
 
+#include <kivra/PrimitiveCollection.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>

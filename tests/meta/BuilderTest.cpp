@@ -6,6 +6,7 @@
 #include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>

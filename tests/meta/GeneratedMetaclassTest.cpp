@@ -2,6 +2,7 @@
 #include <kivra/ModelConstellation.hpp>
 #include <library/LibraryPackage.hpp>
 
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/DataModelUsageProvider.hpp>
 #include <kivra/meta/MetaRegistry.hpp>

@@ -6,10 +6,11 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -65,7 +66,7 @@ public:
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getImportedPackages() const;
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &getImportedPackagesMutable();
     /// True when the collection was made and holds anything.
-    bool hasImportedPackages() const noexcept { return importedPackages_ && !importedPackages_->empty(); }
+    bool hasImportedPackages() const noexcept;
 
     boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return defaultVantorCategory_; }
     bool hasDefaultVantorCategory() const noexcept { return defaultVantorCategory_.has_value(); }
@@ -95,7 +96,8 @@ public:
 protected:
     friend class Package;
     friend class Package::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -112,7 +114,8 @@ protected:
 /// The old values of `Package`'s own members in a deep transaction.
 class Package::Impl::Storage : public NamedElement::Impl::Storage {
 public:
-    using NamedElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 

@@ -5,8 +5,8 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
@@ -55,7 +55,7 @@ public:
     ::kivra::PrimitiveSequence<std::string> const &getVantorDispCategories() const;
     ::kivra::PrimitiveSequence<std::string> &getVantorDispCategoriesMutable();
     /// True when the collection was made and holds anything.
-    bool hasVantorDispCategories() const noexcept { return vantorDispCategories_ && !vantorDispCategories_->empty(); }
+    bool hasVantorDispCategories() const noexcept;
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -71,7 +71,8 @@ public:
 protected:
     friend class StructuredType;
     friend class StructuredType::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -87,7 +88,8 @@ protected:
 /// The old values of `StructuredType`'s own members in a deep transaction.
 class StructuredType::Impl::Storage : public Type::Impl::Storage {
 public:
-    using Type::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 

@@ -8,8 +8,8 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
@@ -87,19 +87,19 @@ public:
     ::kivra::PrimitiveSet<std::string> const &getPseudonyms() const;
     ::kivra::PrimitiveSet<std::string> &getPseudonymsMutable();
     /// True when the collection was made and holds anything.
-    bool hasPseudonyms() const noexcept { return pseudonyms_ && !pseudonyms_->empty(); }
+    bool hasPseudonyms() const noexcept;
 
     /// The `ratings`, made on first use.
     ::kivra::PrimitiveSequence<std::int32_t> const &getRatings() const;
     ::kivra::PrimitiveSequence<std::int32_t> &getRatingsMutable();
     /// True when the collection was made and holds anything.
-    bool hasRatings() const noexcept { return ratings_ && !ratings_->empty(); }
+    bool hasRatings() const noexcept;
 
     /// The `visits`, made on first use.
     ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> const &getVisits() const;
     ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &getVisitsMutable();
     /// True when the collection was made and holds anything.
-    bool hasVisits() const noexcept { return visits_ && !visits_->empty(); }
+    bool hasVisits() const noexcept;
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -119,7 +119,8 @@ public:
 protected:
     friend class Author;
     friend class Author::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -158,7 +159,8 @@ protected:
 /// The old values of `Author`'s own members in a deep transaction.
 class Author::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 

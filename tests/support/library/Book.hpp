@@ -7,8 +7,8 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
@@ -142,7 +142,7 @@ public:
     ::kivra::PrimitiveSequence<basalt::ustring> const &getTags() const;
     ::kivra::PrimitiveSequence<basalt::ustring> &getTagsMutable();
     /// True when the collection was made and holds anything.
-    bool hasTags() const noexcept { return tags_ && !tags_->empty(); }
+    bool hasTags() const noexcept;
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -162,7 +162,8 @@ public:
 protected:
     friend class Book;
     friend class Book::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -196,7 +197,8 @@ protected:
 /// The old values of `Book`'s own members in a deep transaction.
 class Book::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 

@@ -8,11 +8,11 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
-#include <kivra/PrimitiveCollection.hpp>
-#include <kivra/StringToStringMap.hpp>
 #include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 #include <library/Handles.hpp>
 
 #include <cstddef>
@@ -94,19 +94,19 @@ public:
     ::kivra::UnorderedPrimitiveSet<std::int32_t> const &getCodes() const;
     ::kivra::UnorderedPrimitiveSet<std::int32_t> &getCodesMutable();
     /// True when the collection was made and holds anything.
-    bool hasCodes() const noexcept { return codes_ && !codes_->empty(); }
+    bool hasCodes() const noexcept;
 
     /// The `sources`, made on first use.
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getSources() const;
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &getSourcesMutable();
     /// True when the collection was made and holds anything.
-    bool hasSources() const noexcept { return sources_ && !sources_->empty(); }
+    bool hasSources() const noexcept;
 
     /// The `labels`, made on first use.
     ::kivra::StringToStringMap const &getLabels() const;
     ::kivra::StringToStringMap &getLabelsMutable();
     /// True when the collection was made and holds anything.
-    bool hasLabels() const noexcept { return labels_ && !labels_->empty(); }
+    bool hasLabels() const noexcept;
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -126,7 +126,8 @@ public:
 protected:
     friend class Shelf;
     friend class Shelf::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -166,7 +167,8 @@ protected:
 /// The old values of `Shelf`'s own members in a deep transaction.
 class Shelf::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
