@@ -1,7 +1,9 @@
+#include "QueryFixtures.hpp"
 #include "query/NativeKivraQuery.hpp"
 
 #include <kivra/Messages.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 #include <kivra/query/Constrainables.hpp>
@@ -300,6 +302,24 @@ TEST_F(TypedQuery, SortsAndTheRootInstance) {
     // The one sort left in each is the last asked for.
     typed.sortIntrinsic(shelves, SortDirection::Descending);
     reflective.sortIntrinsic(1, SortDirection::Descending);
+    expectSameQuery(typed.recorded(), reflective);
+}
+
+TEST_F(TypedQuery, EnumConstantsAreTheNumbersThatReadersGive) {
+    // As generated readers give them: the literal's number, sign-extended to 64 bits.
+    enum class Season : std::int32_t { Winter = -1, Summer = 2 };
+    meta::Enum const season = meta::Enum::create(model);
+    meta::Property const blooms = test::makeProperty(model, season, /*lower=*/1);
+    Typed typed(model);
+    Book::Constrainables books({typed, Mode::ClassOrSubclass});
+    ConstrainableWithAttachment<Season, InstanceAttachment, 0> const when(blooms, InstanceAttachment(books));
+    typed.add(when == Season::Winter);
+    typed.add(when != Season::Summer);
+
+    NativeKivraQuery reflective;
+    reflective.addSearchClass(Book::metaClass(), Mode::ClassOrSubclass);
+    reflective.addPropertyRelationValue(blooms, R::equal, Value(season, std::uint64_t(std::int64_t(-1))), 0);
+    reflective.addPropertyRelationValue(blooms, R::notEqual, Value(season, std::uint64_t(2)), 0);
     expectSameQuery(typed.recorded(), reflective);
 }
 
