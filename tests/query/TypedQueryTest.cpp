@@ -237,6 +237,12 @@ static_assert(!Comparable<Title, decltype(Book::Constrainables::isbn)>, "String 
 static_assert(!Comparable<Title, boost::none_t> && Comparable<decltype(Book::Constrainables::subtitle), boost::none_t>);
 static_assert(!Comparable<Writer, Book> && !Comparable<Writer, Book::Constrainables &>);
 static_assert(!std::is_copy_constructible_v<Book::Constrainables>, "its constrainables point at it");
+// A constraint named through a class binds to instances of that class or a subclass, once.
+template <class K, class C> concept Binds = requires(K const &k, C &c) { k.on(c); };
+using OnBooks = decltype(Book::pages() > 1);
+static_assert(Binds<OnBooks, Book::Constrainables> && Binds<OnBooks, Novel::Constrainables>);
+static_assert(!Binds<OnBooks, Author::Constrainables> && !Binds<decltype(Novel::genre() == u""), Book::Constrainables>);
+static_assert(!Binds<ValueRelationConstraint<InstanceAttachment>, Book::Constrainables>);
 static_assert(std::is_same_v<decltype(std::declval<Book::Constrainables &>() == std::declval<Novel>()),
                              SpecificValueConstraint<InstanceAttachment, Book>>);
 

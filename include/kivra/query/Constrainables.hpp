@@ -260,9 +260,13 @@ class ConstrainableWithAttachment : public AbstractConstrainable<V, Attachment, 
 public:
     using Base::Base;
 
+    /// The property related to `constant` by `relation`, for relations that have no
+    /// operator. Raises `RelationAndTypeNotSupported` when handed to a query, for a relation
+    /// that the property's type does not support.
     ValueRelationConstraint<Attachment> relate(ValueMatchRelation relation, V const &constant) const {
         return {this->getProperty(), relation, detail::operandOf(this->getProperty(), constant), this->getAttachment()};
     }
+    /// The property related to another of the same type by `relation`.
     template <class B, int o>
     PropertyRelationConstraint<Attachment, B> relate(ValueMatchRelation relation,
                                                      ConstrainableWithAttachment<V, B, o> const &other) const {
