@@ -1474,8 +1474,8 @@ public:
     /// Adds `{cls.name}` as a search instance of the query.
     explicit Constrainables(std::pair<{QUERY}::AbstractQuery &, {mode} const> const &on);
 
-    using {base}::Constrainables::operator==;
-    /// The instance stands for `element` only.
+    /// The instance stands for `element` only; hides the superclass's form, so that an
+    /// element of a superclass does not compile.
     {QUERY}::SpecificValueConstraint<{QUERY}::InstanceAttachment, {cls.name}> operator==({cls.name} const &element) {{
         return {{element, {QUERY}::InstanceAttachment(*this)}};
     }}

@@ -243,8 +243,10 @@ using OnBooks = decltype(Book::pages() > 1);
 static_assert(Binds<OnBooks, Book::Constrainables> && Binds<OnBooks, Novel::Constrainables>);
 static_assert(!Binds<OnBooks, Author::Constrainables> && !Binds<decltype(Novel::genre() == u""), Book::Constrainables>);
 static_assert(!Binds<ValueRelationConstraint<InstanceAttachment>, Book::Constrainables>);
+template <class C, class V> concept Fixes = requires(C &c, V const &v) { c == v; };
 static_assert(std::is_same_v<decltype(std::declval<Book::Constrainables &>() == std::declval<Novel>()),
                              SpecificValueConstraint<InstanceAttachment, Book>>);
+static_assert(!Fixes<Novel::Constrainables, Book> && !Fixes<Book::Constrainables, ModelElement>);
 
 TEST_F(TypedQuery, RaisesWhatTheUnderlyingQueryRaises) {
     Typed typed(model);

@@ -20,8 +20,8 @@ public:
     /// Adds `Author` as a search instance of the query.
     explicit Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on);
 
-    using ::kivra::ModelElement::Constrainables::operator==;
-    /// The instance stands for `element` only.
+    /// The instance stands for `element` only; hides the superclass's form, so that an
+    /// element of a superclass does not compile.
     ::kivra::query::SpecificValueConstraint<::kivra::query::InstanceAttachment, Author> operator==(Author const &element) {
         return {element, ::kivra::query::InstanceAttachment(*this)};
     }
