@@ -810,12 +810,13 @@ def public_note(ident):
 
 def write_handles(mm):
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The handles of the classes of `{mm.dotted}`: one pointer each, converting up the class chain.\n\n",
-           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n" + ("#include <kivra/meta/Handles.hpp>\n" if ENUMS and not is_meta(mm) else "") + "\n#include <boost/uuid/uuid.hpp>\n\n#include <cstdint>\n\n",
+           "#include <kivra/Handles.hpp>\n#include <kivra/meta/Fwd.hpp>\n" + ("#include <kivra/meta/Handles.hpp>\n" if ENUMS and not is_meta(mm) else "") + handle_query_includes(mm) + "\n#include <boost/uuid/uuid.hpp>\n\n#include <cstdint>\n\n",
            f"namespace {mm.ns} {{\n"]
     if mm.ns != "kivra::meta":
         out.append("\nusing ::kivra::meta::Class;\n")
     elif ENUMS:
         out.append("\nclass Enum;\n")
+    out.append(handle_forward_declarations(mm))
     for enum in ENUMS.values():
         literals = "".join(f"    {name} = {value},{public_note(ident)}\n" for name, value, ident in enum.literals)
         idents = "".join(f"    case {enum.name}::{name}:\n        return u\"{ident}\";\n" for name, _, ident in enum.literals if ident)
@@ -859,6 +860,7 @@ public:
     /// A proxy of a `{cls.name}` named by `proxyId`, outside the model's tables.
     static {cls.name} createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 """)
+        out.append(handle_query_members(mm, cls))
         out.append(f"""
 protected:
     {cls.name}(Impl *impl, bool addReference) noexcept;
@@ -1459,6 +1461,142 @@ def is_meta(mm):
     return mm.ns == "kivra::meta"
 
 
+# --- the typed query front ----------------------------------------------------------------
+
+# Members of every handle: a property of one of these names gets no static accessor.
+HANDLE_MEMBERS = {"get", "reset", "swap", "release", "metaClass", "fromImpl", "create", "createProxy", "Builder",
+                  "BuilderWrapper", "Impl", "Constrainables", "Uuid", "CollectionPrivateTag"}
+QUERY = "::kivra::query"
+
+
+def queried(mm):
+    """Whether the classes get constrainables. kivra's own classes do not yet: many of their
+    properties are keyed or derived, and they are being regenerated."""
+    return mm.ns != "kivra::meta"
+
+
+def constrainable(mm, p, attachment):
+    """The type of the constrainable of `p` with `attachment`; None for a property that is
+    not generated (and so cannot be read by a query either)."""
+    k = mm.kind(p)
+    if k in ("value", "optional"):
+        optional = 1 if k == "optional" else 0
+        return f"{QUERY}::ConstrainableWithAttachment<{native(p)}, {attachment}, {optional}>"
+    if k in ("reference", "composite", "container-end"):
+        return f"{QUERY}::ConstrainableRelationWithAttachment<{p.type}, {attachment}>"
+    if k in COLLECTION_KINDS:
+        return f"{QUERY}::ConstrainableCollectionWithAttachment<{p.type}, {attachment}>"
+    return None
+
+
+def accessors(mm, cls):
+    return [p for p in cls.props
+            if p.name not in HANDLE_MEMBERS and p.name not in mm.classes and constrainable(mm, p, "") is not None]
+
+
+def handle_query_includes(mm):
+    if not queried(mm):
+        return ""
+    natives = {native(p) for c in mm.order() for p in accessors(mm, c) if mm.kind(p) in ("value", "optional")}
+    out = "#include <kivra/query/Fwd.hpp>\n"
+    if "basalt::ustring" in natives:
+        out += "\n#include <basalt/ustring.hpp>\n"
+    if "boost::posix_time::ptime" in natives:
+        out += "\nnamespace boost::posix_time {\nclass ptime;\n} // namespace boost::posix_time\n"
+    if "std::string" in natives:
+        out += "\n#include <string>\n"
+    return out
+
+
+def handle_forward_declarations(mm):
+    """The handles name each other in the types of their property accessors."""
+    if not queried(mm):
+        return ""
+    return "\n" + "".join(f"class {cls.name};\n" for cls in mm.order())
+
+
+def handle_query_members(mm, cls):
+    if not queried(mm):
+        return ""
+    attachment = f"{QUERY}::MetaclassAttachment<{cls.name}>"
+    out = [f"""
+    /// One search instance of `{cls.name}` elements in a typed query; in `{mm.header(cls.name + "Constrainables")}`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static {QUERY}::IdentityConstrainable<{attachment}> Uuid();
+"""]
+    for p in accessors(mm, cls):
+        out.append(f"    /// `{p.name}` in a query, before its instance is chosen.\n")
+        out.append(f"    static {constrainable(mm, p, attachment)} {p.name}();\n")
+    return "".join(out)
+
+
+def write_constrainables_header(mm, cls):
+    base = "::kivra::ModelElement" if cls.superclass not in mm.classes else cls.superclass
+    includes = [f"{mm.prefix}/Handles.hpp", "kivra/query/Constrainables.hpp"]
+    if cls.superclass in mm.classes:
+        includes.append(mm.header(cls.superclass + "Constrainables"))
+    members = "".join(f"    {constrainable(mm, p, QUERY + '::InstanceAttachment')} {p.name};\n"
+                      for p in cls.props if constrainable(mm, p, "") is not None)
+    mode = f"{QUERY}::SearchClassMatchMode"
+    return f"""{mm.banner}#pragma once
+/// \\file
+/// The query view of `{cls.name}`: one search instance of a typed query.
+
+{"".join(f"#include <{i}>{chr(10)}" for i in sorted(includes))}
+#include <utility>
+
+namespace {mm.ns} {{
+
+/// The `{cls.name}` elements of one search instance of a typed query, with one
+/// constrainable per property; its operators give the constraints that `AbstractQuery::add`
+/// takes. It cannot be copied: its constrainables point at it.
+class {cls.name}::Constrainables : public {base}::Constrainables {{
+public:
+    /// Adds `cls`, `{cls.name}` or a subclass, as a search instance of `query`.
+    Constrainables({QUERY}::AbstractQuery &query, ::kivra::meta::Class const &cls, {mode} mode);
+    /// Adds `{cls.name}` as a search instance of the query.
+    explicit Constrainables(std::pair<{QUERY}::AbstractQuery &, {mode} const> const &on);
+
+    /// The instance stands for `element` only; hides the superclass's form, so that an
+    /// element of a superclass does not compile.
+    {QUERY}::SpecificValueConstraint<{QUERY}::InstanceAttachment, {cls.name}> operator==({cls.name} const &element) {{
+        return {{element, {QUERY}::InstanceAttachment(*this)}};
+    }}
+
+{members}}};
+
+}} // namespace {mm.ns}
+"""
+
+
+def write_constrainables_source(mm, cls):
+    base = "::kivra::ModelElement" if cls.superclass not in mm.classes else cls.superclass
+    attachment = f"{QUERY}::MetaclassAttachment<{cls.name}>"
+    mode = f"{QUERY}::SearchClassMatchMode"
+    inits = "".join(f",\n      {p.name}(Impl::{p.name}Property(), {QUERY}::InstanceAttachment(*this))"
+                    for p in cls.props if constrainable(mm, p, "") is not None)
+    statics = "".join(f"\n{constrainable(mm, p, attachment)} {cls.name}::{p.name}() {{ return {{Impl::{p.name}Property(), {{}}}}; }}\n"
+                      for p in accessors(mm, cls))
+    return f"""{mm.banner}#include <{mm.header(cls.name + "Constrainables")}>
+
+#include <{mm.header(cls.name)}>
+
+namespace {mm.ns} {{
+
+{cls.name}::Constrainables::Constrainables({QUERY}::AbstractQuery &query, ::kivra::meta::Class const &cls, {mode} mode)
+    : {base}::Constrainables(query, cls, mode){inits} {{}}
+
+{cls.name}::Constrainables::Constrainables(std::pair<{QUERY}::AbstractQuery &, {mode} const> const &on)
+    : Constrainables(on.first, {cls.name}::metaClass(), on.second) {{}}
+
+{QUERY}::IdentityConstrainable<{attachment}> {cls.name}::Uuid() {{ return {{}}; }}
+{statics}
+}} // namespace {mm.ns}
+"""
+
+
 def package_class(mm):
     if is_meta(mm):
         return "MetaPackageMeta"
@@ -1757,6 +1895,10 @@ def outputs(mm, headers, sources):
     for cls in mm.order():
         files[headers / f"{cls.name}.hpp"] = write_header(mm, cls, headers / "detail")
         files[sources / f"{cls.name}.cpp"] = write_source(mm, cls)
+    if queried(mm):
+        for cls in mm.order():
+            files[headers / f"{cls.name}Constrainables.hpp"] = write_constrainables_header(mm, cls)
+            files[sources / f"{cls.name}Constrainables.cpp"] = write_constrainables_source(mm, cls)
     if mm.described():
         files[headers / f"{package_class(mm)}.hpp"] = write_package_header(mm)
         files[sources / f"{package_class(mm)}.cpp"] = write_package_source(mm)

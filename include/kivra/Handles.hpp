@@ -110,6 +110,8 @@ public:
     class Impl;
     class Builder;
     class BuilderWrapper;
+    /// One search instance of a typed query; defined in `kivra/query/Constrainables.hpp`.
+    class Constrainables;
     /// The key that lets an element build the collections of its properties.
     class CollectionPrivateTag {
         friend class Impl;
