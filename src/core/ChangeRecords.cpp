@@ -1,3 +1,4 @@
+#include "core/PageMemory.hpp"
 #include "core/RecordLog.hpp"
 
 #include <kivra/ChangeRecords.hpp>
@@ -29,6 +30,24 @@ thread_local void const *lastArenaRecord __attribute__((tls_model("initial-exec"
 } // namespace
 
 namespace detail {
+
+RecordArena::~RecordArena() {
+    for (Block const &block : blocks_)
+        if (block.size >= hugePageSize)
+            unmapHugePages(block.memory, block.size);
+        else
+            ::operator delete(block.memory, block.size);
+}
+
+void RecordArena::grow(std::size_t size) {
+    std::size_t const unit = blocks_.size() < heapBlocks ? heapBlock : hugePageSize;
+    std::size_t const blockSize = (size + unit - 1) / unit * unit;
+    blocks_.reserve(blocks_.size() + 1);
+    void *const memory = blockSize >= hugePageSize ? mapHugePages(blockSize) : ::operator new(blockSize);
+    blocks_.push_back({memory, blockSize});
+    next_ = static_cast<std::byte *>(memory);
+    left_ = blockSize;
+}
 
 ArenaScope::ArenaScope(RecordArena &arena) noexcept
     : previous_(std::exchange(activeArena, &arena)), previousRecord_(lastArenaRecord) {}

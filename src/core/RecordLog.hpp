@@ -14,20 +14,20 @@
 namespace kivra::detail {
 
 /// Bump allocation in blocks: records are made one after the other and freed together.
+/// A log that has grown past a few heap blocks takes whole runs of huge pages: on a
+/// virtual machine the first touch of each fresh page is the larger part of what a small
+/// record costs.
 class RecordArena {
 public:
     RecordArena() = default;
     RecordArena(RecordArena const &) = delete;
     RecordArena &operator=(RecordArena const &) = delete;
+    ~RecordArena();
 
     void *allocate(std::size_t size) {
         size = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
-        if (size > left_) {
-            std::size_t const blockSize = size > defaultBlock ? size : defaultBlock;
-            blocks_.push_back(std::make_unique<std::max_align_t[]>(blockSize / sizeof(std::max_align_t) + 1));
-            next_ = reinterpret_cast<std::byte *>(blocks_.back().get());
-            left_ = blockSize;
-        }
+        if (size > left_) [[unlikely]]
+            grow(size);
         void *result = next_;
         next_ += size;
         left_ -= size;
@@ -38,13 +38,21 @@ public:
     bool ownsRecent(void const *pointer) const noexcept {
         if (blocks_.empty())
             return false;
-        auto const *start = reinterpret_cast<std::byte const *>(blocks_.back().get());
+        auto const *start = static_cast<std::byte const *>(blocks_.back().memory);
         return pointer >= start && pointer < next_;
     }
 
 private:
-    static constexpr std::size_t defaultBlock = 64 * 1024;
-    std::vector<std::unique_ptr<std::max_align_t[]>> blocks_;
+    struct Block {
+        void *memory;
+        std::size_t size;
+    };
+    static constexpr std::size_t heapBlock = 64 * 1024;
+    /// Heap blocks a log takes before it takes runs of huge pages.
+    static constexpr std::size_t heapBlocks = 8;
+    void grow(std::size_t size);
+
+    std::vector<Block> blocks_;
     std::byte *next_ = nullptr;
     std::size_t left_ = 0;
 };
