@@ -290,8 +290,12 @@ bool TransactionImpl::hasObservers() const noexcept {
 template <class Call>
 void TransactionImpl::notifyObservers(Call const &call, char const *interruptText, char const *failureText) {
     boost::optional<Model::Freezer> freezer;
-    if (has(FreezeOnNotify))
+    if (has(FreezeOnNotify)) {
+        // Making a record from a number's kept bytes puts them back into the element for a
+        // moment: done before other threads may read the frozen model.
+        log_->materialize();
         freezer.emplace(model_);
+    }
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
         ListenerHolderBase *holder = listeners_[i];
         if (!holder || !holder->isObserver())
