@@ -282,8 +282,14 @@ void Model::Impl::removeRef() {
 Model Model::Impl::getModel() const { return Model(const_cast<Impl *>(this), true); }
 
 meta::Class const &Model::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784"));
+    meta::detail::ensureDescribed();
+    static meta::Class const &slot = (meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784")));
     return slot;
+}
+
+void Model::initializeType(meta::MetaRegistry &registry) {
+    meta::detail::initializeCoreClass(registry, meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784")), "a559b870-6892-3eec-8508-6ce5485e9784",
+                                      u"Model", "kivra.Model");
 }
 
 meta::Class const &Model::Impl::getMetaClass() const { return Model::metaClass(); }

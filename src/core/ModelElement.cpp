@@ -33,8 +33,14 @@ meta::Property::Impl *asProperty(ModelElement::Impl *feature) { return static_ca
 } // namespace
 
 meta::Class const &ModelElement::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269"));
+    meta::detail::ensureDescribed();
+    static meta::Class const &slot = (meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269")));
     return slot;
+}
+
+void ModelElement::initializeType(meta::MetaRegistry &registry) {
+    meta::detail::initializeCoreClass(registry, meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269")), "42663bf5-8b3d-3c82-938a-ed709e37a269",
+                                      u"ModelElement", "kivra.ModelElement");
 }
 
 // The hold on the model is taken with the memory and given up with it: the pool lives in

@@ -31,6 +31,7 @@ public:
 
 private:
     LedgerPackage() {
+        begin();
         createPackage(u"ledgers", u"http://schema.kivra.org/kivra/ledgers/1");
         ledger = createClass(u"Ledger", "ledgers.Ledger", false, "5f0c1a52-8d7e-3b41-9c2a-7e6d5b4a3c21");
         // The data type of imported packages, until the metamodel's own description makes it.
