@@ -456,14 +456,15 @@ void Model::Impl::elementDestroying(ModelElement::Impl *element) {
         usageProvider_->allElementsDestroyed();
 }
 
-void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
+void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar,
+                                   std::size_t size) {
     // The common case in one test: a change inside a transaction that keeps nothing.
     if (TransactionImpl const *const transaction = currentTransaction_;
         transaction && freezeCount_ == 0 && !transaction->isInterested())
         return;
     validateTransaction();
     if (reportsChanges())
-        currentTransaction_->elementModifying(element, propertyIndex);
+        currentTransaction_->elementModifying(element, propertyIndex, scalar, size);
 }
 
 void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {

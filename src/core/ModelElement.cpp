@@ -165,10 +165,10 @@ void ModelElement::Impl::notifyCreated() {
     didCreate();
 }
 
-void ModelElement::Impl::notifyModifying(std::uint64_t index) {
+void ModelElement::Impl::notifyModifying(std::uint64_t index, void const *scalar, std::size_t size) {
     if (index == 0 || index == noPropertyIndex || validity_ == UnderConstruction || validity_ == Proxy)
         return;
-    model_->elementModifying(this, index);
+    model_->elementModifying(this, index, scalar, size);
 }
 
 void ModelElement::Impl::raiseNotModifiable() const {
@@ -178,12 +178,13 @@ void ModelElement::Impl::raiseNotModifiable() const {
     raise<messages::InvalidValue>();
 }
 
-ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index)
+ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index, void const *scalar,
+                                               std::size_t size)
     : level_(TransactionImpl::openLevel(element.model_)) {
     if (!level_)
         own_ = element.model_->beginTransaction(false);
     try {
-        element.notifyModifying(index);
+        element.notifyModifying(index, scalar, size);
     } catch (...) {
         if (level_)
             dropLevel();
