@@ -148,12 +148,15 @@ TEST_F(ChangeRecordsTest, AScalarKeepsItsFirstOldValueWhateverFollows) {
         ASSERT_TRUE(report);
         EXPECT_TRUE(report->isChanged(book, pages));
         EXPECT_EQ(report->getOldValue(book, pages).get<std::int32_t>(), 7);
-        if (std::string_view(each.name) == "another element")
+        if (std::string_view(each.name) == "another element") {
             EXPECT_EQ(report->getOldValue(other, pages).get<std::int32_t>(), 3);
-        if (std::string_view(each.name) == "another property")
+        }
+        if (std::string_view(each.name) == "another property") {
             EXPECT_EQ(report->getOldValue(book, Book::Impl::titleProperty()).get<basalt::ustring>(), u"Dune");
-        if (book)
+        }
+        if (book) {
             EXPECT_EQ(book->getPages(), std::string_view(each.name) == "set again" ? 9 : 8);
+        }
 
         book = Novel::create(model);
         book->setPages(7);
