@@ -68,10 +68,6 @@ std::vector<Property> collectProperties(Class::Impl const &start, PropertyKind k
     return result;
 }
 
-struct ClassHash {
-    std::size_t operator()(Class::Impl const *cls) const noexcept { return std::hash<void const *>()(cls); }
-};
-
 // Per thread, so that readers of the frozen metamodel take no lock. The handle in each
 // entry keeps its class alive, so an address is never reused while it is a key.
 std::vector<Property> cachedProperties(Class::Impl const &cls, PropertyKind kind) {
@@ -79,7 +75,7 @@ std::vector<Property> cachedProperties(Class::Impl const &cls, PropertyKind kind
         Class holder;
         std::vector<Property> properties;
     };
-    thread_local std::unordered_map<Class::Impl const *, Entry, ClassHash> caches[3];
+    thread_local std::unordered_map<Class::Impl const *, Entry> caches[3];
     auto &cache = caches[static_cast<int>(kind)];
     if (auto const found = cache.find(&cls); found != cache.end())
         return found->second.properties;

@@ -95,7 +95,6 @@ TEST(SelfDescription, EveryMetaclassIsFoundByNameAndUuidUnderThePackageTree) {
     EXPECT_EQ(registry().getRootPackage(root->getUri()), root);
     EXPECT_EQ(registry().getPackageForFamily(u"meta"), root);
 
-    std::size_t classes = 0;
     for (Row const &row : metaclasses) {
         SCOPED_TRACE(narrow(row.name));
         Class const cls = registry().getClass(basalt::ustring(u"kivra.meta.") + row.name);
@@ -104,9 +103,7 @@ TEST(SelfDescription, EveryMetaclassIsFoundByNameAndUuidUnderThePackageTree) {
         EXPECT_EQ(model->findElement(cls->getUuid()), cls);
         EXPECT_EQ(cls->getOwningPackage(), meta);
         EXPECT_EQ(meta->getOwnedTypes().at(row.name), cls);
-        ++classes;
     }
-    EXPECT_EQ(classes, 26u);
     EXPECT_TRUE(registry().getClass(u"kivra.meta.Attribute")->getIsAbstract());
     EXPECT_TRUE(registry().getClass(u"kivra.meta.Parameterized")->getIsAbstract());
     EXPECT_FALSE(Class::metaClass()->getIsAbstract());
@@ -184,7 +181,6 @@ TEST(SelfDescription, PropertyListsWalkUpTheChainOwnFirstInNameOrder) {
     EXPECT_EQ(all[1], "owner");
     EXPECT_EQ(all.back(), "name");
     EXPECT_EQ(all.size(), 28u); // 27 indexed and the derived extendedMetaclass
-    EXPECT_EQ(extension->getAllProperties(), extension->getAllProperties()); // the cached copy
     EXPECT_EQ(extension->getPropertyByName(u"name"), NamedElement::Impl::nameProperty());
     EXPECT_FALSE(extension->getPropertyByName(u"nonesuch"));
     EXPECT_TRUE(extension->isATypeOf(NamedElement::Impl::nameProperty()));
