@@ -201,6 +201,7 @@ void MetaPackageMeta::instantiate_kivra_meta(MetaRegistry *) {
     e.p_StructuredType_vantorCompactDisplay->setIsPublicMutator(false);
     e.p_StructuredType_vantorDispCategories = createProperty(u"vantorDispCategories", ::kivra::ValueFlags::Sequence, false, "304703fb-5e3b-336b-ae84-5cc81ef2ccd2");
     setPropertyIndex(e.p_StructuredType_vantorDispCategories, 9);
+    e.p_StructuredType_vantorDispCategories->setIsUnique(false);
     e.p_StructuredType_vantorDispCategories->setIsTransient(true);
     e.p_StructuredType_vantorDispCategories->setIsSparse(true);
     e.p_StructuredType_vantorDispCategories->setIsPublicAccessor(false);
@@ -269,6 +270,7 @@ void MetaPackageMeta::instantiate_kivra_meta(MetaRegistry *) {
     setPropertyIndex(e.p_Package_parentPackage, 6);
     e.p_Package_importedPackages = createProperty(u"importedPackages", ::kivra::ValueFlags::Map, false, "ee65f4c6-737e-3d46-bc3b-3e3f9e7bd670");
     setPropertyIndex(e.p_Package_importedPackages, 7);
+    e.p_Package_importedPackages->setIsUnique(false);
     e.p_Package_defaultVantorCategory = createProperty(u"defaultVantorCategory", ::kivra::ValueFlags::Optional, false, "3f822262-524a-3daa-8765-ea9d9e794014");
     setPropertyIndex(e.p_Package_defaultVantorCategory, 8);
     e.p_Package_defaultVantorCategory->setIsTransient(true);
