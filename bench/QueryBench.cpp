@@ -1,14 +1,21 @@
 // What a query pays per comparison and per sorted row: the comparator is looked up once per
-// constraint, called once per element; a sort reads each row's key once.
+// constraint, called once per element; a sort reads each row's key once. And what building a
+// query costs through each front: the typed front makes the same calls as the reflective one,
+// with a copy of each property handle and constant on the way.
 #include "query/QuerySorting.hpp"
 
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/StandardTypes.hpp>
+#include <kivra/query/Constrainables.hpp>
+#include <kivra/query/ReflectiveQuery.hpp>
 #include <kivra/query/ValueComparatorRegistry.hpp>
 
+#include <library/Author.hpp>
+#include <library/AuthorConstrainables.hpp>
 #include <library/Book.hpp>
+#include <library/BookConstrainables.hpp>
 
 #include "AllocationCounter.hpp"
 
@@ -77,5 +84,56 @@ void BM_SortByPages(benchmark::State &state) {
     state.counters["allocs/row"] = double(allocations) / double(state.iterations()) / double(state.range(0));
 }
 BENCHMARK(BM_SortByPages)->Arg(1000)->Arg(100000);
+
+// One question: two instances, a constant, a pattern, a join, an association, an OR of two
+// constants, a sort.
+void BM_BuildQueryTyped(benchmark::State &state) {
+    using namespace test::library;
+    Model const model = Model::createTransientModel();
+    std::size_t const before = bench::allocations();
+    for (auto _ : state) {
+        query::AbstractQuery built(model);
+        Book::Constrainables books({built, query::SearchClassMatchMode::ClassOrSubclass});
+        Author::Constrainables authors({built, query::SearchClassMatchMode::ExactClass});
+        built.add(books.pages > 100);
+        built.add(books.title.like(u"Dune%"));
+        built.add(authors.name == books.title);
+        built.add(books.writer == authors);
+        built.add(books.pages < 10 || books.pages > 1000);
+        built.sortByProperty(books.pages, query::SortDirection::Descending);
+        benchmark::DoNotOptimize(built);
+    }
+    state.counters["allocs/query"] = double(bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_BuildQueryTyped);
+
+void BM_BuildQueryReflective(benchmark::State &state) {
+    using namespace test::library;
+    Model const model = Model::createTransientModel();
+    meta::Type const integer = StandardTypes::integerMeta.get();
+    std::size_t const before = bench::allocations();
+    for (auto _ : state) {
+        auto built = query::createNativeQuery(model);
+        std::size_t const book = built->addSearchClass(Book::metaClass(), query::SearchClassMatchMode::ClassOrSubclass);
+        std::size_t const author = built->addSearchClass(Author::metaClass(), query::SearchClassMatchMode::ExactClass);
+        built->addPropertyRelationValue(Book::Impl::pagesProperty(), ValueMatchRelation::greater,
+                                        Value(integer, std::int32_t(100)), book);
+        built->addPropertyRelationValue(Book::Impl::titleProperty(), ValueMatchRelation::like,
+                                        Value(StandardTypes::stringMeta.get(), basalt::ustring(u"Dune%")), book);
+        built->addPropertyRelationProperty(Author::Impl::nameProperty(), author, ValueMatchRelation::equal,
+                                           Book::Impl::titleProperty(), book);
+        built->addAssociatedObject(Book::Impl::writerProperty(), book, author);
+        query::ReflectiveDisjunction *const group = built->createDisjunction();
+        group->addPropertyRelationValue(Book::Impl::pagesProperty(), ValueMatchRelation::less,
+                                        Value(integer, std::int32_t(10)), book);
+        group->addPropertyRelationValue(Book::Impl::pagesProperty(), ValueMatchRelation::greater,
+                                        Value(integer, std::int32_t(1000)), book);
+        group->finish();
+        built->sortByProperty(Book::Impl::pagesProperty(), book, query::SortDirection::Descending);
+        benchmark::DoNotOptimize(built);
+    }
+    state.counters["allocs/query"] = double(bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_BuildQueryReflective);
 
 } // namespace

@@ -5,12 +5,18 @@
 #include <workload/Book.hpp>
 #include <workload/Writer.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/UuidLiteral.hpp>
+#include <kivra/meta/Argument.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataType.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/Operation.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
-#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::bench::workload {
@@ -33,77 +39,99 @@ namespace {
 }
 
 BenchPackage::BenchPackage() {
-    using namespace ::kivra::meta;
+    begin();
     package_ = createPackage(u"bench", u"http://bench/1.0");
-    Enum const Category_ = Enum::create(model(), ::kivra::parseUuidLiteral("5f0c2f4e-8b0a-3d55-9a47-6a1f1f0e2c11"));
-    Category_->setName(u"Category");
-    CategorySlot() = Category_;
-    registry().registerType(Category_);
-    Class const Library_ = createClass(u"Library", "bench.Library", false, "700e8b35-a382-3330-8372-c85baad4102b");
-    Class const Book_ = createClass(u"Book", "bench.Book", false, "90a41975-3c97-3cdf-bf7f-2ffb7fffeecf");
-    Class const Writer_ = createClass(u"Writer", "bench.Writer", false, "ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a");
-    Property const Library_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "acb0a9d6-1016-3d80-af4a-658617a01c24");
-    setPropertyIndex(Library_name, 1);
-    ::kivra::meta::detail::declareOwningClass(Library_name, Library_);
-    Library_name->setType(registry().getPrimitiveType(u"String"));
-    Property const Library_books = createProperty(u"books", ::kivra::ValueFlags::Sequence, true, "d87b3eff-e89c-30f5-bb5b-531a3ef70f1f");
-    setPropertyIndex(Library_books, 2);
-    ::kivra::meta::detail::declareOwningClass(Library_books, Library_);
-    Library_books->setType(Book_);
-    Library_books->setIsUnique(false);
-    Property const Library_writers = createProperty(u"writers", ::kivra::ValueFlags::Sequence, true, "49e21a42-97d3-315a-8c00-fbc975e185dc");
-    setPropertyIndex(Library_writers, 3);
-    ::kivra::meta::detail::declareOwningClass(Library_writers, Library_);
-    Library_writers->setType(Writer_);
-    Library_writers->setIsUnique(false);
-    Property const Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "fd609fcb-916c-329a-b046-67dca4051200");
-    setPropertyIndex(Book_title, 1);
-    ::kivra::meta::detail::declareOwningClass(Book_title, Book_);
-    Book_title->setType(registry().getPrimitiveType(u"String"));
-    Property const Book_pages = createProperty(u"pages", ::kivra::ValueFlags::Single, false, "29c6ffef-98e5-321a-be27-87632cc043c0");
-    setPropertyIndex(Book_pages, 2);
-    ::kivra::meta::detail::declareOwningClass(Book_pages, Book_);
-    Book_pages->setType(registry().getPrimitiveType(u"Integer"));
-    Book_pages->setDefaultValue(basalt::ustring(u"0"));
-    Property const Book_category = createProperty(u"category", ::kivra::ValueFlags::Single, false, "9588ce1f-c39b-326c-8f16-7d0c9971911c");
-    setPropertyIndex(Book_category, 3);
-    ::kivra::meta::detail::declareOwningClass(Book_category, Book_);
-    Book_category->setType(Category_);
-    Book_category->setDefaultValue(basalt::ustring(u"Mystery"));
-    Property const Book_authors = createProperty(u"authors", ::kivra::ValueFlags::Sequence, false, "dda62d17-7f6e-3b8b-b26d-84a38376d3ba");
-    setPropertyIndex(Book_authors, 4);
-    ::kivra::meta::detail::declareOwningClass(Book_authors, Book_);
-    Book_authors->setType(Writer_);
-    Property const Writer_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15");
-    setPropertyIndex(Writer_name, 1);
-    ::kivra::meta::detail::declareOwningClass(Writer_name, Writer_);
-    Writer_name->setType(registry().getPrimitiveType(u"String"));
-    Property const Writer_books = createProperty(u"books", ::kivra::ValueFlags::HashSet, false, "84cee18c-f871-3116-964a-dcc4f4e4d49f");
-    setPropertyIndex(Writer_books, 2);
-    ::kivra::meta::detail::declareOwningClass(Writer_books, Writer_);
-    Writer_books->setType(Book_);
-    // Woven once every element exists.
-    Book_authors->setOpposite(Writer_books);
-    Writer_books->setOpposite(Book_authors);
-    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("700e8b35-a382-3330-8372-c85baad4102b")) = Library_;
-    registry().registerType(Library_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Library::Builder>(model); });
-    registry().registerProxyFactory(Library_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Library::createProxy(model, id)); });
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acb0a9d6-1016-3d80-af4a-658617a01c24")) = Library_name;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d87b3eff-e89c-30f5-bb5b-531a3ef70f1f")) = Library_books;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("49e21a42-97d3-315a-8c00-fbc975e185dc")) = Library_writers;
-    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("90a41975-3c97-3cdf-bf7f-2ffb7fffeecf")) = Book_;
-    registry().registerType(Book_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
-    registry().registerProxyFactory(Book_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fd609fcb-916c-329a-b046-67dca4051200")) = Book_title;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("29c6ffef-98e5-321a-be27-87632cc043c0")) = Book_pages;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9588ce1f-c39b-326c-8f16-7d0c9971911c")) = Book_category;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dda62d17-7f6e-3b8b-b26d-84a38376d3ba")) = Book_authors;
-    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a")) = Writer_;
-    registry().registerType(Writer_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Writer::Builder>(model); });
-    registry().registerProxyFactory(Writer_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Writer::createProxy(model, id)); });
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15")) = Writer_name;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")) = Writer_books;
+    instantiate();
+    weave();
     finish();
+}
+
+void BenchPackage::instantiate() {
+    Elements &e = elements_;
+    e.e_Category = createEnum(u"Category", "5f0c2f4e-8b0a-3d55-9a47-6a1f1f0e2c11");
+    e.l_Category_Mystery = createEnumLiteral(u"Mystery", 0, "dd0303e0-2290-33e5-ae98-ac786fc3d712");
+    e.l_Category_ScienceFiction = createEnumLiteral(u"ScienceFiction", 1, "d7f1c4ef-4762-3709-a088-fb2d7a96d068");
+    e.l_Category_Biography = createEnumLiteral(u"Biography", 2, "58f92dd9-7844-38a8-8a78-7023a504fa42");
+    e.c_Library = createClass(u"Library", "bench.Library", false, "700e8b35-a382-3330-8372-c85baad4102b");
+    e.p_Library_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "acb0a9d6-1016-3d80-af4a-658617a01c24");
+    setPropertyIndex(e.p_Library_name, 1);
+    e.p_Library_books = createProperty(u"books", ::kivra::ValueFlags::Sequence, true, "d87b3eff-e89c-30f5-bb5b-531a3ef70f1f");
+    setPropertyIndex(e.p_Library_books, 2);
+    e.p_Library_books->setIsUnique(false);
+    e.p_Library_writers = createProperty(u"writers", ::kivra::ValueFlags::Sequence, true, "49e21a42-97d3-315a-8c00-fbc975e185dc");
+    setPropertyIndex(e.p_Library_writers, 3);
+    e.p_Library_writers->setIsUnique(false);
+    e.c_Book = createClass(u"Book", "bench.Book", false, "90a41975-3c97-3cdf-bf7f-2ffb7fffeecf");
+    e.p_Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "fd609fcb-916c-329a-b046-67dca4051200");
+    setPropertyIndex(e.p_Book_title, 1);
+    e.p_Book_pages = createProperty(u"pages", ::kivra::ValueFlags::Single, false, "29c6ffef-98e5-321a-be27-87632cc043c0");
+    setPropertyIndex(e.p_Book_pages, 2);
+    e.p_Book_pages->setDefaultValue(basalt::ustring(u"0"));
+    e.p_Book_category = createProperty(u"category", ::kivra::ValueFlags::Single, false, "9588ce1f-c39b-326c-8f16-7d0c9971911c");
+    setPropertyIndex(e.p_Book_category, 3);
+    e.p_Book_category->setDefaultValue(basalt::ustring(u"Mystery"));
+    e.p_Book_authors = createProperty(u"authors", ::kivra::ValueFlags::Sequence, false, "dda62d17-7f6e-3b8b-b26d-84a38376d3ba");
+    setPropertyIndex(e.p_Book_authors, 4);
+    e.c_Writer = createClass(u"Writer", "bench.Writer", false, "ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a");
+    e.p_Writer_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15");
+    setPropertyIndex(e.p_Writer_name, 1);
+    e.p_Writer_books = createProperty(u"books", ::kivra::ValueFlags::HashSet, false, "84cee18c-f871-3116-964a-dcc4f4e4d49f");
+    setPropertyIndex(e.p_Writer_books, 2);
+    CategorySlot() = e.e_Category;
+    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("700e8b35-a382-3330-8372-c85baad4102b")) = e.c_Library;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acb0a9d6-1016-3d80-af4a-658617a01c24")) = e.p_Library_name;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d87b3eff-e89c-30f5-bb5b-531a3ef70f1f")) = e.p_Library_books;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("49e21a42-97d3-315a-8c00-fbc975e185dc")) = e.p_Library_writers;
+    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("90a41975-3c97-3cdf-bf7f-2ffb7fffeecf")) = e.c_Book;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fd609fcb-916c-329a-b046-67dca4051200")) = e.p_Book_title;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("29c6ffef-98e5-321a-be27-87632cc043c0")) = e.p_Book_pages;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9588ce1f-c39b-326c-8f16-7d0c9971911c")) = e.p_Book_category;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dda62d17-7f6e-3b8b-b26d-84a38376d3ba")) = e.p_Book_authors;
+    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ea6782fd-38cc-3fd6-ba6a-d2f73a1d1e6a")) = e.c_Writer;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6061f0c0-2da0-3f4c-bf9f-cd6f2f05cd15")) = e.p_Writer_name;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")) = e.p_Writer_books;
+}
+
+void BenchPackage::weave() {
+    Elements &e = elements_;
+    e.e_Category->setOwningPackage(package_);
+    e.e_Category->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
+    e.l_Category_Mystery->setParentEnum(e.e_Category);
+    e.l_Category_ScienceFiction->setParentEnum(e.e_Category);
+    e.l_Category_Biography->setParentEnum(e.e_Category);
+    e.c_Library->setOwningPackage(package_);
+    e.c_Library->setSuperclass(::kivra::ModelElement::metaClass());
+    e.p_Library_name->setOwningType(e.c_Library);
+    e.p_Library_name->setType(registry().getType(u"String"));
+    e.p_Library_books->setOwningType(e.c_Library);
+    e.p_Library_books->setType(e.c_Book);
+    e.p_Library_writers->setOwningType(e.c_Library);
+    e.p_Library_writers->setType(e.c_Writer);
+    e.c_Book->setOwningPackage(package_);
+    e.c_Book->setSuperclass(::kivra::ModelElement::metaClass());
+    e.p_Book_title->setOwningType(e.c_Book);
+    e.p_Book_title->setType(registry().getType(u"String"));
+    e.p_Book_pages->setOwningType(e.c_Book);
+    e.p_Book_pages->setType(registry().getType(u"Integer"));
+    e.p_Book_category->setOwningType(e.c_Book);
+    e.p_Book_category->setType(e.e_Category);
+    e.p_Book_authors->setOwningType(e.c_Book);
+    e.p_Book_authors->setType(e.c_Writer);
+    e.p_Book_authors->setOpposite(e.p_Writer_books);
+    e.c_Writer->setOwningPackage(package_);
+    e.c_Writer->setSuperclass(::kivra::ModelElement::metaClass());
+    e.p_Writer_name->setOwningType(e.c_Writer);
+    e.p_Writer_name->setType(registry().getType(u"String"));
+    e.p_Writer_books->setOwningType(e.c_Writer);
+    e.p_Writer_books->setType(e.c_Book);
+    e.p_Writer_books->setOpposite(e.p_Book_authors);
+    registry().registerType(e.e_Category);
+    registry().registerType(e.c_Library, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Library::Builder>(model); });
+    registry().registerProxyFactory(e.c_Library, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Library::createProxy(model, id)); });
+    registry().registerType(e.c_Book, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
+    registry().registerProxyFactory(e.c_Book, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
+    registry().registerType(e.c_Writer, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Writer::Builder>(model); });
+    registry().registerProxyFactory(e.c_Writer, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Writer::createProxy(model, id)); });
 }
 
 } // namespace kivra::bench::workload

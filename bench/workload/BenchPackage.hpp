@@ -4,6 +4,7 @@
 /// The description of the package `bench` in the registry.
 
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Handles.hpp>
 
 namespace kivra::bench::workload {
 
@@ -15,9 +16,36 @@ public:
     static BenchPackage &getInstance();
     ::kivra::meta::Package const &getPackage() const noexcept { return package_; }
 
+    /// The description's elements, by kind: `c_` classes, `d_` data types, `e_` enums and
+    /// `l_` their literals, `p_` properties, `o_` operations and `a_` their arguments,
+    /// named after their owners. Generated code compares properties with them by identity.
+    struct Elements {
+        ::kivra::meta::Enum e_Category;
+        ::kivra::meta::EnumLiteral l_Category_Mystery;
+        ::kivra::meta::EnumLiteral l_Category_ScienceFiction;
+        ::kivra::meta::EnumLiteral l_Category_Biography;
+        ::kivra::meta::Class c_Library;
+        ::kivra::meta::Property p_Library_name;
+        ::kivra::meta::Property p_Library_books;
+        ::kivra::meta::Property p_Library_writers;
+        ::kivra::meta::Class c_Book;
+        ::kivra::meta::Property p_Book_title;
+        ::kivra::meta::Property p_Book_pages;
+        ::kivra::meta::Property p_Book_category;
+        ::kivra::meta::Property p_Book_authors;
+        ::kivra::meta::Class c_Writer;
+        ::kivra::meta::Property p_Writer_name;
+        ::kivra::meta::Property p_Writer_books;
+    };
+    Elements const &elements() const noexcept { return elements_; }
+
 private:
     BenchPackage();
+    void instantiate();
+    void weave();
+
     ::kivra::meta::Package package_;
+    Elements elements_;
 };
 
 } // namespace kivra::bench::workload

@@ -6,6 +6,9 @@
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
 #include <kivra/meta/Handles.hpp>
+#include <kivra/query/Fwd.hpp>
+
+#include <basalt/ustring.hpp>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -14,6 +17,10 @@
 namespace kivra::bench::workload {
 
 using ::kivra::meta::Class;
+
+class Library;
+class Book;
+class Writer;
 
 /// The literals of the enumeration `Category`, with their values.
 enum class Category : std::int32_t {
@@ -53,6 +60,18 @@ public:
     /// A proxy of a `Library` named by `proxyId`, outside the model's tables.
     static Library createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Library` elements in a typed query; in `workload/LibraryConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Library>> Uuid();
+    /// `name` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Library>, 0> name();
+    /// `books` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Library>> books();
+    /// `writers` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Writer, ::kivra::query::MetaclassAttachment<Library>> writers();
+
 protected:
     Library(Impl *impl, bool addReference) noexcept;
 };
@@ -79,6 +98,20 @@ public:
     /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
     static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Book` elements in a typed query; in `workload/BookConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Book>> Uuid();
+    /// `title` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Book>, 0> title();
+    /// `pages` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Book>, 0> pages();
+    /// `category` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<Category, ::kivra::query::MetaclassAttachment<Book>, 0> category();
+    /// `authors` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Writer, ::kivra::query::MetaclassAttachment<Book>> authors();
+
 protected:
     Book(Impl *impl, bool addReference) noexcept;
 };
@@ -104,6 +137,16 @@ public:
     static Writer create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Writer` named by `proxyId`, outside the model's tables.
     static Writer createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Writer` elements in a typed query; in `workload/WriterConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Writer>> Uuid();
+    /// `name` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Writer>, 0> name();
+    /// `books` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Writer>> books();
 
 protected:
     Writer(Impl *impl, bool addReference) noexcept;

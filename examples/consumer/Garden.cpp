@@ -1,8 +1,11 @@
 // Builds a small garden through builders and reads it back typed and reflectively;
 // exits non-zero at the first thing that is not as built.
 #include <garden/Bed.hpp>
+#include <garden/BedConstrainables.hpp>
 #include <garden/Gardener.hpp>
+#include <garden/GardenerConstrainables.hpp>
 #include <garden/Plant.hpp>
+#include <garden/PlantConstrainables.hpp>
 #include <garden/Tree.hpp>
 
 #include <kivra/Model.hpp>
@@ -67,6 +70,27 @@ int main() {
     check(blooms.get<std::uint64_t>() == std::uint64_t(-1) && blooms.getType() == garden::metaEnum(garden::Season{}),
           "the literal read as its sign-extended number, typed by its enum");
     check(std::u16string_view(garden::publicIdentifier(garden::Season::Spring)) == u"SPR", "a public identifier");
+
+    // A typed query over the generated classes records its constraints; its runs come
+    // with the engine.
+    kivra::query::AbstractQuery query(model);
+    garden::Plant::Constrainables plants({query, kivra::query::SearchClassMatchMode::ClassOrSubclass});
+    garden::Gardener::Constrainables keepers({query, kivra::query::SearchClassMatchMode::ExactClass});
+    query.add(plants.blooms == garden::Season::Winter || plants.name.like(u"ro%"));
+    query.add(plants.keeper == keepers);
+    query.add((garden::Plant::name() == garden::Gardener::name()).on(plants, keepers));
+    query.add(keepers == ada);
+    query.sortByProperty(plants.height, kivra::query::SortDirection::Descending);
+    bool foreign = false;
+    try {
+        kivra::query::AbstractQuery other(model);
+        garden::Bed::Constrainables beds({other, kivra::query::SearchClassMatchMode::ExactClass});
+        query.add(beds.code == "N");
+    } catch (std::exception const &) {
+        foreign = true;
+    }
+    check(foreign, "a query refuses the instances of another");
+
     if (failures == 0)
         std::puts("garden: all as built");
     return failures == 0 ? 0 : 1;

@@ -5,6 +5,9 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/query/Fwd.hpp>
+
+#include <basalt/ustring.hpp>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -13,6 +16,9 @@
 namespace notes {
 
 using ::kivra::meta::Class;
+
+class Notebook;
+class Note;
 
 /// Handle of a `Notebook` element; `operator->` needs `notes/Notebook.hpp`.
 class Notebook : public ::kivra::ModelElement {
@@ -35,6 +41,16 @@ public:
     static Notebook create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Notebook` named by `proxyId`, outside the model's tables.
     static Notebook createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Notebook` elements in a typed query; in `notes/NotebookConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Notebook>> Uuid();
+    /// `title` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Notebook>, 0> title();
+    /// `pinned` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Note, ::kivra::query::MetaclassAttachment<Notebook>> pinned();
 
 protected:
     Notebook(Impl *impl, bool addReference) noexcept;
@@ -61,6 +77,18 @@ public:
     static Note create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Note` named by `proxyId`, outside the model's tables.
     static Note createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Note` elements in a typed query; in `notes/NoteConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Note>> Uuid();
+    /// `text` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Note>, 0> text();
+    /// `notebook` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Notebook, ::kivra::query::MetaclassAttachment<Note>> notebook();
+    /// `stars` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Note>, 0> stars();
 
 protected:
     Note(Impl *impl, bool addReference) noexcept;

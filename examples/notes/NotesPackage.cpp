@@ -4,12 +4,18 @@
 #include <notes/Notebook.hpp>
 #include <notes/Note.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/UuidLiteral.hpp>
+#include <kivra/meta/Argument.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataType.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/Operation.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
-#include <kivra/meta/Enum.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace notes {
@@ -20,46 +26,59 @@ NotesPackage &NotesPackage::getInstance() {
 }
 
 NotesPackage::NotesPackage() {
-    using namespace ::kivra::meta;
+    begin();
     package_ = createPackage(u"notes", u"http://schema.kivra.org/kivra/notes/1");
-    Class const Notebook_ = createClass(u"Notebook", "notes.Notebook", false, "e81306ed-23cd-3ff9-9785-f06b32ff5115");
-    Class const Note_ = createClass(u"Note", "notes.Note", false, "76a97fb6-39da-3c21-abd5-b81552e11ca5");
-    Property const Notebook_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "c6e6830d-8464-394c-b4d1-dab4cbfbfa2d");
-    setPropertyIndex(Notebook_title, 1);
-    ::kivra::meta::detail::declareOwningClass(Notebook_title, Notebook_);
-    Notebook_title->setType(registry().getPrimitiveType(u"String"));
-    Property const Notebook_pinned = createProperty(u"pinned", ::kivra::ValueFlags::Single, true, "d94c6445-85e7-3d8b-9152-ba094a589cec");
-    setPropertyIndex(Notebook_pinned, 2);
-    ::kivra::meta::detail::declareOwningClass(Notebook_pinned, Notebook_);
-    Notebook_pinned->setType(Note_);
-    Property const Note_text = createProperty(u"text", ::kivra::ValueFlags::Single, false, "c6fa7d46-0541-33f0-9448-4a060e05c0ff");
-    setPropertyIndex(Note_text, 1);
-    ::kivra::meta::detail::declareOwningClass(Note_text, Note_);
-    Note_text->setType(registry().getPrimitiveType(u"String"));
-    Property const Note_notebook = createProperty(u"notebook", ::kivra::ValueFlags::Single, false, "9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba");
-    setPropertyIndex(Note_notebook, 2);
-    ::kivra::meta::detail::declareOwningClass(Note_notebook, Note_);
-    Note_notebook->setType(Notebook_);
-    Property const Note_stars = createProperty(u"stars", ::kivra::ValueFlags::Single, false, "95d293a2-1e5d-3a7c-91cc-96c12af99d1c");
-    setPropertyIndex(Note_stars, 3);
-    ::kivra::meta::detail::declareOwningClass(Note_stars, Note_);
-    Note_stars->setType(registry().getPrimitiveType(u"Integer"));
-    Note_stars->setDefaultValue(basalt::ustring(u"0"));
-    // Woven once every element exists.
-    Notebook_pinned->setOpposite(Note_notebook);
-    Note_notebook->setOpposite(Notebook_pinned);
-    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("e81306ed-23cd-3ff9-9785-f06b32ff5115")) = Notebook_;
-    registry().registerType(Notebook_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Notebook::Builder>(model); });
-    registry().registerProxyFactory(Notebook_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Notebook::createProxy(model, id)); });
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6e6830d-8464-394c-b4d1-dab4cbfbfa2d")) = Notebook_title;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d94c6445-85e7-3d8b-9152-ba094a589cec")) = Notebook_pinned;
-    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("76a97fb6-39da-3c21-abd5-b81552e11ca5")) = Note_;
-    registry().registerType(Note_, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Note::Builder>(model); });
-    registry().registerProxyFactory(Note_, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Note::createProxy(model, id)); });
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6fa7d46-0541-33f0-9448-4a060e05c0ff")) = Note_text;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba")) = Note_notebook;
-    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("95d293a2-1e5d-3a7c-91cc-96c12af99d1c")) = Note_stars;
+    instantiate();
+    weave();
     finish();
+}
+
+void NotesPackage::instantiate() {
+    Elements &e = elements_;
+    e.c_Notebook = createClass(u"Notebook", "notes.Notebook", false, "e81306ed-23cd-3ff9-9785-f06b32ff5115");
+    e.p_Notebook_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "c6e6830d-8464-394c-b4d1-dab4cbfbfa2d");
+    setPropertyIndex(e.p_Notebook_title, 1);
+    e.p_Notebook_pinned = createProperty(u"pinned", ::kivra::ValueFlags::Single, true, "d94c6445-85e7-3d8b-9152-ba094a589cec");
+    setPropertyIndex(e.p_Notebook_pinned, 2);
+    e.c_Note = createClass(u"Note", "notes.Note", false, "76a97fb6-39da-3c21-abd5-b81552e11ca5");
+    e.p_Note_text = createProperty(u"text", ::kivra::ValueFlags::Single, false, "c6fa7d46-0541-33f0-9448-4a060e05c0ff");
+    setPropertyIndex(e.p_Note_text, 1);
+    e.p_Note_notebook = createProperty(u"notebook", ::kivra::ValueFlags::Single, false, "9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba");
+    setPropertyIndex(e.p_Note_notebook, 2);
+    e.p_Note_stars = createProperty(u"stars", ::kivra::ValueFlags::Single, false, "95d293a2-1e5d-3a7c-91cc-96c12af99d1c");
+    setPropertyIndex(e.p_Note_stars, 3);
+    e.p_Note_stars->setDefaultValue(basalt::ustring(u"0"));
+    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("e81306ed-23cd-3ff9-9785-f06b32ff5115")) = e.c_Notebook;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6e6830d-8464-394c-b4d1-dab4cbfbfa2d")) = e.p_Notebook_title;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d94c6445-85e7-3d8b-9152-ba094a589cec")) = e.p_Notebook_pinned;
+    ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("76a97fb6-39da-3c21-abd5-b81552e11ca5")) = e.c_Note;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6fa7d46-0541-33f0-9448-4a060e05c0ff")) = e.p_Note_text;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9b01bdaa-e294-3b1f-8a57-0ecd8d6466ba")) = e.p_Note_notebook;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("95d293a2-1e5d-3a7c-91cc-96c12af99d1c")) = e.p_Note_stars;
+}
+
+void NotesPackage::weave() {
+    Elements &e = elements_;
+    e.c_Notebook->setOwningPackage(package_);
+    e.c_Notebook->setSuperclass(::kivra::ModelElement::metaClass());
+    e.p_Notebook_title->setOwningType(e.c_Notebook);
+    e.p_Notebook_title->setType(registry().getType(u"String"));
+    e.p_Notebook_pinned->setOwningType(e.c_Notebook);
+    e.p_Notebook_pinned->setType(e.c_Note);
+    e.p_Notebook_pinned->setOpposite(e.p_Note_notebook);
+    e.c_Note->setOwningPackage(package_);
+    e.c_Note->setSuperclass(::kivra::ModelElement::metaClass());
+    e.p_Note_text->setOwningType(e.c_Note);
+    e.p_Note_text->setType(registry().getType(u"String"));
+    e.p_Note_notebook->setOwningType(e.c_Note);
+    e.p_Note_notebook->setType(e.c_Notebook);
+    e.p_Note_notebook->setOpposite(e.p_Notebook_pinned);
+    e.p_Note_stars->setOwningType(e.c_Note);
+    e.p_Note_stars->setType(registry().getType(u"Integer"));
+    registry().registerType(e.c_Notebook, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Notebook::Builder>(model); });
+    registry().registerProxyFactory(e.c_Notebook, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Notebook::createProxy(model, id)); });
+    registry().registerType(e.c_Note, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Note::Builder>(model); });
+    registry().registerProxyFactory(e.c_Note, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Note::createProxy(model, id)); });
 }
 
 } // namespace notes

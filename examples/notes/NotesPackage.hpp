@@ -4,6 +4,7 @@
 /// The description of the package `notes` in the registry.
 
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Handles.hpp>
 
 namespace notes {
 
@@ -15,9 +16,27 @@ public:
     static NotesPackage &getInstance();
     ::kivra::meta::Package const &getPackage() const noexcept { return package_; }
 
+    /// The description's elements, by kind: `c_` classes, `d_` data types, `e_` enums and
+    /// `l_` their literals, `p_` properties, `o_` operations and `a_` their arguments,
+    /// named after their owners. Generated code compares properties with them by identity.
+    struct Elements {
+        ::kivra::meta::Class c_Notebook;
+        ::kivra::meta::Property p_Notebook_title;
+        ::kivra::meta::Property p_Notebook_pinned;
+        ::kivra::meta::Class c_Note;
+        ::kivra::meta::Property p_Note_text;
+        ::kivra::meta::Property p_Note_notebook;
+        ::kivra::meta::Property p_Note_stars;
+    };
+    Elements const &elements() const noexcept { return elements_; }
+
 private:
     NotesPackage();
+    void instantiate();
+    void weave();
+
     ::kivra::meta::Package package_;
+    Elements elements_;
 };
 
 } // namespace notes

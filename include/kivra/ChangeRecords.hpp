@@ -11,6 +11,10 @@
 
 namespace kivra {
 
+namespace detail {
+class RecordLog;
+} // namespace detail
+
 /// The record of one element in one transaction: a bit for the creation, one per
 /// property index, one for the container and one for the destruction. Shared by the
 /// transaction and the reports made from it; counted by `ChangesHolder`.
@@ -72,6 +76,7 @@ protected:
 
 private:
     friend class TransactionImpl;
+    friend class detail::RecordLog;
     /// Frees a record, in its transaction's storage or on the heap.
     void release() noexcept;
     boost::uuids::uuid uuid_;

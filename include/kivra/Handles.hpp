@@ -38,6 +38,8 @@ public:
 
     /// The metaclass that describes models.
     static meta::Class const &metaClass();
+    /// Enters that metaclass into the registry model once; a later call finds it there.
+    static void initializeType(meta::MetaRegistry &registry);
 
     /// A new model in the `ModelSpec`'s constellation when it is valid, else in a new one.
     static Model create(ModelSpec const &spec);
@@ -82,6 +84,8 @@ public:
 
     /// The metaclass that describes constellations.
     static meta::Class const &metaClass();
+    /// Enters that metaclass into the registry model once; a later call finds it there.
+    static void initializeType(meta::MetaRegistry &registry);
 
     /// A new, empty constellation whose work queue `factory` makes (the default queue
     /// when empty).
@@ -106,6 +110,8 @@ public:
     class Impl;
     class Builder;
     class BuilderWrapper;
+    /// One search instance of a typed query; defined in `kivra/query/Constrainables.hpp`.
+    class Constrainables;
     /// The key that lets an element build the collections of its properties.
     class CollectionPrivateTag {
         friend class Impl;
@@ -124,6 +130,8 @@ public:
 
     /// The metaclass at the root of every element class.
     static meta::Class const &metaClass();
+    /// Enters that metaclass into the registry model once; a later call finds it there.
+    static void initializeType(meta::MetaRegistry &registry);
     /// A proxy of an element of class `cls` named by `proxyId`, held by references in
     /// `model` until it resolves. Raises `NoSuchType` for a class that cannot have one.
     static ModelElement createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId);

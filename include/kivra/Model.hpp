@@ -275,7 +275,8 @@ public:
     /// the UUID is taken.
     void elementCreated(ModelElement::Impl *element, bool topLevel);
     void elementDestroying(ModelElement::Impl *element);
-    void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex);
+    void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
+                          std::size_t size = 0);
     void elementMadeTopLevel(ModelElement::Impl *element);
     void elementNoLongerTopLevel(ModelElement::Impl *element);
     void allElementsDestroying();

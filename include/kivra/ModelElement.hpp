@@ -13,6 +13,7 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -124,8 +125,8 @@ public:
     void notifyCreated();
     /// Announces a change of the property at `index` before it happens. Index 0 and
     /// `noPropertyIndex` are no property; nothing is announced before the element is
-    /// created, nor for a proxy.
-    void notifyModifying(std::uint64_t index);
+    /// created, nor for a proxy. `scalar` is as for `beginModification`.
+    void notifyModifying(std::uint64_t index, void const *scalar = nullptr, std::size_t size = 0);
     /// Raises `CannotModifyProxy` for a proxy and `InvalidValue` for a destroyed element:
     /// the first step of every mutator.
     void checkModifiable() const {
@@ -147,7 +148,7 @@ public:
 
     private:
         friend class Impl;
-        Modification(Impl &element, std::uint64_t index);
+        Modification(Impl &element, std::uint64_t index, void const *scalar, std::size_t size);
         void dropLevel() noexcept;
 
         /// The transaction in progress, on which this frame counts as one more party.
@@ -155,8 +156,13 @@ public:
         /// The frame's own transaction, when none was in progress.
         Transaction own_;
     };
-    /// Opens the frame of one change of the property at `index` and announces it.
-    Modification beginModification(std::uint64_t index) { return Modification(*this, index); }
+    /// Opens the frame of one change of the property at `index` and announces it. `scalar`,
+    /// when given, is the trivially copyable member of `size` bytes (at most 8) that the
+    /// change overwrites, and all it changes: a revertible transaction then keeps those
+    /// bytes rather than a record of the whole element.
+    Modification beginModification(std::uint64_t index, void const *scalar = nullptr, std::size_t size = 0) {
+        return Modification(*this, index, scalar, size);
+    }
     /// True when a change of this element may be stored with no frame: the transaction in
     /// progress keeps nothing of it (it records nothing, or it made the element here and
     /// has no old values to keep), the model takes changes, and another party holds the

@@ -1,3 +1,4 @@
+#include "core/PageMemory.hpp"
 #include "core/RecordLog.hpp"
 
 #include <kivra/ChangeRecords.hpp>
@@ -10,6 +11,8 @@
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
+#include <cstring>
+#include <new>
 
 namespace kivra {
 
@@ -28,6 +31,24 @@ thread_local void const *lastArenaRecord __attribute__((tls_model("initial-exec"
 
 namespace detail {
 
+RecordArena::~RecordArena() {
+    for (Block const &block : blocks_)
+        if (block.size >= hugePageSize)
+            unmapHugePages(block.memory, block.size);
+        else
+            ::operator delete(block.memory, block.size);
+}
+
+void RecordArena::grow(std::size_t size) {
+    std::size_t const unit = blocks_.size() < heapBlocks ? heapBlock : hugePageSize;
+    std::size_t const blockSize = (size + unit - 1) / unit * unit;
+    blocks_.reserve(blocks_.size() + 1);
+    void *const memory = blockSize >= hugePageSize ? mapHugePages(blockSize) : ::operator new(blockSize);
+    blocks_.push_back({memory, blockSize});
+    next_ = static_cast<std::byte *>(memory);
+    left_ = blockSize;
+}
+
 ArenaScope::ArenaScope(RecordArena &arena) noexcept
     : previous_(std::exchange(activeArena, &arena)), previousRecord_(lastArenaRecord) {}
 
@@ -39,14 +60,18 @@ ArenaScope::~ArenaScope() {
 
 RecordLog::~RecordLog() {
     // Later records may name elements that earlier ones keep: the newest go first.
-    for (auto record = records_.rbegin(); record != records_.rend(); ++record)
-        (*record)->removeRef();
+    for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry)
+        if (ScalarChange *scalar = scalarOf(*entry))
+            scalar->~ScalarChange();
+        else
+            (*entry)->removeRef();
 }
 
 ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) const {
+    records();
     if (!indexed_) {
-        index_.reserve(records_.size());
-        for (Changes *record : records_)
+        index_.reserve(entries_.size());
+        for (Changes *record : entries_)
             index_.emplace(record->getElement().get(), record);
         indexed_ = true;
     }
@@ -55,20 +80,79 @@ ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) 
 }
 
 void RecordLog::append(Changes *record) {
-    records_.push_back(record);
+    entries_.push_back(record);
     record->addRef();
     if (indexed_)
         index_.emplace(record->getElement().get(), record);
 }
 
+void RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
+    entries_.push_back(nullptr);
+    void *memory;
+    try {
+        memory = arena.allocate(sizeof(ScalarChange));
+    } catch (...) {
+        entries_.pop_back();
+        throw;
+    }
+    auto *const scalar = new (memory) ScalarChange{ModelElement::fromImpl(element), 0, index,
+                                                   static_cast<std::byte const *>(member) -
+                                                       reinterpret_cast<std::byte const *>(element),
+                                                   size};
+    std::memcpy(&scalar->old, member, size);
+    if (firstScalar_ == noScalar)
+        firstScalar_ = entries_.size() - 1;
+    entries_.back() = reinterpret_cast<Changes *>(reinterpret_cast<std::uintptr_t>(scalar) | 1);
+}
+
 void RecordLog::erase(Changes *record) noexcept {
-    auto const found = std::find(records_.rbegin(), records_.rend(), record);
-    if (found == records_.rend())
+    auto const found = std::find(entries_.rbegin(), entries_.rend(), record);
+    if (found == entries_.rend())
         return;
-    records_.erase(std::next(found).base());
+    entries_.erase(std::next(found).base());
     if (indexed_)
         index_.erase(record->getElement().get());
     record->removeRef();
+}
+
+void RecordLog::materialize() {
+    for (std::size_t i = firstScalar_; i < entries_.size(); ++i) {
+        ScalarChange *const scalar = scalarOf(entries_[i]);
+        if (!scalar)
+            continue;
+        // A failure leaves this entry and the later ones as they are.
+        firstScalar_ = i;
+        ModelElement::Impl *const element = scalar->element.get();
+        ModelElement::Impl::Storage *record;
+        {
+            ArenaScope const inLog(arena);
+            record = element->createStorage();
+        }
+        record->element_ = scalar->element;
+        record->setModified(scalar->index);
+        // The element copies its member as it stands into the record: for that moment the
+        // member holds its old bytes again.
+        auto *const member = reinterpret_cast<std::byte *>(element) + scalar->offset;
+        struct PutBack {
+            std::byte *member;
+            std::size_t size;
+            std::uint64_t present = 0;
+            ~PutBack() { std::memcpy(member, &present, size); }
+        } putBack{member, scalar->size};
+        std::memcpy(&putBack.present, member, scalar->size);
+        std::memcpy(member, &scalar->old, scalar->size);
+        element->copyValue(record, scalar->index);
+        record->addRef();
+        entries_[i] = record;
+        if (indexed_)
+            index_.emplace(element, record);
+        scalar->~ScalarChange();
+    }
+    firstScalar_ = noScalar;
+}
+
+void ScalarChange::restore() const noexcept {
+    std::memcpy(reinterpret_cast<std::byte *>(element.get()) + offset, &old, size);
 }
 
 } // namespace detail

@@ -284,8 +284,14 @@ void Model::Impl::removeRef() {
 Model Model::Impl::getModel() const { return Model(const_cast<Impl *>(this), true); }
 
 meta::Class const &Model::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784"));
+    meta::detail::ensureDescribed();
+    static meta::Class const &slot = (meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784")));
     return slot;
+}
+
+void Model::initializeType(meta::MetaRegistry &registry) {
+    meta::detail::initializeCoreClass(registry, meta::detail::metaclassSlot(parseUuidLiteral("a559b870-6892-3eec-8508-6ce5485e9784")), "a559b870-6892-3eec-8508-6ce5485e9784",
+                                      u"Model", "kivra.Model");
 }
 
 meta::Class const &Model::Impl::getMetaClass() const { return Model::metaClass(); }
@@ -466,14 +472,15 @@ void Model::Impl::elementDestroying(ModelElement::Impl *element) {
         usageProvider_->allElementsDestroyed();
 }
 
-void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
+void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar,
+                                   std::size_t size) {
     // The common case in one test: a change inside a transaction that keeps nothing.
     if (TransactionImpl const *const transaction = currentTransaction_;
         transaction && freezeCount_ == 0 && !transaction->isInterested())
         return;
     validateTransaction();
     if (reportsChanges())
-        currentTransaction_->elementModifying(element, propertyIndex);
+        currentTransaction_->elementModifying(element, propertyIndex, scalar, size);
 }
 
 void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {

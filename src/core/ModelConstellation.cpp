@@ -11,6 +11,7 @@
 #include <kivra/WorkQueue.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
@@ -45,8 +46,14 @@ ModelConstellation::Impl::~Impl() {
 }
 
 meta::Class const &ModelConstellation::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("9dbcfe9e-bec1-3843-9db4-a894b2344149"));
+    meta::detail::ensureDescribed();
+    static meta::Class const &slot = (meta::detail::metaclassSlot(parseUuidLiteral("9dbcfe9e-bec1-3843-9db4-a894b2344149")));
     return slot;
+}
+
+void ModelConstellation::initializeType(meta::MetaRegistry &registry) {
+    meta::detail::initializeCoreClass(registry, meta::detail::metaclassSlot(parseUuidLiteral("9dbcfe9e-bec1-3843-9db4-a894b2344149")), "9dbcfe9e-bec1-3843-9db4-a894b2344149",
+                                      u"ModelConstellation", "kivra.ModelConstellation");
 }
 
 meta::Class const &ModelConstellation::Impl::getMetaClass() const { return ModelConstellation::metaClass(); }

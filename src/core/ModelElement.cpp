@@ -33,8 +33,14 @@ meta::Property::Impl *asProperty(ModelElement::Impl *feature) { return static_ca
 } // namespace
 
 meta::Class const &ModelElement::metaClass() {
-    static meta::Class const &slot = meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269"));
+    meta::detail::ensureDescribed();
+    static meta::Class const &slot = (meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269")));
     return slot;
+}
+
+void ModelElement::initializeType(meta::MetaRegistry &registry) {
+    meta::detail::initializeCoreClass(registry, meta::detail::metaclassSlot(parseUuidLiteral("42663bf5-8b3d-3c82-938a-ed709e37a269")), "42663bf5-8b3d-3c82-938a-ed709e37a269",
+                                      u"ModelElement", "kivra.ModelElement");
 }
 
 // The hold on the model is taken with the memory and given up with it: the pool lives in
@@ -159,10 +165,10 @@ void ModelElement::Impl::notifyCreated() {
     didCreate();
 }
 
-void ModelElement::Impl::notifyModifying(std::uint64_t index) {
+void ModelElement::Impl::notifyModifying(std::uint64_t index, void const *scalar, std::size_t size) {
     if (index == 0 || index == noPropertyIndex || validity_ == UnderConstruction || validity_ == Proxy)
         return;
-    model_->elementModifying(this, index);
+    model_->elementModifying(this, index, scalar, size);
 }
 
 void ModelElement::Impl::raiseNotModifiable() const {
@@ -172,12 +178,13 @@ void ModelElement::Impl::raiseNotModifiable() const {
     raise<messages::InvalidValue>();
 }
 
-ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index)
+ModelElement::Impl::Modification::Modification(Impl &element, std::uint64_t index, void const *scalar,
+                                               std::size_t size)
     : level_(TransactionImpl::openLevel(element.model_)) {
     if (!level_)
         own_ = element.model_->beginTransaction(false);
     try {
-        element.notifyModifying(index);
+        element.notifyModifying(index, scalar, size);
     } catch (...) {
         if (level_)
             dropLevel();

@@ -152,15 +152,26 @@ void TransactionImpl::removeRef() noexcept {
 void TransactionImpl::clearMarks() noexcept {
     constexpr auto marks = ModelElement::Impl::RecordedMark | ModelElement::Impl::CreatedHereMark |
                            ModelElement::Impl::DestroyedHereMark;
-    for (ModelElement::Impl::Changes const *record : log_->records())
-        if (ModelElement::Impl *element = record->getElement().get())
+    for (ModelElement::Impl::Changes *entry : log_->entries()) {
+        detail::ScalarChange const *scalar = detail::RecordLog::scalarOf(entry);
+        if (ModelElement::Impl *element = scalar ? scalar->element.get() : entry->getElement().get())
             element->marks_ &= std::uint8_t(~marks);
+    }
 }
 
 void TransactionImpl::finish() noexcept {
     if (isFinished())
         return;
     flags_ |= Finished;
+    // A report still held reads old values through the log: they are taken from the
+    // elements now, while their members are the ones the entries were made of.
+    if (log_.use_count() > 1) {
+        try {
+            log_->materialize();
+        } catch (...) {
+            // Out of memory: the report finds no record of the elements left.
+        }
+    }
     clearMarks();
     group_ = nullptr; // the group is done with this transaction, and may go
     model_->transactionEnded(this);
@@ -187,8 +198,9 @@ TransactionImpl::~TransactionImpl() {
     }
     clearMarks();
     // No roll-back can bring these back now: they let go of what they still hold.
-    for (ModelElement::Impl::Changes const *record : log_->records())
-        if (record->isDestroyed() && !record->getElement()->isValid())
+    for (ModelElement::Impl::Changes const *record : log_->entries())
+        if (!detail::RecordLog::scalarOf(const_cast<ModelElement::Impl::Changes *>(record)) && record->isDestroyed() &&
+            !record->getElement()->isValid())
             record->getElement()->basicDisassociateAll();
 }
 
@@ -278,8 +290,12 @@ bool TransactionImpl::hasObservers() const noexcept {
 template <class Call>
 void TransactionImpl::notifyObservers(Call const &call, char const *interruptText, char const *failureText) {
     boost::optional<Model::Freezer> freezer;
-    if (has(FreezeOnNotify))
+    if (has(FreezeOnNotify)) {
+        // Making a record from a number's kept bytes puts them back into the element for a
+        // moment: done before other threads may read the frozen model.
+        log_->materialize();
         freezer.emplace(model_);
+    }
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
         ListenerHolderBase *holder = listeners_[i];
         if (!holder || !holder->isObserver())
@@ -421,7 +437,8 @@ void TransactionImpl::elementDestroying(ModelElement::Impl *element) {
     element->marks_ |= ModelElement::Impl::DestroyedHereMark;
 }
 
-void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex) {
+void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar,
+                                       std::size_t size) {
     if (has(ApplyingRollBack) || propertyIndex == 0 || !isInterested())
         return;
     if (!element->isValid() && !(element->marks_ & ModelElement::Impl::RecordedMark))
@@ -431,6 +448,13 @@ void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_
     // A new element has no old value.
     if (element->marks_ & ModelElement::Impl::CreatedHereMark)
         return;
+    // The first change of an element that is one scalar keeps its bytes alone; a second
+    // change finds the element marked and makes its whole record.
+    if (scalar && isDeep() && !(element->marks_ & ModelElement::Impl::RecordedMark)) {
+        log_->appendScalar(element, propertyIndex, scalar, size);
+        element->marks_ |= ModelElement::Impl::RecordedMark;
+        return;
+    }
     ModelElement::Impl::Changes *record = entryOf(element);
     if (record->isCreated() || (!isDeep() && record->isDestroyed()))
         return;
@@ -461,8 +485,8 @@ void TransactionImpl::allElementsDestroyed() {
 }
 
 bool TransactionImpl::isDestroyed(boost::uuids::uuid const &uuid) const {
-    for (ModelElement::Impl::Changes const *record : log_->records())
-        if (record->isDestroyed() && record->getUuid() == uuid)
+    for (ModelElement::Impl::Changes *record : log_->entries())
+        if (!detail::RecordLog::scalarOf(record) && record->isDestroyed() && record->getUuid() == uuid)
             return true;
     return false;
 }
@@ -480,12 +504,15 @@ TransactionResult TransactionImpl::revert() {
     // Every record holds its element, so that nothing is freed while the walks run, and
     // names the very object it is of, so that no lookup is needed.
     Model::Impl *model = model_.get();
-    auto const &records = log_->records();
+    // A scalar entry is of an element neither made nor destroyed here: the last walk alone
+    // puts its bytes back.
+    auto const &records = log_->entries();
+    auto const scalar = [](ModelElement::Impl::Changes *entry) { return detail::RecordLog::scalarOf(entry); };
     flags_ |= ApplyingRollBack;
     // New elements leave first: an element destroyed here may come back under a UUID that a
     // new one took.
     for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if ((*record)->isCreated() && !(*record)->isDestroyed())
+        if (!scalar(*record) && (*record)->isCreated() && !(*record)->isDestroyed())
             if (ModelElement::Impl *element = (*record)->getElement().get(); element->isValid()) {
                 element->basicDisassociateAll();
                 model->forgetCreatedElement(element);
@@ -493,10 +520,12 @@ TransactionResult TransactionImpl::revert() {
             }
     // Destroyed elements come back before anything refers to them again.
     for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if ((*record)->isDestroyed() && !(*record)->isCreated())
+        if (!scalar(*record) && (*record)->isDestroyed() && !(*record)->isCreated())
             model->resurrectElement((*record)->getElement().get());
     for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if (!(*record)->isCreated())
+        if (detail::ScalarChange const *change = scalar(*record))
+            change->restore();
+        else if (!(*record)->isCreated())
             (*record)->getElement()->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(*record));
     return TransactionResult::RolledBack;
 }

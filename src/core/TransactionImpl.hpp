@@ -112,7 +112,9 @@ public:
     // What the model reports while the transaction runs.
     void elementCreated(ModelElement::Impl *element);
     void elementDestroying(ModelElement::Impl *element);
-    void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex);
+    /// `scalar`, when given, is the member of `size` bytes that the change overwrites.
+    void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
+                          std::size_t size = 0);
     void elementContainmentChanging(ModelElement::Impl *element);
     void allElementsDestroying();
     void allElementsDestroyed();

@@ -1,4 +1,6 @@
 #include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/MetaPackageMeta.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
@@ -15,7 +17,9 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <atomic>
 #include <map>
+#include <mutex>
 #include <unordered_map>
 
 namespace kivra::meta {
@@ -123,20 +127,52 @@ private:
 
 // --- Start-up --------------------------------------------------------------------------
 
+std::atomic<MetaRegistry *> detail::describedRegistry{nullptr};
+
+namespace {
+// The thread that builds the registry meets it again while it describes the metamodel.
+thread_local MetaRegistry *registryInConstruction = nullptr;
+std::once_flag registryOnce;
+} // namespace
+
 MetaRegistry *MetaRegistry::getInstance() {
-    // Never destroyed: the metamodel outlives every model that names its types.
-    static MetaRegistry *const instance = new MetaRegistry();
-    return instance;
+    if (MetaRegistry *registry = detail::describedRegistry.load(std::memory_order_acquire)) [[likely]]
+        return registry;
+    if (registryInConstruction)
+        return registryInConstruction;
+    std::call_once(registryOnce, [] {
+        // Never destroyed: the metamodel outlives every model that names its types. Known
+        // to this thread before construction, which already asks for handles.
+        void *memory = ::operator new(sizeof(MetaRegistry));
+        auto *registry = static_cast<MetaRegistry *>(memory);
+        registryInConstruction = registry;
+        try {
+            new (memory) MetaRegistry();
+            registry->start();
+        } catch (...) {
+            registryInConstruction = nullptr;
+            throw;
+        }
+        registryInConstruction = nullptr;
+        detail::describedRegistry.store(registry, std::memory_order_release);
+    });
+    return detail::describedRegistry.load(std::memory_order_acquire);
 }
 
 MetaRegistry::MetaRegistry()
     : model_(Model::createRegistryModel(u"registry@registry://metaRegistry/model", ModelSpec().setModelReified())),
       tables_(std::make_unique<Tables>()), freezer_(model_) {
     model_->setUsageProvider(std::make_unique<MetaRegistryUsageProvider>(*this));
-    LockedModel locked(*this);
-    Transaction transaction = model_->beginTransaction();
-    initialize();
-    transaction.commit();
+}
+
+void MetaRegistry::start() {
+    {
+        LockedModel locked(*this);
+        Transaction transaction = model_->beginTransaction();
+        initialize();
+        transaction.commit();
+    }
+    new MetaPackageMeta(); // lives as long as the registry
 }
 
 MetaRegistry::~MetaRegistry() = default;
@@ -144,6 +180,9 @@ MetaRegistry::~MetaRegistry() = default;
 void MetaRegistry::initialize() {
     LockedModel locked(*this);
     StandardTypes::initializeTypes(*this);
+    Model::initializeType(*this);
+    ModelElement::initializeType(*this);
+    ModelConstellation::initializeType(*this);
     if (!tables_->unregisterDestroyedTypes) {
         auto listener = std::make_unique<UnregisterDestroyedTypes>(*this);
         tables_->unregisterDestroyedTypes = listener.get();

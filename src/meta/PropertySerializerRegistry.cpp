@@ -1,4 +1,5 @@
 #include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/meta/detail/Metaclasses.hpp>
 
 #include "meta/StandardSerializers.hpp"
 
@@ -77,6 +78,9 @@ struct PropertySerializerRegistry::Tables {
 };
 
 PropertySerializerRegistry &PropertySerializerRegistry::getInstance() {
+    // The metamodel's description registers serializers while it is built, and this
+    // registry names the standard types: the metamodel comes first, outside this static.
+    detail::ensureDescribed();
     // Never destroyed: values and models that outlive static destruction still format.
     static PropertySerializerRegistry *const instance = new PropertySerializerRegistry();
     return *instance;

@@ -1,4 +1,3 @@
-#include "VersionInfoType.hpp"
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -64,7 +63,6 @@ struct Observer : Listener {
 // `visits` and `codes` hashed sets, `sources` the map keyed by family, `labels` a map of texts.
 class PrimitiveCollectionTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ensureVersionInfoType(); }
     void TearDown() override { removeListener(model, observer); }
     Model model = Model::createTransientModel();
     Shelf shelf = Shelf::create(model);

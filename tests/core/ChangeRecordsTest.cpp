@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 namespace kivra::test::library {
@@ -114,6 +115,66 @@ TEST_F(ChangeRecordsTest, ChangedPropertiesStartAtTheElementsOwnClass) {
     // Another class's property of the same index as the title is none of the novel's.
     ASSERT_EQ(Shelf::Impl::labelProperty()->getPropertyIndex(), Book::Impl::titleProperty()->getPropertyIndex());
     EXPECT_FALSE(report->isChanged(novel, Shelf::Impl::labelProperty()));
+}
+
+// The first change of an element that sets one scalar is kept as that scalar's bytes alone;
+// whatever comes after it in the transaction, a report and a roll-back see the value from
+// before the transaction, and the element keeps its present value once a report is read.
+TEST_F(ChangeRecordsTest, AScalarKeepsItsFirstOldValueWhateverFollows) {
+    struct Case {
+        char const *name;
+        void (*then)(Book const &book, Book const &other);
+    };
+    Case const cases[] = {
+        {"alone", [](Book const &, Book const &) {}},
+        {"set again", [](Book const &book, Book const &) { book->setPages(9); }},
+        {"another property", [](Book const &book, Book const &) { book->setTitle(u"Dune Messiah"); }},
+        {"another element", [](Book const &, Book const &other) { other->setPages(4); }},
+        {"destroyed", [](Book const &book, Book const &) { book->destroy(); }},
+    };
+    meta::Property const pages = Book::Impl::pagesProperty();
+    for (Case const &each : cases) {
+        SCOPED_TRACE(each.name);
+        Novel book = Novel::create(model); // a subclass: its scalar lies further from its start
+        book->setPages(7);
+        book->setTitle(u"Dune");
+        Book other = Book::create(model);
+        other->setPages(3);
+
+        Report const report = record([&] {
+            book->setPages(8);
+            each.then(book, other);
+        });
+        ASSERT_TRUE(report);
+        EXPECT_TRUE(report->isChanged(book, pages));
+        EXPECT_EQ(report->getOldValue(book, pages).get<std::int32_t>(), 7);
+        if (std::string_view(each.name) == "another element") {
+            EXPECT_EQ(report->getOldValue(other, pages).get<std::int32_t>(), 3);
+        }
+        if (std::string_view(each.name) == "another property") {
+            EXPECT_EQ(report->getOldValue(book, Book::Impl::titleProperty()).get<basalt::ustring>(), u"Dune");
+        }
+        if (book) {
+            EXPECT_EQ(book->getPages(), std::string_view(each.name) == "set again" ? 9 : 8);
+        }
+
+        book = Novel::create(model);
+        book->setPages(7);
+        book->setTitle(u"Dune");
+        other = Book::create(model);
+        other->setPages(3);
+        Novel const kept = book;
+        {
+            Transaction transaction = model->beginRevertibleTransaction();
+            book->setPages(8);
+            each.then(book, other);
+            EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+        }
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(kept->getPages(), 7);
+        EXPECT_EQ(kept->getTitle(), u"Dune");
+        EXPECT_EQ(other->getPages(), 3);
+    }
 }
 
 } // namespace

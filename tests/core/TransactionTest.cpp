@@ -328,8 +328,18 @@ private:
                 note("title"), book->setTitle(letter());
             break;
         case 3:
-            if (Book book = pick<Book>(); book.get())
+            // Now and then every book at once: many elements whose one change is a number.
+            if (chance(4)) {
+                note("pages-all");
+                std::vector<ModelElement> books = model_->getAllElements();
+                std::sort(books.begin(), books.end(),
+                          [](ModelElement const &a, ModelElement const &b) { return a->getUuid() < b->getUuid(); });
+                for (ModelElement const &element : books)
+                    if (auto *book = dynamic_cast<Book::Impl *>(element.get()))
+                        book->setPages(std::int32_t(random_() % 4));
+            } else if (Book book = pick<Book>(); book.get()) {
                 note("pages"), book->setPages(std::int32_t(random_() % 4));
+            }
             break;
         case 4:
             if (Book book = pick<Book>(); book.get())

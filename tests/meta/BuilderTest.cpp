@@ -1,5 +1,4 @@
 #include "ModelSnapshot.hpp"
-#include "VersionInfoType.hpp"
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -296,7 +295,6 @@ TEST_F(BuilderTest, SetOrAddRefusesWhatTheClassDoesNotHave) {
 // Entries staged typed or through setOrAdd are in the new element, added by each
 // collection's own rules; a value that cannot be an entry stages nothing.
 TEST_F(BuilderTest, CollectionsOfValuesAreStagedAndMadeWithTheElement) {
-    ensureVersionInfoType();
     Author const other = Author::create(model);
     other->getRatingsMutable().assign({8, 9});
 

@@ -74,6 +74,7 @@ public:
     }
 
     SamplePackage(basalt::ustring const &family, std::vector<basalt::ustring> const &names, Options options = {}) {
+        begin();
         package = createPackage(family, MetaRegistry::composeUri(options.version, family));
         note(package, options);
         for (basalt::ustring const &name : names) {

@@ -11,14 +11,25 @@
 #include <kivra/meta/Property.hpp>
 
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 namespace kivra::detail {
 
+/// The member itself when its bytes are all there is to keep of its old value (a
+/// trivially copyable value of at most 8 bytes), else null.
+template <class T> void const *scalarBytes(T const &member) {
+    if constexpr (std::is_trivially_copyable_v<T> && sizeof(T) <= sizeof(std::uint64_t))
+        return &member;
+    else
+        return nullptr;
+}
+
 /// A plain member: proxy test, compare and return when equal (no transaction, no
 /// record), store at once when nothing is to be kept, else open a transaction, announce,
-/// store, commit. An exception leaves through
-/// the transaction, which then votes to roll back.
+/// store, commit. An exception leaves through the transaction, which then votes to roll
+/// back. A scalar member is announced with its bytes, which are then all a revertible
+/// transaction needs to keep of it.
 template <class T, class U>
 void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint64_t index) {
     element.checkModifiable();
@@ -28,7 +39,7 @@ void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint
         member = value;
         return;
     }
-    auto transaction = element.beginModification(index);
+    auto transaction = element.beginModification(index, scalarBytes(member), sizeof(T));
     member = value;
     transaction.commit();
 }
@@ -137,7 +148,8 @@ void returnToKeyHolders(ModelElement::Impl &element, std::vector<KeyHolder> cons
 template <class T, class U>
 void setKey(ModelElement::Impl &element, T &member, U const &value, std::uint64_t index,
             std::vector<KeyHolder> const &holders) {
-    auto transaction = element.beginModification(index);
+    // The holders' collections keep their own records: of the element, its key is all.
+    auto transaction = element.beginModification(index, scalarBytes(member), sizeof(T));
     leaveKeyHolders(element, holders);
     member = value;
     returnToKeyHolders(element, holders);

@@ -2,6 +2,7 @@
 /// \file
 /// The base of the classes that describe a metamodel in the registry.
 
+#include <kivra/Transaction.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
@@ -15,32 +16,46 @@
 
 namespace kivra::meta {
 
+class PropertySerializerRegistry;
+
 /// The base of generated metamodel packages: each enters its packages, classes and
-/// properties into the registry model once, under the registry's lock, and keeps their
-/// handles for the generated code, which compares properties with them by identity.
+/// properties into the registry model once, under the registry's lock, through the
+/// ordinary builders, and keeps their handles for the generated code, which compares
+/// properties with them by identity.
 class AbstractMetaPackage {
 public:
-    virtual ~AbstractMetaPackage() = default;
+    virtual ~AbstractMetaPackage();
     AbstractMetaPackage(AbstractMetaPackage const &) = delete;
     AbstractMetaPackage &operator=(AbstractMetaPackage const &) = delete;
 
 protected:
-    /// Takes the registry's lock and opens a transaction on its model for the whole
-    /// description; the derived constructor describes, `finish` commits and lets go.
     AbstractMetaPackage();
-    /// Commits the description, then registers the packages made without a parent as
-    /// root packages. A description that fails before this rolls back, and the types it
-    /// registered go with it.
+    /// Takes the registry's lock, thaws its model and opens the one revertible transaction
+    /// of a description; `finish` commits it and lets go.
+    void begin();
+    /// Commits the description, makes every collection of its elements exist (the frozen
+    /// registry model is read from many threads without a lock), then registers the
+    /// packages made without a parent as root packages.
     void finish();
+    /// Rolls an unfinished description back, with the types it registered, and lets go.
+    void abandon() noexcept;
 
     Model const &model() const noexcept { return model_; }
     MetaRegistry &registry() const noexcept { return *registry_; }
 
-    Package createPackage(basalt::ustring const &name, basalt::ustring const &uri);
+    /// A package with a fresh UUID, or the one given.
+    Package createPackage(basalt::ustring const &name, basalt::ustring const &uri, char const *uuid = nullptr);
     Class createClass(basalt::ustring const &name, std::string const &vantorName, bool isAbstract, char const *uuid);
+    DataType createDataType(basalt::ustring const &name, std::string const &vantorName, char const *uuid);
+    Enum createEnum(basalt::ustring const &name, char const *uuid);
+    EnumLiteral createEnumLiteral(basalt::ustring const &name, int value, char const *uuid);
     /// A property with `lower`, `upper`, `isOrdered`, `isHashed` and `isUnique` from the
     /// shape, as a table of properties writes them.
     Property createProperty(basalt::ustring const &name, ValueFlags shape, bool isComposite, char const *uuid);
+    /// An operation giving one value, any number of values (`many`) or none (`!returns`).
+    Operation createOperation(basalt::ustring const &name, char const *uuid, bool returns = false, bool many = false);
+    Argument createArgument(basalt::ustring const &name, char const *uuid, bool isOrdered = false, bool many = false);
+    Endpoint createEndpoint(basalt::ustring const &name, char const *uuid);
     void setPropertyIndex(Property const &property, int index);
 
     void registerRootPackage(Package const &package) { registry_->registerRootPackage(package); }
@@ -48,6 +63,13 @@ protected:
     void updateCollectionInstantiator(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator) {
         registry_->updateCollectionInstantiator(type, std::move(instantiator));
     }
+
+    /// Display data for the host language's object system, stored and given no meaning.
+    void setDefaultVantorCategory(Package const &package, std::string const &category);
+    void setVantorClassName(StructuredType const &type, std::string const &name);
+    void setVantorCompactDisplay(StructuredType const &type, bool compact);
+    void setVantorDispCategory(Property const &property, std::string const &category);
+    void setVantorDispSkipEmpty(Property const &property, bool skip);
 
 private:
     MetaRegistry *registry_;

@@ -39,6 +39,8 @@ public:
 
     /// The containing `AttributeMap`, when this element is held by its `attributes`.
     AttributeMap getOwner() const;
+    /// Moves this element into `value`'s `attributes`, or out of its container.
+    void setOwner(AttributeMap const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -86,7 +88,9 @@ public:
 private:
     friend class Attribute::Impl;
     template <class> friend class Attribute::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
     basalt::ustring key_{};
+    AttributeMap owner_;
 };
 
 /// The fluent setters of `Attribute`'s own properties, returning the most derived builder `B`.
@@ -97,6 +101,9 @@ public:
     /// Back to the element's default.
     B &unsetKey() { level().key_ = basalt::ustring{}; this->clearSet(Attribute::Impl::keyIndex); return self(); }
     basalt::ustring const &getKey() const noexcept { return level().key_; }
+    /// An empty handle clears the staged value.
+    B &setOwner(AttributeMap const &value) { level().owner_ = value; value ? this->markSet(Attribute::Impl::ownerIndex) : this->clearSet(Attribute::Impl::ownerIndex); return self(); }
+    AttributeMap const &getOwner() const noexcept { return level().owner_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

@@ -5,6 +5,7 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
@@ -29,13 +30,27 @@ public:
     Class const &getMetaClass() const override;
     class BuilderImpl;
     template <class B> class BuilderBase;
+
+    /// The `attributes`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Attribute> const &getAttributes() const;
+    ::kivra::ElementMap<basalt::ustring, Attribute> &getAttributesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasAttributes() const noexcept { return attributes_ && !attributes_->empty(); }
+
+    bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+    ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+    void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
 
-    using Storage = ::kivra::ModelElement::Impl::Storage;
+    class Storage;
     ::kivra::ModelElement::Impl::Changes *createChanges() const override;
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
 protected:
     friend class AttributeMap;
@@ -44,25 +59,53 @@ protected:
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Attribute> &ensureAttributes() const;
+
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Attribute>> attributes_;
+};
+
+/// The old values of `AttributeMap`'s own members in a deep transaction.
+class AttributeMap::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
+public:
+    using ::kivra::ModelElement::Impl::Storage::Storage;
+    ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
+
+private:
+    friend class AttributeMap::Impl;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Attribute>> attributes_;
 };
 
 /// The values of `AttributeMap`'s own properties staged in a builder, before the element exists.
 class AttributeMap::Impl::BuilderImpl : public ::kivra::ModelElement::Builder::Level {
 public:
     explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class AttributeMap::Impl;
     template <class> friend class AttributeMap::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> attributes_;
 };
 
 /// The fluent setters of `AttributeMap`'s own properties, returning the most derived builder `B`.
 template <class B>
 class AttributeMap::Impl::BuilderBase : public ::kivra::ModelElement::Builder {
 public:
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addAttributes(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(AttributeMap::Impl::attributesProperty(), std::move(child)); return self(); }
+    B &clearAttributes() { level().attributes_.clear(); this->clearSet(AttributeMap::Impl::attributesIndex); return self(); }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}
+
+private:
+    AttributeMap::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    AttributeMap::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
 };
 
 /// Stages the values of a new `AttributeMap` and makes it: `create` gives the element, and the

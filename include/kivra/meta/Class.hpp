@@ -5,6 +5,7 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/StructuredType.hpp>
@@ -41,6 +42,12 @@ public:
     Class getSuperclass() const;
     void setSuperclass(Class const &value);
 
+    /// The `extensions`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<std::uint64_t, DynamicExtensions> const &getExtensions() const;
+    ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &getExtensionsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasExtensions() const noexcept { return extensions_ && !extensions_->empty(); }
+
     bool getIsAbstract() const noexcept { return isAbstract_; }
     void setIsAbstract(bool value);
 
@@ -70,8 +77,12 @@ protected:
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &ensureExtensions() const;
 
     Class superclass_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<std::uint64_t, DynamicExtensions>> extensions_;
     bool isAbstract_{false};
 };
 
@@ -85,6 +96,7 @@ public:
 private:
     friend class Class::Impl;
     Class superclass_;
+    mutable std::unique_ptr<::kivra::ElementMap<std::uint64_t, DynamicExtensions>> extensions_;
     bool isAbstract_{false};
 };
 
@@ -95,12 +107,15 @@ public:
     /// The superclass's level.
     StructuredType::Impl::BuilderImpl &up() const noexcept { return static_cast<StructuredType::Impl::BuilderImpl &>(*upLevel()); }
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class Class::Impl;
     template <class> friend class Class::Impl::BuilderBase;
     void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
     Class superclass_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> extensions_;
     bool isAbstract_{false};
 };
 
@@ -111,6 +126,9 @@ public:
     /// An empty handle clears the staged value.
     B &setSuperclass(Class const &value) { level().superclass_ = value; value ? this->markSet(Class::Impl::superclassIndex) : this->clearSet(Class::Impl::superclassIndex); return self(); }
     Class const &getSuperclass() const noexcept { return level().superclass_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addExtensions(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Class::Impl::extensionsProperty(), std::move(child)); return self(); }
+    B &clearExtensions() { level().extensions_.clear(); this->clearSet(Class::Impl::extensionsIndex); return self(); }
     B &setIsAbstract(bool value) { level().isAbstract_ = value; this->markSet(Class::Impl::isAbstractIndex); return self(); }
     /// Back to the element's default.
     B &unsetIsAbstract() { level().isAbstract_ = bool{false}; this->clearSet(Class::Impl::isAbstractIndex); return self(); }

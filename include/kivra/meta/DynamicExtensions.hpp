@@ -5,6 +5,7 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 
@@ -39,8 +40,16 @@ public:
     std::uint64_t getModelID() const noexcept { return modelID_; }
     void setModelID(std::uint64_t value);
 
+    /// The `extensions`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Extension> const &getExtensions() const;
+    ::kivra::ElementMap<basalt::ustring, Extension> &getExtensionsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasExtensions() const noexcept { return extensions_ && !extensions_->empty(); }
+
     /// The containing `Class`, when this element is held by its `extensions`.
     Class getOwningClass() const;
+    /// Moves this element into `value`'s `extensions`, or out of its container.
+    void setOwningClass(Class const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -64,8 +73,13 @@ protected:
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Extension> &ensureExtensions() const;
 
     std::uint64_t modelID_{0};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Extension>> extensions_;
 };
 
 /// The old values of `DynamicExtensions`'s own members in a deep transaction.
@@ -78,6 +92,7 @@ public:
 private:
     friend class DynamicExtensions::Impl;
     std::uint64_t modelID_{0};
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Extension>> extensions_;
 };
 
 /// The values of `DynamicExtensions`'s own properties staged in a builder, before the element exists.
@@ -85,11 +100,16 @@ class DynamicExtensions::Impl::BuilderImpl : public ::kivra::ModelElement::Build
 public:
     explicit BuilderImpl(::kivra::ModelElement::Builder &root) noexcept : Level(root, nullptr) {}
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class DynamicExtensions::Impl;
     template <class> friend class DynamicExtensions::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
     std::uint64_t modelID_{0};
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> extensions_;
+    Class owningClass_;
 };
 
 /// The fluent setters of `DynamicExtensions`'s own properties, returning the most derived builder `B`.
@@ -100,6 +120,12 @@ public:
     /// Back to the element's default.
     B &unsetModelID() { level().modelID_ = std::uint64_t{0}; this->clearSet(DynamicExtensions::Impl::modelIDIndex); return self(); }
     std::uint64_t const &getModelID() const noexcept { return level().modelID_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addExtensions(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(DynamicExtensions::Impl::extensionsProperty(), std::move(child)); return self(); }
+    B &clearExtensions() { level().extensions_.clear(); this->clearSet(DynamicExtensions::Impl::extensionsIndex); return self(); }
+    /// An empty handle clears the staged value.
+    B &setOwningClass(Class const &value) { level().owningClass_ = value; value ? this->markSet(DynamicExtensions::Impl::owningClassIndex) : this->clearSet(DynamicExtensions::Impl::owningClassIndex); return self(); }
+    Class const &getOwningClass() const noexcept { return level().owningClass_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

@@ -36,6 +36,8 @@ public:
 
     /// The containing `Package`, when this element is held by its `ownedEndpoints`.
     Package getOwningPackage() const;
+    /// Moves this element into `value`'s `ownedEndpoints`, or out of its container.
+    void setOwningPackage(Package const &value);
 
     std::int32_t getMillisecondTimeout() const noexcept { return millisecondTimeout_; }
     void setMillisecondTimeout(std::int32_t value);
@@ -89,6 +91,8 @@ public:
 private:
     friend class Endpoint::Impl;
     template <class> friend class Endpoint::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    Package owningPackage_;
     std::int32_t millisecondTimeout_{0};
 };
 
@@ -96,6 +100,9 @@ private:
 template <class B>
 class Endpoint::Impl::BuilderBase : public Parameterized::Impl::BuilderBase<B> {
 public:
+    /// An empty handle clears the staged value.
+    B &setOwningPackage(Package const &value) { level().owningPackage_ = value; value ? this->markSet(Endpoint::Impl::owningPackageIndex) : this->clearSet(Endpoint::Impl::owningPackageIndex); return self(); }
+    Package const &getOwningPackage() const noexcept { return level().owningPackage_; }
     B &setMillisecondTimeout(std::int32_t value) { level().millisecondTimeout_ = value; this->markSet(Endpoint::Impl::millisecondTimeoutIndex); return self(); }
     /// Back to the element's default.
     B &unsetMillisecondTimeout() { level().millisecondTimeout_ = std::int32_t{0}; this->clearSet(Endpoint::Impl::millisecondTimeoutIndex); return self(); }

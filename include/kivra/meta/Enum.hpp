@@ -5,6 +5,7 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
@@ -34,6 +35,12 @@ public:
     class BuilderImpl;
     template <class B> class BuilderBase;
 
+    /// The `literals`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, EnumLiteral> const &getLiterals() const;
+    ::kivra::ElementMap<basalt::ustring, EnumLiteral> &getLiteralsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasLiterals() const noexcept { return literals_ && !literals_->empty(); }
+
     /// The referenced `PrimitiveType`, resolved when it is a proxy; empty when none.
     PrimitiveType getUnderlyingType() const;
     void setUnderlyingType(PrimitiveType const &value);
@@ -53,6 +60,8 @@ public:
     bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
+#include <kivra/meta/detail/EnumExtra.inc>
+
 protected:
     friend class Enum;
     friend class Enum::Builder;
@@ -62,7 +71,11 @@ protected:
     void doDestroy(bool modelDestroying, bool multiModel) override;
     void basicDisassociateAll() override;
     void convertReferencesToProxies(bool multiModel, boost::optional<::kivra::ProxyId> &proxyId) override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, EnumLiteral> &ensureLiterals() const;
 
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, EnumLiteral>> literals_;
     PrimitiveType underlyingType_;
 };
 
@@ -74,6 +87,7 @@ public:
 
 private:
     friend class Enum::Impl;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, EnumLiteral>> literals_;
     PrimitiveType underlyingType_;
 };
 
@@ -84,11 +98,14 @@ public:
     /// The superclass's level.
     Type::Impl::BuilderImpl &up() const noexcept { return static_cast<Type::Impl::BuilderImpl &>(*upLevel()); }
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class Enum::Impl;
     template <class> friend class Enum::Impl::BuilderBase;
     void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> literals_;
     PrimitiveType underlyingType_;
 };
 
@@ -96,6 +113,9 @@ private:
 template <class B>
 class Enum::Impl::BuilderBase : public Type::Impl::BuilderBase<B> {
 public:
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addLiterals(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Enum::Impl::literalsProperty(), std::move(child)); return self(); }
+    B &clearLiterals() { level().literals_.clear(); this->clearSet(Enum::Impl::literalsIndex); return self(); }
     /// An empty handle clears the staged value.
     B &setUnderlyingType(PrimitiveType const &value) { level().underlyingType_ = value; value ? this->markSet(Enum::Impl::underlyingTypeIndex) : this->clearSet(Enum::Impl::underlyingTypeIndex); return self(); }
     PrimitiveType const &getUnderlyingType() const noexcept { return level().underlyingType_; }

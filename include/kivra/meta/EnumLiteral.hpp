@@ -43,6 +43,8 @@ public:
 
     /// The containing `Enum`, when this element is held by its `literals`.
     Enum getParentEnum() const;
+    /// Moves this element into `value`'s `literals`, or out of its container.
+    void setParentEnum(Enum const &value);
 
     boost::optional<basalt::ustring> const &getPublicIdentifier() const noexcept { return publicIdentifier_; }
     bool hasPublicIdentifier() const noexcept { return publicIdentifier_.has_value(); }
@@ -99,7 +101,9 @@ public:
 private:
     friend class EnumLiteral::Impl;
     template <class> friend class EnumLiteral::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
     std::int32_t value_{0};
+    Enum parentEnum_;
     boost::optional<basalt::ustring> publicIdentifier_;
 };
 
@@ -111,6 +115,9 @@ public:
     /// Back to the element's default.
     B &unsetValue() { level().value_ = std::int32_t{0}; this->clearSet(EnumLiteral::Impl::valueIndex); return self(); }
     std::int32_t const &getValue() const noexcept { return level().value_; }
+    /// An empty handle clears the staged value.
+    B &setParentEnum(Enum const &value) { level().parentEnum_ = value; value ? this->markSet(EnumLiteral::Impl::parentEnumIndex) : this->clearSet(EnumLiteral::Impl::parentEnumIndex); return self(); }
+    Enum const &getParentEnum() const noexcept { return level().parentEnum_; }
     B &setPublicIdentifier(boost::optional<basalt::ustring> const &value) { level().publicIdentifier_ = value; value ? this->markSet(EnumLiteral::Impl::publicIdentifierIndex) : this->clearSet(EnumLiteral::Impl::publicIdentifierIndex); return self(); }
     B &unsetPublicIdentifier() { level().publicIdentifier_ = boost::none; this->clearSet(EnumLiteral::Impl::publicIdentifierIndex); return self(); }
     boost::optional<basalt::ustring> const &getPublicIdentifier() const noexcept { return level().publicIdentifier_; }

@@ -33,6 +33,8 @@ public:
 
     /// The containing `DynamicExtensions`, when this element is held by its `extensions`.
     DynamicExtensions getOwner() const;
+    /// Moves this element into `value`'s `extensions`, or out of its container.
+    void setOwner(DynamicExtensions const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -74,19 +76,30 @@ public:
     explicit BuilderImpl(Property::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
     /// The superclass's level.
     Property::Impl::BuilderImpl &up() const noexcept { return static_cast<Property::Impl::BuilderImpl &>(*upLevel()); }
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
 
 private:
     friend class Extension::Impl;
     template <class> friend class Extension::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    DynamicExtensions owner_;
 };
 
 /// The fluent setters of `Extension`'s own properties, returning the most derived builder `B`.
 template <class B>
 class Extension::Impl::BuilderBase : public Property::Impl::BuilderBase<B> {
 public:
+    /// An empty handle clears the staged value.
+    B &setOwner(DynamicExtensions const &value) { level().owner_ = value; value ? this->markSet(Extension::Impl::ownerIndex) : this->clearSet(Extension::Impl::ownerIndex); return self(); }
+    DynamicExtensions const &getOwner() const noexcept { return level().owner_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Property::Impl::BuilderBase<B>(model, bitCount) {}
+
+private:
+    Extension::Impl::BuilderImpl &level() noexcept { return static_cast<B &>(*this); }
+    Extension::Impl::BuilderImpl const &level() const noexcept { return static_cast<B const &>(*this); }
+    B &self() noexcept { return static_cast<B &>(*this); }
 };
 
 /// Stages the values of a new `Extension` and makes it: `create` gives the element, and the

@@ -12,6 +12,24 @@
 
 namespace kivra::meta {
 
+class Enum;
+
+/// The literals of the enumeration `Language`, with their values.
+enum class Language : std::int32_t {
+    Unknown = 0,
+    CPlusPlus = 1,
+    JavaScript = 2,
+};
+/// The `meta::Enum` that describes `Language`.
+::kivra::meta::Enum const &metaEnum(Language);
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier(Language literal) noexcept {
+    switch (literal) {
+    default:
+        return u"";
+    }
+}
+
 /// Handle of a `NamedElement` element; `operator->` needs `kivra/meta/NamedElement.hpp`.
 class NamedElement : public ::kivra::ModelElement {
 public:

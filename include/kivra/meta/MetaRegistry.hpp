@@ -202,6 +202,8 @@ private:
 
     MetaRegistry();
     ~MetaRegistry();
+    /// Enters the standard types and the metamodel's own description.
+    void start();
     void initialize();
     void registerType(Type const &type, basalt::ustring const &name,
                       std::unique_ptr<detail::CollectionInstantiator> instantiator, BuilderFactory factory);

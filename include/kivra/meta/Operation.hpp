@@ -45,6 +45,8 @@ public:
 
     /// The containing `StructuredType`, when this element is held by its `ownedOperations`.
     StructuredType getOwningType() const;
+    /// Moves this element into `value`'s `ownedOperations`, or out of its container.
+    void setOwningType(StructuredType const &value);
 
     bool getIsAbstract() const noexcept { return isAbstract_; }
     void setIsAbstract(bool value);
@@ -113,6 +115,8 @@ public:
 private:
     friend class Operation::Impl;
     template <class> friend class Operation::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    StructuredType owningType_;
     bool isAbstract_{false};
     bool isStatic_{false};
     bool isPublic_{true};
@@ -123,6 +127,9 @@ private:
 template <class B>
 class Operation::Impl::BuilderBase : public Parameterized::Impl::BuilderBase<B> {
 public:
+    /// An empty handle clears the staged value.
+    B &setOwningType(StructuredType const &value) { level().owningType_ = value; value ? this->markSet(Operation::Impl::owningTypeIndex) : this->clearSet(Operation::Impl::owningTypeIndex); return self(); }
+    StructuredType const &getOwningType() const noexcept { return level().owningType_; }
     B &setIsAbstract(bool value) { level().isAbstract_ = value; this->markSet(Operation::Impl::isAbstractIndex); return self(); }
     /// Back to the element's default.
     B &unsetIsAbstract() { level().isAbstract_ = bool{false}; this->clearSet(Operation::Impl::isAbstractIndex); return self(); }

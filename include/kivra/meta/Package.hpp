@@ -6,6 +6,7 @@
 #include <basalt/ustring.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -56,11 +57,31 @@ public:
     class BuilderImpl;
     template <class B> class BuilderBase;
 
+    /// The `ownedTypes`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Type> const &getOwnedTypes() const;
+    ::kivra::ElementMap<basalt::ustring, Type> &getOwnedTypesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasOwnedTypes() const noexcept { return ownedTypes_ && !ownedTypes_->empty(); }
+
+    /// The `nestedPackages`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Package> const &getNestedPackages() const;
+    ::kivra::ElementMap<basalt::ustring, Package> &getNestedPackagesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasNestedPackages() const noexcept { return nestedPackages_ && !nestedPackages_->empty(); }
+
+    /// The `ownedEndpoints`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Endpoint> const &getOwnedEndpoints() const;
+    ::kivra::ElementMap<basalt::ustring, Endpoint> &getOwnedEndpointsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasOwnedEndpoints() const noexcept { return ownedEndpoints_ && !ownedEndpoints_->empty(); }
+
     basalt::ustring const & getUri() const noexcept { return uri_; }
     void setUri(basalt::ustring const &value);
 
     /// The containing `Package`, when this element is held by its `nestedPackages`.
     Package getParentPackage() const;
+    /// Moves this element into `value`'s `nestedPackages`, or out of its container.
+    void setParentPackage(Package const &value);
 
     /// The `importedPackages`, made on first use.
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getImportedPackages() const;
@@ -101,9 +122,22 @@ protected:
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Type> &ensureOwnedTypes() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Package> &ensureNestedPackages() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Endpoint> &ensureOwnedEndpoints() const;
     /// The collection, made when missing.
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &ensureImportedPackages() const;
 
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Type>> ownedTypes_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Package>> nestedPackages_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
     basalt::ustring uri_{};
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
@@ -121,6 +155,9 @@ public:
 
 private:
     friend class Package::Impl;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Type>> ownedTypes_;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Package>> nestedPackages_;
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
     basalt::ustring uri_{};
     mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
@@ -134,11 +171,18 @@ public:
     /// The superclass's level.
     NamedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<NamedElement::Impl::BuilderImpl &>(*upLevel()); }
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class Package::Impl;
     template <class> friend class Package::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedTypes_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> nestedPackages_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedEndpoints_;
     basalt::ustring uri_{};
+    Package parentPackage_;
     std::vector<::kivra::meta::VersionInfo> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
@@ -148,10 +192,22 @@ private:
 template <class B>
 class Package::Impl::BuilderBase : public NamedElement::Impl::BuilderBase<B> {
 public:
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addOwnedTypes(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Package::Impl::ownedTypesProperty(), std::move(child)); return self(); }
+    B &clearOwnedTypes() { level().ownedTypes_.clear(); this->clearSet(Package::Impl::ownedTypesIndex); return self(); }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addNestedPackages(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Package::Impl::nestedPackagesProperty(), std::move(child)); return self(); }
+    B &clearNestedPackages() { level().nestedPackages_.clear(); this->clearSet(Package::Impl::nestedPackagesIndex); return self(); }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addOwnedEndpoints(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Package::Impl::ownedEndpointsProperty(), std::move(child)); return self(); }
+    B &clearOwnedEndpoints() { level().ownedEndpoints_.clear(); this->clearSet(Package::Impl::ownedEndpointsIndex); return self(); }
     B &setUri(basalt::ustring const &value) { level().uri_ = value; this->markSet(Package::Impl::uriIndex); return self(); }
     /// Back to the element's default.
     B &unsetUri() { level().uri_ = basalt::ustring{}; this->clearSet(Package::Impl::uriIndex); return self(); }
     basalt::ustring const &getUri() const noexcept { return level().uri_; }
+    /// An empty handle clears the staged value.
+    B &setParentPackage(Package const &value) { level().parentPackage_ = value; value ? this->markSet(Package::Impl::parentPackageIndex) : this->clearSet(Package::Impl::parentPackageIndex); return self(); }
+    Package const &getParentPackage() const noexcept { return level().parentPackage_; }
     /// Stages one more entry, added as the collection adds it when the element is made.
     B &addImportedPackages(::kivra::meta::VersionInfo const &value) { level().importedPackages_.push_back(value); this->markSet(Package::Impl::importedPackagesIndex); return self(); }
     B &addImportedPackages(std::initializer_list<::kivra::meta::VersionInfo> values) { level().importedPackages_.insert(level().importedPackages_.end(), values); this->markSet(Package::Impl::importedPackagesIndex); return self(); }

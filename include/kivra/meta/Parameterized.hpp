@@ -84,7 +84,6 @@ public:
     explicit BuilderImpl(TypedElement::Impl::BuilderImpl &up) noexcept : Level(up.root(), &up) {}
     /// The superclass's level.
     TypedElement::Impl::BuilderImpl &up() const noexcept { return static_cast<TypedElement::Impl::BuilderImpl &>(*upLevel()); }
-    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:

@@ -133,6 +133,8 @@ public:
 
     /// The containing `StructuredType`, when this element is held by its `ownedAttributes`.
     StructuredType getOwningType() const;
+    /// Moves this element into `value`'s `ownedAttributes`, or out of its container.
+    void setOwningType(StructuredType const &value);
 
     boost::optional<std::string> const &getVantorDispCategory() const noexcept { return vantorDispCategory_; }
     bool hasVantorDispCategory() const noexcept { return vantorDispCategory_.has_value(); }
@@ -257,6 +259,7 @@ private:
     bool isPublicMutator_{true};
     bool isTransient_{false};
     bool isSparse_{false};
+    StructuredType owningType_;
     boost::optional<std::string> vantorDispCategory_;
     bool vantorDispSkipEmpty_{false};
     bool isSetOnce_{false};
@@ -319,6 +322,9 @@ public:
     /// Back to the element's default.
     B &unsetIsSparse() { level().isSparse_ = bool{false}; this->clearSet(Property::Impl::isSparseIndex); return self(); }
     bool const &getIsSparse() const noexcept { return level().isSparse_; }
+    /// An empty handle clears the staged value.
+    B &setOwningType(StructuredType const &value) { level().owningType_ = value; value ? this->markSet(Property::Impl::owningTypeIndex) : this->clearSet(Property::Impl::owningTypeIndex); return self(); }
+    StructuredType const &getOwningType() const noexcept { return level().owningType_; }
     B &setVantorDispCategory(boost::optional<std::string> const &value) { level().vantorDispCategory_ = value; value ? this->markSet(Property::Impl::vantorDispCategoryIndex) : this->clearSet(Property::Impl::vantorDispCategoryIndex); return self(); }
     B &unsetVantorDispCategory() { level().vantorDispCategory_ = boost::none; this->clearSet(Property::Impl::vantorDispCategoryIndex); return self(); }
     boost::optional<std::string> const &getVantorDispCategory() const noexcept { return level().vantorDispCategory_; }

@@ -5,6 +5,7 @@
 
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
+#include <kivra/ElementMap.hpp>
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -48,6 +49,18 @@ public:
     std::string const & getVantorName() const noexcept { return vantorName_; }
     void setVantorName(std::string const &value);
 
+    /// The `ownedAttributes`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMap<basalt::ustring, Property> const &getOwnedAttributes() const;
+    ::kivra::ElementMap<basalt::ustring, Property> &getOwnedAttributesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasOwnedAttributes() const noexcept { return ownedAttributes_ && !ownedAttributes_->empty(); }
+
+    /// The `ownedOperations`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementMultimap<basalt::ustring, Operation> const &getOwnedOperations() const;
+    ::kivra::ElementMultimap<basalt::ustring, Operation> &getOwnedOperationsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasOwnedOperations() const noexcept { return ownedOperations_ && !ownedOperations_->empty(); }
+
     bool getVantorCompactDisplay() const noexcept { return vantorCompactDisplay_; }
     void setVantorCompactDisplay(bool value);
 
@@ -67,6 +80,12 @@ public:
     ::kivra::ModelElement::Impl::Storage *createStorage() const override;
     void copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const override;
     void copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) override;
+    void inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    void inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+    bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
+    void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
+
+#include <kivra/meta/detail/StructuredTypeExtra.inc>
 
 protected:
     friend class StructuredType;
@@ -76,10 +95,19 @@ protected:
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
+    void basicDisassociateAll() override;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMap<basalt::ustring, Property> &ensureOwnedAttributes() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementMultimap<basalt::ustring, Operation> &ensureOwnedOperations() const;
     /// The collection, made when missing.
     ::kivra::PrimitiveSequence<std::string> &ensureVantorDispCategories() const;
 
     std::string vantorName_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Property>> ownedAttributes_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
     bool vantorCompactDisplay_{false};
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
@@ -96,6 +124,8 @@ public:
 private:
     friend class StructuredType::Impl;
     std::string vantorName_{};
+    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Property>> ownedAttributes_;
+    mutable std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
     bool vantorCompactDisplay_{false};
     mutable std::unique_ptr<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
 };
@@ -107,11 +137,15 @@ public:
     /// The superclass's level.
     Type::Impl::BuilderImpl &up() const noexcept { return static_cast<Type::Impl::BuilderImpl &>(*upLevel()); }
     std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) override;
+    std::uint64_t doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) override;
 
 private:
     friend class StructuredType::Impl;
     template <class> friend class StructuredType::Impl::BuilderBase;
+    void cascadeCreation(::kivra::ModelElement::Impl &element) override;
     std::string vantorName_{};
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedAttributes_;
+    std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedOperations_;
     bool vantorCompactDisplay_{false};
     std::vector<std::string> vantorDispCategories_;
 };
@@ -124,6 +158,12 @@ public:
     /// Back to the element's default.
     B &unsetVantorName() { level().vantorName_ = std::string{}; this->clearSet(StructuredType::Impl::vantorNameIndex); return self(); }
     std::string const &getVantorName() const noexcept { return level().vantorName_; }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addOwnedAttributes(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(StructuredType::Impl::ownedAttributesProperty(), std::move(child)); return self(); }
+    B &clearOwnedAttributes() { level().ownedAttributes_.clear(); this->clearSet(StructuredType::Impl::ownedAttributesIndex); return self(); }
+    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
+    B &addOwnedOperations(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(StructuredType::Impl::ownedOperationsProperty(), std::move(child)); return self(); }
+    B &clearOwnedOperations() { level().ownedOperations_.clear(); this->clearSet(StructuredType::Impl::ownedOperationsIndex); return self(); }
     B &setVantorCompactDisplay(bool value) { level().vantorCompactDisplay_ = value; this->markSet(StructuredType::Impl::vantorCompactDisplayIndex); return self(); }
     /// Back to the element's default.
     B &unsetVantorCompactDisplay() { level().vantorCompactDisplay_ = bool{false}; this->clearSet(StructuredType::Impl::vantorCompactDisplayIndex); return self(); }

@@ -2,15 +2,14 @@
 /// \file
 /// Where a transaction came from.
 
+#include <kivra/meta/Handles.hpp>
+
 #include <boost/optional/optional.hpp>
 #include <boost/uuid/uuid.hpp>
 
 #include <cstdint>
 
 namespace kivra::meta {
-
-/// The programming language on whose side a transaction began.
-enum class Language : std::int32_t { Unknown = 0, CPlusPlus = 1, JavaScript = 2 };
 
 /// Where a transaction came from: the model, the language, the transaction's own id, an
 /// optional synchronizer, and the factory with its ordinal, which increases with each

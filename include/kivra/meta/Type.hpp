@@ -43,6 +43,8 @@ public:
 
     /// The containing `Package`, when this element is held by its `ownedTypes`.
     Package getOwningPackage() const;
+    /// Moves this element into `value`'s `ownedTypes`, or out of its container.
+    void setOwningPackage(Package const &value);
 
     boost::optional<basalt::ustring> const &getCachedQualifiedName() const noexcept { return cachedQualifiedName_; }
     bool hasCachedQualifiedName() const noexcept { return cachedQualifiedName_.has_value(); }
@@ -101,7 +103,9 @@ public:
 private:
     friend class Type::Impl;
     template <class> friend class Type::Impl::BuilderBase;
+    void applyReferences(::kivra::ModelElement::Impl &element) override;
     bool isVantorHidden_{false};
+    Package owningPackage_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
 
@@ -113,6 +117,9 @@ public:
     /// Back to the element's default.
     B &unsetIsVantorHidden() { level().isVantorHidden_ = bool{false}; this->clearSet(Type::Impl::isVantorHiddenIndex); return self(); }
     bool const &getIsVantorHidden() const noexcept { return level().isVantorHidden_; }
+    /// An empty handle clears the staged value.
+    B &setOwningPackage(Package const &value) { level().owningPackage_ = value; value ? this->markSet(Type::Impl::owningPackageIndex) : this->clearSet(Type::Impl::owningPackageIndex); return self(); }
+    Package const &getOwningPackage() const noexcept { return level().owningPackage_; }
     B &setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { level().cachedQualifiedName_ = value; value ? this->markSet(Type::Impl::cachedQualifiedNameIndex) : this->clearSet(Type::Impl::cachedQualifiedNameIndex); return self(); }
     B &unsetCachedQualifiedName() { level().cachedQualifiedName_ = boost::none; this->clearSet(Type::Impl::cachedQualifiedNameIndex); return self(); }
     boost::optional<basalt::ustring> const &getCachedQualifiedName() const noexcept { return level().cachedQualifiedName_; }

@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Argument::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("0ac604e1-8fe9-35a8-bf88-6aec0ae37690"));
     return slot;
 }
@@ -20,11 +21,13 @@ Class const &Argument::metaClass() {
 Class const &Argument::Impl::getMetaClass() const { return Argument::metaClass(); }
 
 ::kivra::meta::Property const &Argument::Impl::operationProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("69315654-75aa-3bf0-af9a-32b4407e218b"));
     return slot;
 }
 
 ::kivra::meta::Property const &Argument::Impl::isInputProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c3162c19-7962-32b1-8707-1b758e7d6ea7"));
     return slot;
 }

@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Attribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("74bd5abb-d06d-32b3-9089-e799543dc77c"));
     return slot;
 }
@@ -20,11 +21,13 @@ Class const &Attribute::metaClass() {
 Class const &Attribute::Impl::getMetaClass() const { return Attribute::metaClass(); }
 
 ::kivra::meta::Property const &Attribute::Impl::keyProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8b2a442d-6b6d-357c-a9a5-ff408a748b9d"));
     return slot;
 }
 
 ::kivra::meta::Property const &Attribute::Impl::ownerProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a83c342f-8baa-35aa-9acd-aefc9ff8b637"));
     return slot;
 }
@@ -33,7 +36,19 @@ void Attribute::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
-void Attribute::Impl::setKey(basalt::ustring const &value) { ::kivra::detail::setMember(*this, key_, value, keyIndex); }
+void Attribute::Impl::setKey(basalt::ustring const &value) {
+    checkModifiable();
+    if (key_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+    if (AttributeMap const owner = getOwner(); owner.get()) {
+        if (owner->hasAttributes() && owner->getAttributes().containsKey(value))
+            ::kivra::detail::raiseKeyTaken();
+        holders.push_back({owner.get(), &AttributeMap::Impl::attributesProperty()});
+    }
+    ::kivra::detail::setKey(*this, key_, value, keyIndex, holders);
+}
 
 AttributeMap Attribute::Impl::getOwner() const {
     // Held by its container's `attributes`: the container is the value.
@@ -41,6 +56,10 @@ AttributeMap Attribute::Impl::getOwner() const {
     if (feature.get() && containmentFeatureImpl() != feature.get())
         return {};
     return AttributeMap::fromImpl(dynamic_cast<AttributeMap::Impl *>(containerImpl()));
+}
+
+void Attribute::Impl::setOwner(AttributeMap const &value) {
+    ::kivra::detail::setContainer(*this, value, AttributeMap::Impl::attributesProperty(), ownerIndex);
 }
 
 Attribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), key_(level.key_) {}
@@ -52,7 +71,17 @@ std::uint64_t Attribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property c
         key_ = value.get<basalt::ustring>();
         return keyIndex;
     }
+    if (property == ownerProperty()) {
+        owner_ = AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value));
+        return ownerIndex;
+    }
     return notOwn;
+}
+
+void Attribute::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Attribute::Impl &>(element);
+    if (root().isSet(ownerIndex))
+        self.setOwner(owner_);
 }
 
 bool Attribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
@@ -80,6 +109,8 @@ void Attribute::Impl::setPropertyValue(::kivra::meta::Property const &property, 
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
     if (property == keyProperty())
         return setKey(value.get<basalt::ustring>());
+    if (property == ownerProperty())
+        return setOwner(AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value)));
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -2,8 +2,10 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
+#include <kivra/meta/Attribute.hpp>
 #include <kivra/meta/AttributeMap.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
@@ -12,6 +14,7 @@
 namespace kivra::meta {
 
 Class const &AttributeMap::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("83e57a44-bf12-3fa3-8d20-d87241daf556"));
     return slot;
 }
@@ -19,6 +22,7 @@ Class const &AttributeMap::metaClass() {
 Class const &AttributeMap::Impl::getMetaClass() const { return AttributeMap::metaClass(); }
 
 ::kivra::meta::Property const &AttributeMap::Impl::attributesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c2ce4f1e-78e2-38c7-9417-8cfb7dee8393"));
     return slot;
 }
@@ -36,10 +40,52 @@ AttributeMap AttributeMap::createProxy(::kivra::Model const &model, ::kivra::Pro
 }
 
 void AttributeMap::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (attributes_ && !attributes_->empty())
+        ::kivra::detail::destroyChildren(*this, *attributes_, attributesIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void AttributeMap::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    attributes_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
+::kivra::ElementMap<basalt::ustring, Attribute> &AttributeMap::Impl::ensureAttributes() const {
+    if (!attributes_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        attributes_.reset(new ::kivra::ElementMap<basalt::ustring, Attribute>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Attribute::Impl const &>(entry).getKey(); }, _privateTag(), self, attributesProperty().get(), ::kivra::detail::oppositeOf(attributesProperty())));
+        self->_loadCollectionContents(*attributes_);
+    }
+    return *attributes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Attribute> const &AttributeMap::Impl::getAttributes() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureAttributes());
+    return *attributes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Attribute> &AttributeMap::Impl::getAttributesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Attribute> &>(getAttributes()); }
+
 AttributeMap::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid) {}
+
+std::uint64_t AttributeMap::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == attributesProperty() && fits(*child, property)) {
+        attributes_.push_back(std::move(child));
+        return attributesIndex;
+    }
+    return notOwn;
+}
+
+void AttributeMap::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<AttributeMap::Impl &>(element);
+    if (root().isSet(attributesIndex))
+        for (auto const &child : attributes_)
+            addTo(self.getAttributesMutable(), createChild(*child));
+}
 
 AttributeMap::Builder::Builder() : Builder(::kivra::Model()) {}
 
@@ -62,6 +108,30 @@ AttributeMap AttributeMap::Builder::createAttributeMap(bool noCascade, boost::uu
     return new (self.getModel()) AttributeMap::Impl(static_cast<AttributeMap::Impl::BuilderImpl &>(self), uuid);
 }
 
+bool AttributeMap::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
+    if (property == attributesProperty())
+        return hasAttributes();
+    return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
+}
+
+::kivra::Value AttributeMap::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
+    if (property == attributesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAttributesMutable() : ensureAttributes(), property);
+    return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
+}
+
+void AttributeMap::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
+    if (property == attributesProperty())
+        return ::kivra::detail::assignCollection(getAttributesMutable(), value);
+    ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
+}
+
 ::kivra::meta::Property AttributeMap::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);
@@ -82,14 +152,60 @@ AttributeMap AttributeMap::Builder::createAttributeMap(bool noCascade, boost::uu
 }
 
 void AttributeMap::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     switch (index) {
+    case attributesIndex:
+        own->attributes_ = ::kivra::detail::cloneCollection(attributes_.get());
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
 }
 
 void AttributeMap::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
+    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(attributesIndex))
+        ::kivra::detail::restoreCollection(ensureAttributes(), own->attributes_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
+}
+
+::kivra::Value AttributeMap::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
+    if (!property.get())
+        return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::attributesProperty() && isChanged(Impl::attributesIndex))
+        return ::kivra::detail::oldCollectionValue(attributes_, property);
+    return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
+}
+
+void AttributeMap::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == attributesProperty()) {
+        _basicAdd(ensureAttributes(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseAdd(other, property);
+}
+
+void AttributeMap::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == attributesProperty()) {
+        if (attributes_)
+            _basicRemove(*attributes_, other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::inverseRemove(other, property);
+}
+
+bool AttributeMap::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == attributesProperty())
+        return attributes_ && _basicContainsProxyTo(*attributes_, other);
+    return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
+}
+
+void AttributeMap::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == attributesProperty()) {
+        _basicAdd(ensureAttributes(), other);
+        return;
+    }
+    ::kivra::ModelElement::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::meta

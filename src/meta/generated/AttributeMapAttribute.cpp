@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &AttributeMapAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("a6c03b25-1d7d-32f4-8cf0-484d9bd6e41b"));
     return slot;
 }
@@ -20,6 +21,7 @@ Class const &AttributeMapAttribute::metaClass() {
 Class const &AttributeMapAttribute::Impl::getMetaClass() const { return AttributeMapAttribute::metaClass(); }
 
 ::kivra::meta::Property const &AttributeMapAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dd27e884-e9fb-3d55-a8dd-1031f923b7cd"));
     return slot;
 }
@@ -59,12 +61,6 @@ void AttributeMapAttribute::Impl::setValue(AttributeMap const &value) {
 }
 
 AttributeMapAttribute::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Attribute::Impl(level.up(), uuid) {}
-
-std::uint64_t AttributeMapAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
-    if (!property.get())
-        return notOwn;
-    return notOwn;
-}
 
 std::uint64_t AttributeMapAttribute::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
     if (!property.get() || !child)

@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &BooleanAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("c95caece-a302-3001-816a-44da6cb64b04"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &BooleanAttribute::metaClass() {
 Class const &BooleanAttribute::Impl::getMetaClass() const { return BooleanAttribute::metaClass(); }
 
 ::kivra::meta::Property const &BooleanAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3263f5c1-2c94-3d7f-b0a3-4894c37094b0"));
     return slot;
 }

@@ -2,15 +2,18 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DynamicExtensions.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::meta {
 
 Class const &Class::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b18e5add-a952-3131-9850-b3c0b47a8a41"));
     return slot;
 }
@@ -18,16 +21,19 @@ Class const &Class::metaClass() {
 Class const &Class::Impl::getMetaClass() const { return Class::metaClass(); }
 
 ::kivra::meta::Property const &Class::Impl::superclassProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("91d0b3de-9c52-3c3d-8cf5-d49c5ae02717"));
     return slot;
 }
 
 ::kivra::meta::Property const &Class::Impl::extensionsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("e03f9da3-1c2b-322f-9c5c-4f2679ad4146"));
     return slot;
 }
 
 ::kivra::meta::Property const &Class::Impl::isAbstractProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("345b1210-8dd9-3eb4-8ee0-6f5cbdbd0726"));
     return slot;
 }
@@ -45,12 +51,15 @@ Class Class::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &pr
 }
 
 void Class::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (extensions_ && !extensions_->empty())
+        ::kivra::detail::destroyChildren(*this, *extensions_, extensionsIndex, modelDestroying, multiModel);
     StructuredType::Impl::doDestroy(modelDestroying, multiModel);
 }
 
 void Class::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
     superclass_.reset();
+    extensions_.reset();
     StructuredType::Impl::basicDisassociateAll();
 }
 
@@ -68,6 +77,23 @@ void Class::Impl::setSuperclass(Class const &value) {
     ::kivra::detail::setReference(*this, superclass_, value, superclassProperty(), superclassIndex);
 }
 
+::kivra::ElementMap<std::uint64_t, DynamicExtensions> &Class::Impl::ensureExtensions() const {
+    if (!extensions_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        extensions_.reset(new ::kivra::ElementMap<std::uint64_t, DynamicExtensions>([](::kivra::ModelElement::Impl const &entry) -> std::uint64_t { return static_cast<DynamicExtensions::Impl const &>(entry).getModelID(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        self->_loadCollectionContents(*extensions_);
+    }
+    return *extensions_;
+}
+
+::kivra::ElementMap<std::uint64_t, DynamicExtensions> const &Class::Impl::getExtensions() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureExtensions());
+    return *extensions_;
+}
+
+::kivra::ElementMap<std::uint64_t, DynamicExtensions> &Class::Impl::getExtensionsMutable() { return const_cast<::kivra::ElementMap<std::uint64_t, DynamicExtensions> &>(getExtensions()); }
+
 void Class::Impl::setIsAbstract(bool value) { ::kivra::detail::setMember(*this, isAbstract_, value, isAbstractIndex); }
 
 Class::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : StructuredType::Impl(level.up(), uuid), isAbstract_(level.isAbstract_) {}
@@ -84,6 +110,23 @@ std::uint64_t Class::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const
         return isAbstractIndex;
     }
     return notOwn;
+}
+
+std::uint64_t Class::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == extensionsProperty() && fits(*child, property)) {
+        extensions_.push_back(std::move(child));
+        return extensionsIndex;
+    }
+    return notOwn;
+}
+
+void Class::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Class::Impl &>(element);
+    if (root().isSet(extensionsIndex))
+        for (auto const &child : extensions_)
+            addTo(self.getExtensionsMutable(), createChild(*child));
 }
 
 void Class::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
@@ -121,6 +164,8 @@ bool Class::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return StructuredType::Impl::hasPropertyValue(property, tag);
     if (property == superclassProperty())
         return superclass_.get() != nullptr;
+    if (property == extensionsProperty())
+        return hasExtensions();
     if (property == isAbstractProperty())
         return true;
     return StructuredType::Impl::hasPropertyValue(property, tag);
@@ -131,6 +176,8 @@ bool Class::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return StructuredType::Impl::getPropertyValue(property, tag);
     if (property == superclassProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSuperclass()) : ::kivra::ModelElement(superclass_));
+    if (property == extensionsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
     if (property == isAbstractProperty())
         return ::kivra::Value(isAbstract_);
     return StructuredType::Impl::getPropertyValue(property, tag);
@@ -141,6 +188,8 @@ void Class::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return StructuredType::Impl::setPropertyValue(property, value, tag);
     if (property == superclassProperty())
         return setSuperclass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
+    if (property == extensionsProperty())
+        return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
     if (property == isAbstractProperty())
         return setIsAbstract(value.get<bool>());
     StructuredType::Impl::setPropertyValue(property, value, tag);
@@ -175,6 +224,9 @@ void Class::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case superclassIndex:
         own->superclass_ = superclass_;
         return;
+    case extensionsIndex:
+        own->extensions_ = ::kivra::detail::cloneCollection(extensions_.get());
+        return;
     case isAbstractIndex:
         own->isAbstract_ = isAbstract_;
         return;
@@ -187,6 +239,8 @@ void Class::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(superclassIndex))
         superclass_ = own->superclass_;
+    if (own->isChanged(extensionsIndex))
+        ::kivra::detail::restoreCollection(ensureExtensions(), own->extensions_.get());
     if (own->isChanged(isAbstractIndex))
         isAbstract_ = own->isAbstract_;
     StructuredType::Impl::copyStateFromStorage(storage);
@@ -204,6 +258,8 @@ bool Class::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return StructuredType::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::superclassProperty() && isChanged(Impl::superclassIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(superclass_));
+    if (property == Impl::extensionsProperty() && isChanged(Impl::extensionsIndex))
+        return ::kivra::detail::oldCollectionValue(extensions_, property);
     if (property == Impl::isAbstractProperty() && isChanged(Impl::isAbstractIndex))
         return ::kivra::Value(property->getType(), isAbstract_);
     return StructuredType::Impl::Storage::getOldValue(property, tag);
@@ -217,6 +273,10 @@ void Class::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::
             _inverseRemoveThis(old.get(), property->getOpposite());
         return;
     }
+    if (property.get() && property == extensionsProperty()) {
+        _basicAdd(ensureExtensions(), other);
+        return;
+    }
     StructuredType::Impl::inverseAdd(other, property);
 }
 
@@ -228,12 +288,19 @@ void Class::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::met
         }
         return;
     }
+    if (property.get() && property == extensionsProperty()) {
+        if (extensions_)
+            _basicRemove(*extensions_, other);
+        return;
+    }
     StructuredType::Impl::inverseRemove(other, property);
 }
 
 bool Class::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
     if (property.get() && property == superclassProperty())
         return ::kivra::detail::holdsProxyTo(*this, const_cast<Class &>(superclass_), other);
+    if (property.get() && property == extensionsProperty())
+        return extensions_ && _basicContainsProxyTo(*extensions_, other);
     return StructuredType::Impl::inverseContainsProxyTo(other, property);
 }
 
@@ -241,6 +308,10 @@ void Class::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::me
     if (property.get() && property == superclassProperty()) {
         notifyModifying(superclassIndex);
         superclass_ = Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(other));
+        return;
+    }
+    if (property.get() && property == extensionsProperty()) {
+        _basicAdd(ensureExtensions(), other);
         return;
     }
     StructuredType::Impl::basicAssociate(other, property);

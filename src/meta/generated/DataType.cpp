@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &DataType::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("bc247589-5688-3c4e-8ce5-71abab16821d"));
     return slot;
 }

@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &DateTimeAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2afc5a31-d113-3d44-b4ce-b4da50c343e1"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &DateTimeAttribute::metaClass() {
 Class const &DateTimeAttribute::Impl::getMetaClass() const { return DateTimeAttribute::metaClass(); }
 
 ::kivra::meta::Property const &DateTimeAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("268c482b-29aa-3033-a11c-8cf7e5653c36"));
     return slot;
 }

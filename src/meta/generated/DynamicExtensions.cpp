@@ -2,16 +2,19 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/DynamicExtensions.hpp>
+#include <kivra/meta/Extension.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::meta {
 
 Class const &DynamicExtensions::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("9335db1e-8108-391b-8464-fa5e3f615aee"));
     return slot;
 }
@@ -19,16 +22,19 @@ Class const &DynamicExtensions::metaClass() {
 Class const &DynamicExtensions::Impl::getMetaClass() const { return DynamicExtensions::metaClass(); }
 
 ::kivra::meta::Property const &DynamicExtensions::Impl::modelIDProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("15f5e567-ab7c-3874-b00f-880e79184955"));
     return slot;
 }
 
 ::kivra::meta::Property const &DynamicExtensions::Impl::extensionsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("cf41a07a-39ed-3ba5-a648-d370b86be86d"));
     return slot;
 }
 
 ::kivra::meta::Property const &DynamicExtensions::Impl::owningClassProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3e22b825-439a-3f0c-b97f-a54be3061903"));
     return slot;
 }
@@ -46,10 +52,47 @@ DynamicExtensions DynamicExtensions::createProxy(::kivra::Model const &model, ::
 }
 
 void DynamicExtensions::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (extensions_ && !extensions_->empty())
+        ::kivra::detail::destroyChildren(*this, *extensions_, extensionsIndex, modelDestroying, multiModel);
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
-void DynamicExtensions::Impl::setModelID(std::uint64_t value) { ::kivra::detail::setMember(*this, modelID_, value, modelIDIndex); }
+void DynamicExtensions::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    extensions_.reset();
+    ::kivra::ModelElement::Impl::basicDisassociateAll();
+}
+
+void DynamicExtensions::Impl::setModelID(std::uint64_t value) {
+    checkModifiable();
+    if (modelID_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+    if (Class const owner = getOwningClass(); owner.get()) {
+        if (owner->hasExtensions() && owner->getExtensions().containsKey(value))
+            ::kivra::detail::raiseKeyTaken();
+        holders.push_back({owner.get(), &Class::Impl::extensionsProperty()});
+    }
+    ::kivra::detail::setKey(*this, modelID_, value, modelIDIndex, holders);
+}
+
+::kivra::ElementMap<basalt::ustring, Extension> &DynamicExtensions::Impl::ensureExtensions() const {
+    if (!extensions_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        extensions_.reset(new ::kivra::ElementMap<basalt::ustring, Extension>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Extension::Impl const &>(entry).getName(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        self->_loadCollectionContents(*extensions_);
+    }
+    return *extensions_;
+}
+
+::kivra::ElementMap<basalt::ustring, Extension> const &DynamicExtensions::Impl::getExtensions() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureExtensions());
+    return *extensions_;
+}
+
+::kivra::ElementMap<basalt::ustring, Extension> &DynamicExtensions::Impl::getExtensionsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Extension> &>(getExtensions()); }
 
 Class DynamicExtensions::Impl::getOwningClass() const {
     // Held by its container's `extensions`: the container is the value.
@@ -57,6 +100,10 @@ Class DynamicExtensions::Impl::getOwningClass() const {
     if (feature.get() && containmentFeatureImpl() != feature.get())
         return {};
     return Class::fromImpl(dynamic_cast<Class::Impl *>(containerImpl()));
+}
+
+void DynamicExtensions::Impl::setOwningClass(Class const &value) {
+    ::kivra::detail::setContainer(*this, value, Class::Impl::extensionsProperty(), owningClassIndex);
 }
 
 DynamicExtensions::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), modelID_(level.modelID_) {}
@@ -68,7 +115,34 @@ std::uint64_t DynamicExtensions::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Pr
         modelID_ = value.get<std::uint64_t>();
         return modelIDIndex;
     }
+    if (property == owningClassProperty()) {
+        owningClass_ = Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value));
+        return owningClassIndex;
+    }
     return notOwn;
+}
+
+std::uint64_t DynamicExtensions::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == extensionsProperty() && fits(*child, property)) {
+        extensions_.push_back(std::move(child));
+        return extensionsIndex;
+    }
+    return notOwn;
+}
+
+void DynamicExtensions::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<DynamicExtensions::Impl &>(element);
+    if (root().isSet(extensionsIndex))
+        for (auto const &child : extensions_)
+            addTo(self.getExtensionsMutable(), createChild(*child));
+}
+
+void DynamicExtensions::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<DynamicExtensions::Impl &>(element);
+    if (root().isSet(owningClassIndex))
+        self.setOwningClass(owningClass_);
 }
 
 DynamicExtensions::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -97,6 +171,8 @@ bool DynamicExtensions::Impl::hasPropertyValue(::kivra::meta::Property const &pr
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
     if (property == modelIDProperty())
         return true;
+    if (property == extensionsProperty())
+        return hasExtensions();
     if (property == owningClassProperty())
         return getOwningClass().get() != nullptr;
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
@@ -107,6 +183,8 @@ bool DynamicExtensions::Impl::hasPropertyValue(::kivra::meta::Property const &pr
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
     if (property == modelIDProperty())
         return ::kivra::Value(modelID_);
+    if (property == extensionsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
     if (property == owningClassProperty())
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningClass()));
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
@@ -117,6 +195,10 @@ void DynamicExtensions::Impl::setPropertyValue(::kivra::meta::Property const &pr
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
     if (property == modelIDProperty() && tag.isPrivileged())
         return setModelID(value.get<std::uint64_t>());
+    if (property == extensionsProperty())
+        return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
+    if (property == owningClassProperty())
+        return setOwningClass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -149,6 +231,9 @@ void DynamicExtensions::Impl::copyValue(::kivra::ModelElement::Impl::Storage *st
     case modelIDIndex:
         own->modelID_ = modelID_;
         return;
+    case extensionsIndex:
+        own->extensions_ = ::kivra::detail::cloneCollection(extensions_.get());
+        return;
     case owningClassIndex:
         storage->setOldContainer(container(), containmentFeature());
         return;
@@ -161,6 +246,8 @@ void DynamicExtensions::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(modelIDIndex))
         modelID_ = own->modelID_;
+    if (own->isChanged(extensionsIndex))
+        ::kivra::detail::restoreCollection(ensureExtensions(), own->extensions_.get());
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -176,12 +263,18 @@ bool DynamicExtensions::Impl::Storage::revertUnchanged(::kivra::ModelElement::Im
         return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::modelIDProperty() && isChanged(Impl::modelIDIndex))
         return ::kivra::Value(property->getType(), modelID_);
+    if (property == Impl::extensionsProperty() && isChanged(Impl::extensionsIndex))
+        return ::kivra::detail::oldCollectionValue(extensions_, property);
     if (property == Impl::owningClassProperty() && isChanged(Impl::owningClassIndex))
         return ::kivra::Value(property->getType(), getOldContainerBy(Class::Impl::extensionsProperty()));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
 void DynamicExtensions::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == extensionsProperty()) {
+        _basicAdd(ensureExtensions(), other);
+        return;
+    }
     if (property.get() && property == owningClassProperty()) {
         notifyModifying(owningClassIndex);
         if (!isTopLevel())
@@ -193,6 +286,11 @@ void DynamicExtensions::Impl::inverseAdd(::kivra::ModelElement const &other, ::k
 }
 
 void DynamicExtensions::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == extensionsProperty()) {
+        if (extensions_)
+            _basicRemove(*extensions_, other);
+        return;
+    }
     if (property.get() && property == owningClassProperty()) {
         notifyModifying(owningClassIndex);
         basicSetContainer(nullptr, Class::Impl::extensionsProperty(), owningClassIndex);
@@ -202,10 +300,16 @@ void DynamicExtensions::Impl::inverseRemove(::kivra::ModelElement const &other, 
 }
 
 bool DynamicExtensions::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == extensionsProperty())
+        return extensions_ && _basicContainsProxyTo(*extensions_, other);
     return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void DynamicExtensions::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == extensionsProperty()) {
+        _basicAdd(ensureExtensions(), other);
+        return;
+    }
     if (property.get() && property == owningClassProperty()) {
         basicSetContainer(other.get(), Class::Impl::extensionsProperty(), owningClassIndex);
         return;

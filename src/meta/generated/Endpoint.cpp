@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Endpoint::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("140b8137-47a8-3e66-a904-807fad216310"));
     return slot;
 }
@@ -20,11 +21,13 @@ Class const &Endpoint::metaClass() {
 Class const &Endpoint::Impl::getMetaClass() const { return Endpoint::metaClass(); }
 
 ::kivra::meta::Property const &Endpoint::Impl::owningPackageProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("78b6baef-4935-3668-a18b-1a5d9275a513"));
     return slot;
 }
 
 ::kivra::meta::Property const &Endpoint::Impl::millisecondTimeoutProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5ef0a9d6-02bf-3ce5-b85a-d917c04d0b4a"));
     return slot;
 }
@@ -53,6 +56,10 @@ Package Endpoint::Impl::getOwningPackage() const {
     return Package::fromImpl(dynamic_cast<Package::Impl *>(containerImpl()));
 }
 
+void Endpoint::Impl::setOwningPackage(Package const &value) {
+    ::kivra::detail::setContainer(*this, value, Package::Impl::ownedEndpointsProperty(), owningPackageIndex);
+}
+
 void Endpoint::Impl::setMillisecondTimeout(std::int32_t value) { ::kivra::detail::setMember(*this, millisecondTimeout_, value, millisecondTimeoutIndex); }
 
 Endpoint::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Parameterized::Impl(level.up(), uuid), millisecondTimeout_(level.millisecondTimeout_) {}
@@ -60,11 +67,21 @@ Endpoint::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Param
 std::uint64_t Endpoint::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
         return notOwn;
+    if (property == owningPackageProperty()) {
+        owningPackage_ = Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value));
+        return owningPackageIndex;
+    }
     if (property == millisecondTimeoutProperty()) {
         millisecondTimeout_ = value.get<std::int32_t>();
         return millisecondTimeoutIndex;
     }
     return notOwn;
+}
+
+void Endpoint::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Endpoint::Impl &>(element);
+    if (root().isSet(owningPackageIndex))
+        self.setOwningPackage(owningPackage_);
 }
 
 Endpoint::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -114,6 +131,8 @@ bool Endpoint::Impl::hasPropertyValue(::kivra::meta::Property const &property, :
 void Endpoint::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Parameterized::Impl::setPropertyValue(property, value, tag);
+    if (property == owningPackageProperty())
+        return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
     if (property == millisecondTimeoutProperty())
         return setMillisecondTimeout(value.get<std::int32_t>());
     Parameterized::Impl::setPropertyValue(property, value, tag);

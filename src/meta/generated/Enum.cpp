@@ -2,10 +2,12 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
@@ -13,6 +15,7 @@
 namespace kivra::meta {
 
 Class const &Enum::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("6a0e699c-b935-307d-87c2-c93afdfa20a0"));
     return slot;
 }
@@ -20,11 +23,13 @@ Class const &Enum::metaClass() {
 Class const &Enum::Impl::getMetaClass() const { return Enum::metaClass(); }
 
 ::kivra::meta::Property const &Enum::Impl::literalsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("797eeb0f-aadb-3673-a41f-258ade9b8942"));
     return slot;
 }
 
 ::kivra::meta::Property const &Enum::Impl::underlyingTypeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8da0a476-0783-3bd1-ba48-59c07cd6ad09"));
     return slot;
 }
@@ -42,11 +47,14 @@ Enum Enum::createProxy(::kivra::Model const &model, ::kivra::ProxyId const &prox
 }
 
 void Enum::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (literals_ && !literals_->empty())
+        ::kivra::detail::destroyChildren(*this, *literals_, literalsIndex, modelDestroying, multiModel);
     Type::Impl::doDestroy(modelDestroying, multiModel);
 }
 
 void Enum::Impl::basicDisassociateAll() {
     // The far ends are put back by their own records.
+    literals_.reset();
     underlyingType_.reset();
     Type::Impl::basicDisassociateAll();
 }
@@ -56,6 +64,23 @@ void Enum::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::k
     underlyingType_.reset();
     Type::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
+
+::kivra::ElementMap<basalt::ustring, EnumLiteral> &Enum::Impl::ensureLiterals() const {
+    if (!literals_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        literals_.reset(new ::kivra::ElementMap<basalt::ustring, EnumLiteral>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<EnumLiteral::Impl const &>(entry).getName(); }, _privateTag(), self, literalsProperty().get(), ::kivra::detail::oppositeOf(literalsProperty())));
+        self->_loadCollectionContents(*literals_);
+    }
+    return *literals_;
+}
+
+::kivra::ElementMap<basalt::ustring, EnumLiteral> const &Enum::Impl::getLiterals() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureLiterals());
+    return *literals_;
+}
+
+::kivra::ElementMap<basalt::ustring, EnumLiteral> &Enum::Impl::getLiteralsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, EnumLiteral> &>(getLiterals()); }
 
 PrimitiveType Enum::Impl::getUnderlyingType() const {
     return ::kivra::detail::readReference(*this, const_cast<PrimitiveType &>(underlyingType_));
@@ -75,6 +100,23 @@ std::uint64_t Enum::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const 
         return underlyingTypeIndex;
     }
     return notOwn;
+}
+
+std::uint64_t Enum::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == literalsProperty() && fits(*child, property)) {
+        literals_.push_back(std::move(child));
+        return literalsIndex;
+    }
+    return notOwn;
+}
+
+void Enum::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Enum::Impl &>(element);
+    if (root().isSet(literalsIndex))
+        for (auto const &child : literals_)
+            addTo(self.getLiteralsMutable(), createChild(*child));
 }
 
 void Enum::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
@@ -109,6 +151,8 @@ Enum Enum::Builder::createEnum(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Enum::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::hasPropertyValue(property, tag);
+    if (property == literalsProperty())
+        return hasLiterals();
     if (property == underlyingTypeProperty())
         return underlyingType_.get() != nullptr;
     return Type::Impl::hasPropertyValue(property, tag);
@@ -117,6 +161,8 @@ bool Enum::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
 ::kivra::Value Enum::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::getPropertyValue(property, tag);
+    if (property == literalsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getLiteralsMutable() : ensureLiterals(), property);
     if (property == underlyingTypeProperty())
         return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getUnderlyingType()) : ::kivra::ModelElement(underlyingType_));
     return Type::Impl::getPropertyValue(property, tag);
@@ -125,6 +171,8 @@ bool Enum::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kiv
 void Enum::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Type::Impl::setPropertyValue(property, value, tag);
+    if (property == literalsProperty())
+        return ::kivra::detail::assignCollection(getLiteralsMutable(), value);
     if (property == underlyingTypeProperty())
         return setUnderlyingType(PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(value)));
     Type::Impl::setPropertyValue(property, value, tag);
@@ -154,6 +202,9 @@ void Enum::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
 void Enum::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     switch (index) {
+    case literalsIndex:
+        own->literals_ = ::kivra::detail::cloneCollection(literals_.get());
+        return;
     case underlyingTypeIndex:
         own->underlyingType_ = underlyingType_;
         return;
@@ -164,6 +215,8 @@ void Enum::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::u
 
 void Enum::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(literalsIndex))
+        ::kivra::detail::restoreCollection(ensureLiterals(), own->literals_.get());
     if (own->isChanged(underlyingTypeIndex))
         underlyingType_ = own->underlyingType_;
     Type::Impl::copyStateFromStorage(storage);
@@ -172,12 +225,18 @@ void Enum::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *stor
 ::kivra::Value Enum::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::literalsProperty() && isChanged(Impl::literalsIndex))
+        return ::kivra::detail::oldCollectionValue(literals_, property);
     if (property == Impl::underlyingTypeProperty() && isChanged(Impl::underlyingTypeIndex))
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(underlyingType_));
     return Type::Impl::Storage::getOldValue(property, tag);
 }
 
 void Enum::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == literalsProperty()) {
+        _basicAdd(ensureLiterals(), other);
+        return;
+    }
     if (property.get() && property == underlyingTypeProperty()) {
         notifyModifying(underlyingTypeIndex);
         PrimitiveType const old = std::exchange(underlyingType_, PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(other)));
@@ -189,6 +248,11 @@ void Enum::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::P
 }
 
 void Enum::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == literalsProperty()) {
+        if (literals_)
+            _basicRemove(*literals_, other);
+        return;
+    }
     if (property.get() && property == underlyingTypeProperty()) {
         if (underlyingType_ == other) {
             notifyModifying(underlyingTypeIndex);
@@ -200,12 +264,18 @@ void Enum::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta
 }
 
 bool Enum::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == literalsProperty())
+        return literals_ && _basicContainsProxyTo(*literals_, other);
     if (property.get() && property == underlyingTypeProperty())
         return ::kivra::detail::holdsProxyTo(*this, const_cast<PrimitiveType &>(underlyingType_), other);
     return Type::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Enum::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == literalsProperty()) {
+        _basicAdd(ensureLiterals(), other);
+        return;
+    }
     if (property.get() && property == underlyingTypeProperty()) {
         notifyModifying(underlyingTypeIndex);
         underlyingType_ = PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(other));

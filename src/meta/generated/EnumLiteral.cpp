@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &EnumLiteral::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("58363972-fef9-3d9c-a5bd-8b8ad8c51991"));
     return slot;
 }
@@ -20,16 +21,19 @@ Class const &EnumLiteral::metaClass() {
 Class const &EnumLiteral::Impl::getMetaClass() const { return EnumLiteral::metaClass(); }
 
 ::kivra::meta::Property const &EnumLiteral::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("90a94eee-b0e3-3435-bced-bc377666d8e7"));
     return slot;
 }
 
 ::kivra::meta::Property const &EnumLiteral::Impl::parentEnumProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("e84d85fd-1986-3885-92ad-acca8ddd1524"));
     return slot;
 }
 
 ::kivra::meta::Property const &EnumLiteral::Impl::publicIdentifierProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fa6f38d1-6cbc-3b92-8c24-4fdc40d06278"));
     return slot;
 }
@@ -60,6 +64,10 @@ Enum EnumLiteral::Impl::getParentEnum() const {
     return Enum::fromImpl(dynamic_cast<Enum::Impl *>(containerImpl()));
 }
 
+void EnumLiteral::Impl::setParentEnum(Enum const &value) {
+    ::kivra::detail::setContainer(*this, value, Enum::Impl::literalsProperty(), parentEnumIndex);
+}
+
 void EnumLiteral::Impl::setPublicIdentifier(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, publicIdentifier_, value, publicIdentifierIndex); }
 
 EnumLiteral::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), value_(level.value_), publicIdentifier_(level.publicIdentifier_) {}
@@ -71,11 +79,21 @@ std::uint64_t EnumLiteral::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property
         value_ = value.get<std::int32_t>();
         return valueIndex;
     }
+    if (property == parentEnumProperty()) {
+        parentEnum_ = Enum::fromImpl(::kivra::detail::elementAs<Enum::Impl>(value));
+        return parentEnumIndex;
+    }
     if (property == publicIdentifierProperty()) {
         publicIdentifier_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
         return publicIdentifierIndex;
     }
     return notOwn;
+}
+
+void EnumLiteral::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<EnumLiteral::Impl &>(element);
+    if (root().isSet(parentEnumIndex))
+        self.setParentEnum(parentEnum_);
 }
 
 EnumLiteral::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -129,6 +147,8 @@ void EnumLiteral::Impl::setPropertyValue(::kivra::meta::Property const &property
         return NamedElement::Impl::setPropertyValue(property, value, tag);
     if (property == valueProperty())
         return setValue(value.get<std::int32_t>());
+    if (property == parentEnumProperty())
+        return setParentEnum(Enum::fromImpl(::kivra::detail::elementAs<Enum::Impl>(value)));
     if (property == publicIdentifierProperty())
         return setPublicIdentifier(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
     NamedElement::Impl::setPropertyValue(property, value, tag);

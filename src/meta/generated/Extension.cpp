@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Extension::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("6f615d73-2a99-3432-885c-022136c188c9"));
     return slot;
 }
@@ -20,6 +21,7 @@ Class const &Extension::metaClass() {
 Class const &Extension::Impl::getMetaClass() const { return Extension::metaClass(); }
 
 ::kivra::meta::Property const &Extension::Impl::ownerProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("acf680a5-cec8-32fd-9595-75ecfb931b6e"));
     return slot;
 }
@@ -48,7 +50,27 @@ DynamicExtensions Extension::Impl::getOwner() const {
     return DynamicExtensions::fromImpl(dynamic_cast<DynamicExtensions::Impl *>(containerImpl()));
 }
 
+void Extension::Impl::setOwner(DynamicExtensions const &value) {
+    ::kivra::detail::setContainer(*this, value, DynamicExtensions::Impl::extensionsProperty(), ownerIndex);
+}
+
 Extension::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Property::Impl(level.up(), uuid) {}
+
+std::uint64_t Extension::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
+    if (!property.get())
+        return notOwn;
+    if (property == ownerProperty()) {
+        owner_ = DynamicExtensions::fromImpl(::kivra::detail::elementAs<DynamicExtensions::Impl>(value));
+        return ownerIndex;
+    }
+    return notOwn;
+}
+
+void Extension::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Extension::Impl &>(element);
+    if (root().isSet(ownerIndex))
+        self.setOwner(owner_);
+}
 
 Extension::Builder::Builder() : Builder(::kivra::Model()) {}
 
@@ -93,6 +115,8 @@ bool Extension::Impl::hasPropertyValue(::kivra::meta::Property const &property, 
 void Extension::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Property::Impl::setPropertyValue(property, value, tag);
+    if (property == ownerProperty())
+        return setOwner(DynamicExtensions::fromImpl(::kivra::detail::elementAs<DynamicExtensions::Impl>(value)));
     Property::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &IntegerAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("82a2f120-d8fa-3e30-ac48-069beeaa0f85"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &IntegerAttribute::metaClass() {
 Class const &IntegerAttribute::Impl::getMetaClass() const { return IntegerAttribute::metaClass(); }
 
 ::kivra::meta::Property const &IntegerAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d001f3e1-ccf1-32ce-be82-27d40d735642"));
     return slot;
 }

@@ -5,13 +5,23 @@
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DynamicExtensions.hpp>
+#include <kivra/meta/Endpoint.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/Extension.hpp>
 #include <kivra/meta/NamedElement.hpp>
+#include <kivra/meta/Operation.hpp>
+#include <kivra/meta/Package.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/StructuredType.hpp>
+#include <kivra/meta/Type.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::meta {
 
 Class const &NamedElement::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("20d093d1-df86-300b-8537-a7f62cbd2706"));
     return slot;
 }
@@ -19,6 +29,7 @@ Class const &NamedElement::metaClass() {
 Class const &NamedElement::Impl::getMetaClass() const { return NamedElement::metaClass(); }
 
 ::kivra::meta::Property const &NamedElement::Impl::nameProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a6bdc588-8da1-3c09-a847-e9d2482180ca"));
     return slot;
 }
@@ -39,7 +50,61 @@ void NamedElement::Impl::doDestroy(bool modelDestroying, bool multiModel) {
     ::kivra::ModelElement::Impl::doDestroy(modelDestroying, multiModel);
 }
 
-void NamedElement::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
+void NamedElement::Impl::setName(basalt::ustring const &value) {
+    checkModifiable();
+    if (name_ == value)
+        return;
+    // The keyed collections that hold this element, asked before anything changes.
+    std::vector<::kivra::detail::KeyHolder> holders;
+    if (dynamic_cast<Property::Impl *>(this)) {
+        if (StructuredType const owner = static_cast<Property::Impl *>(this)->getOwningType(); owner.get()) {
+            if (owner->hasOwnedAttributes() && owner->getOwnedAttributes().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &StructuredType::Impl::ownedAttributesProperty()});
+        }
+    }
+    if (dynamic_cast<Operation::Impl *>(this)) {
+        if (StructuredType const owner = static_cast<Operation::Impl *>(this)->getOwningType(); owner.get()) {
+            holders.push_back({owner.get(), &StructuredType::Impl::ownedOperationsProperty()});
+        }
+    }
+    if (dynamic_cast<EnumLiteral::Impl *>(this)) {
+        if (Enum const owner = static_cast<EnumLiteral::Impl *>(this)->getParentEnum(); owner.get()) {
+            if (owner->hasLiterals() && owner->getLiterals().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &Enum::Impl::literalsProperty()});
+        }
+    }
+    if (dynamic_cast<Type::Impl *>(this)) {
+        if (Package const owner = static_cast<Type::Impl *>(this)->getOwningPackage(); owner.get()) {
+            if (owner->hasOwnedTypes() && owner->getOwnedTypes().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &Package::Impl::ownedTypesProperty()});
+        }
+    }
+    if (dynamic_cast<Package::Impl *>(this)) {
+        if (Package const owner = static_cast<Package::Impl *>(this)->getParentPackage(); owner.get()) {
+            if (owner->hasNestedPackages() && owner->getNestedPackages().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &Package::Impl::nestedPackagesProperty()});
+        }
+    }
+    if (dynamic_cast<Endpoint::Impl *>(this)) {
+        if (Package const owner = static_cast<Endpoint::Impl *>(this)->getOwningPackage(); owner.get()) {
+            if (owner->hasOwnedEndpoints() && owner->getOwnedEndpoints().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &Package::Impl::ownedEndpointsProperty()});
+        }
+    }
+    if (dynamic_cast<Extension::Impl *>(this)) {
+        if (DynamicExtensions const owner = static_cast<Extension::Impl *>(this)->getOwner(); owner.get()) {
+            if (owner->hasExtensions() && owner->getExtensions().containsKey(value))
+                ::kivra::detail::raiseKeyTaken();
+            holders.push_back({owner.get(), &DynamicExtensions::Impl::extensionsProperty()});
+        }
+    }
+    ::kivra::detail::setKey(*this, name_, value, nameIndex, holders);
+}
 
 NamedElement::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {}
 

@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Operation::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("7d3a6aa7-6514-3d45-add1-a86ab6e8922e"));
     return slot;
 }
@@ -20,26 +21,31 @@ Class const &Operation::metaClass() {
 Class const &Operation::Impl::getMetaClass() const { return Operation::metaClass(); }
 
 ::kivra::meta::Property const &Operation::Impl::owningTypeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dde8ff71-32ef-32b1-8a12-275f9962b3b9"));
     return slot;
 }
 
 ::kivra::meta::Property const &Operation::Impl::isAbstractProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("70b1b7b4-e672-345e-ba42-06e03dd9849d"));
     return slot;
 }
 
 ::kivra::meta::Property const &Operation::Impl::isStaticProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("71f42f7e-2dd5-3b51-ba23-5a9a1e19aef6"));
     return slot;
 }
 
 ::kivra::meta::Property const &Operation::Impl::isPublicProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("66b2e3b3-04e6-3df9-9631-7b5c9cc23a67"));
     return slot;
 }
 
 ::kivra::meta::Property const &Operation::Impl::isEventProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5d8c2ebc-a1eb-311b-8f89-02dc22af3e13"));
     return slot;
 }
@@ -68,6 +74,10 @@ StructuredType Operation::Impl::getOwningType() const {
     return StructuredType::fromImpl(dynamic_cast<StructuredType::Impl *>(containerImpl()));
 }
 
+void Operation::Impl::setOwningType(StructuredType const &value) {
+    ::kivra::detail::setContainer(*this, value, StructuredType::Impl::ownedOperationsProperty(), owningTypeIndex);
+}
+
 void Operation::Impl::setIsAbstract(bool value) { ::kivra::detail::setMember(*this, isAbstract_, value, isAbstractIndex); }
 
 void Operation::Impl::setIsStatic(bool value) { ::kivra::detail::setMember(*this, isStatic_, value, isStaticIndex); }
@@ -81,6 +91,10 @@ Operation::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : Para
 std::uint64_t Operation::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
     if (!property.get())
         return notOwn;
+    if (property == owningTypeProperty()) {
+        owningType_ = StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value));
+        return owningTypeIndex;
+    }
     if (property == isAbstractProperty()) {
         isAbstract_ = value.get<bool>();
         return isAbstractIndex;
@@ -98,6 +112,12 @@ std::uint64_t Operation::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property c
         return isEventIndex;
     }
     return notOwn;
+}
+
+void Operation::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Operation::Impl &>(element);
+    if (root().isSet(owningTypeIndex))
+        self.setOwningType(owningType_);
 }
 
 Operation::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -159,6 +179,8 @@ bool Operation::Impl::hasPropertyValue(::kivra::meta::Property const &property, 
 void Operation::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Parameterized::Impl::setPropertyValue(property, value, tag);
+    if (property == owningTypeProperty())
+        return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
     if (property == isAbstractProperty())
         return setIsAbstract(value.get<bool>());
     if (property == isStaticProperty())

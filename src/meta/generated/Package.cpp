@@ -7,13 +7,16 @@
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Endpoint.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/Type.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 namespace kivra::meta {
 
 Class const &Package::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("37242744-9be0-3eb9-b2d1-57cb3a6cbfa3"));
     return slot;
 }
@@ -21,41 +24,49 @@ Class const &Package::metaClass() {
 Class const &Package::Impl::getMetaClass() const { return Package::metaClass(); }
 
 ::kivra::meta::Property const &Package::Impl::ownedTypesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a1bf0592-26e8-34aa-8d93-c409cc908a57"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::nestedPackagesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("92ceae98-3780-3e1b-bb7f-69b01c7b09f6"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::ownedEndpointsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("db149ae9-667c-3e48-ad73-c59c401bdb39"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::uriProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1909f613-1953-31ef-95d8-af36949271a6"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::parentPackageProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("2627cbf8-d112-3038-b441-4c936241ef0f"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::importedPackagesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ee65f4c6-737e-3d46-bc3b-3e3f9e7bd670"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::defaultVantorCategoryProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3f822262-524a-3daa-8765-ea9d9e794014"));
     return slot;
 }
 
 ::kivra::meta::Property const &Package::Impl::cachedQualifiedNameProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5ddc9063-f705-38f0-8834-aa3ae79283c4"));
     return slot;
 }
@@ -82,8 +93,73 @@ Package::Impl::Storage::Storage(boost::uuids::uuid const &uuid, ::kivra::Model::
 Package::Impl::Storage::~Storage() = default;
 
 void Package::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (ownedTypes_ && !ownedTypes_->empty())
+        ::kivra::detail::destroyChildren(*this, *ownedTypes_, ownedTypesIndex, modelDestroying, multiModel);
+    if (nestedPackages_ && !nestedPackages_->empty())
+        ::kivra::detail::destroyChildren(*this, *nestedPackages_, nestedPackagesIndex, modelDestroying, multiModel);
+    if (ownedEndpoints_ && !ownedEndpoints_->empty())
+        ::kivra::detail::destroyChildren(*this, *ownedEndpoints_, ownedEndpointsIndex, modelDestroying, multiModel);
     NamedElement::Impl::doDestroy(modelDestroying, multiModel);
 }
+
+void Package::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    ownedTypes_.reset();
+    nestedPackages_.reset();
+    ownedEndpoints_.reset();
+    NamedElement::Impl::basicDisassociateAll();
+}
+
+::kivra::ElementMap<basalt::ustring, Type> &Package::Impl::ensureOwnedTypes() const {
+    if (!ownedTypes_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        ownedTypes_.reset(new ::kivra::ElementMap<basalt::ustring, Type>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Type::Impl const &>(entry).getName(); }, _privateTag(), self, ownedTypesProperty().get(), ::kivra::detail::oppositeOf(ownedTypesProperty())));
+        self->_loadCollectionContents(*ownedTypes_);
+    }
+    return *ownedTypes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Type> const &Package::Impl::getOwnedTypes() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedTypes());
+    return *ownedTypes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Type> &Package::Impl::getOwnedTypesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Type> &>(getOwnedTypes()); }
+
+::kivra::ElementMap<basalt::ustring, Package> &Package::Impl::ensureNestedPackages() const {
+    if (!nestedPackages_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        nestedPackages_.reset(new ::kivra::ElementMap<basalt::ustring, Package>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Package::Impl const &>(entry).getName(); }, _privateTag(), self, nestedPackagesProperty().get(), ::kivra::detail::oppositeOf(nestedPackagesProperty())));
+        self->_loadCollectionContents(*nestedPackages_);
+    }
+    return *nestedPackages_;
+}
+
+::kivra::ElementMap<basalt::ustring, Package> const &Package::Impl::getNestedPackages() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureNestedPackages());
+    return *nestedPackages_;
+}
+
+::kivra::ElementMap<basalt::ustring, Package> &Package::Impl::getNestedPackagesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Package> &>(getNestedPackages()); }
+
+::kivra::ElementMap<basalt::ustring, Endpoint> &Package::Impl::ensureOwnedEndpoints() const {
+    if (!ownedEndpoints_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        ownedEndpoints_.reset(new ::kivra::ElementMap<basalt::ustring, Endpoint>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Endpoint::Impl const &>(entry).getName(); }, _privateTag(), self, ownedEndpointsProperty().get(), ::kivra::detail::oppositeOf(ownedEndpointsProperty())));
+        self->_loadCollectionContents(*ownedEndpoints_);
+    }
+    return *ownedEndpoints_;
+}
+
+::kivra::ElementMap<basalt::ustring, Endpoint> const &Package::Impl::getOwnedEndpoints() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedEndpoints());
+    return *ownedEndpoints_;
+}
+
+::kivra::ElementMap<basalt::ustring, Endpoint> &Package::Impl::getOwnedEndpointsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Endpoint> &>(getOwnedEndpoints()); }
 
 void Package::Impl::setUri(basalt::ustring const &value) { ::kivra::detail::setMember(*this, uri_, value, uriIndex); }
 
@@ -93,6 +169,10 @@ Package Package::Impl::getParentPackage() const {
     if (feature.get() && containmentFeatureImpl() != feature.get())
         return {};
     return Package::fromImpl(dynamic_cast<Package::Impl *>(containerImpl()));
+}
+
+void Package::Impl::setParentPackage(Package const &value) {
+    ::kivra::detail::setContainer(*this, value, Package::Impl::nestedPackagesProperty(), parentPackageIndex);
 }
 
 bool Package::Impl::hasImportedPackages() const noexcept { return importedPackages_ && !importedPackages_->empty(); }
@@ -129,6 +209,10 @@ std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property con
         uri_ = value.get<basalt::ustring>();
         return uriIndex;
     }
+    if (property == parentPackageProperty()) {
+        parentPackage_ = Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value));
+        return parentPackageIndex;
+    }
     if (property == importedPackagesProperty()) {
         ::kivra::detail::stageValues(importedPackages_, value);
         return importedPackagesIndex;
@@ -142,6 +226,43 @@ std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property con
         return cachedQualifiedNameIndex;
     }
     return notOwn;
+}
+
+std::uint64_t Package::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == ownedTypesProperty() && fits(*child, property)) {
+        ownedTypes_.push_back(std::move(child));
+        return ownedTypesIndex;
+    }
+    if (property == nestedPackagesProperty() && fits(*child, property)) {
+        nestedPackages_.push_back(std::move(child));
+        return nestedPackagesIndex;
+    }
+    if (property == ownedEndpointsProperty() && fits(*child, property)) {
+        ownedEndpoints_.push_back(std::move(child));
+        return ownedEndpointsIndex;
+    }
+    return notOwn;
+}
+
+void Package::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Package::Impl &>(element);
+    if (root().isSet(ownedTypesIndex))
+        for (auto const &child : ownedTypes_)
+            addTo(self.getOwnedTypesMutable(), createChild(*child));
+    if (root().isSet(nestedPackagesIndex))
+        for (auto const &child : nestedPackages_)
+            addTo(self.getNestedPackagesMutable(), createChild(*child));
+    if (root().isSet(ownedEndpointsIndex))
+        for (auto const &child : ownedEndpoints_)
+            addTo(self.getOwnedEndpointsMutable(), createChild(*child));
+}
+
+void Package::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Package::Impl &>(element);
+    if (root().isSet(parentPackageIndex))
+        self.setParentPackage(parentPackage_);
 }
 
 Package::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -169,6 +290,12 @@ Package Package::Builder::createPackage(bool noCascade, boost::uuids::uuid const
 bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);
+    if (property == ownedTypesProperty())
+        return hasOwnedTypes();
+    if (property == nestedPackagesProperty())
+        return hasNestedPackages();
+    if (property == ownedEndpointsProperty())
+        return hasOwnedEndpoints();
     if (property == uriProperty())
         return true;
     if (property == parentPackageProperty())
@@ -185,6 +312,12 @@ bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
 ::kivra::Value Package::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
+    if (property == ownedTypesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedTypesMutable() : ensureOwnedTypes(), property);
+    if (property == nestedPackagesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getNestedPackagesMutable() : ensureNestedPackages(), property);
+    if (property == ownedEndpointsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedEndpointsMutable() : ensureOwnedEndpoints(), property);
     if (property == uriProperty())
         return ::kivra::Value(uri_);
     if (property == parentPackageProperty())
@@ -201,8 +334,16 @@ bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::
 void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return NamedElement::Impl::setPropertyValue(property, value, tag);
+    if (property == ownedTypesProperty())
+        return ::kivra::detail::assignCollection(getOwnedTypesMutable(), value);
+    if (property == nestedPackagesProperty())
+        return ::kivra::detail::assignCollection(getNestedPackagesMutable(), value);
+    if (property == ownedEndpointsProperty())
+        return ::kivra::detail::assignCollection(getOwnedEndpointsMutable(), value);
     if (property == uriProperty())
         return setUri(value.get<basalt::ustring>());
+    if (property == parentPackageProperty())
+        return setParentPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
     if (property == importedPackagesProperty())
         return ::kivra::detail::assignValues(getImportedPackagesMutable(), value);
     if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
@@ -248,6 +389,15 @@ void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
 void Package::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::uint64_t index) const {
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     switch (index) {
+    case ownedTypesIndex:
+        own->ownedTypes_ = ::kivra::detail::cloneCollection(ownedTypes_.get());
+        return;
+    case nestedPackagesIndex:
+        own->nestedPackages_ = ::kivra::detail::cloneCollection(nestedPackages_.get());
+        return;
+    case ownedEndpointsIndex:
+        own->ownedEndpoints_ = ::kivra::detail::cloneCollection(ownedEndpoints_.get());
+        return;
     case uriIndex:
         own->uri_ = uri_;
         return;
@@ -270,6 +420,12 @@ void Package::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std
 
 void Package::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *storage) {
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
+    if (own->isChanged(ownedTypesIndex))
+        ::kivra::detail::restoreCollection(ensureOwnedTypes(), own->ownedTypes_.get());
+    if (own->isChanged(nestedPackagesIndex))
+        ::kivra::detail::restoreCollection(ensureNestedPackages(), own->nestedPackages_.get());
+    if (own->isChanged(ownedEndpointsIndex))
+        ::kivra::detail::restoreCollection(ensureOwnedEndpoints(), own->ownedEndpoints_.get());
     if (own->isChanged(uriIndex))
         uri_ = own->uri_;
     if (own->isChanged(importedPackagesIndex) && (importedPackages_ || own->importedPackages_))
@@ -295,6 +451,12 @@ bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
 ::kivra::Value Package::Impl::Storage::getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::Storage::getOldValue(property, tag);
+    if (property == Impl::ownedTypesProperty() && isChanged(Impl::ownedTypesIndex))
+        return ::kivra::detail::oldCollectionValue(ownedTypes_, property);
+    if (property == Impl::nestedPackagesProperty() && isChanged(Impl::nestedPackagesIndex))
+        return ::kivra::detail::oldCollectionValue(nestedPackages_, property);
+    if (property == Impl::ownedEndpointsProperty() && isChanged(Impl::ownedEndpointsIndex))
+        return ::kivra::detail::oldCollectionValue(ownedEndpoints_, property);
     if (property == Impl::uriProperty() && isChanged(Impl::uriIndex))
         return ::kivra::Value(property->getType(), uri_);
     if (property == Impl::importedPackagesProperty() && isChanged(Impl::importedPackagesIndex)) {
@@ -312,6 +474,18 @@ bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
 }
 
 void Package::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedTypesProperty()) {
+        _basicAdd(ensureOwnedTypes(), other);
+        return;
+    }
+    if (property.get() && property == nestedPackagesProperty()) {
+        _basicAdd(ensureNestedPackages(), other);
+        return;
+    }
+    if (property.get() && property == ownedEndpointsProperty()) {
+        _basicAdd(ensureOwnedEndpoints(), other);
+        return;
+    }
     if (property.get() && property == parentPackageProperty()) {
         notifyModifying(parentPackageIndex);
         if (!isTopLevel())
@@ -323,6 +497,21 @@ void Package::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta
 }
 
 void Package::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedTypesProperty()) {
+        if (ownedTypes_)
+            _basicRemove(*ownedTypes_, other);
+        return;
+    }
+    if (property.get() && property == nestedPackagesProperty()) {
+        if (nestedPackages_)
+            _basicRemove(*nestedPackages_, other);
+        return;
+    }
+    if (property.get() && property == ownedEndpointsProperty()) {
+        if (ownedEndpoints_)
+            _basicRemove(*ownedEndpoints_, other);
+        return;
+    }
     if (property.get() && property == parentPackageProperty()) {
         notifyModifying(parentPackageIndex);
         basicSetContainer(nullptr, Package::Impl::nestedPackagesProperty(), parentPackageIndex);
@@ -332,10 +521,28 @@ void Package::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::m
 }
 
 bool Package::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == ownedTypesProperty())
+        return ownedTypes_ && _basicContainsProxyTo(*ownedTypes_, other);
+    if (property.get() && property == nestedPackagesProperty())
+        return nestedPackages_ && _basicContainsProxyTo(*nestedPackages_, other);
+    if (property.get() && property == ownedEndpointsProperty())
+        return ownedEndpoints_ && _basicContainsProxyTo(*ownedEndpoints_, other);
     return NamedElement::Impl::inverseContainsProxyTo(other, property);
 }
 
 void Package::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedTypesProperty()) {
+        _basicAdd(ensureOwnedTypes(), other);
+        return;
+    }
+    if (property.get() && property == nestedPackagesProperty()) {
+        _basicAdd(ensureNestedPackages(), other);
+        return;
+    }
+    if (property.get() && property == ownedEndpointsProperty()) {
+        _basicAdd(ensureOwnedEndpoints(), other);
+        return;
+    }
     if (property.get() && property == parentPackageProperty()) {
         basicSetContainer(other.get(), Package::Impl::nestedPackagesProperty(), parentPackageIndex);
         return;

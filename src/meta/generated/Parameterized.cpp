@@ -14,6 +14,7 @@
 namespace kivra::meta {
 
 Class const &Parameterized::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b54098f9-326e-3ec8-8d2c-c2139f6b4d76"));
     return slot;
 }
@@ -21,6 +22,7 @@ Class const &Parameterized::metaClass() {
 Class const &Parameterized::Impl::getMetaClass() const { return Parameterized::metaClass(); }
 
 ::kivra::meta::Property const &Parameterized::Impl::argumentsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("e066952a-9808-3d65-beef-bdf251e482b4"));
     return slot;
 }
@@ -55,12 +57,6 @@ void Parameterized::Impl::basicDisassociateAll() {
 ::kivra::ElementSequence<Argument> &Parameterized::Impl::getArgumentsMutable() { return const_cast<::kivra::ElementSequence<Argument> &>(getArguments()); }
 
 Parameterized::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : TypedElement::Impl(level.up(), uuid) {}
-
-std::uint64_t Parameterized::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, ::kivra::Value const &value) {
-    if (!property.get())
-        return notOwn;
-    return notOwn;
-}
 
 std::uint64_t Parameterized::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
     if (!property.get() || !child)

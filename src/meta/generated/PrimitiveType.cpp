@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &PrimitiveType::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ac18b87c-dcc8-3ba6-a3d2-48b1517bc1b2"));
     return slot;
 }

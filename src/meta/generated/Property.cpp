@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &Property::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("831bd3d5-f65b-307d-a9a8-5788c0f91692"));
     return slot;
 }
@@ -19,101 +20,121 @@ Class const &Property::metaClass() {
 Class const &Property::Impl::getMetaClass() const { return Property::metaClass(); }
 
 ::kivra::meta::Property const &Property::Impl::isDerivedProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fd81f254-3f56-3abe-acce-9c50c2f92eba"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isCompositeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6408666d-f4bd-39d0-82b0-340e08878658"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isReadOnlyProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0149756b-087a-3dd0-a81f-7c6150a67337"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isUniqueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a447fc1a-0579-3b6d-a9bd-923900b853c0"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::qualifiedByProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5574b4ac-4d2a-3ff8-b8d1-ba2db685fa4d"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::customQualificationProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("56724666-0d28-3d61-9332-8c5a7dcce5b4"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isQualificationUniqueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("967f147c-0bbf-3947-acd3-c6170d27c059"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::oppositeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("dc79fe2e-bb05-3806-b807-f41da19dca32"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::propertyIndexProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1ae08105-6db3-37a8-900a-3b8ae9218578"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isPublicAccessorProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("7994fddf-b8bf-37a2-a859-d2f038e3d210"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isPublicMutatorProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ff1f163f-9c3f-3838-be61-282f48b88834"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isTransientProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c30e940a-1479-34c7-98bd-99352687cf1f"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isSparseProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8377ed9f-2ce8-311a-bbdd-3a947d733f60"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::owningTypeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6cfcbf6f-c8f3-31f6-b448-1904af877f9e"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::vantorDispCategoryProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8a5ddc26-1649-3c4b-8afb-a25628c7062f"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::vantorDispSkipEmptyProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ae62ea0f-3c22-36f6-a5b6-8b0d5b348d70"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isSetOnceProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("286a4d06-b01f-35bc-ae8f-6c9433c7d068"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isVantorHiddenProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b5129e28-8bc1-33d8-8eb0-049339467b41"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::defaultValueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a693af58-e758-3f47-8609-3bbf478e7915"));
     return slot;
 }
 
 ::kivra::meta::Property const &Property::Impl::isQueryIndexProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("e179fc39-227d-35e6-b37b-0bc67d3a7139"));
     return slot;
 }
@@ -194,6 +215,10 @@ StructuredType Property::Impl::getOwningType() const {
     return StructuredType::fromImpl(dynamic_cast<StructuredType::Impl *>(containerImpl()));
 }
 
+void Property::Impl::setOwningType(StructuredType const &value) {
+    ::kivra::detail::setContainer(*this, value, StructuredType::Impl::ownedAttributesProperty(), owningTypeIndex);
+}
+
 void Property::Impl::setVantorDispCategory(boost::optional<std::string> const &value) { ::kivra::detail::setMember(*this, vantorDispCategory_, value, vantorDispCategoryIndex); }
 
 void Property::Impl::setVantorDispSkipEmpty(bool value) { ::kivra::detail::setMember(*this, vantorDispSkipEmpty_, value, vantorDispSkipEmptyIndex); }
@@ -263,6 +288,10 @@ std::uint64_t Property::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property co
         isSparse_ = value.get<bool>();
         return isSparseIndex;
     }
+    if (property == owningTypeProperty()) {
+        owningType_ = StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value));
+        return owningTypeIndex;
+    }
     if (property == vantorDispCategoryProperty()) {
         vantorDispCategory_ = value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none;
         return vantorDispCategoryIndex;
@@ -296,6 +325,8 @@ void Property::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &e
         self.setQualifiedBy(qualifiedBy_);
     if (root().isSet(oppositeIndex))
         self.setOpposite(opposite_);
+    if (root().isSet(owningTypeIndex))
+        self.setOwningType(owningType_);
 }
 
 Property::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -442,6 +473,8 @@ void Property::Impl::setPropertyValue(::kivra::meta::Property const &property, :
         return setIsTransient(value.get<bool>());
     if (property == isSparseProperty())
         return setIsSparse(value.get<bool>());
+    if (property == owningTypeProperty())
+        return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
     if (property == vantorDispCategoryProperty() && tag.isPrivileged())
         return setVantorDispCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
     if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())

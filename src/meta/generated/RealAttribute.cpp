@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &RealAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("a1265474-52d3-35e0-acce-7e1887e4756c"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &RealAttribute::metaClass() {
 Class const &RealAttribute::Impl::getMetaClass() const { return RealAttribute::metaClass(); }
 
 ::kivra::meta::Property const &RealAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3b1383ca-4b2a-36a2-a1ce-f3b10df49e7e"));
     return slot;
 }

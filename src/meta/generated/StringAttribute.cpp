@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &StringAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("63042dc4-ca2b-349d-8c1e-076f46353a0f"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &StringAttribute::metaClass() {
 Class const &StringAttribute::Impl::getMetaClass() const { return StringAttribute::metaClass(); }
 
 ::kivra::meta::Property const &StringAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c6701190-cdb0-3569-ab80-bb478b0db58c"));
     return slot;
 }

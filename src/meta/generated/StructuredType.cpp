@@ -7,6 +7,7 @@
 #include <kivra/detail/References.hpp>
 #include <kivra/detail/Setter.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Operation.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StructuredType.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
@@ -14,6 +15,7 @@
 namespace kivra::meta {
 
 Class const &StructuredType::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("4f24d802-42e9-34f1-ac25-33c2ef335414"));
     return slot;
 }
@@ -21,26 +23,31 @@ Class const &StructuredType::metaClass() {
 Class const &StructuredType::Impl::getMetaClass() const { return StructuredType::metaClass(); }
 
 ::kivra::meta::Property const &StructuredType::Impl::vantorNameProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b3be0e19-8eee-3c02-bf79-267f71fd82ec"));
     return slot;
 }
 
 ::kivra::meta::Property const &StructuredType::Impl::ownedAttributesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b68b4811-ffaa-35b0-afaa-b0c8718b7d34"));
     return slot;
 }
 
 ::kivra::meta::Property const &StructuredType::Impl::ownedOperationsProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c46c291b-4eb0-342d-a495-00794f34d6bb"));
     return slot;
 }
 
 ::kivra::meta::Property const &StructuredType::Impl::vantorCompactDisplayProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b0357514-9858-3578-a9dd-88d301259fb5"));
     return slot;
 }
 
 ::kivra::meta::Property const &StructuredType::Impl::vantorDispCategoriesProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("304703fb-5e3b-336b-ae84-5cc81ef2ccd2"));
     return slot;
 }
@@ -67,10 +74,55 @@ StructuredType::Impl::Storage::Storage(boost::uuids::uuid const &uuid, ::kivra::
 StructuredType::Impl::Storage::~Storage() = default;
 
 void StructuredType::Impl::doDestroy(bool modelDestroying, bool multiModel) {
+    if (ownedAttributes_ && !ownedAttributes_->empty())
+        ::kivra::detail::destroyChildren(*this, *ownedAttributes_, ownedAttributesIndex, modelDestroying, multiModel);
+    if (ownedOperations_ && !ownedOperations_->empty())
+        ::kivra::detail::destroyChildren(*this, *ownedOperations_, ownedOperationsIndex, modelDestroying, multiModel);
     Type::Impl::doDestroy(modelDestroying, multiModel);
 }
 
+void StructuredType::Impl::basicDisassociateAll() {
+    // The far ends are put back by their own records.
+    ownedAttributes_.reset();
+    ownedOperations_.reset();
+    Type::Impl::basicDisassociateAll();
+}
+
 void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::detail::setMember(*this, vantorName_, value, vantorNameIndex); }
+
+::kivra::ElementMap<basalt::ustring, Property> &StructuredType::Impl::ensureOwnedAttributes() const {
+    if (!ownedAttributes_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        ownedAttributes_.reset(new ::kivra::ElementMap<basalt::ustring, Property>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Property::Impl const &>(entry).getName(); }, _privateTag(), self, ownedAttributesProperty().get(), ::kivra::detail::oppositeOf(ownedAttributesProperty())));
+        self->_loadCollectionContents(*ownedAttributes_);
+    }
+    return *ownedAttributes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Property> const &StructuredType::Impl::getOwnedAttributes() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedAttributes());
+    return *ownedAttributes_;
+}
+
+::kivra::ElementMap<basalt::ustring, Property> &StructuredType::Impl::getOwnedAttributesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Property> &>(getOwnedAttributes()); }
+
+::kivra::ElementMultimap<basalt::ustring, Operation> &StructuredType::Impl::ensureOwnedOperations() const {
+    if (!ownedOperations_) [[unlikely]] {
+        auto *self = const_cast<Impl *>(this);
+        ownedOperations_.reset(new ::kivra::ElementMultimap<basalt::ustring, Operation>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Operation::Impl const &>(entry).getName(); }, _privateTag(), self, ownedOperationsProperty().get(), ::kivra::detail::oppositeOf(ownedOperationsProperty())));
+        self->_loadCollectionContents(*ownedOperations_);
+    }
+    return *ownedOperations_;
+}
+
+::kivra::ElementMultimap<basalt::ustring, Operation> const &StructuredType::Impl::getOwnedOperations() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedOperations());
+    return *ownedOperations_;
+}
+
+::kivra::ElementMultimap<basalt::ustring, Operation> &StructuredType::Impl::getOwnedOperationsMutable() { return const_cast<::kivra::ElementMultimap<basalt::ustring, Operation> &>(getOwnedOperations()); }
 
 void StructuredType::Impl::setVantorCompactDisplay(bool value) { ::kivra::detail::setMember(*this, vantorCompactDisplay_, value, vantorCompactDisplayIndex); }
 
@@ -114,6 +166,30 @@ std::uint64_t StructuredType::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Prope
     return notOwn;
 }
 
+std::uint64_t StructuredType::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const &property, std::unique_ptr<::kivra::ModelElement::Builder> &child) {
+    if (!property.get() || !child)
+        return notOwn;
+    if (property == ownedAttributesProperty() && fits(*child, property)) {
+        ownedAttributes_.push_back(std::move(child));
+        return ownedAttributesIndex;
+    }
+    if (property == ownedOperationsProperty() && fits(*child, property)) {
+        ownedOperations_.push_back(std::move(child));
+        return ownedOperationsIndex;
+    }
+    return notOwn;
+}
+
+void StructuredType::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<StructuredType::Impl &>(element);
+    if (root().isSet(ownedAttributesIndex))
+        for (auto const &child : ownedAttributes_)
+            addTo(self.getOwnedAttributesMutable(), createChild(*child));
+    if (root().isSet(ownedOperationsIndex))
+        for (auto const &child : ownedOperations_)
+            addTo(self.getOwnedOperationsMutable(), createChild(*child));
+}
+
 StructuredType::Builder::Builder() : Builder(::kivra::Model()) {}
 
 StructuredType::Builder::Builder(::kivra::Model const &model)
@@ -142,6 +218,10 @@ bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &prope
         return Type::Impl::hasPropertyValue(property, tag);
     if (property == vantorNameProperty())
         return true;
+    if (property == ownedAttributesProperty())
+        return hasOwnedAttributes();
+    if (property == ownedOperationsProperty())
+        return hasOwnedOperations();
     if (property == vantorCompactDisplayProperty())
         return true;
     if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
@@ -154,6 +234,10 @@ bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &prope
         return Type::Impl::getPropertyValue(property, tag);
     if (property == vantorNameProperty())
         return ::kivra::Value(vantorName_);
+    if (property == ownedAttributesProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedAttributesMutable() : ensureOwnedAttributes(), property);
+    if (property == ownedOperationsProperty())
+        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedOperationsMutable() : ensureOwnedOperations(), property);
     if (property == vantorCompactDisplayProperty())
         return ::kivra::Value(vantorCompactDisplay_);
     if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
@@ -166,6 +250,10 @@ void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &prope
         return Type::Impl::setPropertyValue(property, value, tag);
     if (property == vantorNameProperty() && tag.isPrivileged())
         return setVantorName(value.get<std::string>());
+    if (property == ownedAttributesProperty())
+        return ::kivra::detail::assignCollection(getOwnedAttributesMutable(), value);
+    if (property == ownedOperationsProperty())
+        return ::kivra::detail::assignCollection(getOwnedOperationsMutable(), value);
     if (property == vantorCompactDisplayProperty() && tag.isPrivileged())
         return setVantorCompactDisplay(value.get<bool>());
     if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
@@ -206,6 +294,12 @@ void StructuredType::Impl::copyValue(::kivra::ModelElement::Impl::Storage *stora
     case vantorNameIndex:
         own->vantorName_ = vantorName_;
         return;
+    case ownedAttributesIndex:
+        own->ownedAttributes_ = ::kivra::detail::cloneCollection(ownedAttributes_.get());
+        return;
+    case ownedOperationsIndex:
+        own->ownedOperations_ = ::kivra::detail::cloneCollection(ownedOperations_.get());
+        return;
     case vantorCompactDisplayIndex:
         own->vantorCompactDisplay_ = vantorCompactDisplay_;
         return;
@@ -221,6 +315,10 @@ void StructuredType::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Sto
     [[maybe_unused]] auto *own = static_cast<Storage *>(storage);
     if (own->isChanged(vantorNameIndex))
         vantorName_ = own->vantorName_;
+    if (own->isChanged(ownedAttributesIndex))
+        ::kivra::detail::restoreCollection(ensureOwnedAttributes(), own->ownedAttributes_.get());
+    if (own->isChanged(ownedOperationsIndex))
+        ::kivra::detail::restoreCollection(ensureOwnedOperations(), own->ownedOperations_.get());
     if (own->isChanged(vantorCompactDisplayIndex))
         vantorCompactDisplay_ = own->vantorCompactDisplay_;
     if (own->isChanged(vantorDispCategoriesIndex) && (vantorDispCategories_ || own->vantorDispCategories_))
@@ -242,6 +340,10 @@ bool StructuredType::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl 
         return Type::Impl::Storage::getOldValue(property, tag);
     if (property == Impl::vantorNameProperty() && isChanged(Impl::vantorNameIndex))
         return ::kivra::Value(property->getType(), vantorName_);
+    if (property == Impl::ownedAttributesProperty() && isChanged(Impl::ownedAttributesIndex))
+        return ::kivra::detail::oldCollectionValue(ownedAttributes_, property);
+    if (property == Impl::ownedOperationsProperty() && isChanged(Impl::ownedOperationsIndex))
+        return ::kivra::detail::oldCollectionValue(ownedOperations_, property);
     if (property == Impl::vantorCompactDisplayProperty() && isChanged(Impl::vantorCompactDisplayIndex))
         return ::kivra::Value(property->getType(), vantorCompactDisplay_);
     if (property == Impl::vantorDispCategoriesProperty() && isChanged(Impl::vantorDispCategoriesIndex) && tag.isPrivileged()) {
@@ -250,6 +352,52 @@ bool StructuredType::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl 
         return ::kivra::Value(*vantorDispCategories_, property);
     }
     return Type::Impl::Storage::getOldValue(property, tag);
+}
+
+void StructuredType::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedAttributesProperty()) {
+        _basicAdd(ensureOwnedAttributes(), other);
+        return;
+    }
+    if (property.get() && property == ownedOperationsProperty()) {
+        _basicAdd(ensureOwnedOperations(), other);
+        return;
+    }
+    Type::Impl::inverseAdd(other, property);
+}
+
+void StructuredType::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedAttributesProperty()) {
+        if (ownedAttributes_)
+            _basicRemove(*ownedAttributes_, other);
+        return;
+    }
+    if (property.get() && property == ownedOperationsProperty()) {
+        if (ownedOperations_)
+            _basicRemove(*ownedOperations_, other);
+        return;
+    }
+    Type::Impl::inverseRemove(other, property);
+}
+
+bool StructuredType::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const {
+    if (property.get() && property == ownedAttributesProperty())
+        return ownedAttributes_ && _basicContainsProxyTo(*ownedAttributes_, other);
+    if (property.get() && property == ownedOperationsProperty())
+        return ownedOperations_ && _basicContainsProxyTo(*ownedOperations_, other);
+    return Type::Impl::inverseContainsProxyTo(other, property);
+}
+
+void StructuredType::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) {
+    if (property.get() && property == ownedAttributesProperty()) {
+        _basicAdd(ensureOwnedAttributes(), other);
+        return;
+    }
+    if (property.get() && property == ownedOperationsProperty()) {
+        _basicAdd(ensureOwnedOperations(), other);
+        return;
+    }
+    Type::Impl::basicAssociate(other, property);
 }
 
 } // namespace kivra::meta

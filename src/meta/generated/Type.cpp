@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &Type::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("430b3cfc-a0e5-3526-a67c-3249711fc291"));
     return slot;
 }
@@ -20,16 +21,19 @@ Class const &Type::metaClass() {
 Class const &Type::Impl::getMetaClass() const { return Type::metaClass(); }
 
 ::kivra::meta::Property const &Type::Impl::isVantorHiddenProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("f8bd32e1-b3fe-3826-9c25-22130bae1a09"));
     return slot;
 }
 
 ::kivra::meta::Property const &Type::Impl::owningPackageProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3d3cd4b2-9595-35a8-a4a5-9f7d4fbc739b"));
     return slot;
 }
 
 ::kivra::meta::Property const &Type::Impl::cachedQualifiedNameProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("3d0e015f-1020-3f06-b7a8-1421c71b2d1c"));
     return slot;
 }
@@ -60,6 +64,10 @@ Package Type::Impl::getOwningPackage() const {
     return Package::fromImpl(dynamic_cast<Package::Impl *>(containerImpl()));
 }
 
+void Type::Impl::setOwningPackage(Package const &value) {
+    ::kivra::detail::setContainer(*this, value, Package::Impl::ownedTypesProperty(), owningPackageIndex);
+}
+
 void Type::Impl::setCachedQualifiedName(boost::optional<basalt::ustring> const &value) { ::kivra::detail::setMember(*this, cachedQualifiedName_, value, cachedQualifiedNameIndex); }
 
 Type::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : NamedElement::Impl(level.up(), uuid), isVantorHidden_(level.isVantorHidden_), cachedQualifiedName_(level.cachedQualifiedName_) {}
@@ -71,11 +79,21 @@ std::uint64_t Type::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const 
         isVantorHidden_ = value.get<bool>();
         return isVantorHiddenIndex;
     }
+    if (property == owningPackageProperty()) {
+        owningPackage_ = Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value));
+        return owningPackageIndex;
+    }
     if (property == cachedQualifiedNameProperty()) {
         cachedQualifiedName_ = value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none;
         return cachedQualifiedNameIndex;
     }
     return notOwn;
+}
+
+void Type::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &element) {
+    auto &self = static_cast<Type::Impl &>(element);
+    if (root().isSet(owningPackageIndex))
+        self.setOwningPackage(owningPackage_);
 }
 
 Type::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -129,6 +147,8 @@ void Type::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
         return NamedElement::Impl::setPropertyValue(property, value, tag);
     if (property == isVantorHiddenProperty())
         return setIsVantorHidden(value.get<bool>());
+    if (property == owningPackageProperty())
+        return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
     if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
         return setCachedQualifiedName(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
     NamedElement::Impl::setPropertyValue(property, value, tag);

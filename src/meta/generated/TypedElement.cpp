@@ -13,6 +13,7 @@
 namespace kivra::meta {
 
 Class const &TypedElement::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("9b001de4-cf53-34ef-bb15-5ff37dd7cf79"));
     return slot;
 }
@@ -20,26 +21,31 @@ Class const &TypedElement::metaClass() {
 Class const &TypedElement::Impl::getMetaClass() const { return TypedElement::metaClass(); }
 
 ::kivra::meta::Property const &TypedElement::Impl::typeProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0823791f-f50e-39dd-a0aa-35b4c8771317"));
     return slot;
 }
 
 ::kivra::meta::Property const &TypedElement::Impl::lowerProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ea43ff64-148c-344f-80c3-566b03dd94f9"));
     return slot;
 }
 
 ::kivra::meta::Property const &TypedElement::Impl::upperProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("7c5dc6b9-aee0-3f1b-ab6c-93f7846fd42e"));
     return slot;
 }
 
 ::kivra::meta::Property const &TypedElement::Impl::isOrderedProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a2b49c5f-b1e0-3619-a555-4fa51a22999b"));
     return slot;
 }
 
 ::kivra::meta::Property const &TypedElement::Impl::isHashedProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("962ae788-05b1-3304-aef5-9d2d31ec4e2c"));
     return slot;
 }

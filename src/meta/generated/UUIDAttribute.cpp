@@ -12,6 +12,7 @@
 namespace kivra::meta {
 
 Class const &UUIDAttribute::metaClass() {
+    ::kivra::meta::detail::ensureDescribed();
     static Class const &slot = ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("ac93d064-fe68-3635-8bc6-e6f1be2cfffe"));
     return slot;
 }
@@ -19,6 +20,7 @@ Class const &UUIDAttribute::metaClass() {
 Class const &UUIDAttribute::Impl::getMetaClass() const { return UUIDAttribute::metaClass(); }
 
 ::kivra::meta::Property const &UUIDAttribute::Impl::valueProperty() {
+    ::kivra::meta::detail::ensureDescribed();
     static ::kivra::meta::Property const &slot = ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ba3ad348-d02d-30e3-801f-d37706f4dca4"));
     return slot;
 }

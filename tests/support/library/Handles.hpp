@@ -5,6 +5,11 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/query/Fwd.hpp>
+
+#include <basalt/ustring.hpp>
+
+#include <string>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -13,6 +18,11 @@
 namespace kivra::test::library {
 
 using ::kivra::meta::Class;
+
+class Shelf;
+class Book;
+class Novel;
+class Author;
 
 /// Handle of a `Shelf` element; `operator->` needs `library/Shelf.hpp`.
 class Shelf : public ::kivra::ModelElement {
@@ -35,6 +45,24 @@ public:
     static Shelf create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Shelf` named by `proxyId`, outside the model's tables.
     static Shelf createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Shelf` elements in a typed query; in `library/ShelfConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Shelf>> Uuid();
+    /// `label` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Shelf>, 0> label();
+    /// `featured` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> featured();
+    /// `books` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> books();
+    /// `recommended` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> recommended();
+    /// `catalogue` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> catalogue();
+    /// `code` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Shelf>, 0> code();
 
 protected:
     Shelf(Impl *impl, bool addReference) noexcept;
@@ -62,6 +90,40 @@ public:
     /// A proxy of a `Book` named by `proxyId`, outside the model's tables.
     static Book createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Book` elements in a typed query; in `library/BookConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Book>> Uuid();
+    /// `title` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Book>, 0> title();
+    /// `subtitle` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Book>, 1> subtitle();
+    /// `shelf` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Shelf, ::kivra::query::MetaclassAttachment<Book>> shelf();
+    /// `author` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Author, ::kivra::query::MetaclassAttachment<Book>> author();
+    /// `pages` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Book>, 0> pages();
+    /// `sequel` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Book>> sequel();
+    /// `writer` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Author, ::kivra::query::MetaclassAttachment<Book>> writer();
+    /// `isbn` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Book>, 1> isbn();
+    /// `appendix` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Book>> appendix();
+    /// `appendixOf` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Book>> appendixOf();
+    /// `chapters` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Book>> chapters();
+    /// `chapterOf` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Book>> chapterOf();
+    /// `coauthors` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Book>> coauthors();
+    /// `catalogued` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Shelf, ::kivra::query::MetaclassAttachment<Book>> catalogued();
+
 protected:
     Book(Impl *impl, bool addReference) noexcept;
 };
@@ -88,6 +150,14 @@ public:
     /// A proxy of a `Novel` named by `proxyId`, outside the model's tables.
     static Novel createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Novel` elements in a typed query; in `library/NovelConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Novel>> Uuid();
+    /// `genre` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Novel>, 1> genre();
+
 protected:
     Novel(Impl *impl, bool addReference) noexcept;
 };
@@ -113,6 +183,22 @@ public:
     static Author create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Author` named by `proxyId`, outside the model's tables.
     static Author createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Author` elements in a typed query; in `library/AuthorConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Author>> Uuid();
+    /// `name` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Author>, 0> name();
+    /// `favourite` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> favourite();
+    /// `books` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> books();
+    /// `coauthored` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> coauthored();
+    /// `drafts` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> drafts();
 
 protected:
     Author(Impl *impl, bool addReference) noexcept;

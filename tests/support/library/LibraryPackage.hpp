@@ -4,6 +4,7 @@
 /// The description of the package `library` in the registry.
 
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Handles.hpp>
 
 namespace kivra::test::library {
 
@@ -15,9 +16,57 @@ public:
     static LibraryPackage &getInstance();
     ::kivra::meta::Package const &getPackage() const noexcept { return package_; }
 
+    /// The description's elements, by kind: `c_` classes, `d_` data types, `e_` enums and
+    /// `l_` their literals, `p_` properties, `o_` operations and `a_` their arguments,
+    /// named after their owners. Generated code compares properties with them by identity.
+    struct Elements {
+        ::kivra::meta::Class c_Shelf;
+        ::kivra::meta::Property p_Shelf_label;
+        ::kivra::meta::Property p_Shelf_featured;
+        ::kivra::meta::Property p_Shelf_books;
+        ::kivra::meta::Property p_Shelf_recommended;
+        ::kivra::meta::Property p_Shelf_catalogue;
+        ::kivra::meta::Property p_Shelf_code;
+        ::kivra::meta::Property p_Shelf_codes;
+        ::kivra::meta::Property p_Shelf_sources;
+        ::kivra::meta::Property p_Shelf_labels;
+        ::kivra::meta::Class c_Book;
+        ::kivra::meta::Property p_Book_title;
+        ::kivra::meta::Property p_Book_subtitle;
+        ::kivra::meta::Property p_Book_shelf;
+        ::kivra::meta::Property p_Book_author;
+        ::kivra::meta::Property p_Book_pages;
+        ::kivra::meta::Property p_Book_sequel;
+        ::kivra::meta::Property p_Book_writer;
+        ::kivra::meta::Property p_Book_isbn;
+        ::kivra::meta::Property p_Book_appendix;
+        ::kivra::meta::Property p_Book_appendixOf;
+        ::kivra::meta::Property p_Book_chapters;
+        ::kivra::meta::Property p_Book_chapterOf;
+        ::kivra::meta::Property p_Book_coauthors;
+        ::kivra::meta::Property p_Book_catalogued;
+        ::kivra::meta::Property p_Book_tags;
+        ::kivra::meta::Class c_Novel;
+        ::kivra::meta::Property p_Novel_genre;
+        ::kivra::meta::Class c_Author;
+        ::kivra::meta::Property p_Author_name;
+        ::kivra::meta::Property p_Author_favourite;
+        ::kivra::meta::Property p_Author_books;
+        ::kivra::meta::Property p_Author_coauthored;
+        ::kivra::meta::Property p_Author_drafts;
+        ::kivra::meta::Property p_Author_pseudonyms;
+        ::kivra::meta::Property p_Author_ratings;
+        ::kivra::meta::Property p_Author_visits;
+    };
+    Elements const &elements() const noexcept { return elements_; }
+
 private:
     LibraryPackage();
+    void instantiate();
+    void weave();
+
     ::kivra::meta::Package package_;
+    Elements elements_;
 };
 
 } // namespace kivra::test::library
