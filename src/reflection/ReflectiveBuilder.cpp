@@ -19,15 +19,10 @@ using detail::PropertySlot;
 using detail::SlotKind;
 using Tag = ModelElement::Impl::ReflectionPrivateTag;
 
-struct ReflectiveBuilder::Staged {
-    std::vector<std::pair<meta::Property, Value>> values;
-    std::vector<std::pair<meta::Property, Value>> references;
-    std::vector<std::pair<meta::Property, std::unique_ptr<Builder>>> children;
-};
 
 ReflectiveBuilder::ReflectiveBuilder(Model const &model, meta::Class const &cls)
     : ModelElement::Builder(model, ClassLayout::of(cls).propertyCount + 1), ModelElement::Builder::Level(static_cast<ModelElement::Builder &>(*this), nullptr),
-      metaClass_(cls), staged_(std::make_unique<Staged>()) {
+      metaClass_(cls) {
     top_ = this;
 }
 
@@ -58,13 +53,13 @@ std::uint64_t ReflectiveBuilder::doSetOrAdd(meta::Property const &property, Valu
         return notOwn;
     if (s->kind == SlotKind::Plain) {
         ReflectiveModelElementImpl::checkPlainValue(property, value);
-        stage(staged_->values, property, value);
+        stage(values_, property, value);
     }
     else if (s->kind == SlotKind::Reference)
-        stage(staged_->references, property, value);
+        stage(references_, property, value);
     else
         // To-many: the entries add up, as the typed `add` of a generated builder does.
-        staged_->references.emplace_back(property, value);
+        references_.emplace_back(property, value);
     return indexOf(property);
 }
 
@@ -73,13 +68,13 @@ std::uint64_t ReflectiveBuilder::doSetOrAdd(meta::Property const &property, std:
     if (!s || !child || !property->getIsComposite() || !fits(*child, property))
         return notOwn;
     if (s->kind == SlotKind::Reference) {
-        for (auto &[at, held] : staged_->children)
+        for (auto &[at, held] : children_)
             if (at == property) {
                 held = std::move(child);
                 return indexOf(property);
             }
     }
-    staged_->children.emplace_back(property, std::move(child));
+    children_.emplace_back(property, std::move(child));
     return indexOf(property);
 }
 
@@ -89,7 +84,7 @@ ModelElement::Impl *ReflectiveBuilder::construct(Builder &builder, boost::uuids:
     auto *const element = new (model) ReflectiveModelElementImpl(model, self.metaClass_, uuid);
     // The plain values go in before the element is announced, as a generated constructor
     // takes them: a read-only property is written here too. They were checked when staged.
-    for (auto const &[property, value] : self.staged_->values)
+    for (auto const &[property, value] : self.values_)
         if (self.isSet(indexOf(property)))
             element->takeStagedValue(property, value);
     return element;
@@ -100,7 +95,7 @@ ModelElement ReflectiveBuilder::doCreate(bool noCascade, boost::uuids::uuid cons
 }
 
 void ReflectiveBuilder::applyReferences(ModelElement::Impl &element) {
-    for (auto const &[property, value] : staged_->references) {
+    for (auto const &[property, value] : references_) {
         if (!isSet(indexOf(property)))
             continue;
         if (property->getUpper() == 1) {
@@ -121,7 +116,7 @@ void ReflectiveBuilder::applyReferences(ModelElement::Impl &element) {
 }
 
 void ReflectiveBuilder::cascadeCreation(ModelElement::Impl &element) {
-    for (auto const &[property, child] : staged_->children) {
+    for (auto const &[property, child] : children_) {
         if (!isSet(indexOf(property)) || !child)
             continue;
         ModelElement const made = createChild(*child);

@@ -1,7 +1,7 @@
 // One suite of behaviour through reflective access, run over the generated library and
 // over its twin described at run time: both must give the same results.
 
-#include "Flavours.hpp"
+#include <Flavours.hpp>
 
 #include <ModelSnapshot.hpp>
 

@@ -1,7 +1,7 @@
 // What only elements without generated code show: their own errors, their builders and
 // proxies, and the rule that a model holds one kind of element.
 
-#include "Flavours.hpp"
+#include <Flavours.hpp>
 
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>

@@ -3,6 +3,7 @@
 /// The builder of elements of classes for which no code was generated.
 
 #include <kivra/ModelElement.hpp>
+#include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
 
 #include <memory>
@@ -33,9 +34,11 @@ private:
     void cascadeCreation(ModelElement::Impl &element) override;
     static ModelElement::Impl *construct(Builder &builder, boost::uuids::uuid const &uuid);
 
-    struct Staged;
     meta::Class metaClass_;
-    std::unique_ptr<Staged> staged_;
+    /// Staged by property: plain values, references and entries, child builders.
+    std::vector<std::pair<meta::Property, Value>> values_;
+    std::vector<std::pair<meta::Property, Value>> references_;
+    std::vector<std::pair<meta::Property, std::unique_ptr<Builder>>> children_;
 };
 
 } // namespace kivra::reflection

@@ -1,4 +1,4 @@
-#include "Flavours.hpp"
+#include <Flavours.hpp>
 
 #include <kivra/meta/AbstractMetaPackage.hpp>
 #include <kivra/meta/Package.hpp>
