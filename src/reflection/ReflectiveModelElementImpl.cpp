@@ -19,6 +19,8 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <atomic>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -46,6 +48,12 @@ ReferenceCollection *referenceCollectionIn(Value const &value) {
 }
 
 meta::MetaRegistry &registry() { return *meta::MetaRegistry::getInstance(); }
+
+// Guards the first use of a collection slot, which a reader may make.
+std::mutex &firstUseMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
 
 // The key of an entry in a reflective map: the qualifier's value read strictly as `K`; a
 // value with no content gives `K`'s default.
@@ -135,22 +143,32 @@ ReflectiveModelElementImpl::~ReflectiveModelElementImpl() {
 
 ReferenceCollection &ReflectiveModelElementImpl::referenceCollection(meta::Property::Impl const *property,
                                                                      std::uint32_t offset) const {
-    auto *&collection = *static_cast<ReferenceCollection **>(slot(offset));
-    if (!collection) [[unlikely]] {
-        collection = instantiateCollection(meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)),
-                                           /*withOwner=*/true, /*hashed=*/false);
-        const_cast<ReflectiveModelElementImpl *>(this)->_loadCollectionContents(*collection);
-    }
-    return *collection;
+    std::atomic_ref<ReferenceCollection *> held(*static_cast<ReferenceCollection **>(slot(offset)));
+    if (ReferenceCollection *present = held.load(std::memory_order_acquire)) [[likely]]
+        return *present;
+    // Readers of a frozen model may meet here on several threads.
+    std::lock_guard const lock(firstUseMutex());
+    if (ReferenceCollection *present = held.load(std::memory_order_relaxed))
+        return *present;
+    ReferenceCollection *made = instantiateCollection(
+        meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true, /*hashed=*/false);
+    const_cast<ReflectiveModelElementImpl *>(this)->_loadCollectionContents(*made);
+    held.store(made, std::memory_order_release);
+    return *made;
 }
 
 AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(meta::Property::Impl const *property,
                                                                              std::uint32_t offset) const {
-    auto *&collection = *static_cast<AbstractPrimitiveCollection **>(slot(offset));
-    if (!collection) [[unlikely]]
-        collection = instantiatePrimitiveCollection(
-            meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true);
-    return *collection;
+    std::atomic_ref<AbstractPrimitiveCollection *> held(*static_cast<AbstractPrimitiveCollection **>(slot(offset)));
+    if (AbstractPrimitiveCollection *present = held.load(std::memory_order_acquire)) [[likely]]
+        return *present;
+    std::lock_guard const lock(firstUseMutex());
+    if (AbstractPrimitiveCollection *present = held.load(std::memory_order_relaxed))
+        return *present;
+    AbstractPrimitiveCollection *made = instantiatePrimitiveCollection(
+        meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true);
+    held.store(made, std::memory_order_release);
+    return *made;
 }
 
 ReferenceCollection *ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property, bool withOwner,

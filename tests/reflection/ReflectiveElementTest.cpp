@@ -3,7 +3,9 @@
 
 #include <Flavours.hpp>
 
+#include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/Transaction.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/meta/AbstractMetaPackage.hpp>
@@ -38,12 +40,16 @@ public:
         serial->setType(registry().getType(u"String"));
         serial->setIsReadOnly(true);
         serial->setIsSetOnce(true);
+        tags = createProperty(u"tags", ValueFlags::Sequence, false, nullptr);
+        setPropertyIndex(tags, 2);
+        tags->setOwningType(stamp);
+        tags->setType(registry().getType(u"String"));
         registry().registerType(untyped);
         registry().registerType(stamp);
         finish();
     }
     meta::Class untyped, stamp;
-    meta::Property serial;
+    meta::Property serial, tags;
 };
 
 OddPackage const &oddities() {
@@ -147,6 +153,29 @@ TEST(ReflectiveElement, AHolderWhoseMapHasTheKeyIsRefusedFromTheOtherEnd) {
     EXPECT_THROW(set(twin, u"catalogued", ref(shelf)), Error<messages::UniquenessConstraint>);
     EXPECT_FALSE(element(twin, u"catalogued"));
     EXPECT_EQ(static_cast<GenericMapInterface &>(many(shelf, u"catalogue")).genericAt(text(u"Dune")), dune);
+}
+
+TEST(ReflectiveElement, ValuesOfManyKeepTheirEntriesAcrossARollBack) {
+    Model model = Model::createTransientModel();
+    ModelElement const stamp = oddities().stamp->instantiate(model);
+    meta::Property const &tags = oddities().tags;
+    auto collection = [&]() -> AbstractPrimitiveCollection & {
+        Value const value = stamp->getPropertyValue(tags, Access::PUBLIC_ACCESS);
+        return *static_cast<AbstractPrimitiveCollection *>(const_cast<void *>(value.getPayload()));
+    };
+    EXPECT_FALSE(stamp->hasPropertyValue(tags, Access::PUBLIC_ACCESS));
+    collection().genericAdd(text(u"red"));
+    EXPECT_TRUE(stamp->hasPropertyValue(tags, Access::PUBLIC_ACCESS));
+    EXPECT_THROW(collection().genericAdd(Value(std::int32_t(3))), Error<messages::CannotCastIncompatibleTypes>);
+    EXPECT_THROW(stamp->setPropertyValue(tags, text(u"blue"), Access::PUBLIC_ACCESS), Error<messages::NoSuchProperty>);
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        collection().genericAdd(text(u"blue"));
+        collection().genericRemove(text(u"red"));
+        EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"blue")});
+        transaction.rollBack();
+    }
+    EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"red")});
 }
 
 } // namespace
