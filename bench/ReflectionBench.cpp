@@ -65,18 +65,22 @@ BENCHMARK(BM_CreateBooks)->ArgName("reflective")->Arg(0)->Arg(1)->Unit(benchmark
 // The same through the direct form, which skips the builder.
 void BM_CreateReflectiveDirectly(benchmark::State &state) {
     kivra::meta::Class const &book = kivra::test::runtimeLibrary().book;
+    double allocationsPerElement = 0;
     for (auto _ : state) {
         Model model = Model::createTransientModel();
+        std::size_t const allocationsBefore = kivra::bench::allocations();
         kivra::Transaction transaction = model->beginTransaction();
         for (std::size_t i = 0; i < elementCount; ++i)
             benchmark::DoNotOptimize(ModelElement::createReflective(model, book, {}));
         transaction.commit();
+        allocationsPerElement = double(kivra::bench::allocations() - allocationsBefore) / double(elementCount);
         state.PauseTiming();
         model->destroy();
         model.reset();
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * elementCount);
+    state.counters["allocations/element"] = allocationsPerElement;
 }
 BENCHMARK(BM_CreateReflectiveDirectly)->Unit(benchmark::kMillisecond)->Iterations(3);
 
