@@ -229,6 +229,13 @@ def parse(path):
                 raise TablesError(path, where, f"'{prop.default}' is no literal of '{prop.type}'")
             if prop.index and (problem := value_collection_fault(prop, classes)):
                 raise TablesError(path, where, problem)
+            if prop.type == "DateTime" and prop.default and prop.default != "now":
+                raise TablesError(path, where, f"a DateTime default is \"now\", not '{prop.default}'")
+            if prop.type == "UUID" and prop.default and prop.default != "random":
+                try:
+                    uuidlib.UUID(prop.default)
+                except ValueError:
+                    raise TablesError(path, where, f"a UUID default is \"random\" or a UUID, not '{prop.default}'")
             if prop.opposite and prop.type in classes:
                 far = next((q for c in _chain(classes, classes[prop.type]) for q in c.props if q.name == prop.opposite), None)
                 if far is None:
@@ -541,8 +548,12 @@ def initial(prop):
             return '{u"' + prop.default + '"}'
         if prop.type == "StdString":
             return '{"' + prop.default + '"}'
-        if prop.type not in ("UUID", "DateTime"):  # "random" and "now" are made at run time
-            return "{" + prop.default + "}"
+        if prop.type == "UUID":
+            return "{::kivra::detail::randomDefaultUuid()}" if prop.default == "random" else \
+                '{::kivra::parseUuidLiteral("' + prop.default + '")}'
+        if prop.type == "DateTime":
+            return "{::kivra::detail::currentLocalTime()}"
+        return "{" + prop.default + "}"
     return "{" + ZERO.get(prop.type, "0" if prop.type not in ("String", "StdString", "UUID", "DateTime") else "") + "}"
 
 
@@ -1015,6 +1026,8 @@ def write_header(mm, cls, extra_dir):
                 std_includes.add("string")
             elif cpp == "boost::posix_time::ptime":
                 includes.add("boost/date_time/posix_time/ptime.hpp")
+            if p.default and p.type in ("UUID", "DateTime"):
+                includes.add("kivra/detail/DynamicDefaults.hpp" if p.default in ("random", "now") else "kivra/UuidLiteral.hpp")
         if k == "optional":
             includes.add("boost/optional/optional.hpp")
         if k == "sequence":
@@ -1665,12 +1678,6 @@ HANDLE_MEMBERS = {"get", "reset", "swap", "release", "metaClass", "fromImpl", "c
 QUERY = "::kivra::query"
 
 
-def queried(mm):
-    """Whether the classes get constrainables. kivra's own classes do not yet: many of their
-    properties are keyed or derived, and they are being regenerated."""
-    return mm.ns != "kivra::meta"
-
-
 def constrainable(mm, p, attachment):
     """The type of the constrainable of `p` with `attachment`; None for a property that is
     not generated (and so cannot be read by a query either)."""
@@ -1691,8 +1698,6 @@ def accessors(mm, cls):
 
 
 def handle_query_includes(mm):
-    if not queried(mm):
-        return ""
     natives = {native(p) for c in mm.order() for p in accessors(mm, c) if mm.kind(p) in ("value", "optional")}
     out = "#include <kivra/query/Fwd.hpp>\n"
     if "basalt::ustring" in natives:
@@ -1706,14 +1711,10 @@ def handle_query_includes(mm):
 
 def handle_forward_declarations(mm):
     """The handles name each other in the types of their property accessors."""
-    if not queried(mm):
-        return ""
     return "\n" + "".join(f"class {cls.name};\n" for cls in mm.order())
 
 
 def handle_query_members(mm, cls):
-    if not queried(mm):
-        return ""
     attachment = f"{QUERY}::MetaclassAttachment<{cls.name}>"
     out = [f"""
     /// One search instance of `{cls.name}` elements in a typed query; in `{mm.header(cls.name + "Constrainables")}`.
@@ -2095,10 +2096,9 @@ def outputs(mm, headers, sources):
     for cls in mm.order():
         files[headers / f"{cls.name}.hpp"] = write_header(mm, cls, headers / "detail")
         files[sources / f"{cls.name}.cpp"] = write_source(mm, cls)
-    if queried(mm):
-        for cls in mm.order():
-            files[headers / f"{cls.name}Constrainables.hpp"] = write_constrainables_header(mm, cls)
-            files[sources / f"{cls.name}Constrainables.cpp"] = write_constrainables_source(mm, cls)
+    for cls in mm.order():
+        files[headers / f"{cls.name}Constrainables.hpp"] = write_constrainables_header(mm, cls)
+        files[sources / f"{cls.name}Constrainables.cpp"] = write_constrainables_source(mm, cls)
     if mm.described():
         files[headers / f"{package_class(mm)}.hpp"] = write_package_header(mm)
         files[sources / f"{package_class(mm)}.cpp"] = write_package_source(mm)

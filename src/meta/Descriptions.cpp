@@ -5,7 +5,9 @@
 #include <kivra/meta/EnumLiteral.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Operation.hpp>
+#include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
 #include <kivra/meta/StructuredType.hpp>
 #include <kivra/reflection/ReflectiveBuilder.hpp>
 
@@ -123,6 +125,17 @@ EnumLiteral Enum::Impl::findLiteralByPublicIdentifier(basalt::ustring const &ide
         if (literal->getPublicIdentifier() && *literal->getPublicIdentifier() == identifier)
             return literal;
     return {};
+}
+
+bool Property::Impl::isDynamicDefault() const {
+    if (!defaultValue_)
+        return false;
+    ModelElement::Impl const *const type = type_.get();
+    if (*defaultValue_ == u"random")
+        return type && type == StandardTypes::uuidMeta.get().get();
+    if (*defaultValue_ == u"now")
+        return type && type == StandardTypes::dateTimeMeta.get().get();
+    return false;
 }
 
 } // namespace kivra::meta

@@ -160,6 +160,8 @@ TEST_F(BuilderTest, StagedDefaultsAreTheElementsDefaults) {
             meta::Property const property = built->getPropertyByIndex(index);
             if (!property)
                 break;
+            if (property->isDynamicDefault())
+                continue; // made anew for each element
             SCOPED_TRACE(basalt::i18n::ustring_to_utf8(cls->getName() + u"." + property->getName()));
             EXPECT_EQ(describeValue(built->getPropertyValue(property, tag)),
                       describeValue(plain->getPropertyValue(property, tag)));

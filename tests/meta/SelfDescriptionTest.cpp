@@ -20,6 +20,9 @@
 #include <library/Book.hpp>
 #include <library/LibraryPackage.hpp>
 #include <library/Novel.hpp>
+#include <library/Shelf.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <gtest/gtest.h>
 
@@ -265,6 +268,28 @@ TEST(SelfDescription, AGeneratedPackageIsDescribedWithOwnersAndTypes) {
     ASSERT_TRUE(made);
     EXPECT_EQ(made->getMetaClass(), book);
     EXPECT_FALSE(registry().getClass(u"kivra.meta.Attribute")->instantiate(model));
+}
+
+// "random" and "now" are made for each element, directly and through a builder; any
+// other default text is not dynamic, whatever it says.
+TEST(SelfDescription, DynamicDefaultsAreMadeForEachElement) {
+    using namespace test::library;
+    Model model = Model::createTransientModel();
+    boost::posix_time::ptime const before = boost::posix_time::microsec_clock::local_time();
+    Shelf const first = Shelf::create(model);
+    Shelf const second = Shelf::Builder(model).createShelf();
+    boost::posix_time::ptime const after = boost::posix_time::microsec_clock::local_time();
+    EXPECT_FALSE(first->getStamp().is_nil());
+    EXPECT_FALSE(second->getStamp().is_nil());
+    EXPECT_NE(first->getStamp(), second->getStamp());
+    for (Shelf const &shelf : {first, second}) {
+        EXPECT_LE(before, shelf->getOpened());
+        EXPECT_LE(shelf->getOpened(), after);
+    }
+    EXPECT_TRUE(Shelf::Impl::stampProperty()->isDynamicDefault());
+    EXPECT_TRUE(Shelf::Impl::openedProperty()->isDynamicDefault());
+    EXPECT_FALSE(Book::Impl::pagesProperty()->isDynamicDefault());
+    EXPECT_FALSE(Book::Impl::titleProperty()->isDynamicDefault());
 }
 
 TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {

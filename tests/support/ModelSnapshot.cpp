@@ -87,6 +87,11 @@ ModelSnapshot snapshot(Model const &model, Identity identity) {
             meta::Property const property = element->getPropertyByIndex(index);
             if (!property)
                 break;
+            // Made anew for each element: two models built alike differ there by design.
+            if (property->isDynamicDefault()) {
+                picture.values.push_back("dynamic");
+                continue;
+            }
             try {
                 picture.values.push_back(describeValue(element->getPropertyValue(property, Tag::PRIVILEGED_ACCESS), identity));
             } catch (std::exception const &) {

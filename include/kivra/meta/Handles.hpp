@@ -5,6 +5,15 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/query/Fwd.hpp>
+
+#include <basalt/ustring.hpp>
+
+namespace boost::posix_time {
+class ptime;
+} // namespace boost::posix_time
+
+#include <string>
 
 #include <boost/uuid/uuid.hpp>
 
@@ -13,6 +22,33 @@
 namespace kivra::meta {
 
 class Enum;
+
+class NamedElement;
+class TypedElement;
+class Parameterized;
+class Argument;
+class Operation;
+class Endpoint;
+class Property;
+class Extension;
+class Type;
+class StructuredType;
+class Class;
+class DataType;
+class PrimitiveType;
+class Enum;
+class EnumLiteral;
+class Package;
+class DynamicExtensions;
+class Attribute;
+class AttributeMap;
+class AttributeMapAttribute;
+class BooleanAttribute;
+class DateTimeAttribute;
+class IntegerAttribute;
+class RealAttribute;
+class StringAttribute;
+class UUIDAttribute;
 
 /// The literals of the enumeration `Language`, with their values.
 enum class Language : std::int32_t {
@@ -52,6 +88,14 @@ public:
     /// A proxy of a `NamedElement` named by `proxyId`, outside the model's tables.
     static NamedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `NamedElement` elements in a typed query; in `kivra/meta/NamedElementConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<NamedElement>> Uuid();
+    /// `name` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<NamedElement>, 0> name();
+
 protected:
     NamedElement(Impl *impl, bool addReference) noexcept;
 };
@@ -78,6 +122,22 @@ public:
     /// A proxy of a `TypedElement` named by `proxyId`, outside the model's tables.
     static TypedElement createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `TypedElement` elements in a typed query; in `kivra/meta/TypedElementConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<TypedElement>> Uuid();
+    /// `type` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Type, ::kivra::query::MetaclassAttachment<TypedElement>> type();
+    /// `lower` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::uint32_t, ::kivra::query::MetaclassAttachment<TypedElement>, 0> lower();
+    /// `upper` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::uint32_t, ::kivra::query::MetaclassAttachment<TypedElement>, 0> upper();
+    /// `isOrdered` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<TypedElement>, 0> isOrdered();
+    /// `isHashed` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<TypedElement>, 0> isHashed();
+
 protected:
     TypedElement(Impl *impl, bool addReference) noexcept;
 };
@@ -96,6 +156,14 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Parameterized fromImpl(Impl *impl) noexcept;
+
+    /// One search instance of `Parameterized` elements in a typed query; in `kivra/meta/ParameterizedConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Parameterized>> Uuid();
+    /// `arguments` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Argument, ::kivra::query::MetaclassAttachment<Parameterized>> arguments();
 
 protected:
     Parameterized(Impl *impl, bool addReference) noexcept;
@@ -123,6 +191,16 @@ public:
     /// A proxy of a `Argument` named by `proxyId`, outside the model's tables.
     static Argument createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Argument` elements in a typed query; in `kivra/meta/ArgumentConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Argument>> Uuid();
+    /// `operation` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Parameterized, ::kivra::query::MetaclassAttachment<Argument>> operation();
+    /// `isInput` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Argument>, 0> isInput();
+
 protected:
     Argument(Impl *impl, bool addReference) noexcept;
 };
@@ -148,6 +226,22 @@ public:
     static Operation create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Operation` named by `proxyId`, outside the model's tables.
     static Operation createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Operation` elements in a typed query; in `kivra/meta/OperationConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Operation>> Uuid();
+    /// `owningType` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<StructuredType, ::kivra::query::MetaclassAttachment<Operation>> owningType();
+    /// `isAbstract` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Operation>, 0> isAbstract();
+    /// `isStatic` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Operation>, 0> isStatic();
+    /// `isPublic` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Operation>, 0> isPublic();
+    /// `isEvent` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Operation>, 0> isEvent();
 
 protected:
     Operation(Impl *impl, bool addReference) noexcept;
@@ -175,6 +269,16 @@ public:
     /// A proxy of a `Endpoint` named by `proxyId`, outside the model's tables.
     static Endpoint createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Endpoint` elements in a typed query; in `kivra/meta/EndpointConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Endpoint>> Uuid();
+    /// `owningPackage` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Package, ::kivra::query::MetaclassAttachment<Endpoint>> owningPackage();
+    /// `millisecondTimeout` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Endpoint>, 0> millisecondTimeout();
+
 protected:
     Endpoint(Impl *impl, bool addReference) noexcept;
 };
@@ -200,6 +304,52 @@ public:
     static Property create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Property` named by `proxyId`, outside the model's tables.
     static Property createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Property` elements in a typed query; in `kivra/meta/PropertyConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Property>> Uuid();
+    /// `isDerived` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isDerived();
+    /// `isComposite` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isComposite();
+    /// `isReadOnly` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isReadOnly();
+    /// `isUnique` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isUnique();
+    /// `qualifiedBy` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Property, ::kivra::query::MetaclassAttachment<Property>> qualifiedBy();
+    /// `customQualification` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> customQualification();
+    /// `isQualificationUnique` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isQualificationUnique();
+    /// `opposite` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Property, ::kivra::query::MetaclassAttachment<Property>> opposite();
+    /// `propertyIndex` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Property>, 0> propertyIndex();
+    /// `isPublicAccessor` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isPublicAccessor();
+    /// `isPublicMutator` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isPublicMutator();
+    /// `isTransient` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isTransient();
+    /// `isSparse` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isSparse();
+    /// `owningType` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<StructuredType, ::kivra::query::MetaclassAttachment<Property>> owningType();
+    /// `vantorDispCategory` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Property>, 1> vantorDispCategory();
+    /// `vantorDispSkipEmpty` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> vantorDispSkipEmpty();
+    /// `isSetOnce` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isSetOnce();
+    /// `isVantorHidden` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isVantorHidden();
+    /// `defaultValue` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Property>, 1> defaultValue();
+    /// `isQueryIndex` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Property>, 0> isQueryIndex();
 
 protected:
     Property(Impl *impl, bool addReference) noexcept;
@@ -227,6 +377,14 @@ public:
     /// A proxy of a `Extension` named by `proxyId`, outside the model's tables.
     static Extension createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Extension` elements in a typed query; in `kivra/meta/ExtensionConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Extension>> Uuid();
+    /// `owner` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<DynamicExtensions, ::kivra::query::MetaclassAttachment<Extension>> owner();
+
 protected:
     Extension(Impl *impl, bool addReference) noexcept;
 };
@@ -252,6 +410,18 @@ public:
     static Type create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Type` named by `proxyId`, outside the model's tables.
     static Type createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Type` elements in a typed query; in `kivra/meta/TypeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Type>> Uuid();
+    /// `isVantorHidden` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Type>, 0> isVantorHidden();
+    /// `owningPackage` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Package, ::kivra::query::MetaclassAttachment<Type>> owningPackage();
+    /// `cachedQualifiedName` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Type>, 1> cachedQualifiedName();
 
 protected:
     Type(Impl *impl, bool addReference) noexcept;
@@ -279,6 +449,20 @@ public:
     /// A proxy of a `StructuredType` named by `proxyId`, outside the model's tables.
     static StructuredType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `StructuredType` elements in a typed query; in `kivra/meta/StructuredTypeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<StructuredType>> Uuid();
+    /// `vantorName` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<StructuredType>, 0> vantorName();
+    /// `ownedAttributes` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Property, ::kivra::query::MetaclassAttachment<StructuredType>> ownedAttributes();
+    /// `ownedOperations` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Operation, ::kivra::query::MetaclassAttachment<StructuredType>> ownedOperations();
+    /// `vantorCompactDisplay` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<StructuredType>, 0> vantorCompactDisplay();
+
 protected:
     StructuredType(Impl *impl, bool addReference) noexcept;
 };
@@ -304,6 +488,18 @@ public:
     static Class create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `Class` named by `proxyId`, outside the model's tables.
     static Class createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `Class` elements in a typed query; in `kivra/meta/ClassConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Class>> Uuid();
+    /// `superclass` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Class, ::kivra::query::MetaclassAttachment<Class>> superclass();
+    /// `extensions` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<DynamicExtensions, ::kivra::query::MetaclassAttachment<Class>> extensions();
+    /// `isAbstract` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<Class>, 0> isAbstract();
 
 protected:
     Class(Impl *impl, bool addReference) noexcept;
@@ -331,6 +527,12 @@ public:
     /// A proxy of a `DataType` named by `proxyId`, outside the model's tables.
     static DataType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `DataType` elements in a typed query; in `kivra/meta/DataTypeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<DataType>> Uuid();
+
 protected:
     DataType(Impl *impl, bool addReference) noexcept;
 };
@@ -356,6 +558,12 @@ public:
     static PrimitiveType create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `PrimitiveType` named by `proxyId`, outside the model's tables.
     static PrimitiveType createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `PrimitiveType` elements in a typed query; in `kivra/meta/PrimitiveTypeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<PrimitiveType>> Uuid();
 
 protected:
     PrimitiveType(Impl *impl, bool addReference) noexcept;
@@ -383,6 +591,16 @@ public:
     /// A proxy of a `Enum` named by `proxyId`, outside the model's tables.
     static Enum createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Enum` elements in a typed query; in `kivra/meta/EnumConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Enum>> Uuid();
+    /// `literals` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<EnumLiteral, ::kivra::query::MetaclassAttachment<Enum>> literals();
+    /// `underlyingType` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<PrimitiveType, ::kivra::query::MetaclassAttachment<Enum>> underlyingType();
+
 protected:
     Enum(Impl *impl, bool addReference) noexcept;
 };
@@ -408,6 +626,18 @@ public:
     static EnumLiteral create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `EnumLiteral` named by `proxyId`, outside the model's tables.
     static EnumLiteral createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `EnumLiteral` elements in a typed query; in `kivra/meta/EnumLiteralConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<EnumLiteral>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<EnumLiteral>, 0> value();
+    /// `parentEnum` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Enum, ::kivra::query::MetaclassAttachment<EnumLiteral>> parentEnum();
+    /// `publicIdentifier` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<EnumLiteral>, 1> publicIdentifier();
 
 protected:
     EnumLiteral(Impl *impl, bool addReference) noexcept;
@@ -435,6 +665,26 @@ public:
     /// A proxy of a `Package` named by `proxyId`, outside the model's tables.
     static Package createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `Package` elements in a typed query; in `kivra/meta/PackageConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Package>> Uuid();
+    /// `ownedTypes` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Type, ::kivra::query::MetaclassAttachment<Package>> ownedTypes();
+    /// `nestedPackages` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Package, ::kivra::query::MetaclassAttachment<Package>> nestedPackages();
+    /// `ownedEndpoints` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Endpoint, ::kivra::query::MetaclassAttachment<Package>> ownedEndpoints();
+    /// `uri` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Package>, 0> uri();
+    /// `parentPackage` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Package, ::kivra::query::MetaclassAttachment<Package>> parentPackage();
+    /// `defaultVantorCategory` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Package>, 1> defaultVantorCategory();
+    /// `cachedQualifiedName` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Package>, 1> cachedQualifiedName();
+
 protected:
     Package(Impl *impl, bool addReference) noexcept;
 };
@@ -461,6 +711,18 @@ public:
     /// A proxy of a `DynamicExtensions` named by `proxyId`, outside the model's tables.
     static DynamicExtensions createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `DynamicExtensions` elements in a typed query; in `kivra/meta/DynamicExtensionsConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<DynamicExtensions>> Uuid();
+    /// `modelID` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::uint64_t, ::kivra::query::MetaclassAttachment<DynamicExtensions>, 0> modelID();
+    /// `extensions` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Extension, ::kivra::query::MetaclassAttachment<DynamicExtensions>> extensions();
+    /// `owningClass` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Class, ::kivra::query::MetaclassAttachment<DynamicExtensions>> owningClass();
+
 protected:
     DynamicExtensions(Impl *impl, bool addReference) noexcept;
 };
@@ -479,6 +741,16 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Attribute fromImpl(Impl *impl) noexcept;
+
+    /// One search instance of `Attribute` elements in a typed query; in `kivra/meta/AttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<Attribute>> Uuid();
+    /// `key` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Attribute>, 0> key();
+    /// `owner` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<AttributeMap, ::kivra::query::MetaclassAttachment<Attribute>> owner();
 
 protected:
     Attribute(Impl *impl, bool addReference) noexcept;
@@ -506,6 +778,14 @@ public:
     /// A proxy of a `AttributeMap` named by `proxyId`, outside the model's tables.
     static AttributeMap createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `AttributeMap` elements in a typed query; in `kivra/meta/AttributeMapConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<AttributeMap>> Uuid();
+    /// `attributes` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Attribute, ::kivra::query::MetaclassAttachment<AttributeMap>> attributes();
+
 protected:
     AttributeMap(Impl *impl, bool addReference) noexcept;
 };
@@ -531,6 +811,14 @@ public:
     static AttributeMapAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `AttributeMapAttribute` named by `proxyId`, outside the model's tables.
     static AttributeMapAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `AttributeMapAttribute` elements in a typed query; in `kivra/meta/AttributeMapAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<AttributeMapAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<AttributeMap, ::kivra::query::MetaclassAttachment<AttributeMapAttribute>> value();
 
 protected:
     AttributeMapAttribute(Impl *impl, bool addReference) noexcept;
@@ -558,6 +846,14 @@ public:
     /// A proxy of a `BooleanAttribute` named by `proxyId`, outside the model's tables.
     static BooleanAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `BooleanAttribute` elements in a typed query; in `kivra/meta/BooleanAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<BooleanAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<BooleanAttribute>, 0> value();
+
 protected:
     BooleanAttribute(Impl *impl, bool addReference) noexcept;
 };
@@ -583,6 +879,14 @@ public:
     static DateTimeAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `DateTimeAttribute` named by `proxyId`, outside the model's tables.
     static DateTimeAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `DateTimeAttribute` elements in a typed query; in `kivra/meta/DateTimeAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<DateTimeAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<boost::posix_time::ptime, ::kivra::query::MetaclassAttachment<DateTimeAttribute>, 0> value();
 
 protected:
     DateTimeAttribute(Impl *impl, bool addReference) noexcept;
@@ -610,6 +914,14 @@ public:
     /// A proxy of a `IntegerAttribute` named by `proxyId`, outside the model's tables.
     static IntegerAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `IntegerAttribute` elements in a typed query; in `kivra/meta/IntegerAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<IntegerAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<IntegerAttribute>, 0> value();
+
 protected:
     IntegerAttribute(Impl *impl, bool addReference) noexcept;
 };
@@ -635,6 +947,14 @@ public:
     static RealAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `RealAttribute` named by `proxyId`, outside the model's tables.
     static RealAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `RealAttribute` elements in a typed query; in `kivra/meta/RealAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<RealAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<double, ::kivra::query::MetaclassAttachment<RealAttribute>, 0> value();
 
 protected:
     RealAttribute(Impl *impl, bool addReference) noexcept;
@@ -662,6 +982,14 @@ public:
     /// A proxy of a `StringAttribute` named by `proxyId`, outside the model's tables.
     static StringAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
 
+    /// One search instance of `StringAttribute` elements in a typed query; in `kivra/meta/StringAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<StringAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<StringAttribute>, 0> value();
+
 protected:
     StringAttribute(Impl *impl, bool addReference) noexcept;
 };
@@ -687,6 +1015,14 @@ public:
     static UUIDAttribute create(::kivra::Model const &model, boost::uuids::uuid const &uuid = {});
     /// A proxy of a `UUIDAttribute` named by `proxyId`, outside the model's tables.
     static UUIDAttribute createProxy(::kivra::Model const &model, ::kivra::ProxyId const &proxyId);
+
+    /// One search instance of `UUIDAttribute` elements in a typed query; in `kivra/meta/UUIDAttributeConstrainables.hpp`.
+    class Constrainables;
+    /// The element itself in a query, before its instance is chosen: a reference equated
+    /// with it joins the two.
+    static ::kivra::query::IdentityConstrainable<::kivra::query::MetaclassAttachment<UUIDAttribute>> Uuid();
+    /// `value` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<UUIDAttribute>, 0> value();
 
 protected:
     UUIDAttribute(Impl *impl, bool addReference) noexcept;

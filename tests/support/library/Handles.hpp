@@ -9,6 +9,10 @@
 
 #include <basalt/ustring.hpp>
 
+namespace boost::posix_time {
+class ptime;
+} // namespace boost::posix_time
+
 #include <string>
 
 #include <boost/uuid/uuid.hpp>
@@ -63,6 +67,10 @@ public:
     static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> catalogue();
     /// `code` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Shelf>, 0> code();
+    /// `stamp` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Shelf>, 0> stamp();
+    /// `opened` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<boost::posix_time::ptime, ::kivra::query::MetaclassAttachment<Shelf>, 0> opened();
 
 protected:
     Shelf(Impl *impl, bool addReference) noexcept;

@@ -58,6 +58,12 @@ void LibraryPackage::instantiate() {
     setPropertyIndex(e.p_Shelf_sources, 8);
     e.p_Shelf_labels = createProperty(u"labels", ::kivra::ValueFlags::Single, false, "0da39475-7d4f-3cc3-ae18-d70b00fa46bd");
     setPropertyIndex(e.p_Shelf_labels, 9);
+    e.p_Shelf_stamp = createProperty(u"stamp", ::kivra::ValueFlags::Single, false, "d1547a55-1356-36d2-a53b-841b2b3688fd");
+    setPropertyIndex(e.p_Shelf_stamp, 10);
+    e.p_Shelf_stamp->setDefaultValue(basalt::ustring(u"random"));
+    e.p_Shelf_opened = createProperty(u"opened", ::kivra::ValueFlags::Single, false, "b6bb9c48-1fbe-321e-854b-ca7ea67163f0");
+    setPropertyIndex(e.p_Shelf_opened, 11);
+    e.p_Shelf_opened->setDefaultValue(basalt::ustring(u"now"));
     e.c_Book = createClass(u"Book", "library.Book", false, "2b589b4d-f3ef-3495-8a24-d58a40da22c6");
     e.p_Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(e.p_Book_title, 1);
@@ -123,6 +129,8 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6fae8c1-ecb1-3570-a935-4158f18e65fd")) = e.p_Shelf_codes;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8a71efc8-d61a-37f7-8586-7bb494ae7147")) = e.p_Shelf_sources;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0da39475-7d4f-3cc3-ae18-d70b00fa46bd")) = e.p_Shelf_labels;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d1547a55-1356-36d2-a53b-841b2b3688fd")) = e.p_Shelf_stamp;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6bb9c48-1fbe-321e-854b-ca7ea67163f0")) = e.p_Shelf_opened;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = e.c_Book;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("312ae8c1-3264-36d9-9176-a6554904eddb")) = e.p_Book_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("f9b44572-0d61-3cd9-b360-3666b993f501")) = e.p_Book_subtitle;
@@ -177,6 +185,10 @@ void LibraryPackage::weave() {
     e.p_Shelf_sources->setType(::kivra::meta::VersionInfo::dataType());
     e.p_Shelf_labels->setOwningType(e.c_Shelf);
     e.p_Shelf_labels->setType(registry().getType(u"StringToStringMap"));
+    e.p_Shelf_stamp->setOwningType(e.c_Shelf);
+    e.p_Shelf_stamp->setType(registry().getType(u"UUID"));
+    e.p_Shelf_opened->setOwningType(e.c_Shelf);
+    e.p_Shelf_opened->setType(registry().getType(u"DateTime"));
     e.c_Book->setOwningPackage(package_);
     e.c_Book->setSuperclass(::kivra::ModelElement::metaClass());
     e.p_Book_title->setOwningType(e.c_Book);

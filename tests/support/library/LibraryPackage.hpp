@@ -30,6 +30,8 @@ public:
         ::kivra::meta::Property p_Shelf_codes;
         ::kivra::meta::Property p_Shelf_sources;
         ::kivra::meta::Property p_Shelf_labels;
+        ::kivra::meta::Property p_Shelf_stamp;
+        ::kivra::meta::Property p_Shelf_opened;
         ::kivra::meta::Class c_Book;
         ::kivra::meta::Property p_Book_title;
         ::kivra::meta::Property p_Book_subtitle;

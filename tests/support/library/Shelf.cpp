@@ -68,6 +68,16 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Shelf::Impl::stampProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("d1547a55-1356-36d2-a53b-841b2b3688fd")));
+    return slot;
+}
+
+::kivra::meta::Property const &Shelf::Impl::openedProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6bb9c48-1fbe-321e-854b-ca7ea67163f0")));
+    return slot;
+}
+
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
     element->notifyCreated();
@@ -235,7 +245,11 @@ bool Shelf::Impl::hasLabels() const noexcept { return labels_ && !labels_->empty
 
 ::kivra::StringToStringMap &Shelf::Impl::getLabelsMutable() { return const_cast<::kivra::StringToStringMap &>(getLabels()); }
 
-Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_) {
+void Shelf::Impl::setStamp(boost::uuids::uuid const &value) { ::kivra::detail::setMember(*this, stamp_, value, stampIndex); }
+
+void Shelf::Impl::setOpened(boost::posix_time::ptime const &value) { ::kivra::detail::setMember(*this, opened_, value, openedIndex); }
+
+Shelf::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), label_(level.label_), code_(level.code_), stamp_(level.stamp_), opened_(level.opened_) {
     if (level.root().isSet(codesIndex) && !level.codes_.empty())
         for (auto const &entry : level.codes_)
             ensureCodes().insert(entry);
@@ -272,6 +286,14 @@ std::uint64_t Shelf::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property const
     if (property == sourcesProperty()) {
         ::kivra::detail::stageValues(sources_, value);
         return sourcesIndex;
+    }
+    if (property == stampProperty()) {
+        stamp_ = value.get<boost::uuids::uuid>();
+        return stampIndex;
+    }
+    if (property == openedProperty()) {
+        opened_ = value.get<boost::posix_time::ptime>();
+        return openedIndex;
     }
     return notOwn;
 }
@@ -351,6 +373,10 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return hasSources();
     if (property == labelsProperty())
         return hasLabels();
+    if (property == stampProperty())
+        return true;
+    if (property == openedProperty())
+        return true;
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
@@ -375,6 +401,10 @@ bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getSourcesMutable() : ensureSources(), property);
     if (property == labelsProperty())
         return ensureLabels().toValue();
+    if (property == stampProperty())
+        return ::kivra::Value(stamp_);
+    if (property == openedProperty())
+        return ::kivra::Value(opened_);
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
@@ -399,6 +429,10 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return ::kivra::detail::assignValues(getSourcesMutable(), value);
     if (property == labelsProperty())
         return getLabelsMutable().assign(::kivra::StringToStringMap::fromValue(value));
+    if (property == stampProperty())
+        return setStamp(value.get<boost::uuids::uuid>());
+    if (property == openedProperty())
+        return setOpened(value.get<boost::posix_time::ptime>());
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
@@ -424,6 +458,10 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
         return sourcesProperty();
     case 9:
         return labelsProperty();
+    case 10:
+        return stampProperty();
+    case 11:
+        return openedProperty();
     default:
         return {};
     }
@@ -467,6 +505,12 @@ void Shelf::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std::
     case labelsIndex:
         own->labels_ = labels_ ? labels_->cloneFreeStanding() : nullptr;
         return;
+    case stampIndex:
+        own->stamp_ = stamp_;
+        return;
+    case openedIndex:
+        own->opened_ = opened_;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -492,6 +536,10 @@ void Shelf::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *sto
         ensureSources().restoreFrom(own->sources_.get());
     if (own->isChanged(labelsIndex) && (labels_ || own->labels_))
         ensureLabels().restoreFrom(own->labels_.get());
+    if (own->isChanged(stampIndex))
+        stamp_ = own->stamp_;
+    if (own->isChanged(openedIndex))
+        opened_ = own->opened_;
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -501,6 +549,10 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         clearModified(Impl::labelIndex);
     if (isChanged(Impl::codeIndex) && code_ == self->code_)
         clearModified(Impl::codeIndex);
+    if (isChanged(Impl::stampIndex) && stamp_ == self->stamp_)
+        clearModified(Impl::stampIndex);
+    if (isChanged(Impl::openedIndex) && opened_ == self->opened_)
+        clearModified(Impl::openedIndex);
     return ::kivra::ModelElement::Impl::Storage::revertUnchanged(element);
 }
 
@@ -534,6 +586,10 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
             labels_.reset(new ::kivra::StringToStringMap());
         return labels_->toValue();
     }
+    if (property == Impl::stampProperty() && isChanged(Impl::stampIndex))
+        return ::kivra::Value(property->getType(), stamp_);
+    if (property == Impl::openedProperty() && isChanged(Impl::openedIndex))
+        return ::kivra::Value(property->getType(), opened_);
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 

@@ -4,6 +4,7 @@
 /// The `Shelf` class of `library`: its handle's implementation.
 
 #include <basalt/ustring.hpp>
+#include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
@@ -11,6 +12,7 @@
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
+#include <kivra/detail/DynamicDefaults.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/VersionInfo.hpp>
 #include <library/Handles.hpp>
@@ -36,8 +38,10 @@ public:
     static constexpr std::uint64_t codesIndex = 7;
     static constexpr std::uint64_t sourcesIndex = 8;
     static constexpr std::uint64_t labelsIndex = 9;
+    static constexpr std::uint64_t stampIndex = 10;
+    static constexpr std::uint64_t openedIndex = 11;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 9;
+    static constexpr std::uint64_t propertyCount = 11;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
@@ -57,6 +61,10 @@ public:
     static ::kivra::meta::Property const &sourcesProperty();
     /// The description of `labels`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelsProperty();
+    /// The description of `stamp`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &stampProperty();
+    /// The description of `opened`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &openedProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -107,6 +115,12 @@ public:
     ::kivra::StringToStringMap &getLabelsMutable();
     /// True when the collection was made and holds anything.
     bool hasLabels() const noexcept;
+
+    boost::uuids::uuid const & getStamp() const noexcept { return stamp_; }
+    void setStamp(boost::uuids::uuid const &value);
+
+    boost::posix_time::ptime const & getOpened() const noexcept { return opened_; }
+    void setOpened(boost::posix_time::ptime const &value);
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -162,6 +176,8 @@ protected:
     mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::StringToStringMap> labels_;
+    boost::uuids::uuid stamp_{::kivra::detail::randomDefaultUuid()};
+    boost::posix_time::ptime opened_{::kivra::detail::currentLocalTime()};
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
@@ -183,6 +199,8 @@ private:
     mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<std::int32_t>> codes_;
     mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
     mutable std::unique_ptr<::kivra::StringToStringMap> labels_;
+    boost::uuids::uuid stamp_{::kivra::detail::randomDefaultUuid()};
+    boost::posix_time::ptime opened_{::kivra::detail::currentLocalTime()};
 };
 
 /// The values of `Shelf`'s own properties staged in a builder, before the element exists.
@@ -205,6 +223,8 @@ private:
     std::string code_{};
     std::vector<std::int32_t> codes_;
     std::vector<::kivra::meta::VersionInfo> sources_;
+    boost::uuids::uuid stamp_{::kivra::detail::randomDefaultUuid()};
+    boost::posix_time::ptime opened_{::kivra::detail::currentLocalTime()};
 };
 
 /// The fluent setters of `Shelf`'s own properties, returning the most derived builder `B`.
@@ -243,6 +263,14 @@ public:
     B &addSources(std::initializer_list<::kivra::meta::VersionInfo> values) { level().sources_.insert(level().sources_.end(), values); this->markSet(Shelf::Impl::sourcesIndex); return self(); }
     B &clearSources() { level().sources_.clear(); this->clearSet(Shelf::Impl::sourcesIndex); return self(); }
     std::vector<::kivra::meta::VersionInfo> const &getSources() const noexcept { return level().sources_; }
+    B &setStamp(boost::uuids::uuid const &value) { level().stamp_ = value; this->markSet(Shelf::Impl::stampIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetStamp() { level().stamp_ = boost::uuids::uuid{::kivra::detail::randomDefaultUuid()}; this->clearSet(Shelf::Impl::stampIndex); return self(); }
+    boost::uuids::uuid const &getStamp() const noexcept { return level().stamp_; }
+    B &setOpened(boost::posix_time::ptime const &value) { level().opened_ = value; this->markSet(Shelf::Impl::openedIndex); return self(); }
+    /// Back to the element's default.
+    B &unsetOpened() { level().opened_ = boost::posix_time::ptime{::kivra::detail::currentLocalTime()}; this->clearSet(Shelf::Impl::openedIndex); return self(); }
+    boost::posix_time::ptime const &getOpened() const noexcept { return level().opened_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

@@ -12,7 +12,9 @@ Shelf::Constrainables::Constrainables(::kivra::query::AbstractQuery &query, ::ki
       books(Impl::booksProperty(), ::kivra::query::InstanceAttachment(*this)),
       recommended(Impl::recommendedProperty(), ::kivra::query::InstanceAttachment(*this)),
       catalogue(Impl::catalogueProperty(), ::kivra::query::InstanceAttachment(*this)),
-      code(Impl::codeProperty(), ::kivra::query::InstanceAttachment(*this)) {}
+      code(Impl::codeProperty(), ::kivra::query::InstanceAttachment(*this)),
+      stamp(Impl::stampProperty(), ::kivra::query::InstanceAttachment(*this)),
+      opened(Impl::openedProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
 Shelf::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on)
     : Constrainables(on.first, Shelf::metaClass(), on.second) {}
@@ -30,5 +32,9 @@ Shelf::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &,
 ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> Shelf::catalogue() { return {Impl::catalogueProperty(), {}}; }
 
 ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::code() { return {Impl::codeProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::stamp() { return {Impl::stampProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<boost::posix_time::ptime, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::opened() { return {Impl::openedProperty(), {}}; }
 
 } // namespace kivra::test::library
