@@ -649,9 +649,12 @@ void ReflectiveModelElementImpl::basicDisassociateAll() {
         for (PropertySlot const &s : layout_->slots) {
             if (s.kind == SlotKind::Reference)
                 static_cast<ModelElement *>(slot(s.offset))->reset();
-            else if (s.kind == SlotKind::References)
-                if (auto *collection = *static_cast<ReferenceCollection **>(slot(s.offset)))
-                    _basicClear(*collection);
+            else if (s.kind == SlotKind::References) {
+                // Runs after the transaction has ended: a clear would announce a change
+                // with no transaction open, so the collection goes without a word.
+                auto *&collection = *static_cast<ReferenceCollection **>(slot(s.offset));
+                delete std::exchange(collection, nullptr);
+            }
         }
     ModelElement::Impl::basicDisassociateAll();
 }
