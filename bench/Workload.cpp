@@ -181,7 +181,7 @@ void run(std::size_t n) {
         std::int64_t sum = 0;
         for (Book const &book : books) {
             sum += book->getPropertyValue(pages, Tag::PUBLIC_ACCESS).get<std::int32_t>();
-            titleLength += book->getPropertyValue(title, Tag::PUBLIC_ACCESS).get<std::u16string>().size();
+            titleLength += book->getPropertyValue(title, Tag::PUBLIC_ACCESS).get<basalt::ustring>().size();
         }
         if (sum != expected)
             fail("reflective page sum");

@@ -176,7 +176,7 @@ void Model::Impl::retire() noexcept {
 
 ProxyId Model::Impl::getPersistentProxyId(ModelElement::Impl const *element, bool local) const {
     return ProxyId(io::ElementId::DEFAULT_IDENTIFIER_TYPE, basalt::i18n::utf8_to_ustring(boost::uuids::to_string(element->getUuid())),
-                   local ? boost::optional<std::u16string>() : boost::optional<std::u16string>(modelURI_));
+                   local ? boost::optional<basalt::ustring>() : boost::optional<basalt::ustring>(modelURI_));
 }
 
 ModelElement Model::Impl::resolveProxy(ModelElement::Impl const *, ModelElement const &proxy) {

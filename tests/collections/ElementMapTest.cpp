@@ -35,7 +35,7 @@ protected:
         return Book::createProxy(
             model, ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)), modelId));
     }
-    static Value title(std::u16string const &text) { return Value(meta::StandardTypes::stringMeta, text); }
+    static Value title(basalt::ustring const &text) { return Value(meta::StandardTypes::stringMeta, text); }
 
     Model model = Model::create(ModelConstellation());
 };

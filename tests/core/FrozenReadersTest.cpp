@@ -53,7 +53,7 @@ protected:
             authors.push_back(author);
             Book const reader = Book::create(a);
             ProxyId const id(u"uuid", textOf(author->getUuid()),
-                             far ? boost::optional<std::u16string>(b->getModelURI()) : boost::none);
+                             far ? boost::optional<basalt::ustring>(b->getModelURI()) : boost::none);
             reader->setAuthor(Author::createProxy(a, id));
             Book const sequel = Book::create(i % 3 == 2 ? a : b);
             reader->setSequel(sequel);

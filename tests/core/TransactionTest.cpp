@@ -117,7 +117,7 @@ TEST_F(TransactionTest, EveryChangeCountsAsALevelWhetherItIsRecordedOrNot) {
         }
         return model->beginTransaction(false).getOrigin().getTransactionOrdinal() - first - 2;
     };
-    auto threeChanges = [](Book const &book, std::u16string const &first, std::u16string const &second) {
+    auto threeChanges = [](Book const &book, basalt::ustring const &first, basalt::ustring const &second) {
         book->setSubtitle(first);
         book->setSubtitle(second);
         book->setSubtitle(second); // no change, no level
@@ -269,8 +269,8 @@ private:
     // Sometimes nothing: clearing a reference is a change too.
     template <class H> H pickOrNone() { return random_() % 4 ? pick<H>() : H(); }
     bool chance(unsigned n) { return random_() % n == 0; }
-    std::u16string letter() { return std::u16string(1, char16_t(u'a' + random_() % 26)); }
-    boost::optional<std::u16string> maybeLetter() { return chance(3) ? boost::none : boost::make_optional(letter()); }
+    basalt::ustring letter() { return basalt::ustring(1, char16_t(u'a' + random_() % 26)); }
+    boost::optional<basalt::ustring> maybeLetter() { return chance(3) ? boost::none : boost::make_optional(letter()); }
     boost::uuids::uuid nextId() {
         // Now and then the UUID of an element destroyed before.
         if (!graveyard_.empty() && chance(3)) {

@@ -2,6 +2,8 @@
 /// \file
 /// The hash functions of kivra's hashed containers.
 
+#include <basalt/ustring.hpp>
+
 #include <boost/uuid/uuid.hpp>
 
 #include <cstdint>
@@ -49,6 +51,8 @@ template <> struct KivraHasher<std::u16string> {
         return static_cast<std::size_t>(fnv1a(text.data(), text.size() * sizeof(char16_t)));
     }
 };
+
+template <> struct KivraHasher<basalt::ustring> : KivraHasher<std::u16string> {};
 
 template <> struct KivraHasher<std::string> {
     std::size_t operator()(std::string_view text) const noexcept {
