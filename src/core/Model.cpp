@@ -1,4 +1,5 @@
 #include "core/ElementTable.hpp"
+#include "core/Extensions.hpp"
 #include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
 
@@ -467,6 +468,12 @@ void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t pr
         currentTransaction_->elementModifying(element, propertyIndex, scalar, size);
 }
 
+void Model::Impl::elementModifying(ModelElement::Impl *element, meta::Extension const &extension) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementModifying(element, extension);
+}
+
 void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {
     validateTransaction();
     if (reportsChanges())
@@ -551,6 +558,7 @@ void Model::Impl::destroy() noexcept {
     bool collected = false;
     try {
         Transaction transaction = beginTransaction(false);
+        dropExtensionListeners();
         dropListeners();
         bool const multi = isInMultiModelConstellation();
         // While every element still lives, references let go (into proxies where a class
@@ -585,6 +593,7 @@ void Model::Impl::destroy() noexcept {
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
+    dropExtensions();
     if (!collected)
         releaseAllTopLevel(); // nothing was destroyed yet: the table names live elements only
     table_->elements.clear();
@@ -626,6 +635,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     for (ModelElement::Impl const *element : moving)
         if (to->findElement(element->getUuid(), FindElementBehavior::LoadFromDataSource))
             raise<messages::CannotChangeModel>();
+    auto const replaced = moveExtensionsTo(to);
 
     {
         Transaction transaction = to->beginTransaction(false);
@@ -637,6 +647,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
             element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
             element->model_ = to;
             try {
+                moveExtensionValues(element, to, replaced);
                 to->elementCreated(element, element->isTopLevel());
             } catch (std::exception const &) {
                 element->model_ = this;
@@ -655,6 +666,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     table_->elements.clear();
     topLevelCount_ = 0;
     usageProvider_->allElementsDestroyed();
+    finishExtensionMove(replaced);
 }
 
 void Model::Impl::migrateToConstellation(ModelConstellation const &target) {

@@ -66,6 +66,8 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
+    if (model_->extensions_) [[unlikely]]
+        model_->forgetExtensionValues(this);
     if (isProxy()) {
         model_->forgetProxyId(this);
     } else if (validity_ > 0) {
@@ -361,6 +363,8 @@ void ModelElement::Impl::copyValue(Storage *, std::uint64_t index) const {
 }
 
 void ModelElement::Impl::copyStateFromStorage(Storage *storage) {
+    if (storage->extensionChanges()) [[unlikely]]
+        restoreExtensions(storage);
     if (!storage->isContainerChanged())
         return;
     // Both ends of a containment have records of their own: this end puts back only its
