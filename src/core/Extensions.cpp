@@ -42,6 +42,18 @@ std::unique_ptr<AbstractOwnedCollection> makeCollection(ModelElement const &owne
         meta::MetaRegistry::getInstance()->instantiateDynamicCollection(owner, extension));
 }
 
+/// The `DynamicExtensions` of the model with serial number `modelID` under `cls`, made
+/// when there is none; in a transaction of the registry model.
+meta::DynamicExtensions ownerIn(meta::Class const &cls, std::uint64_t modelID, Model const &registryModel) {
+    if (meta::DynamicExtensions found = cls->getExtensions().at(modelID))
+        return found;
+    meta::DynamicExtensions const owner = meta::DynamicExtensions::create(registryModel);
+    // The key first: the class files its owners under it.
+    owner->setModelID(modelID);
+    owner->setOwningClass(cls);
+    return owner;
+}
+
 /// Ends a registry transaction, which must commit.
 void commitOrRaise(Transaction &transaction) {
     if (transaction.commit() != TransactionResult::Committed)
@@ -102,23 +114,14 @@ meta::Extension Model::Impl::extendMetaclass(meta::Class const &cls, meta::Exten
     if (!extensions_)
         extensions_ = std::make_unique<ModelExtensions>();
     meta::Extension extension;
-    bool madeOwner = false;
     {
         // Revertible, so that a failure below leaves the registry model as it was.
         Transaction transaction = registryModel->getDefaultTransactionFactory().beginRevertibleTransaction();
-        meta::DynamicExtensions owner;
-        if (auto found = extensions_->owners.find(cls.get()); found != extensions_->owners.end()) {
-            owner = found->second;
-        } else {
-            owner = meta::DynamicExtensions::create(registryModel);
-            owner->setModelID(serialNumber_);
-            cls->_setContainedByThis(owner.get(), meta::Class::Impl::extensionsProperty());
-            madeOwner = true;
-        }
+        meta::DynamicExtensions const owner = ownerIn(cls, serialNumber_, registryModel);
         extension = meta::Extension::create(registryModel);
         extension->setName(prototype.getName());
         extension->setType(type);
-        owner->_setContainedByThis(extension.get(), meta::DynamicExtensions::Impl::extensionsProperty());
+        extension->setOwner(owner);
         extension->setLower(prototype.getLower());
         extension->setUpper(prototype.getUpper());
         extension->setIsUnique(prototype.getIsUnique());
@@ -130,8 +133,6 @@ meta::Extension Model::Impl::extendMetaclass(meta::Class const &cls, meta::Exten
         if (prototype.getUpper() != 1 && !meta::MetaRegistry::getInstance()->instantiateUnmanagedCollection(extension))
             raise<messages::CannotInstantiateCollection>(type->getQualifiedName());
         commitOrRaise(transaction);
-        if (madeOwner)
-            extensions_->owners.emplace(cls.get(), owner);
     }
 
     boost::optional<Value> kept = defaultValue;
@@ -148,26 +149,18 @@ void Model::Impl::unextendMetaclass(meta::Class const &cls, basalt::ustring cons
     Model const &registryModel = locked.get();
     if (!cls || cls->getModelImpl() != registryModel.get())
         raise<messages::CannotCreateWithoutModel>();
-    DeclaredExtension const *record = extensions_ ? extensions_->find(cls, name, /*inherited=*/false) : nullptr;
-    if (!record)
+    meta::DynamicExtensions const owner = cls->getExtensions().at(serialNumber_);
+    meta::Extension const extension = owner ? owner->getExtensions().at(name) : meta::Extension();
+    if (!extension || !extensions_)
         raiseNoSuchExtension(name, cls);
-    meta::Extension const extension = record->extension;
     {
         Transaction transaction = registryModel->getDefaultTransactionFactory().beginRevertibleTransaction();
         Model const self = getModel();
         for (ExtensionListener *listener : std::vector<ExtensionListener *>(extensions_->listeners))
             listener->extensionRemoved(self, extension);
         extension->destroy();
-        bool const ownerInUse = std::any_of(extensions_->declared.begin(), extensions_->declared.end(),
-                                            [&](auto const &other) {
-                                                return other.second.owningClass == cls &&
-                                                       other.second.extension != extension;
-                                            });
-        if (!ownerInUse)
-            if (auto owner = extensions_->owners.find(cls.get()); owner != extensions_->owners.end()) {
-                owner->second->destroy();
-                extensions_->owners.erase(owner);
-            }
+        if (!owner->hasExtensions())
+            owner->destroy();
         commitOrRaise(transaction);
     }
     auto const [first, last] = extensions_->declared.equal_range(name);
@@ -484,16 +477,23 @@ void Model::Impl::dropExtensionListeners() noexcept {
 
 namespace {
 
-/// Destroys extensions and then the owners they leave empty, in one registry transaction.
-void destroyInRegistry(std::vector<meta::Extension> const &extensions, std::vector<meta::DynamicExtensions> const &owners) {
-    if (extensions.empty() && owners.empty())
+/// Takes `extension` out of its owner, and the owner out of its class once it holds no
+/// other extension; in a transaction of the registry model.
+void destroyWithEmptyOwner(meta::Extension const &extension) {
+    meta::DynamicExtensions const owner = extension->getOwner();
+    extension->destroy();
+    if (owner && owner->isValid() && !owner->hasExtensions())
+        owner->destroy();
+}
+
+/// Destroys extensions and the owners they leave empty, in one registry transaction.
+void destroyInRegistry(std::vector<meta::Extension> const &extensions) {
+    if (extensions.empty())
         return;
     meta::MetaRegistry::LockedModel const locked = meta::MetaRegistry::getInstance()->getMetaRegistryModel();
     Transaction transaction = locked->getDefaultTransactionFactory().beginTransaction();
     for (meta::Extension const &extension : extensions)
-        extension->destroy();
-    for (meta::DynamicExtensions const &owner : owners)
-        owner->destroy();
+        destroyWithEmptyOwner(extension);
     transaction.commit();
 }
 
@@ -508,16 +508,12 @@ void Model::Impl::dropExtensions() noexcept {
     extensions_->values.clear();
     values.clear();
     std::vector<meta::Extension> extensions;
-    std::vector<meta::DynamicExtensions> owners;
     for (auto &[name, record] : extensions_->declared)
         extensions.push_back(record.extension);
-    for (auto &[cls, owner] : extensions_->owners)
-        owners.push_back(owner);
     extensions_->declared.clear();
-    extensions_->owners.clear();
     try {
         if (meta::MetaRegistry::getInstance()->getMetaRegistryModel().get().get() != this)
-            destroyInRegistry(extensions, owners);
+            destroyInRegistry(extensions);
     } catch (...) {
         // A model's end does not fail; the registry keeps what it could not destroy.
     }
@@ -545,27 +541,11 @@ std::vector<std::pair<boost::uuids::uuid, boost::uuids::uuid>> Model::Impl::move
     {
         Transaction transaction = registryModel->getDefaultTransactionFactory().beginRevertibleTransaction();
         for (DeclaredExtension *record : moving) {
-            meta::DynamicExtensions &owner = to->extensions_->owners[record->owningClass.get()];
-            if (!owner) {
-                owner = meta::DynamicExtensions::create(registryModel);
-                owner->setModelID(to->serialNumber_);
-                record->owningClass->_setContainedByThis(owner.get(), meta::Class::Impl::extensionsProperty());
-            }
-            owner->_setContainedByThis(record->extension.get(), meta::DynamicExtensions::Impl::extensionsProperty());
-        }
-        // An owner left with no extension goes; one that keeps replaced ones goes with them.
-        for (auto owner = extensions_->owners.begin(); owner != extensions_->owners.end();) {
-            bool const keeps = std::any_of(replaced.begin(), replaced.end(), [&](auto const &pair) {
-                auto const found = std::find_if(extensions_->declared.begin(), extensions_->declared.end(),
-                                                [&](auto const &entry) { return entry.second.extension->getUuid() == pair.first; });
-                return found != extensions_->declared.end() && found->second.owningClass.get() == owner->first;
-            });
-            if (keeps) {
-                ++owner;
-                continue;
-            }
-            owner->second->destroy();
-            extensions_->owners.erase(owner++);
+            meta::DynamicExtensions const from = record->extension->getOwner();
+            record->extension->setOwner(ownerIn(record->owningClass, to->serialNumber_, registryModel));
+            // An owner that keeps replaced extensions goes with them at the end.
+            if (from && !from->hasExtensions())
+                from->destroy();
         }
         if (transaction.commit() != TransactionResult::Committed)
             raise<messages::CannotChangeModel>();
@@ -599,17 +579,13 @@ void Model::Impl::finishExtensionMove(
     if (!extensions_)
         return;
     std::vector<meta::Extension> extensions;
-    std::vector<meta::DynamicExtensions> owners;
     for (auto &[name, record] : extensions_->declared)
         if (std::any_of(replaced.begin(), replaced.end(),
                         [&](auto const &pair) { return pair.first == record.extension->getUuid(); }))
             extensions.push_back(record.extension);
-    for (auto &[cls, owner] : extensions_->owners)
-        owners.push_back(owner);
     extensions_->declared.clear();
-    extensions_->owners.clear();
     try {
-        destroyInRegistry(extensions, owners);
+        destroyInRegistry(extensions);
     } catch (...) {
         // The contents have moved; what the registry could not destroy stays there.
     }

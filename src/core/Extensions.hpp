@@ -52,8 +52,6 @@ using ElementExtensionValues = std::map<basalt::ustring, ExtensionValue, std::le
 /// extension values cost nothing.
 struct ModelExtensions {
     std::unordered_multimap<basalt::ustring, DeclaredExtension> declared;
-    /// This model's `DynamicExtensions` in the registry model, by the class they extend.
-    absl::flat_hash_map<meta::Class::Impl const *, meta::DynamicExtensions> owners;
     std::vector<ExtensionListener *> listeners;
     absl::flat_hash_map<ModelElement::Impl const *, std::unique_ptr<ElementExtensionValues>> values;
 

@@ -350,6 +350,10 @@ void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying
 void ModelElement::Impl::basicDisassociateAll() {
     container_ = nullptr;
     containmentFeature_ = nullptr;
+    // Element values of extensions are counted handles too: two dead elements that name
+    // each other there would hold each other until the model goes.
+    if (model_->extensions_) [[unlikely]]
+        model_->forgetExtensionValues(this);
 }
 
 void ModelElement::Impl::convertReferencesToProxies(bool, boost::optional<ProxyId> &) {}
