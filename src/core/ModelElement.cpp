@@ -66,12 +66,13 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
-    if (model_->extensions_) [[unlikely]]
-        model_->forgetExtensionValues(this);
     if (isProxy()) {
         model_->forgetProxyId(this);
     } else if (validity_ > 0) {
         Model keep = model_->getModel();
+        // A tombstone's model may be gone; it let go of its extension values when it died.
+        if (model_->extensions_) [[unlikely]]
+            model_->forgetExtensionValues(this);
         model_->remove(this);
     }
 }

@@ -244,6 +244,34 @@ TEST_F(ExtensionTest, DestroyedElementsLetGoOfTheElementsTheirExtensionsName) {
     EXPECT_EQ(author->referenceCount(), 1u);
 }
 
+TEST_F(ExtensionTest, AReportOutlivesTheModelItTellsOf) {
+    Report report;
+    Book book;
+    {
+        Model gone = Model::createTransientModel();
+        gone->extendMetaclass(Book::metaClass(), scalar(u"tags", u"String").setUpper(5), boost::none);
+        book = Book::create(gone);
+        entriesOf(book->getExtension(u"tags")).genericAdd(text(u"kept"));
+        addListener<ListenerRole::Observer>(gone, observer);
+        {
+            Transaction transaction = gone->beginRevertibleTransaction();
+            entriesOf(book->getExtension(u"tags")).genericAdd(text(u"more"));
+            transaction.commit();
+        }
+        removeListener(gone, observer);
+        report = observer.last;
+        ASSERT_TRUE(report);
+        EXPECT_EQ(report->getExtensionOldValue(book, u"tags").extractEntryValues(), std::vector<Value>{text(u"kept")});
+        gone->destroy();
+    }
+    // The extension went with its model: the report knows of it no more, and lets go of
+    // the old collection, which names the dead book as its owner, last.
+    EXPECT_FALSE(report->isExtensionChanged(book, u"tags"));
+    EXPECT_TRUE(report->getChangedExtensions(book).empty());
+    report.reset();
+    EXPECT_FALSE(book);
+}
+
 TEST_F(ExtensionTest, ListenersHearOfDeclarationsRemovalsAndTheirOwnEnd) {
     Heard heard;
     Heard leaving;
