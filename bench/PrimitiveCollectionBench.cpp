@@ -1,9 +1,12 @@
 // The named costs of primitive collections: adding to and finding in a sequence and the
 // two sets of integers, per entry, with the allocations each add makes. The collections
 // are owned by a book and serve its `pages` property, so that every add runs in the frame
-// of a recorded change, as a generated owner's would.
+// of a recorded change, as a generated owner's would. Then a generated element's own list,
+// reached through its accessors: a push_back, and the first touch in a transaction that
+// makes the collection and records a copy of it.
 #include "AllocationCounter.hpp"
 
+#include <library/Author.hpp>
 #include <library/Book.hpp>
 
 #include <kivra/Model.hpp>
@@ -24,6 +27,7 @@
 namespace {
 
 using kivra::Model;
+using kivra::test::library::Author;
 using kivra::test::library::Book;
 
 /// Distinct integers in random order.
@@ -138,5 +142,71 @@ void BM_SortedSetContains(benchmark::State &state) {
     findAll(state, &makeSorted, [](auto &set, std::int32_t value) { return set.contains(value); });
 }
 BENCHMARK(BM_SortedSetContains)->Arg(16)->Arg(1'000)->Arg(100'000);
+
+// `Author.ratings` is a generated list of integers: each push_back goes through the
+// accessor, which checks the owner and finds the collection made at the first one.
+void BM_GeneratedPushBack(benchmark::State &state) {
+    auto const values = shuffled(std::size_t(state.range(0)));
+    std::size_t allocations = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Model model = Model::create(kivra::ModelConstellation());
+        Author const author = Author::create(model);
+        std::size_t const before = kivra::bench::allocations();
+        state.ResumeTiming();
+        {
+            kivra::Transaction transaction = model->beginTransaction(false);
+            for (std::int32_t value : values)
+                author->getRatingsMutable().push_back(value);
+            transaction.commit();
+        }
+        state.PauseTiming();
+        allocations += kivra::bench::allocations() - before;
+        if (author->getRatings().size() != values.size())
+            state.SkipWithError("lost an entry");
+        model->destroy();
+        state.ResumeTiming();
+    }
+    auto const entries = double(state.iterations()) * double(values.size());
+    state.counters["allocs/entry"] = double(allocations) / entries;
+    state.counters["ns/entry"] = benchmark::Counter(entries, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_GeneratedPushBack)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+// One push_back on each of 1000 authors in one revertible transaction, commit included.
+// With 0 entries held the first touch makes the collection; with some, the record copies
+// them all, once per element and transaction.
+void BM_GeneratedFirstTouch(benchmark::State &state) {
+    std::size_t const held = std::size_t(state.range(0));
+    std::size_t const count = 1000;
+    std::size_t allocations = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Model model = Model::create(kivra::ModelConstellation());
+        std::vector<Author> authors;
+        for (std::size_t i = 0; i < count; ++i) {
+            authors.push_back(Author::create(model));
+            if (held)
+                authors.back()->getRatingsMutable().assign(std::vector<std::int32_t>(held, 1));
+        }
+        std::size_t const before = kivra::bench::allocations();
+        state.ResumeTiming();
+        {
+            kivra::Transaction transaction = model->beginRevertibleTransaction();
+            for (Author const &author : authors)
+                author->getRatingsMutable().push_back(2);
+            transaction.commit();
+        }
+        state.PauseTiming();
+        allocations += kivra::bench::allocations() - before;
+        authors.clear();
+        model->destroy();
+        state.ResumeTiming();
+    }
+    auto const elements = double(state.iterations()) * double(count);
+    state.counters["allocs/element"] = double(allocations) / elements;
+    state.counters["ns/element"] = benchmark::Counter(elements, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_GeneratedFirstTouch)->Arg(0)->Arg(100)->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -52,6 +52,12 @@ COLLECTION_KINDS = ("sequence", "set", "map", "multimap")
 KEYED_SHAPES = {"Map": ("map", "ElementMap"), "HashMap": ("map", "UnorderedElementMap"),
                 "Multimap": ("multimap", "ElementMultimap"), "HashMultimap": ("multimap", "UnorderedElementMultimap")}
 TAG = "::kivra::ModelElement::Impl::ReflectionPrivateTag"
+# Data types that kivra provides to every metamodel as entries of multi-valued properties.
+BUILTIN_DATATYPES = {"VersionInfo": "::kivra::meta::VersionInfo"}
+# A single-valued property of this type holds a map of texts that its element owns.
+STRING_MAP = "StringToStringMap"
+# The kinds of properties whose member is a collection of values made on first use.
+VALUE_KINDS = ("values", "stringmap")
 
 
 @dataclass
@@ -208,7 +214,7 @@ def parse(path):
             current.props.append(prop)
             lines[id(prop)] = number
     # What can only be checked once every class is read.
-    known = set(PRIMITIVES) | set(classes) | set(ENUMS) | {"ModelElement"}
+    known = set(PRIMITIVES) | set(classes) | set(ENUMS) | set(BUILTIN_DATATYPES) | {"ModelElement", STRING_MAP}
     for enum in ENUMS.values():
         if not enum.literals:
             raise TablesError(path, "?", f"enum '{enum.name}' has no literals")
@@ -221,11 +227,54 @@ def parse(path):
                 raise TablesError(path, where, f"unknown type '{prop.type}'")
             if prop.type in ENUMS and prop.default and prop.default not in [l[0] for l in ENUMS[prop.type].literals]:
                 raise TablesError(path, where, f"'{prop.default}' is no literal of '{prop.type}'")
+            if prop.index and (problem := value_collection_fault(prop, classes)):
+                raise TablesError(path, where, problem)
             if prop.opposite and prop.type in classes:
                 far = next((q for c in _chain(classes, classes[prop.type]) for q in c.props if q.name == prop.opposite), None)
                 if far is None:
                     raise TablesError(path, where, f"'{prop.type}' has no property '{prop.opposite}' to be the opposite")
     return classes, package
+
+
+def entry_type(prop, classes):
+    """The native type of the entries of a property of values: a primitive type, or a data
+    type that kivra provides; None for elements, enumerations and the data types of the tables."""
+    if prop.type in PRIMITIVES:
+        return PRIMITIVES[prop.type][0]
+    if prop.type in BUILTIN_DATATYPES and (prop.type not in classes or classes[prop.type].datatype):
+        return BUILTIN_DATATYPES[prop.type]
+    return None
+
+
+def value_collection_type(prop, classes):
+    """The collection that holds a multi-valued property of values: a sequence, a sorted or
+    hashed set, or the map of `VersionInfo` keyed by family; None when there is none."""
+    entry = entry_type(prop, classes)
+    if entry is None or prop.shape not in COLLECTION_SHAPES:
+        return None
+    if prop.shape == "Sequence":
+        return f"::kivra::PrimitiveSequence<{entry}>"
+    if prop.type in PRIMITIVES and prop.shape == "HashSet":
+        return f"::kivra::UnorderedPrimitiveSet<{entry}>"
+    if prop.type in PRIMITIVES and prop.shape == "SortedSet":
+        return f"::kivra::PrimitiveSet<{entry}>"
+    if prop.type == "VersionInfo" and prop.shape in ("Map", "HashMap") and prop.qualified_by == "family":
+        return f"::kivra::PrimitiveMap<::basalt::ustring, {entry}>"
+    return None
+
+
+def value_collection_fault(prop, classes):
+    """Why a property of values cannot have the shape the tables give it; None when it can."""
+    if prop.type == STRING_MAP:
+        return None if prop.shape == "Single" else f"a {STRING_MAP} property is Single: it is a map itself"
+    if prop.shape not in COLLECTION_SHAPES:
+        return None
+    if prop.type in ENUMS:
+        return f"'{prop.name}': collections of enumeration literals are not supported"
+    if entry_type(prop, classes) is not None and value_collection_type(prop, classes) is None:
+        shapes = "Sequence, or Map qualifiedBy=family" if prop.type in BUILTIN_DATATYPES else "Sequence, SortedSet or HashSet"
+        return f"'{prop.name}': no collection of {prop.type} has the shape {prop.shape} ({shapes})"
+    return None
 
 
 def _split_top(text, separator):
@@ -325,11 +374,15 @@ class Metamodel:
 
     def kind(self, prop):
         """How a property is held: value, optional, reference, composite, container-end,
-        sequence, set, or None for what is not written yet (keyed containers, derived
-        properties, data types)."""
+        sequence, set, map, multimap, values (a collection of values), stringmap, or None
+        for what is not written (derived properties, data types of the tables)."""
         if prop.index == 0:
             return None
+        if prop.type == STRING_MAP and prop.shape == "Single":
+            return "stringmap"
         if prop.shape in COLLECTION_SHAPES:
+            if value_collection_type(prop, self.classes):
+                return "values"
             return self.collection_kind(prop)
         if prop.type in PRIMITIVES:
             return "value" if prop.shape == "Single" else "optional"
@@ -425,6 +478,31 @@ def collection_type(kind, prop, mm=None):
     return f"::kivra::{template}<{prop.type}>"
 
 
+def values_type(mm, prop):
+    """The collection class of a property of kind values or stringmap."""
+    return "::kivra::StringToStringMap" if prop.type == STRING_MAP else value_collection_type(prop, mm.classes)
+
+
+def values_args(mm, prop, owned):
+    """The constructor arguments of such a collection: owned by the element (inside its
+    `Impl`, `self` the element), or free-standing, as a change record keeps it."""
+    ctype = values_type(mm, prop)
+    owner = f"_privateTag(), self, {prop.name}Property().get()"
+    if "PrimitiveSequence" in ctype:
+        unique = str(mm.unique(prop)).lower()
+        return f"{owner}, {unique}" if owned else unique
+    if "PrimitiveMap" in ctype:
+        key = "[](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }"
+        return f"{key}, {owner}" if owned else key
+    return owner if owned else ""
+
+
+def holds_values(mm, cls):
+    """Whether the class has members that are collections of values: their classes are only
+    declared in its header, so that what includes it does not pay for their definitions."""
+    return any(mm.kind(p) in VALUE_KINDS for p in cls.props)
+
+
 def native(prop):
     return prop.type if prop.type in ENUMS else PRIMITIVES[prop.type][0]
 
@@ -469,7 +547,8 @@ def initial(prop):
 
 
 def storage_members(mm, cls):
-    return [(p, mm.kind(p)) for p in cls.props if mm.kind(p) in ("value", "optional", "reference", "composite") + COLLECTION_KINDS]
+    return [(p, mm.kind(p)) for p in cls.props
+            if mm.kind(p) in ("value", "optional", "reference", "composite") + COLLECTION_KINDS + VALUE_KINDS]
 
 
 def plain_members(mm, cls):
@@ -489,12 +568,25 @@ def own_storage(mm, cls):
 def write_records(mm, cls, base):
     own = storage_members(mm, cls)
     ends = container_ends(mm, cls)
-    cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = ::kivra::detail::cloneCollection({p.name}_.get());\n        return;\n"
-                    if k in COLLECTION_KINDS else f"    case {p.name}Index:\n        own->{p.name}_ = {p.name}_;\n        return;\n" for p, k in own)
+    def copy(p, k):
+        if k in COLLECTION_KINDS:
+            return f"::kivra::detail::cloneCollection({p.name}_.get())"
+        if k in VALUE_KINDS:
+            return f"{p.name}_ ? {p.name}_->cloneFreeStanding() : nullptr"
+        return f"{p.name}_"
+
+    cases = "".join(f"    case {p.name}Index:\n        own->{p.name}_ = {copy(p, k)};\n        return;\n" for p, k in own)
     cases += "".join(f"    case {p.name}Index:\n        storage->setOldContainer(container(), containmentFeature());\n        return;\n" for p in ends)
     cast = f"    [[maybe_unused]] auto *own = static_cast<Storage *>(storage);\n" if own else ""
-    restore = "".join(f"    if (own->isChanged({p.name}Index))\n        ::kivra::detail::restoreCollection(ensure{p.cap}(), own->{p.name}_.get());\n"
-                      if k in COLLECTION_KINDS else f"    if (own->isChanged({p.name}Index))\n        {p.name}_ = own->{p.name}_;\n" for p, k in own)
+    def restore_of(p, k):
+        if k in COLLECTION_KINDS:
+            return f"    if (own->isChanged({p.name}Index))\n        ::kivra::detail::restoreCollection(ensure{p.cap}(), own->{p.name}_.get());\n"
+        if k in VALUE_KINDS:
+            # Never made then and never made since: nothing to put back.
+            return f"    if (own->isChanged({p.name}Index) && ({p.name}_ || own->{p.name}_))\n        ensure{p.cap}().restoreFrom(own->{p.name}_.get());\n"
+        return f"    if (own->isChanged({p.name}Index))\n        {p.name}_ = own->{p.name}_;\n"
+
+    restore = "".join(restore_of(p, k) for p, k in own)
     out = f"""
 ::kivra::ModelElement::Impl::Changes *{cls.name}::Impl::createChanges() const {{
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
@@ -528,6 +620,15 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), {p.name}_, false);\n")
         elif k in COLLECTION_KINDS:
             old.append(f"    if ({guard})\n        return ::kivra::detail::oldCollectionValue({p.name}_, property);\n")
+        elif k in VALUE_KINDS:
+            # A collection never made before the change was empty.
+            view = f"{p.name}_->toValue()" if k == "stringmap" else f"::kivra::Value(*{p.name}_, property)"
+            old.append(f"""    if ({guard}) {{
+        if (!{p.name}_)
+            {p.name}_.reset(new {values_type(mm, p)}({values_args(mm, p, False)}));
+        return {view};
+    }}
+""")
         else:
             old.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement({p.name}_));\n")
     for p in ends:
@@ -557,14 +658,21 @@ def staged(mm, cls):
     out = []
     for p in cls.props:
         k = mm.kind(p)
-        if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS:
+        if k in ("value", "optional", "reference", "composite", "values") + COLLECTION_KINDS:
             out.append((p, k))
         elif k == "container-end" and mm.settable_container_end(p):
             out.append((p, k))
     return out
 
 
+def value_entry(p):
+    """The native entry type of a property of kind values."""
+    return PRIMITIVES[p.type][0] if p.type in PRIMITIVES else BUILTIN_DATATYPES[p.type]
+
+
 def staged_type(p, k):
+    if k == "values":
+        return f"std::vector<{value_entry(p)}>"
     if k == "value":
         return native(p)
     if k == "optional":
@@ -638,6 +746,13 @@ public:
             out.append(f"    /// Stages the builder of the owned `{p.type}`; raises `NoSuchProperty` for a child of another class.\n")
             out.append(f"    B &set{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
             out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.reset(); this->clearSet({i}); return self(); }}\n")
+        elif k == "values":
+            entry = value_entry(p)
+            out.append(f"    /// Stages one more entry, added as the collection adds it when the element is made.\n")
+            out.append(f"    B &add{p.cap}({entry} const &value) {{ level().{p.name}_.push_back(value); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &add{p.cap}(std::initializer_list<{entry}> values) {{ level().{p.name}_.insert(level().{p.name}_.end(), values); this->markSet({i}); return self(); }}\n")
+            out.append(f"    B &clear{p.cap}() {{ level().{p.name}_.clear(); this->clearSet({i}); return self(); }}\n")
+            out.append(f"    std::vector<{entry}> const &get{p.cap}() const noexcept {{ return level().{p.name}_; }}\n")
         elif p.composite:
             out.append(f"    /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.\n")
             out.append(f"    B &add{p.cap}(std::unique_ptr<::kivra::ModelElement::Builder> child) {{ this->setOrAdd({cls.name}::Impl::{p.name}Property(), std::move(child)); return self(); }}\n")
@@ -696,8 +811,20 @@ def write_builder_source(mm, cls):
     base_ctor = ("::kivra::ModelElement::Impl(level.root(), uuid)" if cls.superclass == "ModelElement"
                  else f"{cls.superclass}::Impl(level.up(), uuid)")
     inits = "".join(f", {p.name}_(level.{p.name}_)" for p, k in props if k in ("value", "optional"))
+    # Entries go in as the collection adds them; the element is not yet announced, so
+    # nothing is recorded.
+    fills = []
+    for p, k in props:
+        if k != "values":
+            continue
+        ctype = values_type(mm, p)
+        add = ("assign" if "PrimitiveSequence" in ctype else "add" if "PrimitiveMap" in ctype else "insert")
+        fill = (f"ensure{p.cap}().assign(level.{p.name}_);\n" if add == "assign" else
+                f"for (auto const &entry : level.{p.name}_)\n            ensure{p.cap}().{add}(entry);\n")
+        fills.append(f"    if (level.root().isSet({p.name}Index) && !level.{p.name}_.empty())\n        {fill}")
+    body = "{\n" + "".join(fills) + "}" if fills else "{}"
     out.append(f"""
-{name}::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : {base_ctor}{inits} {{}}
+{name}::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : {base_ctor}{inits} {body}
 """)
     if props:
         cases = []
@@ -709,6 +836,8 @@ def write_builder_source(mm, cls):
                 body = f"        {p.name}_ = value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none;\n"
             elif k in ("reference", "container-end"):
                 body = f"        {p.name}_ = {p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value));\n"
+            elif k == "values":
+                body = f"        ::kivra::detail::stageValues({p.name}_, value);\n"
             elif k in COLLECTION_KINDS and not p.composite:
                 body = (f"        for (::kivra::Value const &entry : value.extractEntryValues())\n"
                         f"            {p.name}_.push_back({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(entry)));\n")
@@ -897,6 +1026,10 @@ def write_header(mm, cls, extra_dir):
         if k in ("map", "multimap"):
             includes.add("kivra/ElementMap.hpp")
             std_includes.add("memory")
+        if k in VALUE_KINDS:
+            includes.add("kivra/Fwd.hpp")
+        if k == "values" and p.type in BUILTIN_DATATYPES:
+            includes.add("kivra/meta/VersionInfo.hpp")
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The `{cls.name}` class of `{mm.dotted}`: its handle's implementation.\n\n"]
     out += [f"#include <{i}>\n" for i in sorted(includes)]
     out.append("\n")
@@ -941,6 +1074,13 @@ public:
             out.append(f"    {ctype} &get{p.cap}Mutable();\n")
             out.append(f"    /// True when the collection was made and holds anything.\n")
             out.append(f"    bool has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}\n")
+        elif k in VALUE_KINDS:
+            ctype = values_type(mm, p)
+            out.append(f"\n    /// The `{p.name}`, made on first use.\n")
+            out.append(f"    {ctype} const &get{p.cap}() const;\n")
+            out.append(f"    {ctype} &get{p.cap}Mutable();\n")
+            out.append(f"    /// True when the collection was made and holds anything.\n")
+            out.append(f"    bool has{p.cap}() const noexcept;\n")
         elif k == "container-end":
             out.append(f"\n    /// The containing `{p.type}`, when this element is held by its `{p.opposite}`.\n")
             out.append(f"    {p.type} get{p.cap}() const;\n")
@@ -976,7 +1116,7 @@ public:
     out.append(f"""
 protected:
     friend class {cls.name};{builder_friend}
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}
+{f"    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);{chr(10)}    ~Impl() override;" if holds_values(mm, cls) else f"    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {mm.impl_base(cls)}(model, uuid) {{}}"}
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -991,7 +1131,10 @@ protected:
         if k in COLLECTION_KINDS:
             out.append(f"    /// The collection, made when missing; no proxy is resolved.\n")
             out.append(f"    {collection_type(k, p, mm)} &ensure{p.cap}() const;\n")
-    members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS]
+        elif k in VALUE_KINDS:
+            out.append(f"    /// The collection, made when missing.\n")
+            out.append(f"    {values_type(mm, p)} &ensure{p.cap}() const;\n")
+    members = [(p, k) for p, k in kinds if k in ("value", "optional", "reference", "composite") + COLLECTION_KINDS + VALUE_KINDS]
     if members:
         out.append("\n")
     for p, k in members:
@@ -1002,17 +1145,23 @@ protected:
         elif k in COLLECTION_KINDS:
             out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
             out.append(f"    mutable std::unique_ptr<{collection_type(k, p, mm)}> {p.name}_;\n")
+        elif k in VALUE_KINDS:
+            out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
+            out.append(f"    mutable std::unique_ptr<{values_type(mm, p)}> {p.name}_;\n")
         else:
             out.append(f"    {p.type} {p.name}_;\n")
     out.append("};\n")
     if own_storage(mm, cls):
         revert = "    bool revertUnchanged(::kivra::ModelElement::Impl *element) override;\n" if plain_members(mm, cls) else ""
+        # Out of line when members are collections of values, which the header only declares.
+        storage_ctor = (f"    using {mm.impl_base(cls)}::Storage::Storage;\n" if not holds_values(mm, cls) else
+                        "    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);\n"
+                        "    ~Storage() override;\n")
         out.append(f"""
 /// The old values of `{cls.name}`'s own members in a deep transaction.
 class {cls.name}::Impl::Storage : public {mm.impl_base(cls)}::Storage {{
 public:
-    using {mm.impl_base(cls)}::Storage::Storage;
-{revert}    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
+{storage_ctor}{revert}    ::kivra::Value getOldValue({META}::Property const &property, {TAG} const &tag) const override;
 
 private:
     friend class {cls.name}::Impl;
@@ -1024,6 +1173,8 @@ private:
                 out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
             elif k in COLLECTION_KINDS:
                 out.append(f"    mutable std::unique_ptr<{collection_type(k, p, mm)}> {p.name}_;\n")
+            elif k in VALUE_KINDS:
+                out.append(f"    mutable std::unique_ptr<{values_type(mm, p)}> {p.name}_;\n")
             else:
                 out.append(f"    {p.type} {p.name}_;\n")
         out.append("};\n")
@@ -1066,8 +1217,12 @@ def write_source(mm, cls):
     for p, k in kinds:
         if k in ("reference", "composite", "container-end") + COLLECTION_KINDS:
             includes.add(mm.header(p.type))
-        if k in COLLECTION_KINDS:
+        if k in COLLECTION_KINDS + VALUE_KINDS:
             includes.add("kivra/detail/Collections.hpp")
+        if k == "values":
+            includes.add("kivra/PrimitiveCollection.hpp")
+        if k == "stringmap":
+            includes.add("kivra/StringToStringMap.hpp")
         if k == "value":
             for q, far in mm.key_holders(p):
                 includes.add(mm.header(q.owner))
@@ -1108,6 +1263,17 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     element->makeProxy(proxyId);
     return element;
 }}
+""")
+    if holds_values(mm, cls):
+        out.append(f"""
+{cls.name}::Impl::Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : {base}(model, uuid) {{}}
+
+{cls.name}::Impl::~Impl() = default;
+
+{cls.name}::Impl::Storage::Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count)
+    : {base}::Storage(uuid, model, metaClass, count) {{}}
+
+{cls.name}::Impl::Storage::~Storage() = default;
 """)
     # Destruction: owned children go with their owner.
     body = []
@@ -1192,6 +1358,26 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     ::kivra::detail::checkCollectionOwner(*this);
     ::kivra::detail::resolveCollectionOnAccess(*this, ensure{p.cap}());
     return *{p.name}_;
+}}
+
+{ctype} &{cls.name}::Impl::get{p.cap}Mutable() {{ return const_cast<{ctype} &>(get{p.cap}()); }}
+""")
+        elif k in VALUE_KINDS:
+            ctype = values_type(mm, p)
+            out.append(f"""
+bool {cls.name}::Impl::has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}
+
+{ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
+    if (!{p.name}_) [[unlikely]] {{
+        auto *self = const_cast<Impl *>(this);
+        {p.name}_.reset(new {ctype}({values_args(mm, p, True)}));
+    }}
+    return *{p.name}_;
+}}
+
+{ctype} const &{cls.name}::Impl::get{p.cap}() const {{
+    ::kivra::detail::checkCollectionOwner(*this);
+    return ensure{p.cap}();
 }}
 
 {ctype} &{cls.name}::Impl::get{p.cap}Mutable() {{ return const_cast<{ctype} &>(get{p.cap}()); }}
@@ -1290,6 +1476,12 @@ def write_reflective(mm, cls, kinds, base):
         elif k in COLLECTION_KINDS:
             has.append(f"    if ({guard})\n        return has{p.cap}();\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n")
+        elif k == "values":
+            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
+            get.append(f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n")
+        elif k == "stringmap":
+            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
+            get.append(f"    if ({guard})\n        return ensure{p.cap}().toValue();\n")
         else:
             has.append(f"    if ({guard})\n        return get{p.cap}().get() != nullptr;\n")
             get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement(get{p.cap}()));\n")
@@ -1302,6 +1494,10 @@ def write_reflective(mm, cls, kinds, base):
             set_.append(f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n")
         elif k in COLLECTION_KINDS:
             set_.append(f"    if ({mguard})\n        return ::kivra::detail::assignCollection(get{p.cap}Mutable(), value);\n")
+        elif k == "values":
+            set_.append(f"    if ({mguard})\n        return ::kivra::detail::assignValues(get{p.cap}Mutable(), value);\n")
+        elif k == "stringmap":
+            set_.append(f"    if ({mguard})\n        return get{p.cap}Mutable().assign(::kivra::StringToStringMap::fromValue(value));\n")
         elif k in ("reference", "composite") or (k == "container-end" and mm.settable_container_end(p)):
             set_.append(f"    if ({mguard})\n        return set{p.cap}({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value)));\n")
     # An empty handle must not match a description that is not there yet.
@@ -1621,6 +1817,8 @@ def handle_of(mm, type_name):
         return f"e.e_{type_name}"
     if type_name in CORE_CLASSES:
         return f"::kivra::{type_name}::metaClass()"
+    if type_name in BUILTIN_DATATYPES:
+        return f"{BUILTIN_DATATYPES[type_name]}::dataType()"
     return f"registry().getType(u\"{type_name}\")"
 
 
@@ -1850,6 +2048,8 @@ namespace {{
                                                  "kivra/meta/Enum.hpp", "kivra/meta/EnumLiteral.hpp", "kivra/meta/Operation.hpp",
                                                  "kivra/meta/Package.hpp", "kivra/meta/PrimitiveType.hpp", "kivra/meta/Property.hpp",
                                                  "kivra/meta/detail/Metaclasses.hpp"} - {mm.header(c.name) for c in classes})]
+    if any(p.type in BUILTIN_DATATYPES and p.type not in mm.classes for cls in classes for p in cls.props):
+        out.append("#include <kivra/meta/VersionInfo.hpp>\n")
     if is_meta(mm):
         head = f"""
 namespace {mm.ns} {{

@@ -29,6 +29,17 @@ class AbstractTransactionFactoryImpl;
 class ElementId;
 class ProxyId;
 class Value;
+// The collections of values: generated headers name them, and code that uses one
+// includes <kivra/PrimitiveCollection.hpp> or <kivra/StringToStringMap.hpp>.
+template <class V> class PrimitiveSequence;
+template <class V> class PrimitiveSet;
+template <class V> class UnorderedPrimitiveSet;
+template <class K, class V> class PrimitiveMap;
+class StringToStringMap;
+
+namespace meta {
+class VersionInfo;
+} // namespace meta
 
 namespace log {
 class Span;

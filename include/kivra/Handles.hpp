@@ -135,6 +135,9 @@ public:
     /// A proxy of an element of class `cls` named by `proxyId`, held by references in
     /// `model` until it resolves. Raises `NoSuchType` for a class that cannot have one.
     static ModelElement createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId);
+    /// A new element of `cls` driven by its description alone, announced to `model`; a nil
+    /// `uuid` draws a fresh one. Raises `CannotCreateWithoutModel` without a model.
+    static ModelElement createReflective(Model const &model, meta::Class const &cls, boost::uuids::uuid const &uuid);
     /// A counted handle on `impl`, or a null handle.
     static ModelElement fromImpl(Impl *impl) noexcept;
 

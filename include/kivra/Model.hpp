@@ -124,7 +124,7 @@ public:
     /// Replaces the account of what the model uses; the registry model keeps one of its
     /// own, since its content is the metamodel itself.
     void setUsageProvider(std::unique_ptr<meta::DataModelUsageProvider> provider);
-    /// The URIs of the used packages and of the packages they import.
+    /// The URIs of the used packages and of the packages they import, and so on.
     std::set<std::u16string> getDescriptivePackageURIClosure() const;
     std::uint64_t serialNumber() const noexcept { return serialNumber_; }
 

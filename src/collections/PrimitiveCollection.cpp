@@ -5,6 +5,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/UuidLiteral.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/meta/DataType.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 
@@ -146,12 +147,20 @@ GenericPrimitiveInterface::~GenericPrimitiveInterface() = default;
 AbstractPrimitiveCollection::~AbstractPrimitiveCollection() = default;
 
 void AbstractPrimitiveCollection::genericAssign(std::vector<Value> const &values) {
+    // A transaction of its own keeps the old entries, so that a value that fails half-way
+    // leaves them as they were.
+    Transaction own;
+    if (owner_)
+        if (Model::Impl *const model = owner_->getModelImpl(); !model->currentTransaction())
+            own = model->beginTransaction(/*revertible=*/true);
     Operation operation(*this);
     modifying();
     clear();
     for (Value const &value : values)
         genericAdd(value);
     operation.commit();
+    if (own)
+        own.commit();
 }
 
 void AbstractPrimitiveCollection::restoreFrom(AbstractPrimitiveCollection const *stored) {
@@ -432,6 +441,28 @@ template <class K, class V> std::unique_ptr<PrimitiveMap<K, V>> PrimitiveMap<K, 
     return copy;
 }
 
+// --- What generated elements and builders share ---------------------------------------------
+
+namespace detail {
+
+void assignValues(AbstractPrimitiveCollection &collection, Value const &value) {
+    if (value.getPayload() == &collection)
+        return;
+    collection.genericAssign(value.extractEntryValues());
+}
+
+template <class V> void stageValues(std::vector<V> &staged, Value const &value) {
+    // Read in full first: a bad entry stages nothing.
+    std::vector<Value> const entries = value.extractEntryValues();
+    std::vector<V> read;
+    read.reserve(entries.size());
+    for (Value const &entry : entries)
+        read.push_back(readEntry<V>(entry));
+    staged.insert(staged.end(), std::make_move_iterator(read.begin()), std::make_move_iterator(read.end()));
+}
+
+} // namespace detail
+
 // --- Instances -------------------------------------------------------------------------------
 
 #define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
@@ -442,8 +473,10 @@ template <class K, class V> std::unique_ptr<PrimitiveMap<K, V>> PrimitiveMap<K, 
     template class PrimitiveSet<Native>;                                                                              \
     template class PrimitiveCollection<Native, detail::FlatHashSet<Native, services::hashers::KivraHasher<Native>>>;  \
     template class PrimitiveSetBase<Native, detail::FlatHashSet<Native, services::hashers::KivraHasher<Native>>>;     \
-    template class UnorderedPrimitiveSet<Native>;
+    template class UnorderedPrimitiveSet<Native>;                                                                    \
+    template void detail::stageValues<Native>(std::vector<Native> &, Value const &);
 #include <kivra/meta/PrimitiveTypes.def>
+template void detail::stageValues<meta::VersionInfo>(std::vector<meta::VersionInfo> &, Value const &);
 template class PrimitiveCollection<meta::VersionInfo, std::vector<meta::VersionInfo>>;
 template class PrimitiveSequence<meta::VersionInfo>;
 template class PrimitiveCollection<meta::VersionInfo, boost::container::flat_map<basalt::ustring, meta::VersionInfo>>;

@@ -20,6 +20,8 @@
 #include <kivra/services/ElementIdResolver.hpp>
 #include <kivra/services/ModelIdNormalizer.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/meta/Package.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
@@ -310,9 +312,23 @@ void Model::Impl::setUsageProvider(std::unique_ptr<meta::DataModelUsageProvider>
 }
 
 std::set<std::u16string> Model::Impl::getDescriptivePackageURIClosure() const {
-    // Imported packages join the closure once packages hold their imports.
-    std::vector<std::u16string> const used = getUsedPackageUris();
-    return std::set<std::u16string>(used.begin(), used.end());
+    std::set<std::u16string> closure;
+    std::vector<meta::Package> pending = getUsedPackages();
+    // Each package once: imports may run in a circle.
+    std::set<meta::Package::Impl const *> seen;
+    while (!pending.empty()) {
+        meta::Package const package = std::move(pending.back());
+        pending.pop_back();
+        if (!package.get() || !seen.insert(package.get()).second)
+            continue;
+        closure.insert(package->getUri());
+        if (!package->hasImportedPackages())
+            continue;
+        meta::MetaRegistry &registry = *meta::MetaRegistry::getInstance();
+        for (auto const &[family, imported] : package->getImportedPackages())
+            pending.push_back(registry.getPackageForFamily(family));
+    }
+    return closure;
 }
 
 ModelElement Model::Impl::findElement(meta::Class const &cls, ElementId const &id) const {

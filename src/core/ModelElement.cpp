@@ -15,6 +15,7 @@
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include <boost/optional/optional.hpp>
 
@@ -82,8 +83,9 @@ ModelElement::Impl::~Impl() {
 ModelElement ModelElement::createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId) {
     if (ModelElement proxy = meta::MetaRegistry::getInstance()->instantiateProxy(cls, model, proxyId))
         return proxy;
-    // Without a generated class there would be a reflective element to make; a class of the
-    // metamodel itself, or an abstract one, has none.
+    // Without a generated class the proxy is a reflective element; an abstract class has none.
+    if (cls && !cls->getIsAbstract())
+        return reflection::ReflectiveModelElementImpl::createProxy(model, cls, proxyId);
     raise<messages::NoSuchType>(cls.get() ? cls->getQualifiedName() : basalt::ustring());
 }
 

@@ -44,9 +44,10 @@ template <class T, unsigned Owned, unsigned Unmanaged, class Extra>
 AbstractOwnedCollection *
 CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateDynamicCollection(ModelElement const &owner,
                                                                                     Property const &property) {
+    // Without owner the collection is free-standing, as a change record's copy is.
     ModelElement::Impl *const impl = owner.get();
     Property::Impl *const described = property.get();
-    if (!impl || !described)
+    if (!described)
         return nullptr;
     if (described->getIsOrdered()) {
         if constexpr ((Owned & OrderedShape) != 0)

@@ -7,6 +7,7 @@
 #include <kivra/meta/Operation.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StructuredType.hpp>
+#include <kivra/reflection/ReflectiveBuilder.hpp>
 
 #include <unordered_map>
 
@@ -94,7 +95,13 @@ std::vector<Property> Class::Impl::getAllPrimitiveProperties() const {
 }
 
 std::unique_ptr<ModelElement::Builder> Class::Impl::instantiateBuilder(Model const &model) const {
-    return MetaRegistry::getInstance()->instantiateBuilder(Class::fromImpl(const_cast<Impl *>(this)), model);
+    Class const self = Class::fromImpl(const_cast<Impl *>(this));
+    if (std::unique_ptr<ModelElement::Builder> builder = MetaRegistry::getInstance()->instantiateBuilder(self, model))
+        return builder;
+    // A class without generated code makes reflective elements; an abstract one makes none.
+    if (getIsAbstract())
+        return nullptr;
+    return std::make_unique<reflection::ReflectiveBuilder>(model, self);
 }
 
 ModelElement Class::Impl::instantiate(Model const &model, boost::uuids::uuid const &uuid) const {

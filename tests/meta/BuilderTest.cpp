@@ -5,6 +5,7 @@
 #include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -13,9 +14,11 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
+#include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_generators.hpp>
 
 #include <gtest/gtest.h>
@@ -287,6 +290,52 @@ TEST_F(BuilderTest, SetOrAddRefusesWhatTheClassDoesNotHave) {
                  Error<messages::CannotCastIncompatibleTypes>);
     for (std::uint64_t index = 1; index <= Book::Impl::propertyCount; ++index)
         EXPECT_EQ(builder.isSet(index), index == Book::Impl::chaptersIndex) << index;
+}
+
+// Entries staged typed or through setOrAdd are in the new element, added by each
+// collection's own rules; a value that cannot be an entry stages nothing.
+TEST_F(BuilderTest, CollectionsOfValuesAreStagedAndMadeWithTheElement) {
+    Author const other = Author::create(model);
+    other->getRatingsMutable().assign({8, 9});
+
+    Author::Builder author(model);
+    author.addRatings({5, 5}).addRatings(6);
+    author.setOrAdd(Author::Impl::ratingsProperty(), Value(std::int32_t(7)));                            // one entry
+    author.setOrAdd(Author::Impl::ratingsProperty(),
+                    other->getPropertyValue(Author::Impl::ratingsProperty(), Tag::PUBLIC_ACCESS));     // all of another's
+    EXPECT_THROW(author.setOrAdd(Author::Impl::ratingsProperty(), Value(basalt::ustring(u"x"))),
+                 Error<messages::CannotCastIncompatibleTypes>);
+    EXPECT_EQ(author.getRatings(), (std::vector<std::int32_t>{5, 5, 6, 7, 8, 9}));
+    author.addPseudonyms("b").addPseudonyms("a").addPseudonyms("b");
+    author.addVisits(boost::uuids::random_generator()()).clearVisits();
+    EXPECT_FALSE(author.isSet(Author::Impl::visitsIndex));
+
+    Shelf::Builder shelf(model);
+    shelf.addSources({meta::VersionInfo(u"core", u"1"), meta::VersionInfo(u"core", u"2"), meta::VersionInfo(u"io", u"1")});
+    shelf.addCodes({3, 1, 3});
+    Book::Builder book(model);
+    book.setOrAdd(Book::Impl::tagsProperty(), Value(basalt::ustring(u"x")));
+    book.addTags({u"y", u"x"});
+
+    Author const made = author.createAuthor();
+    EXPECT_EQ(std::vector<std::int32_t>(made->getRatings().begin(), made->getRatings().end()),
+              (std::vector<std::int32_t>{5, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(std::vector<std::string>(made->getPseudonyms().begin(), made->getPseudonyms().end()),
+              (std::vector<std::string>{"a", "b"}));
+    EXPECT_FALSE(made->hasVisits());
+    Shelf const madeShelf = shelf.createShelf();
+    EXPECT_EQ(madeShelf->getSources().size(), 2u);
+    EXPECT_EQ(madeShelf->getSources().find(u"core")->getMinVersion(), u"1") << "the first entry of a family stays";
+    EXPECT_EQ(madeShelf->getCodes().size(), 2u);
+    Book const madeBook = book.createBook();
+    EXPECT_EQ(std::vector<basalt::ustring>(madeBook->getTags().begin(), madeBook->getTags().end()),
+              (std::vector<basalt::ustring>{u"x", u"y"}));
+
+    // The entries belong to the new element: their changes are its own, and roll back.
+    Transaction transaction = model->beginRevertibleTransaction();
+    madeBook->getTagsMutable().push_back(u"z");
+    transaction.rollBack();
+    EXPECT_EQ(madeBook->getTags().size(), 2u);
 }
 
 TEST_F(BuilderTest, ASequenceGrowsThroughBuilders) {

@@ -1,11 +1,20 @@
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <library/LibraryPackage.hpp>
+
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataModelUsageProvider.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <set>
+#include <string>
 #include <type_traits>
 
 namespace kivra::meta {
@@ -30,6 +39,31 @@ TEST(GeneratedMetaclass, SettingTheSameValueChangesNothing) {
     EXPECT_NO_THROW(property->setIsQualificationUnique(true)); // the default
     EXPECT_THROW(property->setName(u"subtitle"), Error<messages::ModelFrozen>);
     EXPECT_EQ(property->getName(), u"title");
+}
+
+// The descriptive closure of a model takes in the packages that its packages import, by
+// family, as far as the registry knows them.
+TEST(GeneratedMetaclass, ThePackageClosureFollowsImports) {
+    struct Uses : DataModelUsageProvider {
+        std::vector<Package> used;
+        std::vector<Package> getUsedPackages() const override { return used; }
+        ModelContent getModelContent() const override { return ModelContent::DeclaredReified; }
+    };
+    Model descriptions = Model::createTransientModel();
+    Package const importer = Package::create(descriptions);
+    importer->setUri(u"urn:importer");
+    Package::Builder builder(descriptions);
+    Package const plain = builder.setUri(u"urn:plain").addImportedPackages(VersionInfo(u"unknown-family", u"1")).createPackage();
+    importer->getImportedPackagesMutable().add(VersionInfo(u"library", u"1"));
+    basalt::ustring const library = kivra::test::library::LibraryPackage::getInstance().getPackage()->getUri();
+    ASSERT_EQ(MetaRegistry::getInstance()->getPackageForFamily(u"library")->getUri(), library);
+
+    Model model = Model::createTransientModel();
+    auto uses = std::make_unique<Uses>();
+    uses->used = {importer, plain, importer};
+    model->setUsageProvider(std::move(uses));
+    EXPECT_EQ(model->getDescriptivePackageURIClosure(),
+              (std::set<std::u16string>{u"urn:importer", u"urn:plain", std::u16string(library)}));
 }
 
 TEST(GeneratedMetaclass, DefaultsAndOptionals) {

@@ -3,13 +3,19 @@
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/meta/Class.hpp>
 #include <kivra/meta/Extension.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
 
 #include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 #include <string>
 #include <typeinfo>
@@ -25,6 +31,22 @@ std::uintptr_t address(void const *object) { return reinterpret_cast<std::uintpt
 std::string describeValue(Value const &value, Identity identity) {
     if (!value.hasPayload())
         return "<none>";
+    // A collection of values: the hashes of its entries, in its order.
+    if (isCollection(value.getFlags()) && value.isManaged() && !dynamic_cast<meta::Class::Impl const *>(value.getType().get())) {
+        std::string result = "[";
+        for (Value const &entry : value.extractEntryValues())
+            result += "#" + std::to_string(entry.hashValues()) + ",";
+        return result + "]";
+    }
+    // A map of texts: its entries in key order.
+    if (value.getType() == meta::StandardTypes::stringToStringMapMeta.get()) {
+        StringToStringMap::Container const &map = StringToStringMap::fromValue(value).toSTLCollection();
+        std::map<basalt::ustring, basalt::ustring> const sorted(map.begin(), map.end());
+        std::string result = "{";
+        for (auto const &[key, text] : sorted)
+            result += basalt::i18n::ustring_to_utf8(key) + "=" + basalt::i18n::ustring_to_utf8(text) + ",";
+        return result + "}";
+    }
     // An element's collection: its entries in order, proxies where they stand.
     if (isCollection(value.getFlags()) && value.isManaged()) {
         std::string result = "[";

@@ -9,6 +9,11 @@
 #include <kivra/meta/Handles.hpp>
 
 #include <memory>
+#include <vector>
+
+namespace kivra {
+class AbstractPrimitiveCollection;
+} // namespace kivra
 
 namespace kivra::detail {
 
@@ -55,5 +60,13 @@ template <class C> Value oldCollectionValue(std::unique_ptr<C> &stored, meta::Pr
         stored = std::make_unique<C>();
     return Value(static_cast<ReferenceCollection &>(*stored), property);
 }
+
+/// Replaces the entries of a collection of values by those `value` carries (one for a
+/// single value), as one change; a value that views the collection itself changes nothing.
+void assignValues(AbstractPrimitiveCollection &collection, Value const &value);
+
+/// Appends the entries `value` carries to a builder's staged entries, each read as the
+/// collections read a written value; made for the entry types the collections have.
+template <class V> void stageValues(std::vector<V> &staged, Value const &value);
 
 } // namespace kivra::detail

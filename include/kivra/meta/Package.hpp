@@ -7,9 +7,11 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -81,6 +83,12 @@ public:
     /// Moves this element into `value`'s `nestedPackages`, or out of its container.
     void setParentPackage(Package const &value);
 
+    /// The `importedPackages`, made on first use.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getImportedPackages() const;
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &getImportedPackagesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasImportedPackages() const noexcept;
+
     boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return defaultVantorCategory_; }
     bool hasDefaultVantorCategory() const noexcept { return defaultVantorCategory_.has_value(); }
     void setDefaultVantorCategory(boost::optional<std::string> const &value);
@@ -109,7 +117,8 @@ public:
 protected:
     friend class Package;
     friend class Package::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : NamedElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -120,6 +129,8 @@ protected:
     ::kivra::ElementMap<basalt::ustring, Package> &ensureNestedPackages() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::ElementMap<basalt::ustring, Endpoint> &ensureOwnedEndpoints() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &ensureImportedPackages() const;
 
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Type>> ownedTypes_;
@@ -128,6 +139,8 @@ protected:
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
     basalt::ustring uri_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -135,7 +148,8 @@ protected:
 /// The old values of `Package`'s own members in a deep transaction.
 class Package::Impl::Storage : public NamedElement::Impl::Storage {
 public:
-    using NamedElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
@@ -145,6 +159,7 @@ private:
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Package>> nestedPackages_;
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
     basalt::ustring uri_{};
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -168,6 +183,7 @@ private:
     std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedEndpoints_;
     basalt::ustring uri_{};
     Package parentPackage_;
+    std::vector<::kivra::meta::VersionInfo> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };
@@ -192,6 +208,11 @@ public:
     /// An empty handle clears the staged value.
     B &setParentPackage(Package const &value) { level().parentPackage_ = value; value ? this->markSet(Package::Impl::parentPackageIndex) : this->clearSet(Package::Impl::parentPackageIndex); return self(); }
     Package const &getParentPackage() const noexcept { return level().parentPackage_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addImportedPackages(::kivra::meta::VersionInfo const &value) { level().importedPackages_.push_back(value); this->markSet(Package::Impl::importedPackagesIndex); return self(); }
+    B &addImportedPackages(std::initializer_list<::kivra::meta::VersionInfo> values) { level().importedPackages_.insert(level().importedPackages_.end(), values); this->markSet(Package::Impl::importedPackagesIndex); return self(); }
+    B &clearImportedPackages() { level().importedPackages_.clear(); this->clearSet(Package::Impl::importedPackagesIndex); return self(); }
+    std::vector<::kivra::meta::VersionInfo> const &getImportedPackages() const noexcept { return level().importedPackages_; }
     B &setDefaultVantorCategory(boost::optional<std::string> const &value) { level().defaultVantorCategory_ = value; value ? this->markSet(Package::Impl::defaultVantorCategoryIndex) : this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
     B &unsetDefaultVantorCategory() { level().defaultVantorCategory_ = boost::none; this->clearSet(Package::Impl::defaultVantorCategoryIndex); return self(); }
     boost::optional<std::string> const &getDefaultVantorCategory() const noexcept { return level().defaultVantorCategory_; }

@@ -6,6 +6,7 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
@@ -63,6 +64,12 @@ public:
     bool getVantorCompactDisplay() const noexcept { return vantorCompactDisplay_; }
     void setVantorCompactDisplay(bool value);
 
+    /// The `vantorDispCategories`, made on first use.
+    ::kivra::PrimitiveSequence<std::string> const &getVantorDispCategories() const;
+    ::kivra::PrimitiveSequence<std::string> &getVantorDispCategoriesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasVantorDispCategories() const noexcept;
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -83,7 +90,8 @@ public:
 protected:
     friend class StructuredType;
     friend class StructuredType::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : Type::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -92,6 +100,8 @@ protected:
     ::kivra::ElementMap<basalt::ustring, Property> &ensureOwnedAttributes() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::ElementMultimap<basalt::ustring, Operation> &ensureOwnedOperations() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveSequence<std::string> &ensureVantorDispCategories() const;
 
     std::string vantorName_{};
     /// Null until first used: an untouched collection costs this pointer only.
@@ -99,12 +109,15 @@ protected:
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
     bool vantorCompactDisplay_{false};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
 };
 
 /// The old values of `StructuredType`'s own members in a deep transaction.
 class StructuredType::Impl::Storage : public Type::Impl::Storage {
 public:
-    using Type::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
@@ -114,6 +127,7 @@ private:
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Property>> ownedAttributes_;
     mutable std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
     bool vantorCompactDisplay_{false};
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
 };
 
 /// The values of `StructuredType`'s own properties staged in a builder, before the element exists.
@@ -133,6 +147,7 @@ private:
     std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedAttributes_;
     std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> ownedOperations_;
     bool vantorCompactDisplay_{false};
+    std::vector<std::string> vantorDispCategories_;
 };
 
 /// The fluent setters of `StructuredType`'s own properties, returning the most derived builder `B`.
@@ -153,6 +168,11 @@ public:
     /// Back to the element's default.
     B &unsetVantorCompactDisplay() { level().vantorCompactDisplay_ = bool{false}; this->clearSet(StructuredType::Impl::vantorCompactDisplayIndex); return self(); }
     bool const &getVantorCompactDisplay() const noexcept { return level().vantorCompactDisplay_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addVantorDispCategories(std::string const &value) { level().vantorDispCategories_.push_back(value); this->markSet(StructuredType::Impl::vantorDispCategoriesIndex); return self(); }
+    B &addVantorDispCategories(std::initializer_list<std::string> values) { level().vantorDispCategories_.insert(level().vantorDispCategories_.end(), values); this->markSet(StructuredType::Impl::vantorDispCategoriesIndex); return self(); }
+    B &clearVantorDispCategories() { level().vantorDispCategories_.clear(); this->clearSet(StructuredType::Impl::vantorDispCategoriesIndex); return self(); }
+    std::vector<std::string> const &getVantorDispCategories() const noexcept { return level().vantorDispCategories_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : Type::Impl::BuilderBase<B>(model, bitCount) {}

@@ -8,6 +8,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kivra::test::library {
@@ -29,8 +31,11 @@ public:
     static constexpr std::uint64_t booksIndex = 3;
     static constexpr std::uint64_t coauthoredIndex = 4;
     static constexpr std::uint64_t draftsIndex = 5;
+    static constexpr std::uint64_t pseudonymsIndex = 6;
+    static constexpr std::uint64_t ratingsIndex = 7;
+    static constexpr std::uint64_t visitsIndex = 8;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 5;
+    static constexpr std::uint64_t propertyCount = 8;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
@@ -42,6 +47,12 @@ public:
     static ::kivra::meta::Property const &coauthoredProperty();
     /// The description of `drafts`; empty until the metamodel is described.
     static ::kivra::meta::Property const &draftsProperty();
+    /// The description of `pseudonyms`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &pseudonymsProperty();
+    /// The description of `ratings`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &ratingsProperty();
+    /// The description of `visits`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &visitsProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -72,6 +83,24 @@ public:
     /// True when the collection was made and holds anything.
     bool hasDrafts() const noexcept { return drafts_ && !drafts_->empty(); }
 
+    /// The `pseudonyms`, made on first use.
+    ::kivra::PrimitiveSet<std::string> const &getPseudonyms() const;
+    ::kivra::PrimitiveSet<std::string> &getPseudonymsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasPseudonyms() const noexcept;
+
+    /// The `ratings`, made on first use.
+    ::kivra::PrimitiveSequence<std::int32_t> const &getRatings() const;
+    ::kivra::PrimitiveSequence<std::int32_t> &getRatingsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasRatings() const noexcept;
+
+    /// The `visits`, made on first use.
+    ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> const &getVisits() const;
+    ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &getVisitsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasVisits() const noexcept;
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -90,7 +119,8 @@ public:
 protected:
     friend class Author;
     friend class Author::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -103,6 +133,12 @@ protected:
     ::kivra::UnorderedElementSet<Book> &ensureCoauthored() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::UnorderedElementMultimap<std::int32_t, Book> &ensureDrafts() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveSet<std::string> &ensurePseudonyms() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveSequence<std::int32_t> &ensureRatings() const;
+    /// The collection, made when missing.
+    ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &ensureVisits() const;
 
     basalt::ustring name_{};
     Book favourite_;
@@ -112,12 +148,19 @@ protected:
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveSet<std::string>> pseudonyms_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
 };
 
 /// The old values of `Author`'s own members in a deep transaction.
 class Author::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
@@ -128,6 +171,9 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
     mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
+    mutable std::unique_ptr<::kivra::PrimitiveSet<std::string>> pseudonyms_;
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
+    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
 };
 
 /// The values of `Author`'s own properties staged in a builder, before the element exists.
@@ -147,6 +193,9 @@ private:
     std::vector<Book> books_;
     std::vector<Book> coauthored_;
     std::vector<std::unique_ptr<::kivra::ModelElement::Builder>> drafts_;
+    std::vector<std::string> pseudonyms_;
+    std::vector<std::int32_t> ratings_;
+    std::vector<boost::uuids::uuid> visits_;
 };
 
 /// The fluent setters of `Author`'s own properties, returning the most derived builder `B`.
@@ -171,6 +220,21 @@ public:
     /// Stages the builder of one more child; raises `NoSuchProperty` for a child of another class.
     B &addDrafts(std::unique_ptr<::kivra::ModelElement::Builder> child) { this->setOrAdd(Author::Impl::draftsProperty(), std::move(child)); return self(); }
     B &clearDrafts() { level().drafts_.clear(); this->clearSet(Author::Impl::draftsIndex); return self(); }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addPseudonyms(std::string const &value) { level().pseudonyms_.push_back(value); this->markSet(Author::Impl::pseudonymsIndex); return self(); }
+    B &addPseudonyms(std::initializer_list<std::string> values) { level().pseudonyms_.insert(level().pseudonyms_.end(), values); this->markSet(Author::Impl::pseudonymsIndex); return self(); }
+    B &clearPseudonyms() { level().pseudonyms_.clear(); this->clearSet(Author::Impl::pseudonymsIndex); return self(); }
+    std::vector<std::string> const &getPseudonyms() const noexcept { return level().pseudonyms_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addRatings(std::int32_t const &value) { level().ratings_.push_back(value); this->markSet(Author::Impl::ratingsIndex); return self(); }
+    B &addRatings(std::initializer_list<std::int32_t> values) { level().ratings_.insert(level().ratings_.end(), values); this->markSet(Author::Impl::ratingsIndex); return self(); }
+    B &clearRatings() { level().ratings_.clear(); this->clearSet(Author::Impl::ratingsIndex); return self(); }
+    std::vector<std::int32_t> const &getRatings() const noexcept { return level().ratings_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addVisits(boost::uuids::uuid const &value) { level().visits_.push_back(value); this->markSet(Author::Impl::visitsIndex); return self(); }
+    B &addVisits(std::initializer_list<boost::uuids::uuid> values) { level().visits_.insert(level().visits_.end(), values); this->markSet(Author::Impl::visitsIndex); return self(); }
+    B &clearVisits() { level().visits_.clear(); this->clearSet(Author::Impl::visitsIndex); return self(); }
+    std::vector<boost::uuids::uuid> const &getVisits() const noexcept { return level().visits_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

@@ -7,6 +7,7 @@
 #include <boost/optional/optional.hpp>
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
@@ -37,8 +38,9 @@ public:
     static constexpr std::uint64_t chapterOfIndex = 12;
     static constexpr std::uint64_t coauthorsIndex = 13;
     static constexpr std::uint64_t cataloguedIndex = 14;
+    static constexpr std::uint64_t tagsIndex = 15;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 14;
+    static constexpr std::uint64_t propertyCount = 15;
 
     /// The description of `title`; empty until the metamodel is described.
     static ::kivra::meta::Property const &titleProperty();
@@ -68,6 +70,8 @@ public:
     static ::kivra::meta::Property const &coauthorsProperty();
     /// The description of `catalogued`; empty until the metamodel is described.
     static ::kivra::meta::Property const &cataloguedProperty();
+    /// The description of `tags`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &tagsProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -134,6 +138,12 @@ public:
     Shelf getCatalogued() const;
     void setCatalogued(Shelf const &value);
 
+    /// The `tags`, made on first use.
+    ::kivra::PrimitiveSequence<basalt::ustring> const &getTags() const;
+    ::kivra::PrimitiveSequence<basalt::ustring> &getTagsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasTags() const noexcept;
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -152,7 +162,8 @@ public:
 protected:
     friend class Book;
     friend class Book::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -163,6 +174,8 @@ protected:
     ::kivra::ElementSequence<Book> &ensureChapters() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::ElementSequence<Author> &ensureCoauthors() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveSequence<basalt::ustring> &ensureTags() const;
 
     basalt::ustring title_{};
     boost::optional<basalt::ustring> subtitle_;
@@ -177,12 +190,15 @@ protected:
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
     Shelf catalogued_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<basalt::ustring>> tags_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.
 class Book::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
@@ -199,6 +215,7 @@ private:
     mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
     mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
     Shelf catalogued_;
+    mutable std::unique_ptr<::kivra::PrimitiveSequence<basalt::ustring>> tags_;
 };
 
 /// The values of `Book`'s own properties staged in a builder, before the element exists.
@@ -227,6 +244,7 @@ private:
     Book chapterOf_;
     std::vector<Author> coauthors_;
     Shelf catalogued_;
+    std::vector<basalt::ustring> tags_;
 };
 
 /// The fluent setters of `Book`'s own properties, returning the most derived builder `B`.
@@ -278,6 +296,11 @@ public:
     /// An empty handle clears the staged value.
     B &setCatalogued(Shelf const &value) { level().catalogued_ = value; value ? this->markSet(Book::Impl::cataloguedIndex) : this->clearSet(Book::Impl::cataloguedIndex); return self(); }
     Shelf const &getCatalogued() const noexcept { return level().catalogued_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addTags(basalt::ustring const &value) { level().tags_.push_back(value); this->markSet(Book::Impl::tagsIndex); return self(); }
+    B &addTags(std::initializer_list<basalt::ustring> values) { level().tags_.insert(level().tags_.end(), values); this->markSet(Book::Impl::tagsIndex); return self(); }
+    B &clearTags() { level().tags_.clear(); this->clearSet(Book::Impl::tagsIndex); return self(); }
+    std::vector<basalt::ustring> const &getTags() const noexcept { return level().tags_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

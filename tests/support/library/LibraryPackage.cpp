@@ -19,6 +19,7 @@
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 namespace kivra::test::library {
 
@@ -51,6 +52,12 @@ void LibraryPackage::instantiate() {
     e.p_Shelf_code = createProperty(u"code", ::kivra::ValueFlags::Single, false, "c083093b-1327-363c-b269-d87126572cd5");
     setPropertyIndex(e.p_Shelf_code, 6);
     e.p_Shelf_code->setIsReadOnly(true);
+    e.p_Shelf_codes = createProperty(u"codes", ::kivra::ValueFlags::HashSet, false, "b6fae8c1-ecb1-3570-a935-4158f18e65fd");
+    setPropertyIndex(e.p_Shelf_codes, 7);
+    e.p_Shelf_sources = createProperty(u"sources", ::kivra::ValueFlags::Map, false, "8a71efc8-d61a-37f7-8586-7bb494ae7147");
+    setPropertyIndex(e.p_Shelf_sources, 8);
+    e.p_Shelf_labels = createProperty(u"labels", ::kivra::ValueFlags::Single, false, "0da39475-7d4f-3cc3-ae18-d70b00fa46bd");
+    setPropertyIndex(e.p_Shelf_labels, 9);
     e.c_Book = createClass(u"Book", "library.Book", false, "2b589b4d-f3ef-3495-8a24-d58a40da22c6");
     e.p_Book_title = createProperty(u"title", ::kivra::ValueFlags::Single, false, "312ae8c1-3264-36d9-9176-a6554904eddb");
     setPropertyIndex(e.p_Book_title, 1);
@@ -83,9 +90,11 @@ void LibraryPackage::instantiate() {
     setPropertyIndex(e.p_Book_coauthors, 13);
     e.p_Book_catalogued = createProperty(u"catalogued", ::kivra::ValueFlags::Single, false, "9c304601-842c-3f02-aea2-e9da83fd2b81");
     setPropertyIndex(e.p_Book_catalogued, 14);
+    e.p_Book_tags = createProperty(u"tags", ::kivra::ValueFlags::Sequence, false, "0aab1856-d5e3-3d15-bc07-a59e8ed1c771");
+    setPropertyIndex(e.p_Book_tags, 15);
     e.c_Novel = createClass(u"Novel", "library.Novel", false, "3290f9e8-fcfc-3047-af61-a76537db74f5");
     e.p_Novel_genre = createProperty(u"genre", ::kivra::ValueFlags::Optional, false, "0877f7b2-d9c6-3692-be86-20e99d4cf1d1");
-    setPropertyIndex(e.p_Novel_genre, 15);
+    setPropertyIndex(e.p_Novel_genre, 16);
     e.c_Author = createClass(u"Author", "library.Author", false, "da1d6d14-f03f-34e6-8632-826fa8ffdaac");
     e.p_Author_name = createProperty(u"name", ::kivra::ValueFlags::Single, false, "8342a15b-8351-3da5-a018-db729521eeb6");
     setPropertyIndex(e.p_Author_name, 1);
@@ -97,6 +106,13 @@ void LibraryPackage::instantiate() {
     setPropertyIndex(e.p_Author_coauthored, 4);
     e.p_Author_drafts = createProperty(u"drafts", ::kivra::ValueFlags::HashMultimap, true, "103c8bc3-7f73-38c8-b3f3-2fb3fb616697");
     setPropertyIndex(e.p_Author_drafts, 5);
+    e.p_Author_pseudonyms = createProperty(u"pseudonyms", ::kivra::ValueFlags::SortedSet, false, "c7cede21-0153-3aea-a023-39edddd1fa8b");
+    setPropertyIndex(e.p_Author_pseudonyms, 6);
+    e.p_Author_ratings = createProperty(u"ratings", ::kivra::ValueFlags::Sequence, false, "78425e9d-e32e-3314-9927-ead24f482294");
+    setPropertyIndex(e.p_Author_ratings, 7);
+    e.p_Author_ratings->setIsUnique(false);
+    e.p_Author_visits = createProperty(u"visits", ::kivra::ValueFlags::HashSet, false, "1559e4b1-5f8b-31ac-a934-51fed6f58ef7");
+    setPropertyIndex(e.p_Author_visits, 8);
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b171343e-976b-3c15-8fe4-269754876c0c")) = e.c_Shelf;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ddb448c-b16d-3240-bcc3-84da9740db25")) = e.p_Shelf_label;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5b89df5-b1a4-3882-99fb-d58cb9068738")) = e.p_Shelf_featured;
@@ -104,6 +120,9 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1069579d-b88f-3423-b491-4c570a43d2ef")) = e.p_Shelf_recommended;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("448a560b-8a1d-37b9-b465-ea0b26fd2739")) = e.p_Shelf_catalogue;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c083093b-1327-363c-b269-d87126572cd5")) = e.p_Shelf_code;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("b6fae8c1-ecb1-3570-a935-4158f18e65fd")) = e.p_Shelf_codes;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("8a71efc8-d61a-37f7-8586-7bb494ae7147")) = e.p_Shelf_sources;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0da39475-7d4f-3cc3-ae18-d70b00fa46bd")) = e.p_Shelf_labels;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("2b589b4d-f3ef-3495-8a24-d58a40da22c6")) = e.c_Book;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("312ae8c1-3264-36d9-9176-a6554904eddb")) = e.p_Book_title;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("f9b44572-0d61-3cd9-b360-3666b993f501")) = e.p_Book_subtitle;
@@ -119,6 +138,7 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("5dc86408-23b8-367f-bb39-3e3d503d45b0")) = e.p_Book_chapterOf;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aed54d9-08cf-37cd-bc7c-41e991823dd8")) = e.p_Book_coauthors;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9c304601-842c-3f02-aea2-e9da83fd2b81")) = e.p_Book_catalogued;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0aab1856-d5e3-3d15-bc07-a59e8ed1c771")) = e.p_Book_tags;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("3290f9e8-fcfc-3047-af61-a76537db74f5")) = e.c_Novel;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("0877f7b2-d9c6-3692-be86-20e99d4cf1d1")) = e.p_Novel_genre;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("da1d6d14-f03f-34e6-8632-826fa8ffdaac")) = e.c_Author;
@@ -127,6 +147,9 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fb8af07a-d1d6-3ffa-b951-793b826f35e0")) = e.p_Author_books;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("6731b929-bad2-37e3-b0e4-aa3dc912fe45")) = e.p_Author_coauthored;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("103c8bc3-7f73-38c8-b3f3-2fb3fb616697")) = e.p_Author_drafts;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c7cede21-0153-3aea-a023-39edddd1fa8b")) = e.p_Author_pseudonyms;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("78425e9d-e32e-3314-9927-ead24f482294")) = e.p_Author_ratings;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1559e4b1-5f8b-31ac-a934-51fed6f58ef7")) = e.p_Author_visits;
 }
 
 void LibraryPackage::weave() {
@@ -148,6 +171,12 @@ void LibraryPackage::weave() {
     e.p_Shelf_catalogue->setQualifiedBy(e.p_Book_title);
     e.p_Shelf_code->setOwningType(e.c_Shelf);
     e.p_Shelf_code->setType(registry().getType(u"StdString"));
+    e.p_Shelf_codes->setOwningType(e.c_Shelf);
+    e.p_Shelf_codes->setType(registry().getType(u"Integer"));
+    e.p_Shelf_sources->setOwningType(e.c_Shelf);
+    e.p_Shelf_sources->setType(::kivra::meta::VersionInfo::dataType());
+    e.p_Shelf_labels->setOwningType(e.c_Shelf);
+    e.p_Shelf_labels->setType(registry().getType(u"StringToStringMap"));
     e.c_Book->setOwningPackage(package_);
     e.c_Book->setSuperclass(::kivra::ModelElement::metaClass());
     e.p_Book_title->setOwningType(e.c_Book);
@@ -187,6 +216,8 @@ void LibraryPackage::weave() {
     e.p_Book_catalogued->setOwningType(e.c_Book);
     e.p_Book_catalogued->setType(e.c_Shelf);
     e.p_Book_catalogued->setOpposite(e.p_Shelf_catalogue);
+    e.p_Book_tags->setOwningType(e.c_Book);
+    e.p_Book_tags->setType(registry().getType(u"String"));
     e.c_Novel->setOwningPackage(package_);
     e.c_Novel->setSuperclass(e.c_Book);
     e.p_Novel_genre->setOwningType(e.c_Novel);
@@ -207,6 +238,12 @@ void LibraryPackage::weave() {
     e.p_Author_drafts->setOwningType(e.c_Author);
     e.p_Author_drafts->setType(e.c_Book);
     e.p_Author_drafts->setQualifiedBy(e.p_Book_pages);
+    e.p_Author_pseudonyms->setOwningType(e.c_Author);
+    e.p_Author_pseudonyms->setType(registry().getType(u"StdString"));
+    e.p_Author_ratings->setOwningType(e.c_Author);
+    e.p_Author_ratings->setType(registry().getType(u"Integer"));
+    e.p_Author_visits->setOwningType(e.c_Author);
+    e.p_Author_visits->setType(registry().getType(u"UUID"));
     registry().registerType(e.c_Shelf, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Shelf::Builder>(model); });
     registry().registerProxyFactory(e.c_Shelf, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Shelf::createProxy(model, id)); });
     registry().registerType(e.c_Book, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });

@@ -27,6 +27,9 @@ public:
         ::kivra::meta::Property p_Shelf_recommended;
         ::kivra::meta::Property p_Shelf_catalogue;
         ::kivra::meta::Property p_Shelf_code;
+        ::kivra::meta::Property p_Shelf_codes;
+        ::kivra::meta::Property p_Shelf_sources;
+        ::kivra::meta::Property p_Shelf_labels;
         ::kivra::meta::Class c_Book;
         ::kivra::meta::Property p_Book_title;
         ::kivra::meta::Property p_Book_subtitle;
@@ -42,6 +45,7 @@ public:
         ::kivra::meta::Property p_Book_chapterOf;
         ::kivra::meta::Property p_Book_coauthors;
         ::kivra::meta::Property p_Book_catalogued;
+        ::kivra::meta::Property p_Book_tags;
         ::kivra::meta::Class c_Novel;
         ::kivra::meta::Property p_Novel_genre;
         ::kivra::meta::Class c_Author;
@@ -50,6 +54,9 @@ public:
         ::kivra::meta::Property p_Author_books;
         ::kivra::meta::Property p_Author_coauthored;
         ::kivra::meta::Property p_Author_drafts;
+        ::kivra::meta::Property p_Author_pseudonyms;
+        ::kivra::meta::Property p_Author_ratings;
+        ::kivra::meta::Property p_Author_visits;
     };
     Elements const &elements() const noexcept { return elements_; }
 

@@ -101,10 +101,10 @@ void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
 }
 
 ::kivra::meta::Property Novel::Impl::getPropertyByIndex(std::uint64_t index) const {
-    if (index < 15)
+    if (index < 16)
         return Book::Impl::getPropertyByIndex(index);
     switch (index) {
-    case 15:
+    case 16:
         return genreProperty();
     default:
         return {};

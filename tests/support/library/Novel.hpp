@@ -22,9 +22,9 @@ namespace kivra::test::library {
 /// The implementation of `Novel` elements.
 class Novel::Impl : public Book::Impl {
 public:
-    static constexpr std::uint64_t genreIndex = 15;
+    static constexpr std::uint64_t genreIndex = 16;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 15;
+    static constexpr std::uint64_t propertyCount = 16;
 
     /// The description of `genre`; empty until the metamodel is described.
     static ::kivra::meta::Property const &genreProperty();

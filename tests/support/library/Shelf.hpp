@@ -8,9 +8,11 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ElementSequence.hpp>
+#include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
 #include <kivra/meta/Handles.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 #include <library/Handles.hpp>
 
 #include <cstddef>
@@ -31,8 +33,11 @@ public:
     static constexpr std::uint64_t recommendedIndex = 4;
     static constexpr std::uint64_t catalogueIndex = 5;
     static constexpr std::uint64_t codeIndex = 6;
+    static constexpr std::uint64_t codesIndex = 7;
+    static constexpr std::uint64_t sourcesIndex = 8;
+    static constexpr std::uint64_t labelsIndex = 9;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 6;
+    static constexpr std::uint64_t propertyCount = 9;
 
     /// The description of `label`; empty until the metamodel is described.
     static ::kivra::meta::Property const &labelProperty();
@@ -46,6 +51,12 @@ public:
     static ::kivra::meta::Property const &catalogueProperty();
     /// The description of `code`; empty until the metamodel is described.
     static ::kivra::meta::Property const &codeProperty();
+    /// The description of `codes`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &codesProperty();
+    /// The description of `sources`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &sourcesProperty();
+    /// The description of `labels`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &labelsProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -79,6 +90,24 @@ public:
     std::string const & getCode() const noexcept { return code_; }
     void setCode(std::string const &value);
 
+    /// The `codes`, made on first use.
+    ::kivra::UnorderedPrimitiveSet<std::int32_t> const &getCodes() const;
+    ::kivra::UnorderedPrimitiveSet<std::int32_t> &getCodesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasCodes() const noexcept;
+
+    /// The `sources`, made on first use.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &getSources() const;
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &getSourcesMutable();
+    /// True when the collection was made and holds anything.
+    bool hasSources() const noexcept;
+
+    /// The `labels`, made on first use.
+    ::kivra::StringToStringMap const &getLabels() const;
+    ::kivra::StringToStringMap &getLabelsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasLabels() const noexcept;
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -97,7 +126,8 @@ public:
 protected:
     friend class Shelf;
     friend class Shelf::Builder;
-    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(model, uuid) {}
+    Impl(::kivra::Model const &model, boost::uuids::uuid const &uuid);
+    ~Impl() override;
     /// Takes the plain values staged in `level` and its levels above.
     Impl(BuilderImpl &level, boost::uuids::uuid const &uuid);
     void doDestroy(bool modelDestroying, bool multiModel) override;
@@ -110,6 +140,12 @@ protected:
     ::kivra::UnorderedElementSet<Book> &ensureRecommended() const;
     /// The collection, made when missing; no proxy is resolved.
     ::kivra::ElementMap<basalt::ustring, Book> &ensureCatalogue() const;
+    /// The collection, made when missing.
+    ::kivra::UnorderedPrimitiveSet<std::int32_t> &ensureCodes() const;
+    /// The collection, made when missing.
+    ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &ensureSources() const;
+    /// The collection, made when missing.
+    ::kivra::StringToStringMap &ensureLabels() const;
 
     basalt::ustring label_{};
     Book featured_;
@@ -120,12 +156,19 @@ protected:
     /// Null until first used: an untouched collection costs this pointer only.
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
     std::string code_{};
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<std::int32_t>> codes_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    mutable std::unique_ptr<::kivra::StringToStringMap> labels_;
 };
 
 /// The old values of `Shelf`'s own members in a deep transaction.
 class Shelf::Impl::Storage : public ::kivra::ModelElement::Impl::Storage {
 public:
-    using ::kivra::ModelElement::Impl::Storage::Storage;
+    Storage(boost::uuids::uuid const &uuid, ::kivra::Model::Impl *model, Class const &metaClass, std::uint64_t count);
+    ~Storage() override;
     bool revertUnchanged(::kivra::ModelElement::Impl *element) override;
     ::kivra::Value getOldValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
 
@@ -137,6 +180,9 @@ private:
     mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
     mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
     std::string code_{};
+    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<std::int32_t>> codes_;
+    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
+    mutable std::unique_ptr<::kivra::StringToStringMap> labels_;
 };
 
 /// The values of `Shelf`'s own properties staged in a builder, before the element exists.
@@ -157,6 +203,8 @@ private:
     std::vector<Book> recommended_;
     std::vector<Book> catalogue_;
     std::string code_{};
+    std::vector<std::int32_t> codes_;
+    std::vector<::kivra::meta::VersionInfo> sources_;
 };
 
 /// The fluent setters of `Shelf`'s own properties, returning the most derived builder `B`.
@@ -185,6 +233,16 @@ public:
     /// Back to the element's default.
     B &unsetCode() { level().code_ = std::string{}; this->clearSet(Shelf::Impl::codeIndex); return self(); }
     std::string const &getCode() const noexcept { return level().code_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addCodes(std::int32_t const &value) { level().codes_.push_back(value); this->markSet(Shelf::Impl::codesIndex); return self(); }
+    B &addCodes(std::initializer_list<std::int32_t> values) { level().codes_.insert(level().codes_.end(), values); this->markSet(Shelf::Impl::codesIndex); return self(); }
+    B &clearCodes() { level().codes_.clear(); this->clearSet(Shelf::Impl::codesIndex); return self(); }
+    std::vector<std::int32_t> const &getCodes() const noexcept { return level().codes_; }
+    /// Stages one more entry, added as the collection adds it when the element is made.
+    B &addSources(::kivra::meta::VersionInfo const &value) { level().sources_.push_back(value); this->markSet(Shelf::Impl::sourcesIndex); return self(); }
+    B &addSources(std::initializer_list<::kivra::meta::VersionInfo> values) { level().sources_.insert(level().sources_.end(), values); this->markSet(Shelf::Impl::sourcesIndex); return self(); }
+    B &clearSources() { level().sources_.clear(); this->clearSet(Shelf::Impl::sourcesIndex); return self(); }
+    std::vector<::kivra::meta::VersionInfo> const &getSources() const noexcept { return level().sources_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

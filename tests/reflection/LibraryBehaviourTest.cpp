@@ -1,0 +1,280 @@
+// One suite of behaviour through reflective access, run over the generated library and
+// over its twin described at run time: both must give the same results.
+
+#include <Flavours.hpp>
+
+#include <ModelSnapshot.hpp>
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/Transaction.hpp>
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace kivra::test {
+namespace {
+
+class LibraryBehaviour : public ::testing::TestWithParam<Flavour const *> {
+protected:
+    Flavour const &lib() const { return *GetParam(); }
+    ModelElement make(meta::Class const &cls) { return cls->instantiate(model); }
+    ModelElement book(std::u16string_view title) {
+        ModelElement made = make(lib().book);
+        set(made, u"title", text(title));
+        return made;
+    }
+
+    Model model = Model::createTransientModel();
+};
+
+TEST_P(LibraryBehaviour, PlainValuesStartAtTheirDefaultsAndTakeOnlyTheirOwnType) {
+    ModelElement const dune = make(lib().book);
+    ASSERT_TRUE(dune);
+    EXPECT_EQ(get(dune, u"pages").get<std::int32_t>(), 100);
+    EXPECT_FALSE(get(dune, u"subtitle").hasPayload());
+    EXPECT_FALSE(dune->hasPropertyValue(prop(dune, u"subtitle"), Access::PUBLIC_ACCESS));
+
+    set(dune, u"title", text(u"Dune"));
+    set(dune, u"subtitle", Value(meta::Type(prop(dune, u"subtitle")->getType()), basalt::ustring(u"Book one")));
+    EXPECT_EQ(get(dune, u"title").get<basalt::ustring>(), u"Dune");
+    EXPECT_EQ(get(dune, u"subtitle").get<basalt::ustring>(), u"Book one");
+    EXPECT_TRUE(dune->hasPropertyValue(prop(dune, u"subtitle"), Access::PUBLIC_ACCESS));
+
+    EXPECT_THROW(set(dune, u"title", Value(std::int32_t(7))), Error<messages::CannotCastIncompatibleTypes>);
+    EXPECT_EQ(get(dune, u"title").get<basalt::ustring>(), u"Dune");
+
+    // A property without public accessor or mutator exists for the library's code only.
+    EXPECT_THROW(get(dune, u"isbn"), Error<messages::NoSuchProperty>);
+    EXPECT_THROW(set(dune, u"isbn", Value(std::string("978"))), Error<messages::NoSuchProperty>);
+    set(dune, u"isbn", Value(prop(dune, u"isbn")->getType(), std::string("978")), Access::PRIVILEGED_ACCESS);
+    EXPECT_EQ(get(dune, u"isbn", Access::PRIVILEGED_ACCESS).get<std::string>(), "978");
+
+    ModelElement const shelf = make(lib().shelf);
+    EXPECT_THROW(get(shelf, u"title"), Error<messages::NoSuchProperty>);
+}
+
+TEST_P(LibraryBehaviour, AnEqualValueOpensNoTransaction) {
+    ModelElement const dune = book(u"Dune");
+    // A frozen model refuses every transaction, so an equal write must not open one.
+    auto const freezer = model->freeze();
+    set(dune, u"title", text(u"Dune"));
+    set(dune, u"author", ref(ModelElement()));
+    EXPECT_THROW(set(dune, u"title", text(u"Emma")), Error<messages::ModelFrozen>);
+}
+
+TEST_P(LibraryBehaviour, SingleReferencesKeepBothEnds) {
+    ModelElement const dune = book(u"Dune"), emma = book(u"Emma");
+    ModelElement const frank = make(lib().author);
+    set(dune, u"author", ref(frank));
+    EXPECT_EQ(element(frank, u"favourite"), dune);
+
+    // The far end takes the new partner; the one it had lets go.
+    set(emma, u"author", ref(frank));
+    EXPECT_EQ(element(frank, u"favourite"), emma);
+    EXPECT_FALSE(element(dune, u"author"));
+
+    set(frank, u"favourite", ref(ModelElement()));
+    EXPECT_FALSE(element(emma, u"author"));
+    EXPECT_THROW(set(dune, u"author", ref(emma)), Error<messages::CannotCastIncompatibleTypes>);
+}
+
+TEST_P(LibraryBehaviour, ContainmentMovesAChildBetweenItsContainers) {
+    ModelElement const dune = book(u"Dune"), notes = book(u"Notes");
+    ModelElement const shelf = make(lib().shelf), other = make(lib().shelf);
+    set(shelf, u"featured", ref(dune));
+    EXPECT_EQ(element(dune, u"shelf"), shelf);
+    EXPECT_EQ(dune->container(), shelf);
+
+    // From the child's end: the old container forgets it.
+    set(dune, u"shelf", ref(other));
+    EXPECT_FALSE(element(shelf, u"featured"));
+    EXPECT_EQ(element(other, u"featured"), dune);
+
+    // Into a collection of another feature: the container end reads empty.
+    many(shelf, u"books").genericAdd(dune);
+    EXPECT_EQ(dune->container(), shelf);
+    EXPECT_FALSE(element(other, u"featured"));
+    EXPECT_FALSE(element(dune, u"shelf"));
+
+    set(dune, u"appendix", ref(notes));
+    EXPECT_EQ(element(notes, u"appendixOf"), dune);
+    EXPECT_THROW(set(notes, u"appendix", ref(dune)), Error<messages::CircularContainment>);
+    EXPECT_THROW(set(dune, u"appendixOf", ref(notes)), Error<messages::CircularContainment>);
+    EXPECT_EQ(notes->container(), dune);
+}
+
+TEST_P(LibraryBehaviour, CollectionsWithOppositesKeepBothEnds) {
+    ModelElement const dune = book(u"Dune"), emma = book(u"Emma");
+    ModelElement const frank = make(lib().author), jane = make(lib().author);
+    many(frank, u"books").genericAdd(dune);
+    many(frank, u"books").genericAdd(emma);
+    EXPECT_EQ(element(dune, u"writer"), frank);
+    EXPECT_EQ(many(frank, u"books").genericSize(), 2u);
+
+    set(dune, u"writer", ref(jane));
+    EXPECT_FALSE(many(frank, u"books").genericContains(dune));
+    EXPECT_TRUE(many(jane, u"books").genericContains(dune));
+
+    many(dune, u"coauthors").genericAdd(frank);
+    EXPECT_TRUE(many(frank, u"coauthored").genericContains(dune));
+    many(frank, u"coauthored").genericRemove(dune);
+    EXPECT_FALSE(many(dune, u"coauthors").genericContains(frank));
+}
+
+TEST_P(LibraryBehaviour, AKeyThatChangesMovesItsElementInTheMap) {
+    ModelElement const dune = book(u"Dune"), emma = book(u"Emma"), twin = book(u"Dune");
+    ModelElement const shelf = make(lib().shelf);
+    auto &catalogue = static_cast<GenericMapInterface &>(many(shelf, u"catalogue"));
+    catalogue.genericAdd(dune);
+    catalogue.genericAdd(emma);
+    EXPECT_EQ(element(dune, u"catalogued"), shelf);
+    EXPECT_THROW(catalogue.genericAdd(twin), Error<messages::UniquenessConstraint>);
+
+    EXPECT_THROW(set(emma, u"title", text(u"Dune")), Error<messages::UniquenessConstraint>);
+    EXPECT_EQ(get(emma, u"title").get<basalt::ustring>(), u"Emma");
+    EXPECT_EQ(catalogue.genericAt(text(u"Emma")), emma);
+
+    set(emma, u"title", text(u"Fire"));
+    EXPECT_FALSE(catalogue.genericAt(text(u"Emma")));
+    EXPECT_EQ(catalogue.genericAt(text(u"Fire")), emma);
+    EXPECT_EQ(catalogue.genericSize(), 2u);
+
+}
+
+TEST_P(LibraryBehaviour, AHashedQualifiedPropertyReportsItsShape) {
+    ModelElement const frank = make(lib().author);
+    EXPECT_EQ(get(frank, u"drafts").getFlags(), ValueFlags::HashMultimap);
+    EXPECT_EQ(get(frank, u"books").getFlags(), ValueFlags::Sequence);
+}
+
+TEST_P(LibraryBehaviour, DestroyTakesTheSubtreeAndTheFarEnds) {
+    ModelElement const dune = book(u"Dune"), notes = book(u"Notes");
+    ModelElement const frank = make(lib().author), shelf = make(lib().shelf);
+    set(dune, u"appendix", ref(notes));
+    set(dune, u"author", ref(frank));
+    many(frank, u"books").genericAdd(dune);
+    many(shelf, u"books").genericAdd(dune);
+    dune->destroy();
+    EXPECT_FALSE(dune);
+    EXPECT_FALSE(notes);
+    EXPECT_FALSE(element(frank, u"favourite"));
+    EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
+    EXPECT_EQ(many(shelf, u"books").genericSize(), 0u);
+}
+
+TEST_P(LibraryBehaviour, ARollBackPutsBackEveryKindOfChange) {
+    ModelElement const dune = book(u"Dune"), emma = book(u"Emma"), notes = book(u"Notes");
+    ModelElement const frank = make(lib().author), shelf = make(lib().shelf);
+    set(dune, u"appendix", ref(notes));
+    many(frank, u"books").genericAdd(dune);
+    static_cast<GenericMapInterface &>(many(shelf, u"catalogue")).genericAdd(emma);
+    ModelSnapshot const before = snapshot(model, Identity::Object);
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        set(dune, u"title", text(u"Arrakis"));
+        set(dune, u"title", text(u"Caladan"));
+        set(emma, u"title", text(u"Persuasion"));
+        set(emma, u"pages", Value(std::int32_t(7)));
+        set(dune, u"author", ref(frank));
+        many(frank, u"books").genericAdd(emma);
+        set(emma, u"appendix", ref(notes));
+        many(shelf, u"books").genericAdd(dune);
+        make(lib().novel);
+        frank->destroy();
+        transaction.rollBack();
+    }
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+    EXPECT_TRUE(frank);
+    EXPECT_EQ(static_cast<GenericMapInterface &>(many(shelf, u"catalogue")).genericAt(text(u"Emma")), emma);
+}
+
+// Random reflective work in a revertible transaction: whatever it did, the roll-back
+// gives back the very model, object for object.
+class RandomReflectiveWork {
+public:
+    RandomReflectiveWork(Model model, Flavour const &lib, unsigned seed) : model_(std::move(model)), lib_(lib), random_(seed) {}
+
+    void step() {
+        ModelElement const a = pick(), b = chance(4) ? ModelElement() : pick();
+        if (!a)
+            return create();
+        static char16_t const *const references[] = {u"author", u"favourite", u"sequel", u"shelf", u"featured",
+                                                     u"appendix", u"appendixOf", u"writer", u"catalogued", u"chapterOf"};
+        static char16_t const *const collections[] = {u"books", u"coauthors", u"coauthored", u"catalogue",
+                                                      u"chapters", u"recommended"};
+        try {
+            switch (random_() % 8) {
+            case 0: create(); break;
+            case 1: if (prop(a, u"title")) set(a, u"title", text(std::u16string(1, char16_t(u'a' + random_() % 5)))); break;
+            case 2: if (prop(a, u"pages")) set(a, u"pages", Value(std::int32_t(random_() % 5))); break;
+            case 3:
+            case 4: {
+                char16_t const *name = references[random_() % std::size(references)];
+                if (prop(a, name))
+                    set(a, name, ref(b));
+                break;
+            }
+            case 5:
+            case 6: {
+                char16_t const *name = collections[random_() % std::size(collections)];
+                if (prop(a, name) && b) {
+                    if (chance(3))
+                        many(a, name).genericRemove(b);
+                    else
+                        many(a, name).genericAdd(b);
+                }
+                break;
+            }
+            default: if (chance(3)) a->destroy(); break;
+            }
+        } catch (std::exception const &) {
+            // Refused changes (wrong class, taken key, cycle) are part of the work.
+        }
+    }
+
+private:
+    ModelElement pick() {
+        std::vector<ModelElement> all = model_->getAllElements();
+        if (all.empty())
+            return {};
+        std::sort(all.begin(), all.end(), [](auto const &x, auto const &y) { return x->getUuid() < y->getUuid(); });
+        return all[random_() % all.size()];
+    }
+    bool chance(unsigned n) { return random_() % n == 0; }
+    void create() {
+        meta::Class const *classes[] = {&lib_.book, &lib_.novel, &lib_.shelf, &lib_.author};
+        ModelElement made = (*classes[random_() % 4])->instantiate(model_);
+        if (prop(made, u"title"))
+            set(made, u"title", text(std::u16string(1, char16_t(u'a' + random_() % 5))));
+    }
+
+    Model model_;
+    Flavour const &lib_;
+    std::mt19937 random_;
+};
+
+TEST_P(LibraryBehaviour, RandomWorkRollsBackExactly) {
+    for (unsigned seed = 1; seed <= 40; ++seed) {
+        Model fresh = Model::createTransientModel();
+        RandomReflectiveWork work(fresh, lib(), seed);
+        for (int i = 0; i < 30; ++i)
+            work.step();
+        ModelSnapshot const before = snapshot(fresh, Identity::Object);
+        {
+            Transaction transaction = fresh->beginTransaction(/*revertible=*/true);
+            for (int i = 0; i < 60; ++i)
+                work.step();
+            transaction.rollBack();
+        }
+        ASSERT_EQ(describeDifference(before, snapshot(fresh, Identity::Object)), "") << "seed " << seed;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Flavours, LibraryBehaviour, ::testing::Values(&generatedLibrary(), &runtimeLibrary()),
+                         [](auto const &info) { return info.param->name; });
+
+} // namespace
+} // namespace kivra::test

@@ -1,0 +1,182 @@
+// What only elements without generated code show: their own errors, their builders and
+// proxies, and the rule that a model holds one kind of element.
+
+#include <Flavours.hpp>
+
+#include <kivra/AbstractPrimitiveCollection.hpp>
+#include <kivra/ElementId.hpp>
+#include <kivra/Transaction.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/Model.hpp>
+#include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Package.hpp>
+#include <kivra/reflection/ReflectiveModelElementImpl.hpp>
+
+#include <boost/optional/optional.hpp>
+
+#include <gtest/gtest.h>
+
+namespace kivra::test {
+namespace {
+
+// Classes with what the library lacks: a property without type, a set-once property.
+class OddPackage : public meta::AbstractMetaPackage {
+public:
+    OddPackage() {
+        begin();
+        meta::Package const package = createPackage(u"roddities", meta::MetaRegistry::composeUri(u"1", u"roddities"));
+        untyped = createClass(u"Untyped", "", false, nullptr);
+        stamp = createClass(u"Stamp", "", false, nullptr);
+        for (meta::Class const *cls : {&untyped, &stamp}) {
+            (*cls)->setOwningPackage(package);
+            (*cls)->setSuperclass(ModelElement::metaClass());
+        }
+        meta::Property const loose = createProperty(u"loose", ValueFlags::Single, false, nullptr);
+        setPropertyIndex(loose, 1);
+        loose->setOwningType(untyped);
+        serial = createProperty(u"serial", ValueFlags::Single, false, nullptr);
+        setPropertyIndex(serial, 1);
+        serial->setOwningType(stamp);
+        serial->setType(registry().getType(u"String"));
+        serial->setIsReadOnly(true);
+        serial->setIsSetOnce(true);
+        tags = createProperty(u"tags", ValueFlags::Sequence, false, nullptr);
+        setPropertyIndex(tags, 2);
+        tags->setOwningType(stamp);
+        tags->setType(registry().getType(u"String"));
+        registry().registerType(untyped);
+        registry().registerType(stamp);
+        finish();
+    }
+    meta::Class untyped, stamp;
+    meta::Property serial, tags;
+};
+
+OddPackage const &oddities() {
+    static OddPackage const *const package = new OddPackage();
+    return *package;
+}
+
+TEST(ReflectiveElement, IsMadeFromTheDescriptionAlone) {
+    Model model = Model::createTransientModel();
+    ModelElement const dune = runtimeLibrary().book->instantiate(model);
+    ASSERT_TRUE(dune);
+    EXPECT_TRUE(dune->isReflective());
+    EXPECT_EQ(dune->getMetaClass(), runtimeLibrary().book);
+    EXPECT_EQ(dune->getPropertyByIndex(5), prop(dune, u"pages"));
+    EXPECT_FALSE(dune->getPropertyByIndex(99));
+
+    ModelElement const direct = ModelElement::createReflective(model, runtimeLibrary().novel, {});
+    EXPECT_EQ(get(direct, u"pages").get<std::int32_t>(), 100);
+    EXPECT_EQ(model->getTopLevelElements().size(), 2u);
+}
+
+TEST(ReflectiveElement, AModelHoldsOneKindOfElement) {
+    Model reflective = Model::createTransientModel();
+    runtimeLibrary().book->instantiate(reflective);
+    EXPECT_THROW(generatedLibrary().book->instantiate(reflective), Error<messages::InvalidReifiedModelContent>);
+
+    Model reified = Model::createTransientModel();
+    generatedLibrary().book->instantiate(reified);
+    EXPECT_THROW(runtimeLibrary().book->instantiate(reified), Error<messages::InvalidReflectiveModelContent>);
+    EXPECT_EQ(reified->getAllElements().size(), 1u);
+}
+
+TEST(ReflectiveElement, APropertyWithoutTypeHoldsNothing) {
+    Model model = Model::createTransientModel();
+    EXPECT_THROW(oddities().untyped->instantiate(model), Error<messages::CannotUsePropertyWithoutType>);
+    EXPECT_TRUE(model->getAllElements().empty());
+}
+
+TEST(ReflectiveElement, ReadOnlyAndSetOnceProperties) {
+    Model model = Model::createTransientModel();
+    ModelElement const shelf = runtimeLibrary().shelf->instantiate(model);
+    EXPECT_THROW(set(shelf, u"code", Value(prop(shelf, u"code")->getType(), std::string("A1"))),
+                 Error<messages::NoSuchProperty>);
+
+    ModelElement const stamp = oddities().stamp->instantiate(model);
+    set(stamp, u"serial", text(u"S-1"));
+    set(stamp, u"serial", text(u"S-1"));
+    EXPECT_THROW(set(stamp, u"serial", text(u"S-2")), Error<messages::CannotSetReadOnlyProperty>);
+    EXPECT_EQ(get(stamp, u"serial").get<basalt::ustring>(), u"S-1");
+}
+
+TEST(ReflectiveElement, CollectionsRefuseEntriesOfAnotherClass) {
+    Model model = Model::createTransientModel();
+    Flavour const &lib = runtimeLibrary();
+    ModelElement const frank = lib.author->instantiate(model), shelf = lib.shelf->instantiate(model);
+    ModelElement const novel = lib.novel->instantiate(model);
+    EXPECT_THROW(many(frank, u"books").genericAdd(shelf), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_THROW(static_cast<GenericSequenceInterface &>(many(frank, u"books")).genericInsert(shelf, 0),
+                 Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_THROW(many(frank, u"coauthored").genericAdd(frank), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_THROW(many(shelf, u"catalogue").genericAdd(frank), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
+    EXPECT_EQ(many(shelf, u"catalogue").genericSize(), 0u);
+    // A subclass is an entry of its superclass's collections.
+    many(frank, u"books").genericAdd(novel);
+    EXPECT_EQ(element(novel, u"writer"), frank);
+}
+
+TEST(ReflectiveElement, MapKeysOfElementsAreTheirUuids) {
+    using reflection::ReflectiveModelElementImpl;
+    Model model = Model::createTransientModel();
+    ModelElement const dune = runtimeLibrary().book->instantiate(model);
+    EXPECT_EQ(ReflectiveModelElementImpl::unwrapKey(ref(dune)).get<boost::uuids::uuid>(), dune->getUuid());
+    EXPECT_TRUE(ReflectiveModelElementImpl::unwrapKey(ref(ModelElement())).get<boost::uuids::uuid>().is_nil());
+    EXPECT_EQ(ReflectiveModelElementImpl::unwrapKey(text(u"Dune")), text(u"Dune"));
+}
+
+TEST(ReflectiveElement, AClassWithoutCodeHasReflectiveProxies) {
+    Model model = Model::createTransientModel();
+    ProxyId const id(u"uuid", u"5eed0000-0000-3000-8000-00000000abcd", boost::none);
+    ModelElement const proxy = ModelElement::createProxy(model, runtimeLibrary().book, id);
+    ASSERT_TRUE(proxy.get());
+    EXPECT_TRUE(proxy->isProxy());
+    EXPECT_TRUE(proxy->isReflective());
+    EXPECT_THROW(set(proxy, u"title", text(u"Dune")), Error<messages::CannotModifyProxy>);
+
+    auto builder = runtimeLibrary().author->instantiateBuilder(model);
+    ModelElement const viaBuilder = builder->createProxy(id);
+    EXPECT_TRUE(viaBuilder->isProxy());
+    EXPECT_TRUE(model->getAllElements().empty());
+}
+
+TEST(ReflectiveElement, AHolderWhoseMapHasTheKeyIsRefusedFromTheOtherEnd) {
+    Model model = Model::createTransientModel();
+    Flavour const &lib = runtimeLibrary();
+    ModelElement const shelf = lib.shelf->instantiate(model);
+    ModelElement const dune = lib.book->instantiate(model), twin = lib.book->instantiate(model);
+    set(dune, u"title", text(u"Dune"));
+    set(twin, u"title", text(u"Dune"));
+    set(dune, u"catalogued", ref(shelf));
+    EXPECT_THROW(set(twin, u"catalogued", ref(shelf)), Error<messages::UniquenessConstraint>);
+    EXPECT_FALSE(element(twin, u"catalogued"));
+    EXPECT_EQ(static_cast<GenericMapInterface &>(many(shelf, u"catalogue")).genericAt(text(u"Dune")), dune);
+}
+
+TEST(ReflectiveElement, ValuesOfManyKeepTheirEntriesAcrossARollBack) {
+    Model model = Model::createTransientModel();
+    ModelElement const stamp = oddities().stamp->instantiate(model);
+    meta::Property const &tags = oddities().tags;
+    auto collection = [&]() -> AbstractPrimitiveCollection & {
+        Value const value = stamp->getPropertyValue(tags, Access::PUBLIC_ACCESS);
+        return *static_cast<AbstractPrimitiveCollection *>(const_cast<void *>(value.getPayload()));
+    };
+    EXPECT_FALSE(stamp->hasPropertyValue(tags, Access::PUBLIC_ACCESS));
+    collection().genericAdd(text(u"red"));
+    EXPECT_TRUE(stamp->hasPropertyValue(tags, Access::PUBLIC_ACCESS));
+    EXPECT_THROW(collection().genericAdd(Value(std::int32_t(3))), Error<messages::CannotCastIncompatibleTypes>);
+    EXPECT_THROW(stamp->setPropertyValue(tags, text(u"blue"), Access::PUBLIC_ACCESS), Error<messages::NoSuchProperty>);
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        collection().genericAdd(text(u"blue"));
+        collection().genericRemove(text(u"red"));
+        EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"blue")});
+        transaction.rollBack();
+    }
+    EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"red")});
+}
+
+} // namespace
+} // namespace kivra::test
