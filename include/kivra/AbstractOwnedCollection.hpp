@@ -43,6 +43,8 @@ public:
     meta::Property const &getCollectionProperty() const noexcept { return property_; }
 
 protected:
+    // Keeps and puts back the contents of the collections of extensions.
+    friend class ModelElement::Impl;
     AbstractOwnedCollection(ModelElement::Impl *owner, meta::Property::Impl *property);
 
     /// Takes over the contents of `other`, a collection of the same class, with no

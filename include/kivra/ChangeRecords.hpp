@@ -7,9 +7,16 @@
 
 #include <boost/container/small_vector.hpp>
 
+#include <basalt/ustring.hpp>
+
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 namespace kivra {
+namespace detail {
+struct ExtensionChanges;
+} // namespace detail
 
 namespace detail {
 class RecordLog;
@@ -54,6 +61,15 @@ public:
     /// True when any bit is set.
     bool any() const noexcept;
 
+    /// Marks the element's value of `extension` as changed; true when it was marked already.
+    bool setModified(meta::Extension const &extension);
+    /// Whether the value of the model's extension `name` on the record's class changed.
+    bool isExtensionChanged(basalt::ustring const &name) const;
+    /// The extensions whose values changed and that still exist, in no particular order.
+    std::vector<meta::Extension> getChangedExtensions() const;
+    /// The changed extensions with their old values (kept by a `Storage` only); null when none changed.
+    detail::ExtensionChanges *extensionChanges() const noexcept { return extensions_.get(); }
+
     boost::uuids::uuid const &getUuid() const noexcept { return uuid_; }
     /// The element object this record is of; null for a record made outside a transaction.
     ModelElement const &getElement() const noexcept { return element_; }
@@ -85,6 +101,7 @@ private:
     // Two blocks cover classes of up to 61 properties without an allocation.
     boost::container::small_vector<std::uint32_t, 2> bits_;
     std::uint64_t bitCount_;
+    std::unique_ptr<detail::ExtensionChanges> extensions_;
     std::uint32_t refCount_ = 0;
     bool inArena_;
 };
@@ -101,6 +118,10 @@ public:
     /// The value before the transaction of a property whose bit is set. Raises
     /// `NoSuchProperty` for a property that this record does not keep.
     virtual Value getOldValue(meta::Property const &property, ReflectionPrivateTag const &tag) const;
+    /// The value before the transaction of the model's extension `name`: a copy of a single
+    /// value, or a view of the kept collection. Raises `NoSuchProperty` for an extension
+    /// that is unknown or did not change.
+    Value getExtensionOldValue(basalt::ustring const &name) const;
 
     ModelElement const &getOldContainer() const noexcept { return oldContainer_; }
     meta::Property const &getOldContainmentFeature() const noexcept { return oldContainmentFeature_; }

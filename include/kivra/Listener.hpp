@@ -3,6 +3,7 @@
 /// Listeners: what clients implement to hear of transactions in three roles.
 
 #include <kivra/Handles.hpp>
+#include <kivra/meta/Fwd.hpp>
 
 #include <memory>
 #include <utility>
@@ -32,6 +33,20 @@ class Listener {
 public:
     virtual ~Listener() = default;
     /// Called once when the listener is taken off its model, or the model goes away.
+    virtual void listenerRemoved() {}
+};
+
+/// Hears of the extensions a model declares and removes. Kept by the model without
+/// ownership (`Model::Impl::addExtensionListener`); the caller removes it before it dies.
+/// A listener may remove itself while it is told.
+class ExtensionListener {
+public:
+    virtual ~ExtensionListener() = default;
+    /// `extension` was declared by `model`.
+    virtual void extensionAdded(Model const &model, meta::Extension const &extension) = 0;
+    /// `extension` of `model` is about to go; it is still whole.
+    virtual void extensionRemoved(Model const &model, meta::Extension const &extension) = 0;
+    /// Called once when the listener is taken off, or its model goes away.
     virtual void listenerRemoved() {}
 };
 

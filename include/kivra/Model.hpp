@@ -11,6 +11,8 @@
 #include <kivra/meta/Handles.hpp>
 #include <kivra/services/Hashers.hpp>
 
+#include <basalt/ustring.hpp>
+
 #include <boost/optional/optional.hpp>
 
 #include <cstdint>
@@ -19,12 +21,14 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace kivra {
 namespace detail {
 class ElementPool;
 struct ElementTable;
+struct ModelExtensions;
 } // namespace detail
 
 /// Whether a model holds generated (reified) elements or reflective ones; never both.
@@ -267,6 +271,37 @@ public:
     void removeListenerFromTransaction(ListenerHolderBase *holder) noexcept;
     bool hasListeners() const noexcept { return !listeners_.empty(); }
 
+    // --- Extensions ----------------------------------------------------------------------
+
+    /// Adds a property to `cls` for this model's elements alone, with `defaultValue` as
+    /// the value of an element that never set it (required for a single value of a type
+    /// that is not a class). Nothing changes when it raises `CannotCreateWithoutModel` (a
+    /// class outside the registry model), `NoSuchType`, `ExtensionMustHaveName`,
+    /// `ExtensionNameMustBeUnique` (the name is taken along the class's chain),
+    /// `ExtensionMustHaveDefaultValue`, what a default of the wrong type raises, or
+    /// `CannotInstantiateCollection`. Listeners hear of the new extension.
+    meta::Extension extendMetaclass(meta::Class const &cls, meta::ExtensionPrototype const &prototype,
+                                    boost::optional<Value> const &defaultValue);
+    /// Removes the extension `name` that this model declared on exactly `cls`, telling the
+    /// listeners first. Elements forget its values at their next access. Raises
+    /// `CannotCreateWithoutModel` or `NoSuchExtension`.
+    void unextendMetaclass(meta::Class const &cls, basalt::ustring const &name);
+    /// This model's extension `name` declared on exactly `cls`; empty when none.
+    meta::Extension getDeclaredExtension(meta::Class const &cls, basalt::ustring const &name) const;
+    /// This model's extension `name` on `cls` or the nearest of its superclasses; empty when none.
+    meta::Extension getExtension(meta::Class const &cls, basalt::ustring const &name) const;
+    /// A copy of the default of a single-valued extension. Raises `NoSuchExtension`.
+    Value getExtensionDefault(meta::Class const &cls, basalt::ustring const &name) const;
+    /// The extension to use in this model for `extension` of another model that moves its
+    /// contents here: this model's own when it declares the same one, `extension` itself
+    /// when nothing stands in the way, empty when a declaration here conflicts.
+    meta::Extension validateExtension(meta::Extension const &extension, boost::optional<Value> const &defaultValue) const;
+    /// Tells every extension listener of `extension`.
+    void notifyExtensionAdded(meta::Extension const &extension);
+    /// Keeps `listener` (not owned) until it is removed or the model goes; twice is once.
+    void addExtensionListener(ExtensionListener *listener);
+    void removeExtensionListener(ExtensionListener *listener);
+
     // --- Element protocol: called by ModelElement::Impl ------------------------------
 
     /// Raises `ModelFrozen` or `NoOpenTransaction` when the model may not change now.
@@ -277,6 +312,7 @@ public:
     void elementDestroying(ModelElement::Impl *element);
     void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
                           std::size_t size = 0);
+    void elementModifying(ModelElement::Impl *element, meta::Extension const &extension);
     void elementMadeTopLevel(ModelElement::Impl *element);
     void elementNoLongerTopLevel(ModelElement::Impl *element);
     void allElementsDestroying();
@@ -318,6 +354,20 @@ private:
     void holdTopLevel(ModelElement::Impl *element) noexcept;
     void releaseTopLevel(ModelElement::Impl *element) noexcept;
     void releaseAllTopLevel() noexcept;
+    /// Frees the extension values of an element that goes; the model has extensions.
+    void forgetExtensionValues(ModelElement::Impl const *element) noexcept;
+    /// Tells the extension listeners that they are removed, and forgets them.
+    void dropExtensionListeners() noexcept;
+    /// Destroys the registry's records of this model's extensions and forgets the model's
+    /// own, with every element's values of them.
+    void dropExtensions() noexcept;
+    /// The extension steps of `moveAllContentsTo`: declares this model's extensions in
+    /// `to`, or finds the same ones there, whose (old, new) UUIDs it gives; moves one
+    /// element's values; drops what stayed behind.
+    std::vector<std::pair<boost::uuids::uuid, boost::uuids::uuid>> moveExtensionsTo(Impl *to);
+    void moveExtensionValues(ModelElement::Impl const *element, Impl *to,
+                             std::vector<std::pair<boost::uuids::uuid, boost::uuids::uuid>> const &replaced);
+    void finishExtensionMove(std::vector<std::pair<boost::uuids::uuid, boost::uuids::uuid>> const &replaced) noexcept;
     /// Deletes every listener holder, telling each listener.
     void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
@@ -333,6 +383,8 @@ private:
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;
     std::unique_ptr<detail::ElementPool> pool_;
+    /// The extensions this model declared and its elements' values of them; made at the first need.
+    std::unique_ptr<detail::ModelExtensions> extensions_;
     std::size_t topLevelCount_ = 0;
     TransactionImpl *currentTransaction_ = nullptr;
     std::vector<ListenerHolderBase *> listeners_;

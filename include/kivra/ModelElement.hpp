@@ -110,6 +110,22 @@ public:
     /// True for elements driven by the metamodel alone.
     virtual bool isReflective() const { return false; }
 
+    // --- Extensions ---------------------------------------------------------------------
+
+    /// The value of the extension `name` that the model declared for this element's class:
+    /// the element's own value, the default, or a view of the element's collection, which
+    /// the first read makes. Raises `NoSuchExtension`.
+    Value getExtension(basalt::ustring const &name);
+    /// Sets a single-valued extension; a value equal to the default is not stored. Raises
+    /// `NoSuchExtension` for an unknown name or a collection extension, and what
+    /// `Value::checkCompatibleWithProperty` raises.
+    void setExtension(basalt::ustring const &name, Value const &value);
+    /// As above, for an extension already found.
+    void setExtension(meta::Extension const &extension, Value const &value);
+    /// True when the element holds a value of the extension other than its default: a
+    /// single value that was set, or a collection with entries.
+    bool hasNonDefaultExtension(basalt::ustring const &name) const;
+
     // --- Proxies ------------------------------------------------------------------------
 
     /// The id a proxy stands for; none for a real element.
@@ -127,6 +143,8 @@ public:
     /// `noPropertyIndex` are no property; nothing is announced before the element is
     /// created, nor for a proxy. `scalar` is as for `beginModification`.
     void notifyModifying(std::uint64_t index, void const *scalar = nullptr, std::size_t size = 0);
+    /// Announces a change of the element's value of `extension`.
+    void notifyModifying(meta::Extension const &extension);
     /// Raises `CannotModifyProxy` for a proxy and `InvalidValue` for a destroyed element:
     /// the first step of every mutator.
     void checkModifiable() const {
@@ -232,6 +250,8 @@ public:
     virtual void copyValue(Storage *storage, std::uint64_t index) const;
     /// Puts back every value whose bit is set in `storage`, with no far end and no notice.
     virtual void copyStateFromStorage(Storage *storage);
+    /// Copies the present value of `extension` into `storage`, once.
+    void copyExtensionValue(Storage *storage, meta::Extension const &extension) const;
 
     // --- Destruction ------------------------------------------------------------------
 
@@ -260,6 +280,8 @@ protected:
     void resurrect() noexcept { validity_ = Valid; }
     /// Makes a new, unannounced element the proxy of `proxyId`.
     void makeProxy(ProxyId const &proxyId);
+    /// Puts back the extension values that `storage` kept (roll-back only).
+    void restoreExtensions(Storage *storage);
     /// Drops what a destroyed element holds once no roll-back can need it.
     void releaseUnlessRestorable();
 

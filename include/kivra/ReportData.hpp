@@ -51,6 +51,15 @@ public:
     bool isChanged(ModelElement const &element, meta::Property const &property) const;
     /// The changed properties of `element`, in index order; empty when it has no record.
     std::vector<meta::Property> getChangedProperties(ModelElement const &element) const;
+    /// Whether the value of the extension `name` of `element` changed; false for what the
+    /// report does not hold.
+    bool isExtensionChanged(ModelElement const &element, basalt::ustring const &name) const;
+    /// The extensions of `element` whose values changed; empty when it has no record.
+    std::vector<meta::Extension> getChangedExtensions(ModelElement const &element) const;
+    /// The value of the extension `name` of `element` before the transaction. Raises
+    /// `GetOldValueFromNonDeep` for a shallow transaction, and `NoSuchProperty` for an
+    /// element without record or an extension that did not change.
+    Value getExtensionOldValue(ModelElement const &element, basalt::ustring const &name) const;
     /// The value `property` of `element` had before the transaction. Raises
     /// `GetOldValueFromNonDeep` for a shallow transaction; an element or property the
     /// report does not hold gives the property's empty value; a property that did not

@@ -1,4 +1,5 @@
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/meta/Extension.hpp>
 
 #include <kivra/ElementSequence.hpp>
 
@@ -28,6 +29,8 @@ void AbstractOwnedCollection::modifying() {
     // they exist; until then a property without index records nothing.
     if (std::int32_t const index = property_->getPropertyIndex(); index > 0)
         owner_->notifyModifying(std::uint64_t(index));
+    else if (auto *extension = dynamic_cast<meta::Extension::Impl *>(property_.get()))
+        owner_->notifyModifying(meta::Extension::fromImpl(extension));
 }
 
 AbstractOwnedCollection::Operation::Operation(AbstractOwnedCollection const &collection) {

@@ -1,3 +1,4 @@
+#include "core/Extensions.hpp"
 #include "core/PageMemory.hpp"
 #include "core/RecordLog.hpp"
 

@@ -1,4 +1,5 @@
 #include "core/ElementTable.hpp"
+#include "core/Extensions.hpp"
 #include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
 
@@ -483,6 +484,12 @@ void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t pr
         currentTransaction_->elementModifying(element, propertyIndex, scalar, size);
 }
 
+void Model::Impl::elementModifying(ModelElement::Impl *element, meta::Extension const &extension) {
+    validateTransaction();
+    if (reportsChanges())
+        currentTransaction_->elementModifying(element, extension);
+}
+
 void Model::Impl::elementMadeTopLevel(ModelElement::Impl *element) {
     validateTransaction();
     if (reportsChanges())
@@ -567,6 +574,7 @@ void Model::Impl::destroy() noexcept {
     bool collected = false;
     try {
         Transaction transaction = beginTransaction(false);
+        dropExtensionListeners();
         dropListeners();
         bool const multi = isInMultiModelConstellation();
         // While every element still lives, references let go (into proxies where a class
@@ -601,6 +609,7 @@ void Model::Impl::destroy() noexcept {
         if (currentTransaction_)
             currentTransaction_->abandon();
     }
+    dropExtensions();
     if (!collected)
         releaseAllTopLevel(); // nothing was destroyed yet: the table names live elements only
     table_->elements.clear();
@@ -642,6 +651,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     for (ModelElement::Impl const *element : moving)
         if (to->findElement(element->getUuid(), FindElementBehavior::LoadFromDataSource))
             raise<messages::CannotChangeModel>();
+    auto const replaced = moveExtensionsTo(to);
 
     {
         Transaction transaction = to->beginTransaction(false);
@@ -653,6 +663,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
             element->marks_ &= ~ModelElement::Impl::HeldByModelMark;
             element->model_ = to;
             try {
+                moveExtensionValues(element, to, replaced);
                 to->elementCreated(element, element->isTopLevel());
             } catch (std::exception const &) {
                 element->model_ = this;
@@ -671,6 +682,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     table_->elements.clear();
     topLevelCount_ = 0;
     usageProvider_->allElementsDestroyed();
+    finishExtensionMove(replaced);
 }
 
 void Model::Impl::migrateToConstellation(ModelConstellation const &target) {

@@ -71,6 +71,9 @@ ModelElement::Impl::~Impl() {
         model_->forgetProxyId(this);
     } else if (validity_ > 0) {
         Model keep = model_->getModel();
+        // A tombstone's model may be gone; it let go of its extension values when it died.
+        if (model_->extensions_) [[unlikely]]
+            model_->forgetExtensionValues(this);
         model_->remove(this);
     }
 }
@@ -350,6 +353,10 @@ void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying
 void ModelElement::Impl::basicDisassociateAll() {
     container_ = nullptr;
     containmentFeature_ = nullptr;
+    // Element values of extensions are counted handles too: two dead elements that name
+    // each other there would hold each other until the model goes.
+    if (model_->extensions_) [[unlikely]]
+        model_->forgetExtensionValues(this);
 }
 
 void ModelElement::Impl::convertReferencesToProxies(bool, boost::optional<ProxyId> &) {}
@@ -363,6 +370,8 @@ void ModelElement::Impl::copyValue(Storage *, std::uint64_t index) const {
 }
 
 void ModelElement::Impl::copyStateFromStorage(Storage *storage) {
+    if (storage->extensionChanges()) [[unlikely]]
+        restoreExtensions(storage);
     if (!storage->isContainerChanged())
         return;
     // Both ends of a containment have records of their own: this end puts back only its

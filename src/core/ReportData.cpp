@@ -5,6 +5,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Extension.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StructuredType.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
@@ -83,6 +84,27 @@ std::vector<meta::Property> ReportData::getChangedProperties(ModelElement const 
     // What no class of the chain owns keeps its place at the end.
     result.insert(result.end(), changed.begin(), changed.end());
     return result;
+}
+
+bool ReportData::isExtensionChanged(ModelElement const &element, basalt::ustring const &name) const {
+    ModelElement::Impl::Changes const *record = recordOf(element);
+    return record && record->isExtensionChanged(name);
+}
+
+std::vector<meta::Extension> ReportData::getChangedExtensions(ModelElement const &element) const {
+    ModelElement::Impl::Changes const *record = recordOf(element);
+    return record ? record->getChangedExtensions() : std::vector<meta::Extension>();
+}
+
+Value ReportData::getExtensionOldValue(ModelElement const &element, basalt::ustring const &name) const {
+    if (!deep_)
+        raise<messages::GetOldValueFromNonDeep>();
+    ModelElement::Impl::Changes const *record = recordOf(element);
+    if (!record) {
+        meta::Class const &cls = element.get() ? element->getMetaClass() : ModelElement::metaClass();
+        raise<messages::NoSuchProperty>(name, cls.get() ? cls->getQualifiedName() : basalt::ustring());
+    }
+    return static_cast<ModelElement::Impl::Storage const *>(record)->getExtensionOldValue(name);
 }
 
 Value ReportData::getOldValue(ModelElement const &element, meta::Property const &property) const {

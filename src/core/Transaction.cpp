@@ -465,6 +465,24 @@ void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_
         element->copyValue(static_cast<ModelElement::Impl::Storage *>(record), propertyIndex);
 }
 
+void TransactionImpl::elementModifying(ModelElement::Impl *element, meta::Extension const &extension) {
+    if (has(ApplyingRollBack) || !isInterested())
+        return;
+    if (!element->isValid() && !(element->marks_ & ModelElement::Impl::RecordedMark))
+        return;
+    if (!passGate())
+        return;
+    if (element->marks_ & ModelElement::Impl::CreatedHereMark)
+        return;
+    ModelElement::Impl::Changes *record = entryOf(element);
+    if (record->isCreated() || (!isDeep() && record->isDestroyed()))
+        return;
+    if (record->setModified(extension))
+        return;
+    if (isDeep())
+        element->copyExtensionValue(static_cast<ModelElement::Impl::Storage *>(record), extension);
+}
+
 void TransactionImpl::elementContainmentChanging(ModelElement::Impl *element) {
     if (!passGate())
         return;

@@ -115,6 +115,7 @@ public:
     /// `scalar`, when given, is the member of `size` bytes that the change overwrites.
     void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
                           std::size_t size = 0);
+    void elementModifying(ModelElement::Impl *element, meta::Extension const &extension);
     void elementContainmentChanging(ModelElement::Impl *element);
     void allElementsDestroying();
     void allElementsDestroyed();

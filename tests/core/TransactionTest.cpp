@@ -6,12 +6,15 @@
 #include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
+#include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ReportData.hpp>
 #include <basalt/except/Exception.hpp>
 #include <kivra/TransactionFactory.hpp>
+#include <kivra/meta/ExtensionPrototype.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/TransactionOrigin.hpp>
 
 #include <gtest/gtest.h>
@@ -230,12 +233,28 @@ TEST_F(TransactionTest, OriginsAndOrdinals) {
 // Random work on the sample metamodel, drawn from a seed: creations, every setter of the
 // generated classes from either end of an association, moves, destructions, UUIDs used
 // again, the whole content destroyed, nested levels that commit, roll back or are left by
-// an exception, and operations that fail and are caught. Elements are picked in UUID
+// an exception, operations that fail and are caught, and on demand the values of the
+// extensions that `declareExtensions` makes. Elements are picked in UUID
 // order, so that the same seed on models of the same content does the same work.
 struct WorkOptions {
     // A nested level may end without a commit, which dooms the whole transaction.
     bool nestedRollBacks = true;
+    // Work on the extensions of `declareExtensions` too.
+    bool extensions = false;
 };
+
+// A number, a set of strings and an element, all of books.
+std::vector<basalt::ustring> const bookExtensions{u"rank", u"tags", u"patron"};
+
+void declareExtensions(Model const &model) {
+    auto const named = [](char16_t const *name, basalt::ustring const &type) {
+        return meta::ExtensionPrototype().setName(name).setTypeName(type);
+    };
+    model->extendMetaclass(Book::metaClass(), named(u"rank", u"Integer"),
+                           Value(meta::internal::getPrimitiveTypeFromMetaRegistry(u"Integer"), std::int32_t(0)));
+    model->extendMetaclass(Book::metaClass(), named(u"tags", u"String").setUpper(5), boost::none);
+    model->extendMetaclass(Book::metaClass(), named(u"patron", Author::metaClass()->getQualifiedName()), boost::none);
+}
 
 class RandomWork {
 public:
@@ -433,10 +452,40 @@ private:
             if (Shelf shelf = pick<Shelf>(); shelf.get())
                 setWork(shelf->getRecommendedMutable(), pick<Book>(), "recommended");
             break;
+        case 25:
+            if (options_.extensions) {
+                extensionWork();
+                break;
+            }
+            [[fallthrough]];
         default:
             if (depth > 0 || chance(2))
                 step(depth); // more weight on the setters
             break;
+        }
+    }
+
+    void extensionWork() {
+        Book book = pick<Book>();
+        if (!book.get())
+            return;
+        switch (random_() % 3) {
+        case 0:
+            note("rank");
+            book->setExtension(u"rank", Value(meta::internal::getPrimitiveTypeFromMetaRegistry(u"Integer"),
+                                              std::int32_t(random_() % 3)));
+            break;
+        case 1: {
+            Value const tags = book->getExtension(u"tags");
+            auto &entries = *static_cast<AbstractPrimitiveCollection *>(const_cast<void *>(tags.getPayload()));
+            Value const tag(meta::internal::getPrimitiveTypeFromMetaRegistry(u"String"), basalt::ustring(letter()));
+            if (chance(2))
+                note("tag"), entries.genericAdd(tag);
+            else
+                note("untag"), entries.genericRemove(tag);
+            break;
+        }
+        default: note("patron"), book->setExtension(u"patron", Value(Author::metaClass(), pickOrNone<Author>())); break;
         }
     }
 
@@ -604,9 +653,17 @@ TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
     unsigned const count = sequences(300);
     for (unsigned seed = 1; seed <= count; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
+        // Every third sequence works on extensions too.
+        bool const extensions = seed % 3 == 0;
+        WorkOptions const committingHere{.nestedRollBacks = false, .extensions = extensions};
+        auto const picture = [&](Model const &of, Identity identity = Identity::Uuid) {
+            return snapshot(of, identity, extensions ? bookExtensions : std::vector<basalt::ustring>());
+        };
         Model model = Model::createTransientModel();
-        RandomWork(model, seed * 7919, committing).run(30); // some state to start from
-        ModelSnapshot const before = snapshot(model, Identity::Object);
+        if (extensions)
+            declareExtensions(model);
+        RandomWork(model, seed * 7919, committingHere).run(30); // some state to start from
+        ModelSnapshot const before = picture(model, Identity::Object);
         std::vector<ModelElement> const held = model->getAllElements();
 
         // Every other sequence runs in a transaction that only a listener makes deep.
@@ -617,7 +674,7 @@ TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
             observer = owned.get();
             addOwnedListener<ListenerRole::Observer>(model, std::move(owned));
         }
-        RandomWork work(model, seed);
+        RandomWork work(model, seed, {.extensions = extensions});
         bool changed = false;
         {
             Transaction transaction = model->beginTransaction(/*revertible=*/!byListener);
@@ -626,7 +683,7 @@ TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
             // A roll-back that finds nothing to put back says that nothing ended.
             ASSERT_EQ(transaction.rollBack(), changed ? R::RolledBack : R::NotFinished) << work.journal();
         }
-        ASSERT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "") << work.journal();
+        ASSERT_EQ(describeDifference(before, picture(model, Identity::Object)), "") << work.journal();
         if (observer) {
             EXPECT_EQ(observer->canceled, changed ? std::vector<bool>{true} : std::vector<bool>{});
             removeListener(model, *observer); // a model with listeners wants a transaction for each change
@@ -638,10 +695,12 @@ TEST(TransactionRollBack, RandomWorkIsUndoneExactly) {
 
         // What comes after goes as it would have gone without the rolled-back work.
         Model untouched = Model::createTransientModel();
-        RandomWork(untouched, seed * 7919, committing).run(30);
-        RandomWork(model, seed + 1000003, committing).run(30);
-        RandomWork(untouched, seed + 1000003, committing).run(30);
-        ASSERT_EQ(describeDifference(snapshot(untouched), snapshot(model)), "") << work.journal();
+        if (extensions)
+            declareExtensions(untouched);
+        RandomWork(untouched, seed * 7919, committingHere).run(30);
+        RandomWork(model, seed + 1000003, committingHere).run(30);
+        RandomWork(untouched, seed + 1000003, committingHere).run(30);
+        ASSERT_EQ(describeDifference(picture(untouched), picture(model)), "") << work.journal();
         if (::testing::Test::HasFailure())
             break;
     }

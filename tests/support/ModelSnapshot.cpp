@@ -6,6 +6,7 @@
 #include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Extension.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 
@@ -69,7 +70,7 @@ std::string describeValue(Value const &value, Identity identity) {
     return "#" + std::to_string(value.hashValues());
 }
 
-ModelSnapshot snapshot(Model const &model, Identity identity) {
+ModelSnapshot snapshot(Model const &model, Identity identity, std::vector<basalt::ustring> const &extensions) {
     using Tag = ModelElement::Impl::ReflectionPrivateTag;
     ModelSnapshot result;
     for (ModelElement const &element : model->getAllElements()) {
@@ -97,6 +98,19 @@ ModelSnapshot snapshot(Model const &model, Identity identity) {
             } catch (std::exception const &) {
                 picture.values.push_back("<unreadable>");
             }
+        }
+        for (basalt::ustring const &name : extensions) {
+            meta::Extension const extension = model->getExtension(element->getMetaClass(), name);
+            if (!extension)
+                continue;
+            Value const value = element->getExtension(name);
+            std::string text = std::string(name.begin(), name.end()) + "=";
+            if (extension->getUpper() == 1)
+                text += describeValue(value, identity);
+            else
+                for (Value const &entry : value.extractEntryValues())
+                    text += describeValue(entry, identity) + ",";
+            picture.values.push_back(std::move(text));
         }
         result.elements.emplace(element->getUuid(), std::move(picture));
     }

@@ -6,6 +6,8 @@
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 
+#include <basalt/ustring.hpp>
+
 #include <boost/uuid/uuid.hpp>
 
 #include <cstdint>
@@ -38,8 +40,10 @@ struct ModelSnapshot {
 
 /// Takes the picture: property values are read reflectively, references as the UUID of
 /// their target (or "invalid" for a destroyed one), followed by its address with
-/// Identity::Object.
-ModelSnapshot snapshot(Model const &model, Identity identity = Identity::Uuid);
+/// Identity::Object; then the values of the model's `extensions` of these names that an
+/// element has.
+ModelSnapshot snapshot(Model const &model, Identity identity = Identity::Uuid,
+                       std::vector<basalt::ustring> const &extensions = {});
 
 /// A value as a picture shows it.
 std::string describeValue(Value const &value, Identity identity = Identity::Uuid);

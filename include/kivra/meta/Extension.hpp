@@ -51,6 +51,8 @@ public:
     bool inverseContainsProxyTo(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) const override;
     void basicAssociate(::kivra::ModelElement const &other, ::kivra::meta::Property const &property) override;
 
+#include <kivra/meta/detail/ExtensionExtra.inc>
+
 protected:
     friend class Extension;
     friend class Extension::Builder;

@@ -9,6 +9,8 @@ class Class;
 class Property;
 class Package;
 class Extension;
+class ExtensionPrototype;
+class DynamicExtensions;
 class MetaRegistry;
 class DataModelUsageProvider;
 class DefaultModelUsageProvider;
