@@ -9,7 +9,9 @@
 #include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/ReportData.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <basalt/except/Exception.hpp>
 #include <kivra/TransactionFactory.hpp>
 #include <kivra/meta/ExtensionPrototype.hpp>
@@ -339,7 +341,7 @@ private:
     }
 
     void step(int depth) {
-        switch (random_() % 28) {
+        switch (random_() % 29) {
         case 0:
         case 1: createOrConflict(); break;
         case 2:
@@ -458,9 +460,90 @@ private:
                 break;
             }
             [[fallthrough]];
+        case 26:
+            if (chance(2)) {
+                primitiveWork();
+                break;
+            }
+            [[fallthrough]];
         default:
             if (depth > 0 || chance(2))
                 step(depth); // more weight on the setters
+            break;
+        }
+    }
+
+    // Every kind of primitive collection: an ordered list with repeats, sorted and hashed
+    // sets, a keyed map of data-type values and the map of strings.
+    void primitiveWork() {
+        switch (random_() % 6) {
+        case 0:
+            if (Author author = pick<Author>(); author.get()) {
+                PrimitiveSequence<std::int32_t> &ratings = author->getRatingsMutable();
+                std::int32_t const rating = std::int32_t(random_() % 3);
+                switch (random_() % 5) {
+                case 0: note("rating-push"), ratings.push_back(rating); break;
+                case 1: note("rating-insert"), ratings.insert(ratings.size() ? random_() % (ratings.size() + 1) : 0, rating); break;
+                case 2:
+                    if (ratings.size())
+                        note("rating-replace"), ratings.replace(random_() % ratings.size(), rating);
+                    break;
+                case 3: note("rating-remove"), ratings.remove(rating); break;
+                default: note("ratings-assign"), ratings.assign({rating, rating, 7}); break;
+                }
+            }
+            break;
+        case 1:
+            if (Book book = pick<Book>(); book.get()) {
+                PrimitiveSequence<basalt::ustring> &tags = book->getTagsMutable();
+                if (chance(3) && tags.size())
+                    note("tag-erase"), tags.erase(random_() % tags.size());
+                else
+                    note("tag"), tags.push_back(letter());
+            }
+            break;
+        case 2:
+            if (Author author = pick<Author>(); author.get()) {
+                std::string const pseudonym(1, char('a' + random_() % 4));
+                if (chance(2))
+                    note("pseudonym"), author->getPseudonymsMutable().insert(pseudonym);
+                else
+                    note("pseudonym-erase"), author->getPseudonymsMutable().erase(pseudonym);
+                if (chance(3))
+                    note("visit"), author->getVisitsMutable().insert(nextId());
+                else if (chance(3))
+                    note("visits-clear"), author->getVisitsMutable().clear();
+            }
+            break;
+        case 3:
+            if (Shelf shelf = pick<Shelf>(); shelf.get()) {
+                std::int32_t const code = std::int32_t(random_() % 5);
+                if (chance(2))
+                    note("code"), shelf->getCodesMutable().insert(code);
+                else
+                    note("code-erase"), shelf->getCodesMutable().erase(code);
+            }
+            break;
+        case 4:
+            if (Shelf shelf = pick<Shelf>(); shelf.get()) {
+                meta::VersionInfo const source(letter(), letter());
+                switch (random_() % 3) {
+                case 0: note("source-add"), shelf->getSourcesMutable().add(source); break;
+                case 1: note("source-put"), shelf->getSourcesMutable().put(source); break;
+                default: note("source-remove"), shelf->getSourcesMutable().remove(source); break;
+                }
+            }
+            break;
+        default:
+            if (Shelf shelf = pick<Shelf>(); shelf.get()) {
+                StringToStringMap &labels = shelf->getLabelsMutable();
+                basalt::ustring const key = letter();
+                switch (random_() % 3) {
+                case 0: note("label-put"), labels.insert(key, letter(), CollisionResolution::Replace); break;
+                case 1: note("label-erase"), labels.erase(key); break;
+                default: note("labels-clear"), labels.clear(); break;
+                }
+            }
             break;
         }
     }
