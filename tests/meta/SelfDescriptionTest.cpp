@@ -15,6 +15,8 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/PropertySerializer.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -307,6 +309,18 @@ TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {
     EXPECT_EQ(registry().getClass(u"kivra.ModelElement"), ModelElement::metaClass());
     EXPECT_TRUE(ModelElement::metaClass()->isValid());
     EXPECT_EQ(after->getPropertyByName(u"superclass"), Class::Impl::superclassProperty());
+
+    // The serializers of the enums and data types are replaced, not registered twice.
+    auto const &serializers = PropertySerializerRegistry::getInstance();
+    MetaPackageMeta::Elements const &e = MetaPackageMeta::getInstance().elements();
+    PropertySerializer const *byNumber = serializers.getPropertySerializer(e.e_Language, "ID");
+    ASSERT_NE(byNumber, nullptr);
+    EXPECT_EQ(byNumber->parseValue(u"1", e.e_Language).getType(), e.e_Language);
+    DatatypeSerializer const *versions = serializers.getDatatypeSerializer(e.d_VersionInfo);
+    ASSERT_NE(versions, nullptr);
+    Value const info = versions->setPropertyValue(versions->createDefaultValue(), e.p_VersionInfo_minVersion,
+                                                  Value(basalt::ustring(u"2")));
+    EXPECT_EQ(versions->getPropertyValue(info, e.p_VersionInfo_minVersion), Value(basalt::ustring(u"2")));
 }
 
 } // namespace
