@@ -115,12 +115,14 @@ TEST(DatatypeSerializer, EveryFieldOfKivrasDataTypesRoundTrips) {
          {e.p_TransactionOrigin_synchronizer, Value(uuidOf(3))},
          {e.p_TransactionOrigin_transactionOrdinal, Value(std::int32_t(-7))},
          {e.p_TransactionOrigin_transactionFactory, Value(uuidOf(4))}});
-    EXPECT_EQ(origin.getModel(), uuidOf(1));
-    EXPECT_EQ(origin.getLanguage(), Language::JavaScript);
-    EXPECT_EQ(origin.getTransactionId(), uuidOf(2));
-    EXPECT_TRUE(origin.getSynchronizer() == uuidOf(3));
-    EXPECT_EQ(origin.getTransactionOrdinal(), -7);
-    EXPECT_EQ(origin.getTransactionFactory(), uuidOf(4));
+    TransactionOrigin expected;
+    expected.setModel(uuidOf(1));
+    expected.setLanguage(Language::JavaScript);
+    expected.setTransactionId(uuidOf(2));
+    expected.setSynchronizer(uuidOf(3));
+    expected.setTransactionOrdinal(-7);
+    expected.setTransactionFactory(uuidOf(4));
+    EXPECT_TRUE(origin == expected); // each sample landed in its own field
 
     // The values are the ones the data types' own conversions read.
     EXPECT_EQ(VersionInfo::fromValue(serializerOf<VersionInfo>(e.d_VersionInfo).toValue(info)), info);
@@ -224,8 +226,8 @@ TEST(GeneratedEnumSerializer, WritesAndReadsLanguageInEveryFlavour) {
         char16_t const *text;
         Language literal;
     };
-    Case const cases[] = {{"", u"CPlusPlus", Language::CPlusPlus},      {"", u"Unknown", Language::Unknown},
-                          {"ID", u"2", Language::JavaScript},           {"ID", u"0", Language::Unknown},
+    Case const cases[] = {{"", u"CPlusPlus", Language::CPlusPlus},
+                          {"ID", u"2", Language::JavaScript},
                           {"PublicID", u"JavaScript", Language::JavaScript}};
     for (Case const &c : cases) {
         SCOPED_TRACE(std::string(c.flavour) + " " + basalt::i18n::ustring_to_utf8(c.text));
