@@ -87,11 +87,11 @@ std::uint64_t hashValue(VersionInfo const &info) noexcept {
 }
 
 DataType VersionInfo::dataType() {
-    // Kept once found: the registry model keeps its description for the process.
+    // Kept once found, until a repeated description of the metamodel replaces it.
     static std::atomic<DataType::Impl *> found{nullptr};
     static DataType kept;
     static std::mutex mutex;
-    if (DataType::Impl *const impl = found.load(std::memory_order_acquire))
+    if (DataType::Impl *const impl = found.load(std::memory_order_acquire); impl && impl->isValid())
         return DataType::fromImpl(impl);
     std::lock_guard lock(mutex);
     if (kept)

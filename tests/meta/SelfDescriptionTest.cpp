@@ -17,6 +17,7 @@
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/PropertySerializer.hpp>
 #include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -296,6 +297,7 @@ TEST(SelfDescription, DynamicDefaultsAreMadeForEachElement) {
 
 TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {
     Class const before = Class::metaClass();
+    ASSERT_TRUE(VersionInfo::dataType()); // found, and kept, before the description is made again
     MetaPackageMeta::getInstance().initialize();
     Model const model = registry().getFrozenMetaRegistryModel().get();
     ModelElement const root = model->findElement(parseUuidLiteral("83420365-c799-3b21-8efd-43817abf0909"));
@@ -321,6 +323,8 @@ TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {
     Value const info = versions->setPropertyValue(versions->createDefaultValue(), e.p_VersionInfo_minVersion,
                                                   Value(basalt::ustring(u"2")));
     EXPECT_EQ(versions->getPropertyValue(info, e.p_VersionInfo_minVersion), Value(basalt::ustring(u"2")));
+    // The data type's own conversion finds the new description too.
+    EXPECT_EQ(VersionInfo(u"core", u"2").toValue().getType(), e.d_VersionInfo);
 }
 
 } // namespace
