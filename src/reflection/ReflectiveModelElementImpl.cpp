@@ -332,7 +332,7 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
             raise<messages::CannotCastIncompatibleTypes>(qualifiedNameOf(p->getType()));
         if (getPropertyValue(property, Tag::PRIVILEGED_ACCESS).getElement() == incoming)
             return;
-        checkCompatibleModel(incoming.get(), property);
+        checkElementValue(*s, incoming);
     }
 
     // A key: the maps that hold this element under it must not hold the new one already.
@@ -389,6 +389,25 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
     for (auto const &[holder, mapProperty] : holders)
         _inverseAddThis(holder.get(), mapProperty, /*force=*/true);
     modification.commit();
+}
+
+void ReflectiveModelElementImpl::checkElementValue(PropertySlot const &s, ModelElement const &element) const {
+    ModelElement::Impl const *const other = element.get();
+    if (s.kind == SlotKind::ContainerEnd) {
+        // The element keeps a raw pointer to its container: neither a tombstone nor a
+        // proxy would hold the element or outlive it.
+        if (other && !other->isValidNonProxy())
+            raise<messages::InvalidValue>();
+        if (other && other->getModelImpl() != getModelImpl())
+            raise<messages::CannotChangeModel>();
+        return;
+    }
+    bool const composite = s.property->getIsComposite();
+    if (composite && other && !other->isValid())
+        raise<messages::InvalidValue>();
+    checkCompatibleModel(other, s.property);
+    if (composite && other && other->getModelImpl() != getModelImpl())
+        raise<messages::CannotChangeModel>();
 }
 
 void ReflectiveModelElementImpl::checkPlainValue(meta::Property const &property, Value const &value) {

@@ -8,6 +8,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
 
 #include <gtest/gtest.h>
@@ -104,6 +105,44 @@ TEST_P(LibraryBehaviour, ContainmentMovesAChildBetweenItsContainers) {
     EXPECT_THROW(set(notes, u"appendix", ref(dune)), Error<messages::CircularContainment>);
     EXPECT_THROW(set(dune, u"appendixOf", ref(notes)), Error<messages::CircularContainment>);
     EXPECT_EQ(notes->container(), dune);
+}
+
+TEST_P(LibraryBehaviour, OnlyALiveElementOfTheSameModelBecomesContainerOrChild) {
+    // Models of a constellation, so that a reference between them is allowed and only
+    // containment refuses to cross.
+    ModelConstellation const constellation = ModelConstellation::create();
+    Model const here = Model::create(constellation), there = Model::create(constellation);
+    ModelElement const dune = lib().book->instantiate(here), shelf = lib().shelf->instantiate(here);
+    ModelElement const gone = lib().book->instantiate(here), goneShelf = lib().shelf->instantiate(here);
+    gone->destroy();
+    goneShelf->destroy();
+    ProxyId const id(u"uuid", u"5eed0000-0000-3000-8000-00000000beef", boost::none);
+    ModelElement const proxyShelf = ModelElement::createProxy(here, lib().shelf, id);
+    ModelElement const proxyBook = ModelElement::createProxy(here, lib().book, id);
+    ModelElement const farShelf = lib().shelf->instantiate(there), farBook = lib().book->instantiate(there);
+
+    // The element's end of a composite.
+    EXPECT_THROW(set(dune, u"shelf", ref(goneShelf)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"shelf", ref(proxyShelf)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"shelf", ref(farShelf)), Error<messages::CannotChangeModel>);
+    EXPECT_THROW(set(dune, u"appendixOf", ref(farBook)), Error<messages::CannotChangeModel>);
+    EXPECT_TRUE(dune->isTopLevel());
+
+    // The container's end.
+    EXPECT_THROW(set(shelf, u"featured", ref(gone)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"appendix", ref(gone)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(shelf, u"featured", ref(farBook)), Error<messages::CannotChangeModel>);
+    EXPECT_FALSE(element(shelf, u"featured"));
+    EXPECT_FALSE(element(dune, u"appendix"));
+    EXPECT_TRUE(farBook->isTopLevel());
+    // A proxy child of this model stands for an element the container holds once it
+    // resolves.
+    set(shelf, u"featured", ref(proxyBook));
+    EXPECT_EQ(element(shelf, u"featured"), proxyBook);
+
+    // Both still work with a live element of the model.
+    set(dune, u"shelf", ref(shelf));
+    EXPECT_EQ(element(shelf, u"featured"), dune);
 }
 
 TEST_P(LibraryBehaviour, CollectionsWithOppositesKeepBothEnds) {

@@ -22,6 +22,7 @@ namespace kivra::reflection {
 
 namespace detail {
 class ClassLayout;
+struct PropertySlot;
 } // namespace detail
 
 /// The element of a class known only from its description: it holds one slot per
@@ -94,6 +95,10 @@ private:
     /// Raises `CannotCastIncompatibleTypes` unless `value` fits the single-valued, plain
     /// `property`: its very type, and content when the property is required.
     static void checkPlainValue(meta::Property const &property, Value const &value);
+    /// Raises `InvalidValue` for a destroyed child, or a container that is destroyed or a
+    /// proxy, and `CannotChangeModel` for either in another model; else the model rules
+    /// of `checkCompatibleModel`.
+    void checkElementValue(detail::PropertySlot const &slot, ModelElement const &element) const;
     /// Stores a checked value into a new element, before it is announced.
     void takeStagedValue(meta::Property const &property, Value const &value);
     void *slot(std::uint32_t offset) const noexcept { return slots_.get() + offset; }
