@@ -6,8 +6,10 @@
 #include <ModelSnapshot.hpp>
 
 #include <kivra/ElementId.hpp>
+#include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/ReportData.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
 
@@ -202,6 +204,34 @@ TEST_P(LibraryBehaviour, DestroyTakesTheSubtreeAndTheFarEnds) {
     EXPECT_FALSE(element(frank, u"favourite"));
     EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
     EXPECT_EQ(many(shelf, u"books").genericSize(), 0u);
+}
+
+TEST_P(LibraryBehaviour, AnElementDestroyedInACommittedRevertibleTransactionLetsGoQuietly) {
+    struct Committed : Listener {
+        int count = 0;
+        void transactionCommitted(std::shared_ptr<ReportData> const &) { ++count; }
+    } committed;
+    ModelElement const dune = book(u"Dune"), notes = book(u"Notes");
+    ModelElement const frank = make(lib().author), shelf = make(lib().shelf);
+    many(frank, u"books").genericAdd(dune);
+    many(dune, u"coauthors").genericAdd(frank);
+    many(dune, u"chapters").genericAdd(notes);
+    many(shelf, u"recommended").genericAdd(dune);
+    addListener<ListenerRole::Observer>(model, committed);
+    {
+        // The records let the dead element go when the transaction ends, when no change
+        // may be announced any more.
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        dune->destroy();
+        shelf->destroy();
+        EXPECT_EQ(transaction.commit(), TransactionResult::Committed);
+    }
+    removeListener(model, committed);
+    EXPECT_EQ(committed.count, 1);
+    EXPECT_FALSE(dune);
+    EXPECT_FALSE(notes);
+    EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
+    EXPECT_EQ(many(frank, u"coauthored").genericSize(), 0u);
 }
 
 TEST_P(LibraryBehaviour, ARollBackPutsBackEveryKindOfChange) {
