@@ -94,38 +94,54 @@ ReflectiveModelElementImpl::ReflectiveModelElementImpl(Model const &model, meta:
     if (layout_->blockSize == 0)
         return;
     slots_.reset(new std::byte[layout_->blockSize]);
-    for (PropertySlot const &s : layout_->slots) {
-        void *const at = slot(s.offset);
-        switch (s.kind) {
-        case SlotKind::Plain:
-            if (s.dynamicDefault)
-                new (at) Value(s.property->getType(), boost::uuids::random_generator()());
-            else
-                new (at) Value(layout_->startValues[s.plain]);
-            break;
-        case SlotKind::Reference:
-            new (at) ModelElement();
-            break;
-        case SlotKind::References:
-        case SlotKind::Primitives:
-            // Made on first use: most to-many properties of most elements stay empty.
-            *static_cast<void **>(at) = nullptr;
-            break;
-        case SlotKind::ContainerEnd:
-            break;
+    std::size_t made = 0;
+    try {
+        for (PropertySlot const &s : layout_->slots) {
+            void *const at = slot(s.offset);
+            switch (s.kind) {
+            case SlotKind::Plain:
+                // Owned like every value the slot takes later, so that the one release
+                // in the destructor or on replacement fits each.
+                new (at) Value(registry().convertValueForOwnership(
+                    s.dynamicDefault ? Value(s.property->getType(), boost::uuids::random_generator()())
+                                     : layout_->startValues[s.plain]));
+                break;
+            case SlotKind::Reference:
+                new (at) ModelElement();
+                break;
+            case SlotKind::References:
+            case SlotKind::Primitives:
+                // Made on first use: most to-many properties of most elements stay empty.
+                *static_cast<void **>(at) = nullptr;
+                break;
+            case SlotKind::ContainerEnd:
+                break;
+            }
+            ++made;
         }
+    } catch (...) {
+        destroySlots(made);
+        slots_.reset();
+        throw;
     }
 }
 
 ReflectiveModelElementImpl::~ReflectiveModelElementImpl() {
-    if (!slots_)
-        return;
-    for (PropertySlot const &s : layout_->slots) {
+    if (slots_)
+        destroySlots(layout_->slots.size());
+}
+
+void ReflectiveModelElementImpl::destroySlots(std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; ++i) {
+        PropertySlot const &s = layout_->slots[i];
         void *const at = slot(s.offset);
         switch (s.kind) {
-        case SlotKind::Plain:
-            static_cast<Value *>(at)->~Value();
+        case SlotKind::Plain: {
+            auto *const value = static_cast<Value *>(at);
+            registry().releaseOwnedValue(*value);
+            value->~Value();
             break;
+        }
         case SlotKind::Reference:
             static_cast<ModelElement *>(at)->~ModelElement();
             break;
@@ -369,8 +385,9 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
     switch (s->kind) {
     case SlotKind::Plain: {
         auto &slotValue = *static_cast<Value *>(slot(s->offset));
+        Value owned = registry().convertValueForOwnership(value);
         registry().releaseOwnedValue(slotValue);
-        slotValue = registry().convertValueForOwnership(value);
+        slotValue = std::move(owned);
         break;
     }
     case SlotKind::ContainerEnd: {
@@ -418,8 +435,12 @@ void ReflectiveModelElementImpl::checkPlainValue(meta::Property const &property,
 }
 
 void ReflectiveModelElementImpl::takeStagedValue(meta::Property const &property, Value const &value) {
-    if (PropertySlot const *s = layout_->find(property.get()); s && s->kind == SlotKind::Plain)
-        *static_cast<Value *>(slot(s->offset)) = registry().convertValueForOwnership(value);
+    if (PropertySlot const *s = layout_->find(property.get()); s && s->kind == SlotKind::Plain) {
+        auto &slotValue = *static_cast<Value *>(slot(s->offset));
+        Value owned = registry().convertValueForOwnership(value);
+        registry().releaseOwnedValue(slotValue);
+        slotValue = std::move(owned);
+    }
 }
 
 void ReflectiveModelElementImpl::storeReference(meta::Property const &property, std::uint32_t offset,
@@ -517,7 +538,11 @@ ReflectiveModelElementImpl::ReflectiveStorage::ReflectiveStorage(boost::uuids::u
                                                                  meta::Class const &cls, std::uint64_t n)
     : Storage(uuid, model, cls, n), kept_(std::make_unique<Kept>()) {}
 
-ReflectiveModelElementImpl::ReflectiveStorage::~ReflectiveStorage() = default;
+ReflectiveModelElementImpl::ReflectiveStorage::~ReflectiveStorage() {
+    // The kept values are owned copies, or after a roll-back the element's own, swapped in.
+    for (auto const &[property, value] : kept_->values)
+        registry().releaseOwnedValue(value);
+}
 
 Value ReflectiveModelElementImpl::ReflectiveStorage::getOldValue(meta::Property const &property, Tag const &tag) const {
     meta::Class const &cls = getMetaClass();
@@ -553,9 +578,14 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
     auto &kept = *static_cast<ReflectiveStorage *>(storage)->kept_;
     meta::Property::Impl const *p = property.get();
     switch (s->kind) {
-    case SlotKind::Plain:
-        kept.values.insert_or_assign(p, registry().convertValueForOwnership(*static_cast<Value const *>(slot(s->offset))));
+    case SlotKind::Plain: {
+        Value owned = registry().convertValueForOwnership(*static_cast<Value const *>(slot(s->offset)));
+        if (auto const [at, fresh] = kept.values.try_emplace(p, std::move(owned)); !fresh) {
+            registry().releaseOwnedValue(at->second);
+            at->second = std::move(owned);
+        }
         return;
+    }
     case SlotKind::Primitives: {
         std::unique_ptr<AbstractPrimitiveCollection> copy(instantiatePrimitiveCollection(property, false));
         if (auto const *present = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset)))

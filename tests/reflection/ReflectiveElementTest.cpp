@@ -9,6 +9,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
@@ -44,17 +45,86 @@ public:
         setPropertyIndex(tags, 2);
         tags->setOwningType(stamp);
         tags->setType(registry().getType(u"String"));
+        weight = createProperty(u"weight", ValueFlags::Single, false, nullptr);
+        setPropertyIndex(weight, 3);
+        weight->setOwningType(stamp);
+        weight->setType(registry().getType(u"Integer64"));
+        weight->setDefaultValue(basalt::ustring(u"7"));
         registry().registerType(untyped);
         registry().registerType(stamp);
         finish();
     }
     meta::Class untyped, stamp;
-    meta::Property serial, tags;
+    meta::Property serial, tags, weight;
 };
 
 OddPackage const &oddities() {
     static OddPackage const *const package = new OddPackage();
     return *package;
+}
+
+// Counts the owned forms of the values of one type that are alive: every conversion
+// makes one, every release gives one up, and a release of more than was made is noted.
+class OwnedValueLedger : public meta::ValueOwnershipConverter {
+public:
+    explicit OwnedValueLedger(meta::Type const &type) : type_(type) {
+        registry().registerOwnershipConverter(type_, std::unique_ptr<meta::ValueOwnershipConverter>(this));
+    }
+    ~OwnedValueLedger() override = default;
+    Value convertValueForOwnership(Value const &value) override {
+        ++alive;
+        return value;
+    }
+    void releaseOwnedValue(Value const &) override {
+        if (--alive < 0)
+            ++overReleased;
+    }
+    static meta::MetaRegistry &registry() { return *meta::MetaRegistry::getInstance(); }
+
+    int alive = 0;
+    int overReleased = 0;
+
+private:
+    meta::Type type_;
+};
+
+TEST(ReflectiveElement, OwnedValuesAreReleasedOnceForEachConversion) {
+    meta::Type const type = oddities().weight->getType();
+    // The registry owns the ledger; the test reads it until it unregisters it.
+    auto *const ledger = new OwnedValueLedger(type);
+    Value const heavy(type, std::int64_t(90)), light(type, std::int64_t(1));
+    {
+        Model model = Model::createTransientModel();
+        ModelElement const made = oddities().stamp->instantiate(model);
+        EXPECT_EQ(get(made, u"weight").get<std::int64_t>(), 7);
+        auto builder = oddities().stamp->instantiateBuilder(model);
+        builder->setOrAdd(oddities().weight, heavy);
+        ModelElement const built = builder->create();
+        EXPECT_EQ(get(built, u"weight"), heavy);
+        {
+            Transaction transaction = model->beginTransaction(/*revertible=*/true);
+            set(made, u"weight", light);
+            set(made, u"weight", heavy);
+            set(built, u"weight", light);
+            transaction.rollBack();
+        }
+        EXPECT_EQ(get(made, u"weight").get<std::int64_t>(), 7);
+        EXPECT_EQ(get(built, u"weight"), heavy);
+        {
+            Transaction transaction = model->beginTransaction(/*revertible=*/true);
+            set(made, u"weight", light);
+            built->destroy();
+            transaction.commit();
+        }
+        ModelElement::createProxy(model, oddities().stamp,
+                                  ProxyId(u"uuid", u"5eed0000-0000-3000-8000-00000000f00d", boost::none));
+        EXPECT_EQ(ledger->overReleased, 0);
+        EXPECT_GT(ledger->alive, 0);
+        model->destroy();
+    }
+    EXPECT_EQ(ledger->overReleased, 0);
+    EXPECT_EQ(ledger->alive, 0);
+    OwnedValueLedger::registry().unregisterOwnershipConverter(type);
 }
 
 TEST(ReflectiveElement, IsMadeFromTheDescriptionAlone) {

@@ -101,6 +101,8 @@ private:
     void checkElementValue(detail::PropertySlot const &slot, ModelElement const &element) const;
     /// Stores a checked value into a new element, before it is announced.
     void takeStagedValue(meta::Property const &property, Value const &value);
+    /// Destroys the first `count` slots of the layout, releasing the owned values.
+    void destroySlots(std::size_t count) noexcept;
     void *slot(std::uint32_t offset) const noexcept { return slots_.get() + offset; }
     ReferenceCollection &referenceCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
     AbstractPrimitiveCollection &primitiveCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
