@@ -7,6 +7,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
@@ -111,6 +112,7 @@ ReflectiveModelElementImpl::ReflectiveModelElementImpl(Model const &model, meta:
                 break;
             case SlotKind::References:
             case SlotKind::Primitives:
+            case SlotKind::StringMap:
                 // Made on first use: most to-many properties of most elements stay empty.
                 *static_cast<void **>(at) = nullptr;
                 break;
@@ -151,6 +153,9 @@ void ReflectiveModelElementImpl::destroySlots(std::size_t count) noexcept {
         case SlotKind::Primitives:
             delete *static_cast<AbstractPrimitiveCollection **>(at);
             break;
+        case SlotKind::StringMap:
+            delete *static_cast<StringToStringMap **>(at);
+            break;
         case SlotKind::ContainerEnd:
             break;
         }
@@ -183,6 +188,20 @@ AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(met
         return *present;
     AbstractPrimitiveCollection *made = instantiatePrimitiveCollection(
         meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true);
+    held.store(made, std::memory_order_release);
+    return *made;
+}
+
+StringToStringMap &ReflectiveModelElementImpl::stringMap(meta::Property::Impl const *property,
+                                                         std::uint32_t offset) const {
+    std::atomic_ref<StringToStringMap *> held(*static_cast<StringToStringMap **>(slot(offset)));
+    if (StringToStringMap *present = held.load(std::memory_order_acquire)) [[likely]]
+        return *present;
+    std::lock_guard const lock(firstUseMutex());
+    if (StringToStringMap *present = held.load(std::memory_order_relaxed))
+        return *present;
+    auto *const made = new StringToStringMap(_privateTag(), const_cast<ReflectiveModelElementImpl *>(this),
+                                             const_cast<meta::Property::Impl *>(property));
     held.store(made, std::memory_order_release);
     return *made;
 }
@@ -256,6 +275,10 @@ bool ReflectiveModelElementImpl::hasPropertyValue(meta::Property const &property
         auto const *collection = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset));
         return collection && collection->size() != 0;
     }
+    case SlotKind::StringMap: {
+        auto const *map = *static_cast<StringToStringMap *const *>(slot(s->offset));
+        return map && !map->empty();
+    }
     case SlotKind::Reference:
         return static_cast<ModelElement const *>(slot(s->offset))->get() != nullptr;
     case SlotKind::References: {
@@ -277,6 +300,8 @@ Value ReflectiveModelElementImpl::getPropertyValue(meta::Property const &propert
         return *static_cast<Value const *>(slot(s->offset));
     case SlotKind::Primitives:
         return Value::createPrimitiveCollectionValue(property, primitiveCollection(property.get(), s->offset));
+    case SlotKind::StringMap:
+        return stringMap(property.get(), s->offset).toValue();
     case SlotKind::Reference:
         return Value(property->getType(), *static_cast<ModelElement const *>(slot(s->offset)));
     case SlotKind::References:
@@ -330,6 +355,9 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
         (p->getIsReadOnly() && !p->getIsSetOnce()) || (!p->getIsPublicMutator() && !tag.isPrivileged()))
         return ModelElement::Impl::setPropertyValue(property, value, tag);
     checkModifiable();
+    if (s->kind == SlotKind::StringMap)
+        // The map takes the entries in one change of its own, or none when they are equal.
+        return stringMap(p, s->offset).assign(StringToStringMap::fromValue(value));
 
     bool const ofElements = s->kind == SlotKind::Reference || s->kind == SlotKind::ContainerEnd;
     ModelElement incoming;
@@ -469,7 +497,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
 
 void ReflectiveModelElementImpl::inverseAdd(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::inverseAdd(other, property);
     if (s->kind == SlotKind::References)
         return _basicAdd(referenceCollection(property.get(), s->offset), other);
@@ -488,7 +516,7 @@ void ReflectiveModelElementImpl::inverseAdd(ModelElement const &other, meta::Pro
 
 void ReflectiveModelElementImpl::inverseRemove(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::inverseRemove(other, property);
     if (s->kind == SlotKind::References) {
         if (auto *collection = *static_cast<ReferenceCollection **>(slot(s->offset)))
@@ -510,7 +538,7 @@ void ReflectiveModelElementImpl::inverseRemove(ModelElement const &other, meta::
 
 void ReflectiveModelElementImpl::basicAssociate(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::basicAssociate(other, property);
     if (s->kind == SlotKind::References)
         return _basicAdd(referenceCollection(property.get(), s->offset), other);
@@ -532,6 +560,8 @@ struct ReflectiveModelElementImpl::ReflectiveStorage::Kept {
     absl::flat_hash_map<meta::Property::Impl const *, ModelElement> references;
     absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<ReferenceCollection>> referenceCollections;
     absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<AbstractPrimitiveCollection>> primitiveCollections;
+    /// A free-standing copy, empty for a map that was never made.
+    absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<StringToStringMap>> stringMaps;
 };
 
 ReflectiveModelElementImpl::ReflectiveStorage::ReflectiveStorage(boost::uuids::uuid const &uuid, Model::Impl *model,
@@ -557,6 +587,8 @@ Value ReflectiveModelElementImpl::ReflectiveStorage::getOldValue(meta::Property 
         return Value(property->getType(), found->second);
     if (auto const found = kept_->referenceCollections.find(p); found != kept_->referenceCollections.end())
         return Value::createReflectiveReferenceCollection(property, *found->second);
+    if (auto const found = kept_->stringMaps.find(p); found != kept_->stringMaps.end())
+        return found->second->toValue();
     if (property->getUpper() != 1 || (p->peekOpposite() && p->peekOpposite()->getIsComposite()))
         return Storage::getOldValue(property, tag);
     return Value::createEmptyValue(property);
@@ -593,6 +625,11 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
         kept.primitiveCollections.insert_or_assign(p, std::move(copy));
         return;
     }
+    case SlotKind::StringMap: {
+        auto const *present = *static_cast<StringToStringMap *const *>(slot(s->offset));
+        kept.stringMaps.insert_or_assign(p, present ? present->cloneFreeStanding() : std::make_unique<StringToStringMap>());
+        return;
+    }
     case SlotKind::Reference:
         kept.references.insert_or_assign(p, *static_cast<ModelElement const *>(slot(s->offset)));
         return;
@@ -624,6 +661,10 @@ void ReflectiveModelElementImpl::copyStateFromStorage(Storage *storage) {
         case SlotKind::Primitives:
             if (auto const found = kept.primitiveCollections.find(p); found != kept.primitiveCollections.end())
                 primitiveCollection(p, s.offset).restoreFrom(found->second.get());
+            break;
+        case SlotKind::StringMap:
+            if (auto const found = kept.stringMaps.find(p); found != kept.stringMaps.end())
+                stringMap(p, s.offset).restoreFrom(found->second.get());
             break;
         case SlotKind::Reference:
             if (auto const found = kept.references.find(p); found != kept.references.end())

@@ -10,6 +10,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ReportData.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
 
@@ -204,6 +205,35 @@ TEST_P(LibraryBehaviour, DestroyTakesTheSubtreeAndTheFarEnds) {
     EXPECT_FALSE(element(frank, u"favourite"));
     EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
     EXPECT_EQ(many(shelf, u"books").genericSize(), 0u);
+}
+
+TEST_P(LibraryBehaviour, AMapOfTextsIsTheElementsOwnAndRollsBack) {
+    ModelElement const shelf = make(lib().shelf);
+    meta::Property const labelsProperty = prop(shelf, u"labels");
+    EXPECT_FALSE(shelf->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
+    // The value read is a view of the element's own map: changes through it stay.
+    StringToStringMap &labels = StringToStringMap::fromValue(get(shelf, u"labels"));
+    labels.insert(u"colour", u"red", CollisionResolution::Fail);
+    EXPECT_TRUE(shelf->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
+    EXPECT_EQ(&StringToStringMap::fromValue(get(shelf, u"labels")), &labels);
+
+    // A write takes the entries of another map.
+    StringToStringMap given;
+    given.insert(u"size", u"large", CollisionResolution::Fail);
+    set(shelf, u"labels", given.toValue());
+    EXPECT_EQ(labels.toSTLCollection(), given.toSTLCollection());
+    EXPECT_THROW(set(shelf, u"labels", text(u"size")), Error<messages::CannotCastIncompatibleTypes>);
+
+    ModelElement const bare = make(lib().shelf);
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        labels.insert(u"colour", u"blue", CollisionResolution::Fail);
+        labels.erase(u"size");
+        set(bare, u"labels", given.toValue());
+        transaction.rollBack();
+    }
+    EXPECT_EQ(labels.toSTLCollection(), given.toSTLCollection());
+    EXPECT_FALSE(bare->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
 }
 
 TEST_P(LibraryBehaviour, AnElementDestroyedInACommittedRevertibleTransactionLetsGoQuietly) {

@@ -15,6 +15,7 @@
 namespace kivra {
 class AbstractPrimitiveCollection;
 class ReferenceCollection;
+class StringToStringMap;
 class Value;
 } // namespace kivra
 
@@ -106,6 +107,7 @@ private:
     void *slot(std::uint32_t offset) const noexcept { return slots_.get() + offset; }
     ReferenceCollection &referenceCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
     AbstractPrimitiveCollection &primitiveCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
+    StringToStringMap &stringMap(meta::Property::Impl const *property, std::uint32_t offset) const;
     void storeReference(meta::Property const &property, std::uint32_t offset, ModelElement const &element);
 
     meta::Class metaClass_;
