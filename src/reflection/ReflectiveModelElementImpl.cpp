@@ -1,6 +1,7 @@
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include "reflection/ClassLayout.hpp"
+#include "reflection/ReflectiveEnumCollections.hpp"
 
 #include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/ElementId.hpp>
@@ -255,9 +256,12 @@ AbstractPrimitiveCollection *ReflectiveModelElementImpl::instantiatePrimitiveCol
                                          : ModelElement();
     auto *const collection = dynamic_cast<AbstractPrimitiveCollection *>(
         registry().instantiateDynamicCollection(owner, property));
-    if (!collection)
-        raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
-    return collection;
+    if (collection)
+        return collection;
+    // An enumeration described at run time has no collection of its own.
+    if (internal::isEnumType(property->getType()))
+        return detail::makeEnumCollection(owner.get(), property).release();
+    raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
 }
 
 // --- Reflective access ---------------------------------------------------------------------

@@ -9,6 +9,8 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
@@ -50,12 +52,27 @@ public:
         weight->setOwningType(stamp);
         weight->setType(registry().getType(u"Integer64"));
         weight->setDefaultValue(basalt::ustring(u"7"));
+        colour = createEnum(u"Colour", nullptr);
+        colour->setOwningPackage(package);
+        colour->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
+        int number = 0;
+        for (char16_t const *name : {u"red", u"green", u"blue"})
+            createEnumLiteral(name, number++, nullptr)->setParentEnum(colour);
+        shades = createProperty(u"shades", ValueFlags::Sequence, false, nullptr);
+        hues = createProperty(u"hues", ValueFlags::HashSet, false, nullptr);
+        for (meta::Property const *many : {&shades, &hues}) {
+            setPropertyIndex(*many, many == &shades ? 4 : 5);
+            (*many)->setOwningType(stamp);
+            (*many)->setType(colour);
+        }
         registry().registerType(untyped);
         registry().registerType(stamp);
+        registry().registerType(colour);
         finish();
     }
     meta::Class untyped, stamp;
-    meta::Property serial, tags, weight;
+    meta::Property serial, tags, weight, shades, hues;
+    meta::Enum colour;
 };
 
 OddPackage const &oddities() {
@@ -246,6 +263,42 @@ TEST(ReflectiveElement, ValuesOfManyKeepTheirEntriesAcrossARollBack) {
         transaction.rollBack();
     }
     EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"red")});
+}
+
+TEST(ReflectiveElement, ValuesOfManyOfAnEnumerationKeepTheirLiterals) {
+    Model model = Model::createTransientModel();
+    ModelElement const stamp = oddities().stamp->instantiate(model);
+    auto collection = [&](meta::Property const &property) -> AbstractPrimitiveCollection & {
+        Value const value = stamp->getPropertyValue(property, Access::PUBLIC_ACCESS);
+        return *static_cast<AbstractPrimitiveCollection *>(const_cast<void *>(value.getPayload()));
+    };
+    meta::Enum const &colour = oddities().colour;
+    auto literal = [&](std::uint64_t number) { return Value(colour, number); };
+    AbstractPrimitiveCollection &shades = collection(oddities().shades);
+    AbstractPrimitiveCollection &hues = collection(oddities().hues);
+    EXPECT_EQ(shades.getCollectionType(), meta::Type(colour));
+    shades.genericAdd(literal(2));
+    shades.genericAdd(literal(0));
+    shades.genericAdd(literal(2));
+    hues.genericAdd(literal(1));
+    hues.genericAdd(literal(1));
+    EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
+    EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
+    EXPECT_THROW(shades.genericAdd(text(u"red")), Error<messages::CannotCastIncompatibleTypes>);
+    auto &indexed = *static_cast<GenericPrimitiveSequenceInterface *>(shades.getGenericInterface());
+    EXPECT_EQ(indexed.genericIndexOf(literal(0)), 1);
+    EXPECT_THROW(indexed.genericAt(3), Error<messages::InvalidValue>);
+    EXPECT_TRUE(stamp->hasPropertyValue(oddities().shades, Access::PUBLIC_ACCESS));
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        shades.genericRemove(literal(2));
+        indexed.genericInsert(literal(1), 0);
+        hues.genericRemove(literal(1));
+        hues.genericAdd(literal(2));
+        transaction.rollBack();
+    }
+    EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
+    EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
 }
 
 } // namespace
