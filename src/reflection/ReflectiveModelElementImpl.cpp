@@ -51,6 +51,12 @@ ReferenceCollection *referenceCollectionIn(Value const &value) {
 
 meta::MetaRegistry &registry() { return *meta::MetaRegistry::getInstance(); }
 
+// A collection slot as it stands: null until first use. Readers of a frozen model may
+// make it on another thread at the same time, through the same atomic access.
+template <class T> T *madeIn(void *slot) {
+    return std::atomic_ref<T *>(*static_cast<T **>(slot)).load(std::memory_order_acquire);
+}
+
 // Guards the first use of a collection slot, which a reader may make.
 std::mutex &firstUseMutex() {
     static std::mutex mutex;
@@ -276,17 +282,17 @@ bool ReflectiveModelElementImpl::hasPropertyValue(meta::Property const &property
     case SlotKind::Plain:
         return property->getLower() > 0 || *static_cast<Value const *>(slot(s->offset)) != layout_->emptyValues[s->plain];
     case SlotKind::Primitives: {
-        auto const *collection = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset));
+        auto const *collection = madeIn<AbstractPrimitiveCollection>(slot(s->offset));
         return collection && collection->size() != 0;
     }
     case SlotKind::StringMap: {
-        auto const *map = *static_cast<StringToStringMap *const *>(slot(s->offset));
+        auto const *map = madeIn<StringToStringMap>(slot(s->offset));
         return map && !map->empty();
     }
     case SlotKind::Reference:
         return static_cast<ModelElement const *>(slot(s->offset))->get() != nullptr;
     case SlotKind::References: {
-        auto const *collection = *static_cast<ReferenceCollection *const *>(slot(s->offset));
+        auto const *collection = madeIn<ReferenceCollection>(slot(s->offset));
         return collection && collection->getGenericInterface() && !collection->getGenericInterface()->genericEmpty();
     }
     }
@@ -475,6 +481,11 @@ void ReflectiveModelElementImpl::takeStagedValue(meta::Property const &property,
     }
 }
 
+bool ReflectiveModelElementImpl::isHeldHereBy(ModelElement::Impl const &child, meta::Property const &feature) const {
+    // A child that moved to another composite of this element is held there now.
+    return child.containerImpl() == this && child.containmentFeatureImpl() == feature.get();
+}
+
 void ReflectiveModelElementImpl::storeReference(meta::Property const &property, std::uint32_t offset,
                                                 ModelElement const &element) {
     auto &held = *static_cast<ModelElement *>(slot(offset));
@@ -484,7 +495,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
         _inverseRemoveThis(old.get(), opposite);
     if (!element) {
         // A composite without opposite lets its old child go to the top level.
-        if (old && property->getIsComposite() && !opposite && old->containerImpl() == this)
+        if (old && property->getIsComposite() && !opposite && isHeldHereBy(*old.get(), property))
             _basicSetUncontained(old.get());
         return;
     }
@@ -492,7 +503,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
         _inverseAddThis(element.get(), opposite, /*force=*/true);
     } else if (property->getIsComposite()) {
         _setContainedByThis(element.get(), property);
-        if (old && old != element && old->containerImpl() == this)
+        if (old && old != element && isHeldHereBy(*old.get(), property))
             _basicSetUncontained(old.get());
     }
 }
@@ -774,6 +785,9 @@ void ReflectiveModelElementImpl::convertReferencesToProxies(bool multiModel, boo
 namespace kivra {
 
 ModelElement ModelElement::createReflective(Model const &model, meta::Class const &cls, boost::uuids::uuid const &uuid) {
+    // As a builder refuses to create an instance of an abstract class.
+    if (cls && cls->getIsAbstract())
+        raise<messages::NoSuchOperation>(u"create", cls->getQualifiedName());
     ModelElement element = fromImpl(new (model) reflection::ReflectiveModelElementImpl(model, cls, uuid));
     element->notifyCreated();
     return element;

@@ -13,11 +13,18 @@
 #include <kivra/meta/EnumLiteral.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
+#include <kivra/reflection/ReflectiveBuilder.hpp>
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include <boost/optional/optional.hpp>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <latch>
+#include <thread>
+#include <vector>
 
 namespace kivra::test {
 namespace {
@@ -52,6 +59,13 @@ public:
         weight->setOwningType(stamp);
         weight->setType(registry().getType(u"Integer64"));
         weight->setDefaultValue(basalt::ustring(u"7"));
+        meta::Property const rank = createProperty(u"rank", ValueFlags::Optional, false, nullptr);
+        setPropertyIndex(rank, 6);
+        rank->setOwningType(stamp);
+        rank->setType(registry().getType(u"Integer64"));
+        mark = createClass(u"Mark", "", /*isAbstract=*/true, nullptr);
+        mark->setOwningPackage(package);
+        mark->setSuperclass(ModelElement::metaClass());
         colour = createEnum(u"Colour", nullptr);
         colour->setOwningPackage(package);
         colour->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
@@ -68,9 +82,10 @@ public:
         registry().registerType(untyped);
         registry().registerType(stamp);
         registry().registerType(colour);
+        registry().registerType(mark);
         finish();
     }
-    meta::Class untyped, stamp;
+    meta::Class untyped, stamp, mark;
     meta::Property serial, tags, weight, shades, hues;
     meta::Enum colour;
 };
@@ -89,6 +104,8 @@ public:
     }
     ~OwnedValueLedger() override = default;
     Value convertValueForOwnership(Value const &value) override {
+        if (conversionsLeft-- == 0)
+            throw std::runtime_error("no room for the value");
         ++alive;
         return value;
     }
@@ -100,6 +117,8 @@ public:
 
     int alive = 0;
     int overReleased = 0;
+    /// The conversions that succeed before one fails; negative: all do.
+    int conversionsLeft = -1;
 
 private:
     meta::Type type_;
@@ -142,6 +161,26 @@ TEST(ReflectiveElement, OwnedValuesAreReleasedOnceForEachConversion) {
     EXPECT_EQ(ledger->overReleased, 0);
     EXPECT_EQ(ledger->alive, 0);
     OwnedValueLedger::registry().unregisterOwnershipConverter(type);
+}
+
+TEST(ReflectiveElement, AFailedCreationLeavesNothingBehind) {
+    Model model = Model::createTransientModel();
+    meta::Type const type = oddities().weight->getType();
+    auto *const ledger = new OwnedValueLedger(type);
+    // The second of the two values of this type fails: the first must go again.
+    ledger->conversionsLeft = 1;
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().stamp, {}), std::runtime_error);
+    EXPECT_EQ(ledger->alive, 0);
+    EXPECT_EQ(ledger->overReleased, 0);
+    OwnedValueLedger::registry().unregisterOwnershipConverter(type);
+    EXPECT_TRUE(model->getAllElements().empty());
+
+    ModelElement const made = oddities().stamp->instantiate(model);
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().stamp, made->getUuid()),
+                 Error<messages::UUIDConflict>);
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().mark, {}), Error<messages::NoSuchOperation>);
+    EXPECT_THROW(reflection::ReflectiveBuilder(model, oddities().mark).create(), Error<messages::NoSuchOperation>);
+    EXPECT_EQ(model->getAllElements(), std::vector<ModelElement>{made});
 }
 
 TEST(ReflectiveElement, IsMadeFromTheDescriptionAlone) {
@@ -299,6 +338,36 @@ TEST(ReflectiveElement, ValuesOfManyOfAnEnumerationKeepTheirLiterals) {
     }
     EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
     EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
+}
+
+// Readers of a frozen model on several threads, each asking whether a collection has
+// entries while another makes it on first read. Run under ThreadSanitizer, a plain
+// access to the slot on either side shows up as a data race.
+TEST(ReflectiveElement, FrozenElementsServeConcurrentReaders) {
+    Model model = Model::createTransientModel();
+    std::vector<ModelElement> shelves;
+    for (int i = 0; i < 300; ++i)
+        shelves.push_back(runtimeLibrary().shelf->instantiate(model));
+    meta::Property const books = prop(shelves.front(), u"books"), labels = prop(shelves.front(), u"labels");
+    auto const freezer = model->freeze();
+    constexpr int threads = 4;
+    std::atomic<int> found{0};
+    std::latch start(threads);
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (ModelElement const &shelf : shelves)
+                for (meta::Property const *property : {&books, &labels}) {
+                    // Half the threads make the collections, half only look.
+                    if (t % 2)
+                        found += shelf->getPropertyValue(*property, Access::PUBLIC_ACCESS).hasPayload() ? 0 : 1;
+                    found += shelf->hasPropertyValue(*property, Access::PUBLIC_ACCESS) ? 1 : 0;
+                }
+        });
+    for (std::thread &thread : pool)
+        thread.join();
+    EXPECT_EQ(found.load(), 0);
 }
 
 } // namespace

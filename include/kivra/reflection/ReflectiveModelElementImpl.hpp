@@ -108,6 +108,7 @@ private:
     ReferenceCollection &referenceCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
     AbstractPrimitiveCollection &primitiveCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
     StringToStringMap &stringMap(meta::Property::Impl const *property, std::uint32_t offset) const;
+    bool isHeldHereBy(ModelElement::Impl const &child, meta::Property const &feature) const;
     void storeReference(meta::Property const &property, std::uint32_t offset, ModelElement const &element);
 
     meta::Class metaClass_;
