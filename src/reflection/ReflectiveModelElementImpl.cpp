@@ -71,17 +71,17 @@ template <class K> K readKey(ModelElement::Impl const &entry, meta::Property con
 }
 
 template <class K>
-ReferenceCollection *makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner, meta::Class const &cls,
+std::unique_ptr<ReferenceCollection> makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner, meta::Class const &cls,
                                meta::Property::Impl *property, meta::Property::Impl *opposite,
                                meta::Property const &qualifier) {
     auto key = [qualifier](ModelElement::Impl const &entry) { return readKey<K>(entry, qualifier); };
     if (unique && hashed)
-        return new ReflectiveUnorderedElementMap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveUnorderedElementMap<K>>(key, owner, cls, property, opposite);
     if (unique)
-        return new ReflectiveElementMap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveElementMap<K>>(key, owner, cls, property, opposite);
     if (hashed)
-        return new ReflectiveUnorderedElementMultimap<K>(key, owner, cls, property, opposite);
-    return new ReflectiveElementMultimap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveUnorderedElementMultimap<K>>(key, owner, cls, property, opposite);
+    return std::make_unique<ReflectiveElementMultimap<K>>(key, owner, cls, property, opposite);
 }
 
 } // namespace
@@ -178,11 +178,11 @@ ReferenceCollection &ReflectiveModelElementImpl::referenceCollection(meta::Prope
     std::lock_guard const lock(firstUseMutex());
     if (ReferenceCollection *present = held.load(std::memory_order_relaxed))
         return *present;
-    ReferenceCollection *made = instantiateCollection(
+    std::unique_ptr<ReferenceCollection> made = instantiateCollection(
         meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true, /*hashed=*/false);
     const_cast<ReflectiveModelElementImpl *>(this)->_loadCollectionContents(*made);
-    held.store(made, std::memory_order_release);
-    return *made;
+    held.store(made.get(), std::memory_order_release);
+    return *made.release();
 }
 
 AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(meta::Property::Impl const *property,
@@ -193,10 +193,10 @@ AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(met
     std::lock_guard const lock(firstUseMutex());
     if (AbstractPrimitiveCollection *present = held.load(std::memory_order_relaxed))
         return *present;
-    AbstractPrimitiveCollection *made = instantiatePrimitiveCollection(
+    std::unique_ptr<AbstractPrimitiveCollection> made = instantiatePrimitiveCollection(
         meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true);
-    held.store(made, std::memory_order_release);
-    return *made;
+    held.store(made.get(), std::memory_order_release);
+    return *made.release();
 }
 
 StringToStringMap &ReflectiveModelElementImpl::stringMap(meta::Property::Impl const *property,
@@ -213,8 +213,8 @@ StringToStringMap &ReflectiveModelElementImpl::stringMap(meta::Property::Impl co
     return *made;
 }
 
-ReferenceCollection *ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property, bool withOwner,
-                                                                      bool hashed) const {
+std::unique_ptr<ReferenceCollection>
+ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property, bool withOwner, bool hashed) const {
     auto *const owner = withOwner ? const_cast<ReflectiveModelElementImpl *>(this) : nullptr;
     meta::Class const cls = meta::Class::fromImpl(dynamic_cast<meta::Class::Impl *>(property->getType().get()));
     meta::Property::Impl *const p = property.get();
@@ -252,21 +252,22 @@ ReferenceCollection *ReflectiveModelElementImpl::instantiateCollection(meta::Pro
         raise<messages::UnsupportedQualification>(qualifiedNameOf(keyType));
     }
     if (p->getIsOrdered())
-        return new ReflectiveElementSequence(owner, cls, p->getIsUnique(), p, opposite);
-    return new ReflectiveUnorderedElementSet(owner, cls, p, opposite);
+        return std::make_unique<ReflectiveElementSequence>(owner, cls, p->getIsUnique(), p, opposite);
+    return std::make_unique<ReflectiveUnorderedElementSet>(owner, cls, p, opposite);
 }
 
-AbstractPrimitiveCollection *ReflectiveModelElementImpl::instantiatePrimitiveCollection(meta::Property const &property,
-                                                                                       bool withOwner) const {
+std::unique_ptr<AbstractPrimitiveCollection>
+ReflectiveModelElementImpl::instantiatePrimitiveCollection(meta::Property const &property, bool withOwner) const {
     ModelElement const owner = withOwner ? ModelElement::fromImpl(const_cast<ReflectiveModelElementImpl *>(this))
                                          : ModelElement();
-    auto *const collection = dynamic_cast<AbstractPrimitiveCollection *>(
-        registry().instantiateDynamicCollection(owner, property));
-    if (collection)
-        return collection;
+    std::unique_ptr<AbstractOwnedCollection> made(registry().instantiateDynamicCollection(owner, property));
+    if (auto *const collection = dynamic_cast<AbstractPrimitiveCollection *>(made.get())) {
+        made.release();
+        return std::unique_ptr<AbstractPrimitiveCollection>(collection);
+    }
     // An enumeration described at run time has no collection of its own.
     if (internal::isEnumType(property->getType()))
-        return detail::makeEnumCollection(owner.get(), property).release();
+        return detail::makeEnumCollection(owner.get(), property);
     raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
 }
 
@@ -634,7 +635,7 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
         return;
     }
     case SlotKind::Primitives: {
-        std::unique_ptr<AbstractPrimitiveCollection> copy(instantiatePrimitiveCollection(property, false));
+        std::unique_ptr<AbstractPrimitiveCollection> copy = instantiatePrimitiveCollection(property, false);
         if (auto const *present = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset)))
             copy->restoreFrom(present);
         kept.primitiveCollections.insert_or_assign(p, std::move(copy));
@@ -649,7 +650,7 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
         kept.references.insert_or_assign(p, *static_cast<ModelElement const *>(slot(s->offset)));
         return;
     case SlotKind::References: {
-        std::unique_ptr<ReferenceCollection> copy(instantiateCollection(property, false, false));
+        std::unique_ptr<ReferenceCollection> copy = instantiateCollection(property, false, false);
         if (auto const *present = *static_cast<ReferenceCollection *const *>(slot(s->offset)))
             _basicCopyValues(*copy, *present);
         kept.referenceCollections.insert_or_assign(p, std::move(copy));

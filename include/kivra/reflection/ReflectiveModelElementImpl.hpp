@@ -69,10 +69,12 @@ public:
 
     /// A new element collection for the to-many, element-typed `property`, owned by this
     /// element when `withOwner`, else free-standing; `hashed` picks the hashed key forms.
-    ReferenceCollection *instantiateCollection(meta::Property const &property, bool withOwner, bool hashed) const;
+    std::unique_ptr<ReferenceCollection> instantiateCollection(meta::Property const &property, bool withOwner,
+                                                               bool hashed) const;
     /// A new collection for the to-many `property` of another type, owned by this element
     /// when `withOwner`. Raises `CannotInstantiateCollection` when its type makes none.
-    AbstractPrimitiveCollection *instantiatePrimitiveCollection(meta::Property const &property, bool withOwner) const;
+    std::unique_ptr<AbstractPrimitiveCollection> instantiatePrimitiveCollection(meta::Property const &property,
+                                                                                bool withOwner) const;
 
     /// A proxy of an element of `cls`, named by `proxyId`.
     static ModelElement createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId);
