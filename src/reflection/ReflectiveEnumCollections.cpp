@@ -66,7 +66,7 @@ protected:
     C container_;
 };
 
-class EnumSequence final : public EnumCollection<std::vector<std::uint64_t>>, GenericPrimitiveSequenceInterface {
+class EnumSequence final : public EnumCollection<std::vector<std::uint64_t>>, public GenericPrimitiveSequenceInterface {
 public:
     using EnumCollection::EnumCollection;
 

@@ -71,9 +71,9 @@ template <class K> K readKey(ModelElement::Impl const &entry, meta::Property con
 }
 
 template <class K>
-std::unique_ptr<ReferenceCollection> makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner, meta::Class const &cls,
-                               meta::Property::Impl *property, meta::Property::Impl *opposite,
-                               meta::Property const &qualifier) {
+std::unique_ptr<ReferenceCollection> makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner,
+                                               meta::Class const &cls, meta::Property::Impl *property,
+                                               meta::Property::Impl *opposite, meta::Property const &qualifier) {
     auto key = [qualifier](ModelElement::Impl const &entry) { return readKey<K>(entry, qualifier); };
     if (unique && hashed)
         return std::make_unique<ReflectiveUnorderedElementMap<K>>(key, owner, cls, property, opposite);
@@ -643,7 +643,8 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
     }
     case SlotKind::StringMap: {
         auto const *present = *static_cast<StringToStringMap *const *>(slot(s->offset));
-        kept.stringMaps.insert_or_assign(p, present ? present->cloneFreeStanding() : std::make_unique<StringToStringMap>());
+        kept.stringMaps.insert_or_assign(p, present ? present->cloneFreeStanding()
+                                                    : std::make_unique<StringToStringMap>());
         return;
     }
     case SlotKind::Reference:
