@@ -61,6 +61,9 @@ struct MetaRegistry::Tables {
     std::map<basalt::ustring, Package> familyPackages;
     /// Shared, so that a converter can be called with the lock released.
     TypeMap<std::shared_ptr<ValueOwnershipConverter>> ownershipConverters;
+    /// Whether any converter is registered: most processes have none, and then a value
+    /// is owned as it is without taking the lock.
+    std::atomic<bool> anyOwnershipConverter{false};
     TypeMap<std::pair<std::string, std::string>> typeNames;
     std::unordered_multimap<std::string, PrimitiveType, services::hashers::KivraHasher<std::string>> typeidNames;
     NameMap<Endpoint> endpoints;
@@ -491,11 +494,13 @@ void MetaRegistry::unregisterRootPackage(basalt::ustring const &uri) {
 void MetaRegistry::registerOwnershipConverter(Type const &type, std::unique_ptr<ValueOwnershipConverter> converter) {
     Lock lock(mutex_);
     tables_->ownershipConverters.insert_or_assign(type, std::shared_ptr<ValueOwnershipConverter>(std::move(converter)));
+    tables_->anyOwnershipConverter.store(true, std::memory_order_release);
 }
 
 void MetaRegistry::unregisterOwnershipConverter(Type const &type) {
     Lock lock(mutex_);
     tables_->ownershipConverters.erase(type);
+    tables_->anyOwnershipConverter.store(!tables_->ownershipConverters.empty(), std::memory_order_release);
 }
 
 namespace {
@@ -511,12 +516,16 @@ std::shared_ptr<ValueOwnershipConverter> converterOf(std::recursive_mutex &mutex
 Value MetaRegistry::convertValueForOwnership(Value const &value) {
     // Converters are called with the lock released; the shared pointer keeps one alive
     // against a concurrent unregistering.
+    if (!tables_->anyOwnershipConverter.load(std::memory_order_acquire))
+        return value;
     if (auto const converter = converterOf(mutex_, *tables_, value.getType()))
         return converter->convertValueForOwnership(value);
     return value;
 }
 
 void MetaRegistry::releaseOwnedValue(Value const &value) {
+    if (!tables_->anyOwnershipConverter.load(std::memory_order_acquire))
+        return;
     if (auto const converter = converterOf(mutex_, *tables_, value.getType()))
         converter->releaseOwnedValue(value);
 }

@@ -79,7 +79,10 @@ ClassLayout::ClassLayout(meta::Class const &start) : cls(start) {
             PropertySlot slot{property, p.peekOpposite(), SlotKind::Plain, 0, 0, false};
             std::size_t size = sizeof(void *);
             std::size_t alignment = alignof(void *);
-            if (!isClassType(type)) {
+            if (type == meta::Type(meta::StandardTypes::stringToStringMapMeta)) {
+                // The map is the value, whatever the upper bound says.
+                slot.kind = SlotKind::StringMap;
+            } else if (!isClassType(type)) {
                 if (p.getUpper() != 1) {
                     slot.kind = SlotKind::Primitives;
                 } else {

@@ -14,9 +14,15 @@
 namespace kivra::reflection::detail {
 
 /// What a slot holds: a plain `Value`, one element handle, an owned element collection,
-/// an owned collection of other values (both made on first use), or nothing at all for
-/// the element's end of a composite, which is its container link.
-enum class SlotKind : std::uint8_t { Plain, Reference, References, Primitives, ContainerEnd };
+/// an owned collection of other values, an owned map of texts (the three made on first
+/// use), or nothing at all for the element's end of a composite, which is its container
+/// link.
+enum class SlotKind : std::uint8_t { Plain, Reference, References, Primitives, StringMap, ContainerEnd };
+
+/// Whether the slot's property takes part in associations, whose protocol it serves.
+constexpr bool holdsElements(SlotKind kind) noexcept {
+    return kind == SlotKind::Reference || kind == SlotKind::References || kind == SlotKind::ContainerEnd;
+}
 
 struct PropertySlot {
     meta::Property property;

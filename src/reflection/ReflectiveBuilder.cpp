@@ -49,7 +49,8 @@ void stage(std::vector<std::pair<meta::Property, T>> &staged, meta::Property con
 
 std::uint64_t ReflectiveBuilder::doSetOrAdd(meta::Property const &property, Value const &value) {
     PropertySlot const *s = property ? ClassLayout::of(metaClass_).find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::ContainerEnd)
+    // A map of texts is filled on the element, as generated builders have no stage for it.
+    if (!s || s->kind == SlotKind::ContainerEnd || s->kind == SlotKind::StringMap)
         return notOwn;
     if (s->kind == SlotKind::Plain) {
         ReflectiveModelElementImpl::checkPlainValue(property, value);

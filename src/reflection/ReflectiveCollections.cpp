@@ -6,7 +6,9 @@
 
 namespace kivra::reflection {
 
-void detail::checkReflectiveEntry(ModelElement const &element, meta::Class const &entryClass) {
+namespace {
+
+void checkEntryOf(ModelElement const &element, meta::Class const &entryClass) {
     // A proxy's class is not known until it resolves; it is tested then.
     if (!element.get() || element->isProxy() || !entryClass)
         return;
@@ -16,8 +18,6 @@ void detail::checkReflectiveEntry(ModelElement const &element, meta::Class const
                                                     entryClass->getQualifiedName());
 }
 
-namespace {
-
 // The generic views of the base collections test entries against the root class only;
 // these put the run-time class first and leave the rest to the base's view.
 template <class Interface> class CheckingBase : public Interface {
@@ -26,11 +26,11 @@ public:
     std::size_t genericSize() const override { return inner_.genericSize(); }
     bool genericEmpty() const override { return inner_.genericEmpty(); }
     void genericAdd(ModelElement const &element) override {
-        detail::checkReflectiveEntry(element, cls_);
+        checkEntryOf(element, cls_);
         inner_.genericAdd(element);
     }
     void genericEnsureAt(ModelElement const &element, std::size_t index) override {
-        detail::checkReflectiveEntry(element, cls_);
+        checkEntryOf(element, cls_);
         inner_.genericEnsureAt(element, index);
     }
     void genericRemove(ModelElement const &element) override { inner_.genericRemove(element); }
@@ -45,16 +45,22 @@ protected:
 
 } // namespace
 
+ReflectiveEntryClass::ReflectiveEntryClass(meta::Class const &cls) : entryClass_(cls) {}
+
+ReflectiveEntryClass::~ReflectiveEntryClass() = default;
+
+void ReflectiveEntryClass::checkEntry(ModelElement const &element) const { checkEntryOf(element, entryClass_); }
+
 class ReflectiveElementSequence::CheckingView final : public CheckingBase<GenericSequenceInterface> {
 public:
     using CheckingBase::CheckingBase;
     ModelElement genericAt(std::size_t index) override { return inner_.genericAt(index); }
     void genericInsert(ModelElement const &element, std::size_t index) override {
-        detail::checkReflectiveEntry(element, cls_);
+        checkEntryOf(element, cls_);
         inner_.genericInsert(element, index);
     }
     void genericReplace(ModelElement const &element, std::size_t index) override {
-        detail::checkReflectiveEntry(element, cls_);
+        checkEntryOf(element, cls_);
         inner_.genericReplace(element, index);
     }
     void genericRemoveAt(std::size_t index) override { inner_.genericRemoveAt(index); }
@@ -63,21 +69,21 @@ public:
 
 ReflectiveElementSequence::ReflectiveElementSequence(ModelElement::Impl *owner, meta::Class const &cls, bool unique,
                                                      meta::Property::Impl *property, meta::Property::Impl *opposite)
-    : ElementSequenceBase(owner, unique, property, opposite, &ModelElement::metaClass), entryClass_(cls),
+    : ElementSequenceBase(owner, unique, property, opposite, &ModelElement::metaClass), ReflectiveEntryClass(cls),
       checking_(std::make_unique<CheckingView>(static_cast<GenericSequenceInterface &>(*genericInterface_),
-                                               entryClass_)) {
+                                               getEntryClass())) {
     genericInterface_ = checking_.get();
 }
 
 ReflectiveElementSequence::~ReflectiveElementSequence() = default;
 
 void ReflectiveElementSequence::basicAdd(ModelElement const &element) {
-    detail::checkReflectiveEntry(element, entryClass_);
+    checkEntry(element);
     ElementSequenceBase::basicAdd(element);
 }
 
 void ReflectiveElementSequence::replaceElement(std::size_t index, ModelElement const &element) {
-    detail::checkReflectiveEntry(element, entryClass_);
+    checkEntry(element);
     ElementSequenceBase::replaceElement(index, element);
 }
 
@@ -89,15 +95,15 @@ public:
 ReflectiveUnorderedElementSet::ReflectiveUnorderedElementSet(ModelElement::Impl *owner, meta::Class const &cls,
                                                              meta::Property::Impl *property,
                                                              meta::Property::Impl *opposite)
-    : ElementSetBase(owner, property, opposite, &ModelElement::metaClass), entryClass_(cls),
-      checking_(std::make_unique<CheckingView>(*genericInterface_, entryClass_)) {
+    : ElementSetBase(owner, property, opposite, &ModelElement::metaClass), ReflectiveEntryClass(cls),
+      checking_(std::make_unique<CheckingView>(*genericInterface_, getEntryClass())) {
     genericInterface_ = checking_.get();
 }
 
 ReflectiveUnorderedElementSet::~ReflectiveUnorderedElementSet() = default;
 
 void ReflectiveUnorderedElementSet::basicAdd(ModelElement const &element) {
-    detail::checkReflectiveEntry(element, entryClass_);
+    checkEntry(element);
     ElementSetBase::basicAdd(element);
 }
 

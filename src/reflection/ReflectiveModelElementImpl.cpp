@@ -1,12 +1,14 @@
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include "reflection/ClassLayout.hpp"
+#include "reflection/ReflectiveEnumCollections.hpp"
 
 #include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
@@ -49,6 +51,12 @@ ReferenceCollection *referenceCollectionIn(Value const &value) {
 
 meta::MetaRegistry &registry() { return *meta::MetaRegistry::getInstance(); }
 
+// A collection slot as it stands: null until first use. Readers of a frozen model may
+// make it on another thread at the same time, through the same atomic access.
+template <class T> T *madeIn(void *slot) {
+    return std::atomic_ref<T *>(*static_cast<T **>(slot)).load(std::memory_order_acquire);
+}
+
 // Guards the first use of a collection slot, which a reader may make.
 std::mutex &firstUseMutex() {
     static std::mutex mutex;
@@ -63,17 +71,17 @@ template <class K> K readKey(ModelElement::Impl const &entry, meta::Property con
 }
 
 template <class K>
-ReferenceCollection *makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner, meta::Class const &cls,
-                               meta::Property::Impl *property, meta::Property::Impl *opposite,
-                               meta::Property const &qualifier) {
+std::unique_ptr<ReferenceCollection> makeKeyed(bool unique, bool hashed, ModelElement::Impl *owner,
+                                               meta::Class const &cls, meta::Property::Impl *property,
+                                               meta::Property::Impl *opposite, meta::Property const &qualifier) {
     auto key = [qualifier](ModelElement::Impl const &entry) { return readKey<K>(entry, qualifier); };
     if (unique && hashed)
-        return new ReflectiveUnorderedElementMap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveUnorderedElementMap<K>>(key, owner, cls, property, opposite);
     if (unique)
-        return new ReflectiveElementMap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveElementMap<K>>(key, owner, cls, property, opposite);
     if (hashed)
-        return new ReflectiveUnorderedElementMultimap<K>(key, owner, cls, property, opposite);
-    return new ReflectiveElementMultimap<K>(key, owner, cls, property, opposite);
+        return std::make_unique<ReflectiveUnorderedElementMultimap<K>>(key, owner, cls, property, opposite);
+    return std::make_unique<ReflectiveElementMultimap<K>>(key, owner, cls, property, opposite);
 }
 
 } // namespace
@@ -94,38 +102,55 @@ ReflectiveModelElementImpl::ReflectiveModelElementImpl(Model const &model, meta:
     if (layout_->blockSize == 0)
         return;
     slots_.reset(new std::byte[layout_->blockSize]);
-    for (PropertySlot const &s : layout_->slots) {
-        void *const at = slot(s.offset);
-        switch (s.kind) {
-        case SlotKind::Plain:
-            if (s.dynamicDefault)
-                new (at) Value(s.property->getType(), boost::uuids::random_generator()());
-            else
-                new (at) Value(layout_->startValues[s.plain]);
-            break;
-        case SlotKind::Reference:
-            new (at) ModelElement();
-            break;
-        case SlotKind::References:
-        case SlotKind::Primitives:
-            // Made on first use: most to-many properties of most elements stay empty.
-            *static_cast<void **>(at) = nullptr;
-            break;
-        case SlotKind::ContainerEnd:
-            break;
+    std::size_t made = 0;
+    try {
+        for (PropertySlot const &s : layout_->slots) {
+            void *const at = slot(s.offset);
+            switch (s.kind) {
+            case SlotKind::Plain:
+                // Owned like every value the slot takes later, so that the one release
+                // in the destructor or on replacement fits each.
+                new (at) Value(registry().convertValueForOwnership(
+                    s.dynamicDefault ? Value(s.property->getType(), boost::uuids::random_generator()())
+                                     : layout_->startValues[s.plain]));
+                break;
+            case SlotKind::Reference:
+                new (at) ModelElement();
+                break;
+            case SlotKind::References:
+            case SlotKind::Primitives:
+            case SlotKind::StringMap:
+                // Made on first use: most to-many properties of most elements stay empty.
+                *static_cast<void **>(at) = nullptr;
+                break;
+            case SlotKind::ContainerEnd:
+                break;
+            }
+            ++made;
         }
+    } catch (...) {
+        destroySlots(made);
+        slots_.reset();
+        throw;
     }
 }
 
 ReflectiveModelElementImpl::~ReflectiveModelElementImpl() {
-    if (!slots_)
-        return;
-    for (PropertySlot const &s : layout_->slots) {
+    if (slots_)
+        destroySlots(layout_->slots.size());
+}
+
+void ReflectiveModelElementImpl::destroySlots(std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; ++i) {
+        PropertySlot const &s = layout_->slots[i];
         void *const at = slot(s.offset);
         switch (s.kind) {
-        case SlotKind::Plain:
-            static_cast<Value *>(at)->~Value();
+        case SlotKind::Plain: {
+            auto *const value = static_cast<Value *>(at);
+            registry().releaseOwnedValue(*value);
+            value->~Value();
             break;
+        }
         case SlotKind::Reference:
             static_cast<ModelElement *>(at)->~ModelElement();
             break;
@@ -134,6 +159,9 @@ ReflectiveModelElementImpl::~ReflectiveModelElementImpl() {
             break;
         case SlotKind::Primitives:
             delete *static_cast<AbstractPrimitiveCollection **>(at);
+            break;
+        case SlotKind::StringMap:
+            delete *static_cast<StringToStringMap **>(at);
             break;
         case SlotKind::ContainerEnd:
             break;
@@ -150,11 +178,11 @@ ReferenceCollection &ReflectiveModelElementImpl::referenceCollection(meta::Prope
     std::lock_guard const lock(firstUseMutex());
     if (ReferenceCollection *present = held.load(std::memory_order_relaxed))
         return *present;
-    ReferenceCollection *made = instantiateCollection(
+    std::unique_ptr<ReferenceCollection> made = instantiateCollection(
         meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true, /*hashed=*/false);
     const_cast<ReflectiveModelElementImpl *>(this)->_loadCollectionContents(*made);
-    held.store(made, std::memory_order_release);
-    return *made;
+    held.store(made.get(), std::memory_order_release);
+    return *made.release();
 }
 
 AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(meta::Property::Impl const *property,
@@ -165,14 +193,28 @@ AbstractPrimitiveCollection &ReflectiveModelElementImpl::primitiveCollection(met
     std::lock_guard const lock(firstUseMutex());
     if (AbstractPrimitiveCollection *present = held.load(std::memory_order_relaxed))
         return *present;
-    AbstractPrimitiveCollection *made = instantiatePrimitiveCollection(
+    std::unique_ptr<AbstractPrimitiveCollection> made = instantiatePrimitiveCollection(
         meta::Property::fromImpl(const_cast<meta::Property::Impl *>(property)), /*withOwner=*/true);
+    held.store(made.get(), std::memory_order_release);
+    return *made.release();
+}
+
+StringToStringMap &ReflectiveModelElementImpl::stringMap(meta::Property::Impl const *property,
+                                                         std::uint32_t offset) const {
+    std::atomic_ref<StringToStringMap *> held(*static_cast<StringToStringMap **>(slot(offset)));
+    if (StringToStringMap *present = held.load(std::memory_order_acquire)) [[likely]]
+        return *present;
+    std::lock_guard const lock(firstUseMutex());
+    if (StringToStringMap *present = held.load(std::memory_order_relaxed))
+        return *present;
+    auto *const made = new StringToStringMap(_privateTag(), const_cast<ReflectiveModelElementImpl *>(this),
+                                             const_cast<meta::Property::Impl *>(property));
     held.store(made, std::memory_order_release);
     return *made;
 }
 
-ReferenceCollection *ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property, bool withOwner,
-                                                                      bool hashed) const {
+std::unique_ptr<ReferenceCollection>
+ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property, bool withOwner, bool hashed) const {
     auto *const owner = withOwner ? const_cast<ReflectiveModelElementImpl *>(this) : nullptr;
     meta::Class const cls = meta::Class::fromImpl(dynamic_cast<meta::Class::Impl *>(property->getType().get()));
     meta::Property::Impl *const p = property.get();
@@ -210,19 +252,23 @@ ReferenceCollection *ReflectiveModelElementImpl::instantiateCollection(meta::Pro
         raise<messages::UnsupportedQualification>(qualifiedNameOf(keyType));
     }
     if (p->getIsOrdered())
-        return new ReflectiveElementSequence(owner, cls, p->getIsUnique(), p, opposite);
-    return new ReflectiveUnorderedElementSet(owner, cls, p, opposite);
+        return std::make_unique<ReflectiveElementSequence>(owner, cls, p->getIsUnique(), p, opposite);
+    return std::make_unique<ReflectiveUnorderedElementSet>(owner, cls, p, opposite);
 }
 
-AbstractPrimitiveCollection *ReflectiveModelElementImpl::instantiatePrimitiveCollection(meta::Property const &property,
-                                                                                       bool withOwner) const {
+std::unique_ptr<AbstractPrimitiveCollection>
+ReflectiveModelElementImpl::instantiatePrimitiveCollection(meta::Property const &property, bool withOwner) const {
     ModelElement const owner = withOwner ? ModelElement::fromImpl(const_cast<ReflectiveModelElementImpl *>(this))
                                          : ModelElement();
-    auto *const collection = dynamic_cast<AbstractPrimitiveCollection *>(
-        registry().instantiateDynamicCollection(owner, property));
-    if (!collection)
-        raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
-    return collection;
+    std::unique_ptr<AbstractOwnedCollection> made(registry().instantiateDynamicCollection(owner, property));
+    if (auto *const collection = dynamic_cast<AbstractPrimitiveCollection *>(made.get())) {
+        made.release();
+        return std::unique_ptr<AbstractPrimitiveCollection>(collection);
+    }
+    // An enumeration described at run time has no collection of its own.
+    if (internal::isEnumType(property->getType()))
+        return detail::makeEnumCollection(owner.get(), property);
+    raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
 }
 
 // --- Reflective access ---------------------------------------------------------------------
@@ -237,13 +283,17 @@ bool ReflectiveModelElementImpl::hasPropertyValue(meta::Property const &property
     case SlotKind::Plain:
         return property->getLower() > 0 || *static_cast<Value const *>(slot(s->offset)) != layout_->emptyValues[s->plain];
     case SlotKind::Primitives: {
-        auto const *collection = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset));
+        auto const *collection = madeIn<AbstractPrimitiveCollection>(slot(s->offset));
         return collection && collection->size() != 0;
+    }
+    case SlotKind::StringMap: {
+        auto const *map = madeIn<StringToStringMap>(slot(s->offset));
+        return map && !map->empty();
     }
     case SlotKind::Reference:
         return static_cast<ModelElement const *>(slot(s->offset))->get() != nullptr;
     case SlotKind::References: {
-        auto const *collection = *static_cast<ReferenceCollection *const *>(slot(s->offset));
+        auto const *collection = madeIn<ReferenceCollection>(slot(s->offset));
         return collection && collection->getGenericInterface() && !collection->getGenericInterface()->genericEmpty();
     }
     }
@@ -261,6 +311,8 @@ Value ReflectiveModelElementImpl::getPropertyValue(meta::Property const &propert
         return *static_cast<Value const *>(slot(s->offset));
     case SlotKind::Primitives:
         return Value::createPrimitiveCollectionValue(property, primitiveCollection(property.get(), s->offset));
+    case SlotKind::StringMap:
+        return stringMap(property.get(), s->offset).toValue();
     case SlotKind::Reference:
         return Value(property->getType(), *static_cast<ModelElement const *>(slot(s->offset)));
     case SlotKind::References:
@@ -314,6 +366,9 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
         (p->getIsReadOnly() && !p->getIsSetOnce()) || (!p->getIsPublicMutator() && !tag.isPrivileged()))
         return ModelElement::Impl::setPropertyValue(property, value, tag);
     checkModifiable();
+    if (s->kind == SlotKind::StringMap)
+        // The map takes the entries in one change of its own, or none when they are equal.
+        return stringMap(p, s->offset).assign(StringToStringMap::fromValue(value));
 
     bool const ofElements = s->kind == SlotKind::Reference || s->kind == SlotKind::ContainerEnd;
     ModelElement incoming;
@@ -332,7 +387,7 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
             raise<messages::CannotCastIncompatibleTypes>(qualifiedNameOf(p->getType()));
         if (getPropertyValue(property, Tag::PRIVILEGED_ACCESS).getElement() == incoming)
             return;
-        checkCompatibleModel(incoming.get(), property);
+        checkElementValue(*s, incoming);
     }
 
     // A key: the maps that hold this element under it must not hold the new one already.
@@ -369,8 +424,9 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
     switch (s->kind) {
     case SlotKind::Plain: {
         auto &slotValue = *static_cast<Value *>(slot(s->offset));
+        Value owned = registry().convertValueForOwnership(value);
         registry().releaseOwnedValue(slotValue);
-        slotValue = registry().convertValueForOwnership(value);
+        slotValue = std::move(owned);
         break;
     }
     case SlotKind::ContainerEnd: {
@@ -391,6 +447,25 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
     modification.commit();
 }
 
+void ReflectiveModelElementImpl::checkElementValue(PropertySlot const &s, ModelElement const &element) const {
+    ModelElement::Impl const *const other = element.get();
+    if (s.kind == SlotKind::ContainerEnd) {
+        // The element keeps a raw pointer to its container: neither a tombstone nor a
+        // proxy would hold the element or outlive it.
+        if (other && !other->isValidNonProxy())
+            raise<messages::InvalidValue>();
+        if (other && other->getModelImpl() != getModelImpl())
+            raise<messages::CannotChangeModel>();
+        return;
+    }
+    bool const composite = s.property->getIsComposite();
+    if (composite && other && !other->isValid())
+        raise<messages::InvalidValue>();
+    checkCompatibleModel(other, s.property);
+    if (composite && other && other->getModelImpl() != getModelImpl())
+        raise<messages::CannotChangeModel>();
+}
+
 void ReflectiveModelElementImpl::checkPlainValue(meta::Property const &property, Value const &value) {
     meta::Property::Impl const *const p = property.get();
     if (value.getType().get() != p->getType().get() || isCollection(value.getFlags()) ||
@@ -399,8 +474,17 @@ void ReflectiveModelElementImpl::checkPlainValue(meta::Property const &property,
 }
 
 void ReflectiveModelElementImpl::takeStagedValue(meta::Property const &property, Value const &value) {
-    if (PropertySlot const *s = layout_->find(property.get()); s && s->kind == SlotKind::Plain)
-        *static_cast<Value *>(slot(s->offset)) = registry().convertValueForOwnership(value);
+    if (PropertySlot const *s = layout_->find(property.get()); s && s->kind == SlotKind::Plain) {
+        auto &slotValue = *static_cast<Value *>(slot(s->offset));
+        Value owned = registry().convertValueForOwnership(value);
+        registry().releaseOwnedValue(slotValue);
+        slotValue = std::move(owned);
+    }
+}
+
+bool ReflectiveModelElementImpl::isHeldHereBy(ModelElement::Impl const &child, meta::Property const &feature) const {
+    // A child that moved to another composite of this element is held there now.
+    return child.containerImpl() == this && child.containmentFeatureImpl() == feature.get();
 }
 
 void ReflectiveModelElementImpl::storeReference(meta::Property const &property, std::uint32_t offset,
@@ -412,7 +496,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
         _inverseRemoveThis(old.get(), opposite);
     if (!element) {
         // A composite without opposite lets its old child go to the top level.
-        if (old && property->getIsComposite() && !opposite && old->containerImpl() == this)
+        if (old && property->getIsComposite() && !opposite && isHeldHereBy(*old.get(), property))
             _basicSetUncontained(old.get());
         return;
     }
@@ -420,7 +504,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
         _inverseAddThis(element.get(), opposite, /*force=*/true);
     } else if (property->getIsComposite()) {
         _setContainedByThis(element.get(), property);
-        if (old && old != element && old->containerImpl() == this)
+        if (old && old != element && isHeldHereBy(*old.get(), property))
             _basicSetUncontained(old.get());
     }
 }
@@ -429,7 +513,7 @@ void ReflectiveModelElementImpl::storeReference(meta::Property const &property, 
 
 void ReflectiveModelElementImpl::inverseAdd(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::inverseAdd(other, property);
     if (s->kind == SlotKind::References)
         return _basicAdd(referenceCollection(property.get(), s->offset), other);
@@ -448,7 +532,7 @@ void ReflectiveModelElementImpl::inverseAdd(ModelElement const &other, meta::Pro
 
 void ReflectiveModelElementImpl::inverseRemove(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::inverseRemove(other, property);
     if (s->kind == SlotKind::References) {
         if (auto *collection = *static_cast<ReferenceCollection **>(slot(s->offset)))
@@ -470,7 +554,7 @@ void ReflectiveModelElementImpl::inverseRemove(ModelElement const &other, meta::
 
 void ReflectiveModelElementImpl::basicAssociate(ModelElement const &other, meta::Property const &property) {
     PropertySlot const *s = property.get() ? layout_->find(property.get()) : nullptr;
-    if (!s || s->kind == SlotKind::Plain || s->kind == SlotKind::Primitives)
+    if (!s || !detail::holdsElements(s->kind))
         return ModelElement::Impl::basicAssociate(other, property);
     if (s->kind == SlotKind::References)
         return _basicAdd(referenceCollection(property.get(), s->offset), other);
@@ -492,13 +576,19 @@ struct ReflectiveModelElementImpl::ReflectiveStorage::Kept {
     absl::flat_hash_map<meta::Property::Impl const *, ModelElement> references;
     absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<ReferenceCollection>> referenceCollections;
     absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<AbstractPrimitiveCollection>> primitiveCollections;
+    /// A free-standing copy, empty for a map that was never made.
+    absl::flat_hash_map<meta::Property::Impl const *, std::unique_ptr<StringToStringMap>> stringMaps;
 };
 
 ReflectiveModelElementImpl::ReflectiveStorage::ReflectiveStorage(boost::uuids::uuid const &uuid, Model::Impl *model,
                                                                  meta::Class const &cls, std::uint64_t n)
     : Storage(uuid, model, cls, n), kept_(std::make_unique<Kept>()) {}
 
-ReflectiveModelElementImpl::ReflectiveStorage::~ReflectiveStorage() = default;
+ReflectiveModelElementImpl::ReflectiveStorage::~ReflectiveStorage() {
+    // The kept values are owned copies, or after a roll-back the element's own, swapped in.
+    for (auto const &[property, value] : kept_->values)
+        registry().releaseOwnedValue(value);
+}
 
 Value ReflectiveModelElementImpl::ReflectiveStorage::getOldValue(meta::Property const &property, Tag const &tag) const {
     meta::Class const &cls = getMetaClass();
@@ -513,6 +603,8 @@ Value ReflectiveModelElementImpl::ReflectiveStorage::getOldValue(meta::Property 
         return Value(property->getType(), found->second);
     if (auto const found = kept_->referenceCollections.find(p); found != kept_->referenceCollections.end())
         return Value::createReflectiveReferenceCollection(property, *found->second);
+    if (auto const found = kept_->stringMaps.find(p); found != kept_->stringMaps.end())
+        return found->second->toValue();
     if (property->getUpper() != 1 || (p->peekOpposite() && p->peekOpposite()->getIsComposite()))
         return Storage::getOldValue(property, tag);
     return Value::createEmptyValue(property);
@@ -534,21 +626,32 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
     auto &kept = *static_cast<ReflectiveStorage *>(storage)->kept_;
     meta::Property::Impl const *p = property.get();
     switch (s->kind) {
-    case SlotKind::Plain:
-        kept.values.insert_or_assign(p, registry().convertValueForOwnership(*static_cast<Value const *>(slot(s->offset))));
+    case SlotKind::Plain: {
+        Value owned = registry().convertValueForOwnership(*static_cast<Value const *>(slot(s->offset)));
+        if (auto const [at, fresh] = kept.values.try_emplace(p, std::move(owned)); !fresh) {
+            registry().releaseOwnedValue(at->second);
+            at->second = std::move(owned);
+        }
         return;
+    }
     case SlotKind::Primitives: {
-        std::unique_ptr<AbstractPrimitiveCollection> copy(instantiatePrimitiveCollection(property, false));
+        std::unique_ptr<AbstractPrimitiveCollection> copy = instantiatePrimitiveCollection(property, false);
         if (auto const *present = *static_cast<AbstractPrimitiveCollection *const *>(slot(s->offset)))
             copy->restoreFrom(present);
         kept.primitiveCollections.insert_or_assign(p, std::move(copy));
+        return;
+    }
+    case SlotKind::StringMap: {
+        auto const *present = *static_cast<StringToStringMap *const *>(slot(s->offset));
+        kept.stringMaps.insert_or_assign(p, present ? present->cloneFreeStanding()
+                                                    : std::make_unique<StringToStringMap>());
         return;
     }
     case SlotKind::Reference:
         kept.references.insert_or_assign(p, *static_cast<ModelElement const *>(slot(s->offset)));
         return;
     case SlotKind::References: {
-        std::unique_ptr<ReferenceCollection> copy(instantiateCollection(property, false, false));
+        std::unique_ptr<ReferenceCollection> copy = instantiateCollection(property, false, false);
         if (auto const *present = *static_cast<ReferenceCollection *const *>(slot(s->offset)))
             _basicCopyValues(*copy, *present);
         kept.referenceCollections.insert_or_assign(p, std::move(copy));
@@ -575,6 +678,10 @@ void ReflectiveModelElementImpl::copyStateFromStorage(Storage *storage) {
         case SlotKind::Primitives:
             if (auto const found = kept.primitiveCollections.find(p); found != kept.primitiveCollections.end())
                 primitiveCollection(p, s.offset).restoreFrom(found->second.get());
+            break;
+        case SlotKind::StringMap:
+            if (auto const found = kept.stringMaps.find(p); found != kept.stringMaps.end())
+                stringMap(p, s.offset).restoreFrom(found->second.get());
             break;
         case SlotKind::Reference:
             if (auto const found = kept.references.find(p); found != kept.references.end())
@@ -680,6 +787,9 @@ void ReflectiveModelElementImpl::convertReferencesToProxies(bool multiModel, boo
 namespace kivra {
 
 ModelElement ModelElement::createReflective(Model const &model, meta::Class const &cls, boost::uuids::uuid const &uuid) {
+    // As a builder refuses to create an instance of an abstract class.
+    if (cls && cls->getIsAbstract())
+        raise<messages::NoSuchOperation>(u"create", cls->getQualifiedName());
     ModelElement element = fromImpl(new (model) reflection::ReflectiveModelElementImpl(model, cls, uuid));
     element->notifyCreated();
     return element;

@@ -6,8 +6,12 @@
 #include <ModelSnapshot.hpp>
 
 #include <kivra/ElementId.hpp>
+#include <kivra/Listener.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
+#include <kivra/ReportData.hpp>
+#include <kivra/StringToStringMap.hpp>
+#include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
 
 #include <gtest/gtest.h>
@@ -106,6 +110,44 @@ TEST_P(LibraryBehaviour, ContainmentMovesAChildBetweenItsContainers) {
     EXPECT_EQ(notes->container(), dune);
 }
 
+TEST_P(LibraryBehaviour, OnlyALiveElementOfTheSameModelBecomesContainerOrChild) {
+    // Models of a constellation, so that a reference between them is allowed and only
+    // containment refuses to cross.
+    ModelConstellation const constellation = ModelConstellation::create();
+    Model const here = Model::create(constellation), there = Model::create(constellation);
+    ModelElement const dune = lib().book->instantiate(here), shelf = lib().shelf->instantiate(here);
+    ModelElement const gone = lib().book->instantiate(here), goneShelf = lib().shelf->instantiate(here);
+    gone->destroy();
+    goneShelf->destroy();
+    ProxyId const id(u"uuid", u"5eed0000-0000-3000-8000-00000000beef", boost::none);
+    ModelElement const proxyShelf = ModelElement::createProxy(here, lib().shelf, id);
+    ModelElement const proxyBook = ModelElement::createProxy(here, lib().book, id);
+    ModelElement const farShelf = lib().shelf->instantiate(there), farBook = lib().book->instantiate(there);
+
+    // The element's end of a composite.
+    EXPECT_THROW(set(dune, u"shelf", ref(goneShelf)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"shelf", ref(proxyShelf)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"shelf", ref(farShelf)), Error<messages::CannotChangeModel>);
+    EXPECT_THROW(set(dune, u"appendixOf", ref(farBook)), Error<messages::CannotChangeModel>);
+    EXPECT_TRUE(dune->isTopLevel());
+
+    // The container's end.
+    EXPECT_THROW(set(shelf, u"featured", ref(gone)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(dune, u"appendix", ref(gone)), Error<messages::InvalidValue>);
+    EXPECT_THROW(set(shelf, u"featured", ref(farBook)), Error<messages::CannotChangeModel>);
+    EXPECT_FALSE(element(shelf, u"featured"));
+    EXPECT_FALSE(element(dune, u"appendix"));
+    EXPECT_TRUE(farBook->isTopLevel());
+    // A proxy child of this model stands for an element the container holds once it
+    // resolves.
+    set(shelf, u"featured", ref(proxyBook));
+    EXPECT_EQ(element(shelf, u"featured"), proxyBook);
+
+    // Both still work with a live element of the model.
+    set(dune, u"shelf", ref(shelf));
+    EXPECT_EQ(element(shelf, u"featured"), dune);
+}
+
 TEST_P(LibraryBehaviour, CollectionsWithOppositesKeepBothEnds) {
     ModelElement const dune = book(u"Dune"), emma = book(u"Emma");
     ModelElement const frank = make(lib().author), jane = make(lib().author);
@@ -163,6 +205,63 @@ TEST_P(LibraryBehaviour, DestroyTakesTheSubtreeAndTheFarEnds) {
     EXPECT_FALSE(element(frank, u"favourite"));
     EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
     EXPECT_EQ(many(shelf, u"books").genericSize(), 0u);
+}
+
+TEST_P(LibraryBehaviour, AMapOfTextsIsTheElementsOwnAndRollsBack) {
+    ModelElement const shelf = make(lib().shelf);
+    meta::Property const labelsProperty = prop(shelf, u"labels");
+    EXPECT_FALSE(shelf->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
+    // The value read is a view of the element's own map: changes through it stay.
+    StringToStringMap &labels = StringToStringMap::fromValue(get(shelf, u"labels"));
+    labels.insert(u"colour", u"red", CollisionResolution::Fail);
+    EXPECT_TRUE(shelf->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
+    EXPECT_EQ(&StringToStringMap::fromValue(get(shelf, u"labels")), &labels);
+
+    // A write takes the entries of another map.
+    StringToStringMap given;
+    given.insert(u"size", u"large", CollisionResolution::Fail);
+    set(shelf, u"labels", given.toValue());
+    EXPECT_EQ(labels.toSTLCollection(), given.toSTLCollection());
+    EXPECT_THROW(set(shelf, u"labels", text(u"size")), Error<messages::CannotCastIncompatibleTypes>);
+
+    ModelElement const bare = make(lib().shelf);
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        labels.insert(u"colour", u"blue", CollisionResolution::Fail);
+        labels.erase(u"size");
+        set(bare, u"labels", given.toValue());
+        transaction.rollBack();
+    }
+    EXPECT_EQ(labels.toSTLCollection(), given.toSTLCollection());
+    EXPECT_FALSE(bare->hasPropertyValue(labelsProperty, Access::PUBLIC_ACCESS));
+}
+
+TEST_P(LibraryBehaviour, AnElementDestroyedInACommittedRevertibleTransactionLetsGoQuietly) {
+    struct Committed : Listener {
+        int count = 0;
+        void transactionCommitted(std::shared_ptr<ReportData> const &) { ++count; }
+    } committed;
+    ModelElement const dune = book(u"Dune"), notes = book(u"Notes");
+    ModelElement const frank = make(lib().author), shelf = make(lib().shelf);
+    many(frank, u"books").genericAdd(dune);
+    many(dune, u"coauthors").genericAdd(frank);
+    many(dune, u"chapters").genericAdd(notes);
+    many(shelf, u"recommended").genericAdd(dune);
+    addListener<ListenerRole::Observer>(model, committed);
+    {
+        // The records let the dead element go when the transaction ends, when no change
+        // may be announced any more.
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        dune->destroy();
+        shelf->destroy();
+        EXPECT_EQ(transaction.commit(), TransactionResult::Committed);
+    }
+    removeListener(model, committed);
+    EXPECT_EQ(committed.count, 1);
+    EXPECT_FALSE(dune);
+    EXPECT_FALSE(notes);
+    EXPECT_EQ(many(frank, u"books").genericSize(), 0u);
+    EXPECT_EQ(many(frank, u"coauthored").genericSize(), 0u);
 }
 
 TEST_P(LibraryBehaviour, ARollBackPutsBackEveryKindOfChange) {

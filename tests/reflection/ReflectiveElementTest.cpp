@@ -9,12 +9,22 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/meta/AbstractMetaPackage.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
+#include <kivra/reflection/ReflectiveBuilder.hpp>
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include <boost/optional/optional.hpp>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <latch>
+#include <thread>
+#include <vector>
 
 namespace kivra::test {
 namespace {
@@ -44,17 +54,133 @@ public:
         setPropertyIndex(tags, 2);
         tags->setOwningType(stamp);
         tags->setType(registry().getType(u"String"));
+        weight = createProperty(u"weight", ValueFlags::Single, false, nullptr);
+        setPropertyIndex(weight, 3);
+        weight->setOwningType(stamp);
+        weight->setType(registry().getType(u"Integer64"));
+        weight->setDefaultValue(basalt::ustring(u"7"));
+        meta::Property const rank = createProperty(u"rank", ValueFlags::Optional, false, nullptr);
+        setPropertyIndex(rank, 6);
+        rank->setOwningType(stamp);
+        rank->setType(registry().getType(u"Integer64"));
+        mark = createClass(u"Mark", "", /*isAbstract=*/true, nullptr);
+        mark->setOwningPackage(package);
+        mark->setSuperclass(ModelElement::metaClass());
+        colour = createEnum(u"Colour", nullptr);
+        colour->setOwningPackage(package);
+        colour->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
+        int number = 0;
+        for (char16_t const *name : {u"red", u"green", u"blue"})
+            createEnumLiteral(name, number++, nullptr)->setParentEnum(colour);
+        shades = createProperty(u"shades", ValueFlags::Sequence, false, nullptr);
+        hues = createProperty(u"hues", ValueFlags::HashSet, false, nullptr);
+        for (meta::Property const *many : {&shades, &hues}) {
+            setPropertyIndex(*many, many == &shades ? 4 : 5);
+            (*many)->setOwningType(stamp);
+            (*many)->setType(colour);
+        }
         registry().registerType(untyped);
         registry().registerType(stamp);
+        registry().registerType(colour);
+        registry().registerType(mark);
         finish();
     }
-    meta::Class untyped, stamp;
-    meta::Property serial, tags;
+    meta::Class untyped, stamp, mark;
+    meta::Property serial, tags, weight, shades, hues;
+    meta::Enum colour;
 };
 
 OddPackage const &oddities() {
     static OddPackage const *const package = new OddPackage();
     return *package;
+}
+
+// Counts the owned forms of the values of one type that are alive: every conversion
+// makes one, every release gives one up, and a release of more than was made is noted.
+class OwnedValueLedger : public meta::ValueOwnershipConverter {
+public:
+    explicit OwnedValueLedger(meta::Type const &type) : type_(type) {
+        registry().registerOwnershipConverter(type_, std::unique_ptr<meta::ValueOwnershipConverter>(this));
+    }
+    ~OwnedValueLedger() override = default;
+    Value convertValueForOwnership(Value const &value) override {
+        if (conversionsLeft-- == 0)
+            throw std::runtime_error("no room for the value");
+        ++alive;
+        return value;
+    }
+    void releaseOwnedValue(Value const &) override {
+        if (--alive < 0)
+            ++overReleased;
+    }
+    static meta::MetaRegistry &registry() { return *meta::MetaRegistry::getInstance(); }
+
+    int alive = 0;
+    int overReleased = 0;
+    /// The conversions that succeed before one fails; negative: all do.
+    int conversionsLeft = -1;
+
+private:
+    meta::Type type_;
+};
+
+TEST(ReflectiveElement, OwnedValuesAreReleasedOnceForEachConversion) {
+    meta::Type const type = oddities().weight->getType();
+    // The registry owns the ledger; the test reads it until it unregisters it.
+    auto *const ledger = new OwnedValueLedger(type);
+    Value const heavy(type, std::int64_t(90)), light(type, std::int64_t(1));
+    {
+        Model model = Model::createTransientModel();
+        ModelElement const made = oddities().stamp->instantiate(model);
+        EXPECT_EQ(get(made, u"weight").get<std::int64_t>(), 7);
+        auto builder = oddities().stamp->instantiateBuilder(model);
+        builder->setOrAdd(oddities().weight, heavy);
+        ModelElement const built = builder->create();
+        EXPECT_EQ(get(built, u"weight"), heavy);
+        {
+            Transaction transaction = model->beginTransaction(/*revertible=*/true);
+            set(made, u"weight", light);
+            set(made, u"weight", heavy);
+            set(built, u"weight", light);
+            transaction.rollBack();
+        }
+        EXPECT_EQ(get(made, u"weight").get<std::int64_t>(), 7);
+        EXPECT_EQ(get(built, u"weight"), heavy);
+        {
+            Transaction transaction = model->beginTransaction(/*revertible=*/true);
+            set(made, u"weight", light);
+            built->destroy();
+            transaction.commit();
+        }
+        ModelElement::createProxy(model, oddities().stamp,
+                                  ProxyId(u"uuid", u"5eed0000-0000-3000-8000-00000000f00d", boost::none));
+        EXPECT_EQ(ledger->overReleased, 0);
+        EXPECT_GT(ledger->alive, 0);
+        model->destroy();
+    }
+    EXPECT_EQ(ledger->overReleased, 0);
+    EXPECT_EQ(ledger->alive, 0);
+    OwnedValueLedger::registry().unregisterOwnershipConverter(type);
+}
+
+TEST(ReflectiveElement, AFailedCreationLeavesNothingBehind) {
+    Model model = Model::createTransientModel();
+    meta::Type const type = oddities().weight->getType();
+    auto *const ledger = new OwnedValueLedger(type);
+    // The second of the two values of this type fails: the first must go again.
+    ledger->conversionsLeft = 1;
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().stamp, {}), std::runtime_error);
+    EXPECT_EQ(ledger->alive, 0);
+    EXPECT_EQ(ledger->overReleased, 0);
+    OwnedValueLedger::registry().unregisterOwnershipConverter(type);
+    EXPECT_TRUE(model->getAllElements().empty());
+
+    ModelElement const made = oddities().stamp->instantiate(model);
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().stamp, made->getUuid()),
+                 Error<messages::UUIDConflict>);
+    EXPECT_THROW(ModelElement::createReflective(model, oddities().mark, {}), Error<messages::NoSuchOperation>);
+    EXPECT_THROW(reflection::ReflectiveBuilder(model, oddities().mark).create(), Error<messages::NoSuchOperation>);
+    EXPECT_EQ(model->getAllElements(), std::vector<ModelElement>{made});
 }
 
 TEST(ReflectiveElement, IsMadeFromTheDescriptionAlone) {
@@ -176,6 +302,72 @@ TEST(ReflectiveElement, ValuesOfManyKeepTheirEntriesAcrossARollBack) {
         transaction.rollBack();
     }
     EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"red")});
+}
+
+TEST(ReflectiveElement, ValuesOfManyOfAnEnumerationKeepTheirLiterals) {
+    Model model = Model::createTransientModel();
+    ModelElement const stamp = oddities().stamp->instantiate(model);
+    auto collection = [&](meta::Property const &property) -> AbstractPrimitiveCollection & {
+        Value const value = stamp->getPropertyValue(property, Access::PUBLIC_ACCESS);
+        return *static_cast<AbstractPrimitiveCollection *>(const_cast<void *>(value.getPayload()));
+    };
+    meta::Enum const &colour = oddities().colour;
+    auto literal = [&](std::uint64_t number) { return Value(colour, number); };
+    AbstractPrimitiveCollection &shades = collection(oddities().shades);
+    AbstractPrimitiveCollection &hues = collection(oddities().hues);
+    EXPECT_EQ(shades.getCollectionType(), meta::Type(colour));
+    shades.genericAdd(literal(2));
+    shades.genericAdd(literal(0));
+    shades.genericAdd(literal(2));
+    hues.genericAdd(literal(1));
+    hues.genericAdd(literal(1));
+    EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
+    EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
+    EXPECT_THROW(shades.genericAdd(text(u"red")), Error<messages::CannotCastIncompatibleTypes>);
+    auto &indexed = *static_cast<GenericPrimitiveSequenceInterface *>(shades.getGenericInterface());
+    EXPECT_EQ(indexed.genericIndexOf(literal(0)), 1);
+    EXPECT_THROW(indexed.genericAt(3), Error<messages::InvalidValue>);
+    EXPECT_TRUE(stamp->hasPropertyValue(oddities().shades, Access::PUBLIC_ACCESS));
+    {
+        Transaction transaction = model->beginTransaction(/*revertible=*/true);
+        shades.genericRemove(literal(2));
+        indexed.genericInsert(literal(1), 0);
+        hues.genericRemove(literal(1));
+        hues.genericAdd(literal(2));
+        transaction.rollBack();
+    }
+    EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
+    EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
+}
+
+// Readers of a frozen model on several threads, each asking whether a collection has
+// entries while another makes it on first read. Run under ThreadSanitizer, a plain
+// access to the slot on either side shows up as a data race.
+TEST(ReflectiveElement, FrozenElementsServeConcurrentReaders) {
+    Model model = Model::createTransientModel();
+    std::vector<ModelElement> shelves;
+    for (int i = 0; i < 300; ++i)
+        shelves.push_back(runtimeLibrary().shelf->instantiate(model));
+    meta::Property const books = prop(shelves.front(), u"books"), labels = prop(shelves.front(), u"labels");
+    auto const freezer = model->freeze();
+    constexpr int threads = 4;
+    std::atomic<int> found{0};
+    std::latch start(threads);
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (ModelElement const &shelf : shelves)
+                for (meta::Property const *property : {&books, &labels}) {
+                    // Half the threads make the collections, half only look.
+                    if (t % 2)
+                        found += shelf->getPropertyValue(*property, Access::PUBLIC_ACCESS).hasPayload() ? 0 : 1;
+                    found += shelf->hasPropertyValue(*property, Access::PUBLIC_ACCESS) ? 1 : 0;
+                }
+        });
+    for (std::thread &thread : pool)
+        thread.join();
+    EXPECT_EQ(found.load(), 0);
 }
 
 } // namespace

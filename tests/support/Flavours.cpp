@@ -47,6 +47,7 @@ public:
         add(shelf, 4, u"recommended", book, F::HashSet);
         meta::Property const catalogue = add(shelf, 5, u"catalogue", book, F::Map);
         add(shelf, 6, u"code", type(u"StdString"), F::Single)->setIsReadOnly(true);
+        add(shelf, 9, u"labels", type(u"StringToStringMap"), F::Single);
         meta::Property const title = add(book, 1, u"title", type(u"String"), F::Single);
         add(book, 2, u"subtitle", type(u"String"), F::Optional);
         meta::Property const bookShelf = add(book, 3, u"shelf", shelf, F::Single);

@@ -14,19 +14,31 @@
 
 namespace kivra::reflection {
 
-namespace detail {
-/// Raises `CannotAddIncompatibleTypes` unless `element`'s class is `entryClass` or
-/// derives from it; an empty handle passes.
-void checkReflectiveEntry(ModelElement const &element, meta::Class const &entryClass);
-} // namespace detail
+/// The class known only at run time that every entry of a reflective element collection
+/// is of, or derives from.
+class ReflectiveEntryClass {
+public:
+    meta::Class const &getEntryClass() const noexcept { return entryClass_; }
+
+protected:
+    explicit ReflectiveEntryClass(meta::Class const &cls);
+    ~ReflectiveEntryClass();
+    /// Raises `CannotAddIncompatibleTypes` unless `element` is of the entry class; an
+    /// empty handle and a proxy, whose class is known once it resolves, pass.
+    void checkEntry(ModelElement const &element) const;
+
+private:
+    meta::Class entryClass_;
+};
 
 /// The ordered collection of a reflective element's to-many property.
-class ReflectiveElementSequence final : public ElementSequenceBase {
+class ReflectiveElementSequence final : public ElementSequenceBase, public ReflectiveEntryClass {
 public:
+    /// The collection of `owner`'s `property` (none for a free-standing copy) that takes
+    /// elements of `cls`, each once when `unique`, and keeps `opposite` at the far ends.
     ReflectiveElementSequence(ModelElement::Impl *owner, meta::Class const &cls, bool unique,
                               meta::Property::Impl *property, meta::Property::Impl *opposite);
     ~ReflectiveElementSequence() override;
-    meta::Class const &getEntryClass() const noexcept { return entryClass_; }
     void replaceElement(std::size_t index, ModelElement const &element) override;
 
 protected:
@@ -34,50 +46,48 @@ protected:
 
 private:
     class CheckingView;
-    meta::Class entryClass_;
     std::unique_ptr<CheckingView> checking_;
 };
 
 /// The unordered collection of a reflective element's to-many property.
-class ReflectiveUnorderedElementSet final : public ElementSetBase {
+class ReflectiveUnorderedElementSet final : public ElementSetBase, public ReflectiveEntryClass {
 public:
+    /// The collection of `owner`'s `property` (none for a free-standing copy) that takes
+    /// elements of `cls` and keeps `opposite` at the far ends.
     ReflectiveUnorderedElementSet(ModelElement::Impl *owner, meta::Class const &cls, meta::Property::Impl *property,
                                   meta::Property::Impl *opposite);
     ~ReflectiveUnorderedElementSet() override;
-    meta::Class const &getEntryClass() const noexcept { return entryClass_; }
 
 protected:
     void basicAdd(ModelElement const &element) override;
 
 private:
     class CheckingView;
-    meta::Class entryClass_;
     std::unique_ptr<CheckingView> checking_;
 };
 
 /// A keyed collection of a reflective element, `Base` one of the four keyed forms of
 /// `ModelElement` entries. Every way in places the entry under its key, where the class
 /// test sits.
-template <class Base> class ReflectiveKeyed final : public Base {
+template <class Base> class ReflectiveKeyed final : public Base, public ReflectiveEntryClass {
 public:
+    /// The collection of `owner`'s `property` (none for a free-standing copy) that holds
+    /// elements of `cls` under what `key` reads from each, and keeps `opposite` at the far
+    /// ends.
     ReflectiveKeyed(typename Base::KeyFunction key, ModelElement::Impl *owner, meta::Class const &cls,
                     meta::Property::Impl *property, meta::Property::Impl *opposite)
-        : Base(std::move(key), owner, property, opposite), entryClass_(cls) {}
-    meta::Class const &getEntryClass() const noexcept { return entryClass_; }
+        : Base(std::move(key), owner, property, opposite), ReflectiveEntryClass(cls) {}
 
 protected:
     // Asked first on every way in, before the key function reads the entry.
     ModelElement::Impl *holderOfKeyOf(ModelElement::Impl const *element) const override {
-        detail::checkReflectiveEntry(ModelElement::fromImpl(const_cast<ModelElement::Impl *>(element)), entryClass_);
+        checkEntry(ModelElement::fromImpl(const_cast<ModelElement::Impl *>(element)));
         return Base::holderOfKeyOf(element);
     }
     bool place(ModelElement const &element) override {
-        detail::checkReflectiveEntry(element, entryClass_);
+        checkEntry(element);
         return Base::place(element);
     }
-
-private:
-    meta::Class entryClass_;
 };
 
 template <class K>

@@ -15,6 +15,7 @@
 namespace kivra {
 class AbstractPrimitiveCollection;
 class ReferenceCollection;
+class StringToStringMap;
 class Value;
 } // namespace kivra
 
@@ -22,6 +23,7 @@ namespace kivra::reflection {
 
 namespace detail {
 class ClassLayout;
+struct PropertySlot;
 } // namespace detail
 
 /// The element of a class known only from its description: it holds one slot per
@@ -67,10 +69,12 @@ public:
 
     /// A new element collection for the to-many, element-typed `property`, owned by this
     /// element when `withOwner`, else free-standing; `hashed` picks the hashed key forms.
-    ReferenceCollection *instantiateCollection(meta::Property const &property, bool withOwner, bool hashed) const;
+    std::unique_ptr<ReferenceCollection> instantiateCollection(meta::Property const &property, bool withOwner,
+                                                               bool hashed) const;
     /// A new collection for the to-many `property` of another type, owned by this element
     /// when `withOwner`. Raises `CannotInstantiateCollection` when its type makes none.
-    AbstractPrimitiveCollection *instantiatePrimitiveCollection(meta::Property const &property, bool withOwner) const;
+    std::unique_ptr<AbstractPrimitiveCollection> instantiatePrimitiveCollection(meta::Property const &property,
+                                                                                bool withOwner) const;
 
     /// A proxy of an element of `cls`, named by `proxyId`.
     static ModelElement createProxy(Model const &model, meta::Class const &cls, ProxyId const &proxyId);
@@ -94,11 +98,19 @@ private:
     /// Raises `CannotCastIncompatibleTypes` unless `value` fits the single-valued, plain
     /// `property`: its very type, and content when the property is required.
     static void checkPlainValue(meta::Property const &property, Value const &value);
+    /// Raises `InvalidValue` for a destroyed child, or a container that is destroyed or a
+    /// proxy, and `CannotChangeModel` for either in another model; else the model rules
+    /// of `checkCompatibleModel`.
+    void checkElementValue(detail::PropertySlot const &slot, ModelElement const &element) const;
     /// Stores a checked value into a new element, before it is announced.
     void takeStagedValue(meta::Property const &property, Value const &value);
+    /// Destroys the first `count` slots of the layout, releasing the owned values.
+    void destroySlots(std::size_t count) noexcept;
     void *slot(std::uint32_t offset) const noexcept { return slots_.get() + offset; }
     ReferenceCollection &referenceCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
     AbstractPrimitiveCollection &primitiveCollection(meta::Property::Impl const *property, std::uint32_t offset) const;
+    StringToStringMap &stringMap(meta::Property::Impl const *property, std::uint32_t offset) const;
+    bool isHeldHereBy(ModelElement::Impl const &child, meta::Property const &feature) const;
     void storeReference(meta::Property const &property, std::uint32_t offset, ModelElement const &element);
 
     meta::Class metaClass_;
