@@ -1,10 +1,13 @@
 // Reading and writing the texts of integers, doubles and UUIDs through their serializers:
-// a number costs no allocation beyond its result; a 36-character UUID text is one.
+// a number costs no allocation beyond its result; a 36-character UUID text is one. A field
+// of a data type value is read without allocating; writing one copies the object.
 #include <kivra/Value.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/PropertySerializer.hpp>
 #include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/meta/MetaPackageMeta.hpp>
 #include <kivra/meta/StandardTypes.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include "AllocationCounter.hpp"
 
@@ -73,6 +76,27 @@ void BM_LookUpSerializer(benchmark::State &state) {
     countAllocations(state, before);
 }
 
+// A field of a `VersionInfo` value found by its property handle, and a new value with it changed.
+void BM_GetDatatypeField(benchmark::State &state) {
+    auto const &e = kivra::meta::MetaPackageMeta::getInstance().elements();
+    auto const &serializer = *PropertySerializerRegistry::getInstance().getDatatypeSerializer(e.d_VersionInfo);
+    Value const info = kivra::meta::VersionInfo(u"core", u"2.1").toValue();
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(serializer.getPropertyValue(info, e.p_VersionInfo_minVersion));
+    countAllocations(state, before);
+}
+void BM_SetDatatypeField(benchmark::State &state) {
+    auto const &e = kivra::meta::MetaPackageMeta::getInstance().elements();
+    auto const &serializer = *PropertySerializerRegistry::getInstance().getDatatypeSerializer(e.d_VersionInfo);
+    Value const info = kivra::meta::VersionInfo(u"core", u"2.1").toValue();
+    Value const version(ustring(u"2.2"));
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(serializer.setPropertyValue(info, e.p_VersionInfo_minVersion, version));
+    countAllocations(state, before);
+}
+
 BENCHMARK(BM_ParseInteger);
 BENCHMARK(BM_WriteInteger);
 BENCHMARK(BM_ParseInteger64);
@@ -84,5 +108,7 @@ BENCHMARK(BM_WriteDouble17);
 BENCHMARK(BM_ParseUuid);
 BENCHMARK(BM_WriteUuid);
 BENCHMARK(BM_LookUpSerializer);
+BENCHMARK(BM_GetDatatypeField);
+BENCHMARK(BM_SetDatatypeField);
 
 } // namespace

@@ -219,6 +219,9 @@ def parse(path):
         if not enum.literals:
             raise TablesError(path, "?", f"enum '{enum.name}' has no literals")
     for cls in classes.values():
+        for prop in cls.props if cls.datatype else ():
+            if problem := datatype_field_fault(prop):
+                raise TablesError(path, lines[id(prop)], problem)
         if cls.superclass and cls.superclass not in classes and cls.superclass != "ModelElement":
             raise TablesError(path, lines[id(cls)], f"unknown superclass '{cls.superclass}'")
         for prop in cls.props:
@@ -1907,7 +1910,7 @@ public:
 private:
     {name}();
     void instantiate();
-    void weave();
+    void weave(::kivra::meta::PropertySerializerRegistry &serializers);
 
     ::kivra::meta::Package package_;
     Elements elements_;
@@ -2026,6 +2029,162 @@ def weave_body(mm):
     return "".join(out)
 
 
+# --- serializers of enums and data types ---------------------------------------------------
+
+# kivra's own data types have hand-written native classes in kivra/meta.
+HANDWRITTEN_DATATYPES = ("ExtensionPrototype", "TransactionOrigin", "VersionInfo")
+
+
+def datatypes(mm):
+    return [c for c in mm.classes.values() if c.datatype]
+
+
+def datatype_native(mm, cls):
+    return f"{META}::{cls.name}" if is_meta(mm) else cls.name
+
+
+def datatype_header(mm, cls):
+    return f"kivra/meta/{cls.name}.hpp" if is_meta(mm) else mm.header(cls.name)
+
+
+def datatype_field_fault(prop):
+    """Why a property cannot be a field of a generated data type; None when it can."""
+    if prop.index == 0:
+        return f"'{prop.name}': a data type has no derived properties"
+    if prop.type in PRIMITIVES and prop.shape in ("Single", "Optional"):
+        return None
+    if prop.type in ENUMS and prop.shape == "Single":
+        return None
+    return f"'{prop.name}': a data type holds single or optional primitive values and single enum values only"
+
+
+def field_type(prop):
+    return f"boost::optional<{native(prop)}>" if prop.shape == "Optional" else native(prop)
+
+
+def field_value(prop):
+    """The `Value` of the field `prop` of `object`."""
+    get = f"object.get{prop.cap}()"
+    if is_enum(prop):
+        return f"::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>({get})))"
+    if prop.shape == "Optional":
+        return f"::kivra::Value(property->getType(), {get}, false)"
+    return f"::kivra::Value({get})"
+
+
+def field_of(prop, native_type):
+    """The field `prop` that `value` stands for: its default when the value holds nothing."""
+    if is_enum(prop):
+        read = f"static_cast<{prop.type}>(static_cast<std::int64_t>(value.get<std::uint64_t>()))"
+    elif prop.shape == "Optional":
+        read = f"boost::optional<{native(prop)}>(value.get<{native(prop)}>())"
+    else:
+        read = f"value.get<{native(prop)}>()"
+    return f"value.hasPayload() ? {read} : {native_type}().get{prop.cap}()"
+
+
+def literal_table(mm, enum):
+    """The literals of an enum ordered by name, as the enum's literal map orders them, so
+    that a number two literals share reads as the same one everywhere."""
+    rows = "".join(f"    {{u\"{name}\", {value}, u\"{ident}\"}},\n" for name, value, ident in sorted(enum.literals))
+    return f"constexpr {META}::EnumLiteralEntry {enum.name}Literals[] = {{\n{rows}}};\n"
+
+
+def datatype_serializer_class(mm, cls):
+    t = datatype_native(mm, cls)
+    name = f"{cls.name}DatatypeSerializer"
+    members = "".join(f"    {META}::Property {p.name}_;\n" for p in cls.props)
+    inits = "".join(f", {p.name}_(e.p_{cls.name}_{p.name})" for p in cls.props)
+    gets = "".join(f"        if (property == {p.name}_)\n            return {field_value(p)};\n" for p in cls.props)
+    sets = "".join(f"        if (property == {p.name}_) {{\n            object.set{p.cap}({field_of(p, t)});\n            return;\n        }}\n"
+                   for p in cls.props)
+    return f"""
+/// Reads and writes the fields of `{cls.name}` values by the handles of its properties.
+class {name} final : public {META}::DatatypeSerializerOf<{t}> {{
+public:
+    explicit {name}({package_class(mm)}::Elements const &e) : DatatypeSerializerOf(e.d_{cls.name}){inits} {{}}
+
+    ::kivra::Value doGetPropertyValue({t} const &object, {META}::Property const &property) const override {{
+{gets}        raiseNoSuchProperty(property);
+    }}
+    void doSetPropertyValue({t} &object, {META}::Property const &property, ::kivra::Value const &value) const override {{
+{sets}        raiseNoSuchProperty(property);
+    }}
+
+private:
+{members}}};
+"""
+
+
+def serializer_definitions(mm):
+    """The literal tables of the enums and the serializer classes of the data types."""
+    if not ENUMS and not datatypes(mm):
+        return ""
+    body = "".join(literal_table(mm, e) for e in ENUMS.values())
+    body += "".join(datatype_serializer_class(mm, c) for c in datatypes(mm))
+    return f"\nnamespace {{\n\n{body}\n}} // namespace\n"
+
+
+def register_serializers(mm, serializers):
+    """Hands the serializers of the package's enums and data types to the registry."""
+    out = []
+    flavours = (("AsName", ""), ("AsValue", "ID"), ("AsPublicId", "PublicID"))
+    for enum in ENUMS.values():
+        for form, flavour in flavours:
+            out.append(f"    registerPropertySerializer({serializers}, e.e_{enum.name}, std::make_unique<{META}::EnumPropertySerializer{form}<{enum.name}>>({enum.name}Literals), \"{flavour}\");\n")
+    for cls in datatypes(mm):
+        out.append(f"    registerDatatypeSerializer({serializers}, e.d_{cls.name}, std::make_unique<{cls.name}DatatypeSerializer>(e));\n")
+    return "".join(out)
+
+
+def write_datatype_header(mm, cls):
+    """The native value class of a data type of a user's tables."""
+    includes = {"basalt/ustring.hpp", "cstdint", "tuple"}
+    if any(p.shape == "Optional" for p in cls.props):
+        includes.add("boost/optional/optional.hpp")
+    if any(p.type == "UUID" for p in cls.props):
+        includes.add("boost/uuid/uuid.hpp")
+    if any(p.type == "StdString" for p in cls.props):
+        includes.add("string")
+    if any(p.type == "DateTime" for p in cls.props):
+        includes.add("boost/date_time/posix_time/ptime.hpp")
+    if any(is_enum(p) for p in cls.props):
+        includes.add(mm.header("Handles"))
+    if any(p.type == "DateTime" and p.default for p in cls.props) or any(p.type == "UUID" and p.default for p in cls.props):
+        includes.add("kivra/detail/DynamicDefaults.hpp")
+    accessors = []
+    for p in cls.props:
+        ret = f"{field_type(p)} const &" if p.shape == "Optional" or PRIMITIVES.get(p.type, ("", False))[1] else f"{field_type(p)} "
+        arg = f"{field_type(p)} const &" if p.shape == "Optional" or PRIMITIVES.get(p.type, ("", False))[1] else f"{field_type(p)} "
+        accessors.append(f"    {ret}get{p.cap}() const noexcept {{ return {p.name}_; }}\n")
+        accessors.append(f"    void set{p.cap}({arg}{p.name}) {{ {p.name}_ = {p.name}; }}\n")
+    fields = "".join(f"    {field_type(p)} {p.name}_{initial(p) if p.shape == 'Single' else '{}'};\n" for p in cls.props)
+    tie_a = ", ".join(f"a.{p.name}_" for p in cls.props)
+    tie_b = ", ".join(f"b.{p.name}_" for p in cls.props)
+    return f"""{mm.banner}#pragma once
+/// \\file
+/// The values of the data type `{cls.name}`.
+
+{"".join(f"#include <{i}>" + chr(10) for i in sorted(includes))}
+namespace {mm.ns} {{
+
+/// The values of the data type `{cls.name}`: one field per property, read and written by
+/// its serializer in the registry. A value type, ordered field by field.
+class {cls.name} {{
+public:
+{"".join(accessors)}
+    friend bool operator==({cls.name} const &, {cls.name} const &) = default;
+    friend bool operator<({cls.name} const &a, {cls.name} const &b) {{
+        return std::tie({tie_a}) < std::tie({tie_b});
+    }}
+
+private:
+{fields}}};
+
+}} // namespace {mm.ns}
+"""
+
+
 def write_package_source(mm):
     name = package_class(mm)
     classes = mm.order()
@@ -2051,17 +2210,26 @@ namespace {{
                                                  "kivra/meta/detail/Metaclasses.hpp"} - {mm.header(c.name) for c in classes})]
     if any(p.type in BUILTIN_DATATYPES and p.type not in mm.classes for cls in classes for p in cls.props):
         out.append("#include <kivra/meta/VersionInfo.hpp>\n")
+    serializer_includes = set()
+    if ENUMS:
+        serializer_includes.add("kivra/meta/EnumPropertySerializers.hpp")
+    if datatypes(mm):
+        serializer_includes.add("kivra/meta/DatatypeSerializers.hpp")
+        serializer_includes |= {datatype_header(mm, c) for c in datatypes(mm)}
+    if ENUMS or datatypes(mm) or not is_meta(mm):
+        serializer_includes |= {"kivra/meta/PropertySerializerRegistry.hpp", "memory"}
+    out += [f"#include <{i}>\n" for i in sorted(serializer_includes)]
     if is_meta(mm):
         head = f"""
 namespace {mm.ns} {{
-{enum_slots}
+{enum_slots}{serializer_definitions(mm)}
 void {name}::instantiate_kivra_meta(MetaRegistry *) {{
     package_ = createPackage(u"{mm.package.name}", u"{mm.package.uri}");
 {instantiate_body(mm)}}}
 
-void {name}::weave_kivra_meta(MetaRegistry *, PropertySerializerRegistry *) {{
+void {name}::weave_kivra_meta(MetaRegistry *, PropertySerializerRegistry *serializers) {{
     package_->setParentPackage(kivra_);
-{weave_body(mm)}}}
+{weave_body(mm)}{register_serializers(mm, "*serializers")}}}
 """
     else:
         head = f"""
@@ -2071,20 +2239,22 @@ namespace {mm.ns} {{
     static {name} *const instance = new {name}(); // lives as long as the registry
     return *instance;
 }}
-{enum_slots}
+{enum_slots}{serializer_definitions(mm)}
 {name}::{name}() {{
+    // Asked for before the registry's lock is taken, which its making takes too.
+    auto &serializers = ::kivra::meta::PropertySerializerRegistry::getInstance();
     begin();
     package_ = createPackage(u"{mm.package.name}", u"{mm.package.uri}");
     instantiate();
-    weave();
+    weave(serializers);
     finish();
 }}
 
 void {name}::instantiate() {{
 {instantiate_body(mm)}}}
 
-void {name}::weave() {{
-{weave_body(mm)}}}
+void {name}::weave([[maybe_unused]] ::kivra::meta::PropertySerializerRegistry &serializers) {{
+{weave_body(mm)}{register_serializers(mm, "serializers")}}}
 """
     out.append(head)
     out.append(f"\n}} // namespace {mm.ns}\n")
@@ -2099,6 +2269,9 @@ def outputs(mm, headers, sources):
     for cls in mm.order():
         files[headers / f"{cls.name}Constrainables.hpp"] = write_constrainables_header(mm, cls)
         files[sources / f"{cls.name}Constrainables.cpp"] = write_constrainables_source(mm, cls)
+    if not is_meta(mm):
+        for cls in datatypes(mm):
+            files[headers / f"{cls.name}.hpp"] = write_datatype_header(mm, cls)
     if mm.described():
         files[headers / f"{package_class(mm)}.hpp"] = write_package_header(mm)
         files[sources / f"{package_class(mm)}.cpp"] = write_package_source(mm)

@@ -18,6 +18,9 @@
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/meta/EnumPropertySerializers.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <memory>
 
 namespace kivra::bench::workload {
 
@@ -38,11 +41,23 @@ namespace {
     return slot;
 }
 
+namespace {
+
+constexpr ::kivra::meta::EnumLiteralEntry CategoryLiterals[] = {
+    {u"Biography", 2, u""},
+    {u"Mystery", 0, u""},
+    {u"ScienceFiction", 1, u""},
+};
+
+} // namespace
+
 BenchPackage::BenchPackage() {
+    // Asked for before the registry's lock is taken, which its making takes too.
+    auto &serializers = ::kivra::meta::PropertySerializerRegistry::getInstance();
     begin();
     package_ = createPackage(u"bench", u"http://bench/1.0");
     instantiate();
-    weave();
+    weave(serializers);
     finish();
 }
 
@@ -92,7 +107,7 @@ void BenchPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("84cee18c-f871-3116-964a-dcc4f4e4d49f")) = e.p_Writer_books;
 }
 
-void BenchPackage::weave() {
+void BenchPackage::weave([[maybe_unused]] ::kivra::meta::PropertySerializerRegistry &serializers) {
     Elements &e = elements_;
     e.e_Category->setOwningPackage(package_);
     e.e_Category->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
@@ -132,6 +147,9 @@ void BenchPackage::weave() {
     registry().registerProxyFactory(e.c_Book, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Book::createProxy(model, id)); });
     registry().registerType(e.c_Writer, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Writer::Builder>(model); });
     registry().registerProxyFactory(e.c_Writer, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Writer::createProxy(model, id)); });
+    registerPropertySerializer(serializers, e.e_Category, std::make_unique<::kivra::meta::EnumPropertySerializerAsName<Category>>(CategoryLiterals), "");
+    registerPropertySerializer(serializers, e.e_Category, std::make_unique<::kivra::meta::EnumPropertySerializerAsValue<Category>>(CategoryLiterals), "ID");
+    registerPropertySerializer(serializers, e.e_Category, std::make_unique<::kivra::meta::EnumPropertySerializerAsPublicId<Category>>(CategoryLiterals), "PublicID");
 }
 
 } // namespace kivra::bench::workload

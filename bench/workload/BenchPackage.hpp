@@ -42,7 +42,7 @@ public:
 private:
     BenchPackage();
     void instantiate();
-    void weave();
+    void weave(::kivra::meta::PropertySerializerRegistry &serializers);
 
     ::kivra::meta::Package package_;
     Elements elements_;

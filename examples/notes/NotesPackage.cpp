@@ -17,6 +17,8 @@
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <memory>
 
 namespace notes {
 
@@ -26,10 +28,12 @@ NotesPackage &NotesPackage::getInstance() {
 }
 
 NotesPackage::NotesPackage() {
+    // Asked for before the registry's lock is taken, which its making takes too.
+    auto &serializers = ::kivra::meta::PropertySerializerRegistry::getInstance();
     begin();
     package_ = createPackage(u"notes", u"http://schema.kivra.org/kivra/notes/1");
     instantiate();
-    weave();
+    weave(serializers);
     finish();
 }
 
@@ -57,7 +61,7 @@ void NotesPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("95d293a2-1e5d-3a7c-91cc-96c12af99d1c")) = e.p_Note_stars;
 }
 
-void NotesPackage::weave() {
+void NotesPackage::weave([[maybe_unused]] ::kivra::meta::PropertySerializerRegistry &serializers) {
     Elements &e = elements_;
     e.c_Notebook->setOwningPackage(package_);
     e.c_Notebook->setSuperclass(::kivra::ModelElement::metaClass());

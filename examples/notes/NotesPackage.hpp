@@ -33,7 +33,7 @@ public:
 private:
     NotesPackage();
     void instantiate();
-    void weave();
+    void weave(::kivra::meta::PropertySerializerRegistry &serializers);
 
     ::kivra::meta::Package package_;
     Elements elements_;

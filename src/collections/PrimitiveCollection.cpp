@@ -7,6 +7,7 @@
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/detail/Collections.hpp>
 #include <kivra/meta/DataType.hpp>
+#include <kivra/meta/DatatypeSerializers.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 
 #include <algorithm>
@@ -38,28 +39,7 @@ bool isVersionInfoType(meta::Type const &type) {
            dynamic_cast<meta::DataType::Impl const *>(type.get()) != nullptr;
 }
 
-/// The payload of a `VersionInfo` value: a heap copy, ordered by family then version.
-struct VersionInfoPayload {
-    using T = meta::VersionInfo;
-    static void destroy(void *payload) { delete static_cast<T *>(payload); }
-    static void *clone(void const *payload) { return new T(*static_cast<T const *>(payload)); }
-    static bool equals(void const *a, void const *b) {
-        return a && b ? *static_cast<T const *>(a) == *static_cast<T const *>(b) : a == b;
-    }
-    static bool less(void const *a, void const *b) {
-        if (!a || !b)
-            return false;
-        T const &x = *static_cast<T const *>(a);
-        T const &y = *static_cast<T const *>(b);
-        return std::tie(x.getFamily(), x.getMinVersion()) < std::tie(y.getFamily(), y.getMinVersion());
-    }
-    static std::uint64_t hash(void const *payload) {
-        T const &info = *static_cast<T const *>(payload);
-        std::uint64_t const family = services::hashers::KivraHasher<basalt::ustring>()(info.getFamily());
-        return family * 31 + services::hashers::KivraHasher<basalt::ustring>()(info.getMinVersion());
-    }
-    static constexpr PayloadFunctions functions{&destroy, &clone, &equals, &less, &hash, nullptr};
-};
+using VersionInfoPayload = meta::detail::DatatypePayload<meta::VersionInfo>;
 
 /// Reads the entry a written value carries: a single value of the entry type; for integer
 /// entries an enum value too, its number cut to the entry's width.
@@ -101,12 +81,17 @@ template <class K, class V> V const &entryOf(std::pair<K, V> const &item) { retu
 
 namespace meta {
 
+std::uint64_t hashValue(VersionInfo const &info) noexcept {
+    services::hashers::KivraHasher<basalt::ustring> const hasher;
+    return hasher(info.getFamily()) * 31 + hasher(info.getMinVersion());
+}
+
 DataType VersionInfo::dataType() {
-    // Kept once found: the registry model keeps its description for the process.
+    // Kept once found, until a repeated description of the metamodel replaces it.
     static std::atomic<DataType::Impl *> found{nullptr};
     static DataType kept;
     static std::mutex mutex;
-    if (DataType::Impl *const impl = found.load(std::memory_order_acquire))
+    if (DataType::Impl *const impl = found.load(std::memory_order_acquire); impl && impl->isValid())
         return DataType::fromImpl(impl);
     std::lock_guard lock(mutex);
     if (kept)

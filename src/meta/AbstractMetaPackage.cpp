@@ -12,6 +12,10 @@
 #include <kivra/meta/Operation.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/PropertySerializer.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+
+#include <algorithm>
 
 namespace kivra::meta {
 
@@ -44,11 +48,24 @@ void settle(Package const &package) {
 
 AbstractMetaPackage::AbstractMetaPackage() : registry_(MetaRegistry::getInstance()) {}
 
-AbstractMetaPackage::~AbstractMetaPackage() { abandon(); }
+AbstractMetaPackage::~AbstractMetaPackage() {
+    abandon();
+    unregisterSerializers();
+}
+
+void AbstractMetaPackage::unregisterSerializers() noexcept {
+    if (serializedTypes_.empty())
+        return;
+    auto &serializers = PropertySerializerRegistry::getInstance();
+    for (Type const &type : serializedTypes_)
+        serializers.unregisterSerializers(type);
+    serializedTypes_.clear();
+}
 
 // Revertible, so that a description that fails part way leaves no element behind, and
 // with the elements the types that it registered.
 void AbstractMetaPackage::begin() {
+    serializedTypes_.clear();
     locked_.emplace(registry_->getMetaRegistryModel());
     model_ = locked_->get();
     transaction_ = model_->beginRevertibleTransaction();
@@ -68,6 +85,8 @@ void AbstractMetaPackage::finish() {
 }
 
 void AbstractMetaPackage::abandon() noexcept {
+    if (transaction_) // unfinished: what it registered goes with its elements
+        unregisterSerializers();
     transaction_ = Transaction(); // the last handle of an open transaction rolls it back
     packages_.clear();
     locked_.reset();
@@ -139,6 +158,26 @@ Endpoint AbstractMetaPackage::createEndpoint(basalt::ustring const &name, char c
     Endpoint::Builder builder(model());
     builder.setName(name);
     return builder.createEndpoint(uuidOf(uuid));
+}
+
+void AbstractMetaPackage::claimSerializedType(PropertySerializerRegistry &serializers, Type const &type) {
+    if (std::find(serializedTypes_.begin(), serializedTypes_.end(), type) != serializedTypes_.end())
+        return;
+    serializers.unregisterSerializers(type); // left by an earlier description of this type
+    serializedTypes_.push_back(type);
+}
+
+void AbstractMetaPackage::registerPropertySerializer(PropertySerializerRegistry &serializers, Type const &type,
+                                                     std::unique_ptr<PropertySerializer> serializer,
+                                                     std::string_view flavour) {
+    claimSerializedType(serializers, type);
+    serializers.registerPropertySerializer(type, std::move(serializer), flavour);
+}
+
+void AbstractMetaPackage::registerDatatypeSerializer(PropertySerializerRegistry &serializers, DataType const &type,
+                                                     std::unique_ptr<DatatypeSerializer> serializer) {
+    claimSerializedType(serializers, type);
+    serializers.registerDatatypeSerializer(type, std::move(serializer));
 }
 
 void AbstractMetaPackage::setPropertyIndex(Property const &property, int index) { property->setPropertyIndex(index); }

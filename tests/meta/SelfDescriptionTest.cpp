@@ -15,6 +15,9 @@
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/PropertySerializer.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/meta/VersionInfo.hpp>
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -294,6 +297,7 @@ TEST(SelfDescription, DynamicDefaultsAreMadeForEachElement) {
 
 TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {
     Class const before = Class::metaClass();
+    ASSERT_TRUE(VersionInfo::dataType()); // found, and kept, before the description is made again
     MetaPackageMeta::getInstance().initialize();
     Model const model = registry().getFrozenMetaRegistryModel().get();
     ModelElement const root = model->findElement(parseUuidLiteral("83420365-c799-3b21-8efd-43817abf0909"));
@@ -307,6 +311,20 @@ TEST(SelfDescription, ARepeatedInitializationLeavesOneRootPackage) {
     EXPECT_EQ(registry().getClass(u"kivra.ModelElement"), ModelElement::metaClass());
     EXPECT_TRUE(ModelElement::metaClass()->isValid());
     EXPECT_EQ(after->getPropertyByName(u"superclass"), Class::Impl::superclassProperty());
+
+    // The serializers of the enums and data types are replaced, not registered twice.
+    auto const &serializers = PropertySerializerRegistry::getInstance();
+    MetaPackageMeta::Elements const &e = MetaPackageMeta::getInstance().elements();
+    PropertySerializer const *byNumber = serializers.getPropertySerializer(e.e_Language, "ID");
+    ASSERT_NE(byNumber, nullptr);
+    EXPECT_EQ(byNumber->parseValue(u"1", e.e_Language).getType(), e.e_Language);
+    DatatypeSerializer const *versions = serializers.getDatatypeSerializer(e.d_VersionInfo);
+    ASSERT_NE(versions, nullptr);
+    Value const info = versions->setPropertyValue(versions->createDefaultValue(), e.p_VersionInfo_minVersion,
+                                                  Value(basalt::ustring(u"2")));
+    EXPECT_EQ(versions->getPropertyValue(info, e.p_VersionInfo_minVersion), Value(basalt::ustring(u"2")));
+    // The data type's own conversion finds the new description too.
+    EXPECT_EQ(VersionInfo(u"core", u"2").toValue().getType(), e.d_VersionInfo);
 }
 
 } // namespace

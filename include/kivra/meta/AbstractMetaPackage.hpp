@@ -12,11 +12,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kivra::meta {
 
 class PropertySerializerRegistry;
+class PropertySerializer;
+class DatatypeSerializer;
 
 /// The base of generated metamodel packages: each enters its packages, classes and
 /// properties into the registry model once, under the registry's lock, through the
@@ -71,12 +74,25 @@ protected:
     void setVantorDispCategory(Property const &property, std::string const &category);
     void setVantorDispSkipEmpty(Property const &property, bool skip);
 
+    /// Gives `serializers` a serializer of one of this description's types. The first
+    /// registration of a type in a description drops what an earlier description of the
+    /// same type left there, so that describing again raises no `DuplicateTypeInRegistry`;
+    /// the destructor takes them out again.
+    void registerPropertySerializer(PropertySerializerRegistry &serializers, Type const &type,
+                                    std::unique_ptr<PropertySerializer> serializer, std::string_view flavour);
+    void registerDatatypeSerializer(PropertySerializerRegistry &serializers, DataType const &type,
+                                    std::unique_ptr<DatatypeSerializer> serializer);
+
 private:
+    void claimSerializedType(PropertySerializerRegistry &serializers, Type const &type);
+    void unregisterSerializers() noexcept;
+
     MetaRegistry *registry_;
     std::optional<MetaRegistry::LockedModel> locked_;
     Model model_;
     Transaction transaction_;
     std::vector<Package> packages_;
+    std::vector<Type> serializedTypes_; ///< the types whose serializers this description gave
 };
 
 } // namespace kivra::meta

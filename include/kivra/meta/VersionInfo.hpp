@@ -6,6 +6,7 @@
 
 #include <basalt/ustring.hpp>
 
+#include <cstdint>
 #include <utility>
 
 namespace kivra {
@@ -28,6 +29,12 @@ public:
     void setMinVersion(basalt::ustring minVersion) { minVersion_ = std::move(minVersion); }
 
     friend bool operator==(VersionInfo const &, VersionInfo const &) = default;
+    /// By family, then by version, as texts of UTF-16 code units.
+    friend bool operator<(VersionInfo const &a, VersionInfo const &b) noexcept {
+        return a.family_ != b.family_ ? a.family_ < b.family_ : a.minVersion_ < b.minVersion_;
+    }
+    /// The hash of both texts, as hashed sets of values take it.
+    friend std::uint64_t hashValue(VersionInfo const &info) noexcept;
 
     /// The data type `VersionInfo`, found by its UUID in the registry model; empty until
     /// the metamodel describes it.

@@ -32,6 +32,13 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
+#include <kivra/meta/DatatypeSerializers.hpp>
+#include <kivra/meta/EnumPropertySerializers.hpp>
+#include <kivra/meta/ExtensionPrototype.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/meta/TransactionOrigin.hpp>
+#include <kivra/meta/VersionInfo.hpp>
+#include <memory>
 
 namespace kivra::meta {
 
@@ -47,6 +54,159 @@ namespace {
     static ::kivra::meta::Enum const &slot = LanguageSlot();
     return slot;
 }
+
+namespace {
+
+constexpr ::kivra::meta::EnumLiteralEntry LanguageLiterals[] = {
+    {u"CPlusPlus", 1, u""},
+    {u"JavaScript", 2, u""},
+    {u"Unknown", 0, u""},
+};
+
+/// Reads and writes the fields of `ExtensionPrototype` values by the handles of its properties.
+class ExtensionPrototypeDatatypeSerializer final : public ::kivra::meta::DatatypeSerializerOf<::kivra::meta::ExtensionPrototype> {
+public:
+    explicit ExtensionPrototypeDatatypeSerializer(MetaPackageMeta::Elements const &e) : DatatypeSerializerOf(e.d_ExtensionPrototype), lower_(e.p_ExtensionPrototype_lower), upper_(e.p_ExtensionPrototype_upper), isOrdered_(e.p_ExtensionPrototype_isOrdered), isUnique_(e.p_ExtensionPrototype_isUnique), name_(e.p_ExtensionPrototype_name), typeName_(e.p_ExtensionPrototype_typeName) {}
+
+    ::kivra::Value doGetPropertyValue(::kivra::meta::ExtensionPrototype const &object, ::kivra::meta::Property const &property) const override {
+        if (property == lower_)
+            return ::kivra::Value(object.getLower());
+        if (property == upper_)
+            return ::kivra::Value(object.getUpper());
+        if (property == isOrdered_)
+            return ::kivra::Value(object.getIsOrdered());
+        if (property == isUnique_)
+            return ::kivra::Value(object.getIsUnique());
+        if (property == name_)
+            return ::kivra::Value(object.getName());
+        if (property == typeName_)
+            return ::kivra::Value(object.getTypeName());
+        raiseNoSuchProperty(property);
+    }
+    void doSetPropertyValue(::kivra::meta::ExtensionPrototype &object, ::kivra::meta::Property const &property, ::kivra::Value const &value) const override {
+        if (property == lower_) {
+            object.setLower(value.hasPayload() ? value.get<std::uint32_t>() : ::kivra::meta::ExtensionPrototype().getLower());
+            return;
+        }
+        if (property == upper_) {
+            object.setUpper(value.hasPayload() ? value.get<std::uint32_t>() : ::kivra::meta::ExtensionPrototype().getUpper());
+            return;
+        }
+        if (property == isOrdered_) {
+            object.setIsOrdered(value.hasPayload() ? value.get<bool>() : ::kivra::meta::ExtensionPrototype().getIsOrdered());
+            return;
+        }
+        if (property == isUnique_) {
+            object.setIsUnique(value.hasPayload() ? value.get<bool>() : ::kivra::meta::ExtensionPrototype().getIsUnique());
+            return;
+        }
+        if (property == name_) {
+            object.setName(value.hasPayload() ? value.get<basalt::ustring>() : ::kivra::meta::ExtensionPrototype().getName());
+            return;
+        }
+        if (property == typeName_) {
+            object.setTypeName(value.hasPayload() ? value.get<basalt::ustring>() : ::kivra::meta::ExtensionPrototype().getTypeName());
+            return;
+        }
+        raiseNoSuchProperty(property);
+    }
+
+private:
+    ::kivra::meta::Property lower_;
+    ::kivra::meta::Property upper_;
+    ::kivra::meta::Property isOrdered_;
+    ::kivra::meta::Property isUnique_;
+    ::kivra::meta::Property name_;
+    ::kivra::meta::Property typeName_;
+};
+
+/// Reads and writes the fields of `TransactionOrigin` values by the handles of its properties.
+class TransactionOriginDatatypeSerializer final : public ::kivra::meta::DatatypeSerializerOf<::kivra::meta::TransactionOrigin> {
+public:
+    explicit TransactionOriginDatatypeSerializer(MetaPackageMeta::Elements const &e) : DatatypeSerializerOf(e.d_TransactionOrigin), model_(e.p_TransactionOrigin_model), language_(e.p_TransactionOrigin_language), transactionId_(e.p_TransactionOrigin_transactionId), synchronizer_(e.p_TransactionOrigin_synchronizer), transactionOrdinal_(e.p_TransactionOrigin_transactionOrdinal), transactionFactory_(e.p_TransactionOrigin_transactionFactory) {}
+
+    ::kivra::Value doGetPropertyValue(::kivra::meta::TransactionOrigin const &object, ::kivra::meta::Property const &property) const override {
+        if (property == model_)
+            return ::kivra::Value(object.getModel());
+        if (property == language_)
+            return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(object.getLanguage())));
+        if (property == transactionId_)
+            return ::kivra::Value(object.getTransactionId());
+        if (property == synchronizer_)
+            return ::kivra::Value(property->getType(), object.getSynchronizer(), false);
+        if (property == transactionOrdinal_)
+            return ::kivra::Value(object.getTransactionOrdinal());
+        if (property == transactionFactory_)
+            return ::kivra::Value(object.getTransactionFactory());
+        raiseNoSuchProperty(property);
+    }
+    void doSetPropertyValue(::kivra::meta::TransactionOrigin &object, ::kivra::meta::Property const &property, ::kivra::Value const &value) const override {
+        if (property == model_) {
+            object.setModel(value.hasPayload() ? value.get<boost::uuids::uuid>() : ::kivra::meta::TransactionOrigin().getModel());
+            return;
+        }
+        if (property == language_) {
+            object.setLanguage(value.hasPayload() ? static_cast<Language>(static_cast<std::int64_t>(value.get<std::uint64_t>())) : ::kivra::meta::TransactionOrigin().getLanguage());
+            return;
+        }
+        if (property == transactionId_) {
+            object.setTransactionId(value.hasPayload() ? value.get<boost::uuids::uuid>() : ::kivra::meta::TransactionOrigin().getTransactionId());
+            return;
+        }
+        if (property == synchronizer_) {
+            object.setSynchronizer(value.hasPayload() ? boost::optional<boost::uuids::uuid>(value.get<boost::uuids::uuid>()) : ::kivra::meta::TransactionOrigin().getSynchronizer());
+            return;
+        }
+        if (property == transactionOrdinal_) {
+            object.setTransactionOrdinal(value.hasPayload() ? value.get<std::int32_t>() : ::kivra::meta::TransactionOrigin().getTransactionOrdinal());
+            return;
+        }
+        if (property == transactionFactory_) {
+            object.setTransactionFactory(value.hasPayload() ? value.get<boost::uuids::uuid>() : ::kivra::meta::TransactionOrigin().getTransactionFactory());
+            return;
+        }
+        raiseNoSuchProperty(property);
+    }
+
+private:
+    ::kivra::meta::Property model_;
+    ::kivra::meta::Property language_;
+    ::kivra::meta::Property transactionId_;
+    ::kivra::meta::Property synchronizer_;
+    ::kivra::meta::Property transactionOrdinal_;
+    ::kivra::meta::Property transactionFactory_;
+};
+
+/// Reads and writes the fields of `VersionInfo` values by the handles of its properties.
+class VersionInfoDatatypeSerializer final : public ::kivra::meta::DatatypeSerializerOf<::kivra::meta::VersionInfo> {
+public:
+    explicit VersionInfoDatatypeSerializer(MetaPackageMeta::Elements const &e) : DatatypeSerializerOf(e.d_VersionInfo), family_(e.p_VersionInfo_family), minVersion_(e.p_VersionInfo_minVersion) {}
+
+    ::kivra::Value doGetPropertyValue(::kivra::meta::VersionInfo const &object, ::kivra::meta::Property const &property) const override {
+        if (property == family_)
+            return ::kivra::Value(object.getFamily());
+        if (property == minVersion_)
+            return ::kivra::Value(object.getMinVersion());
+        raiseNoSuchProperty(property);
+    }
+    void doSetPropertyValue(::kivra::meta::VersionInfo &object, ::kivra::meta::Property const &property, ::kivra::Value const &value) const override {
+        if (property == family_) {
+            object.setFamily(value.hasPayload() ? value.get<basalt::ustring>() : ::kivra::meta::VersionInfo().getFamily());
+            return;
+        }
+        if (property == minVersion_) {
+            object.setMinVersion(value.hasPayload() ? value.get<basalt::ustring>() : ::kivra::meta::VersionInfo().getMinVersion());
+            return;
+        }
+        raiseNoSuchProperty(property);
+    }
+
+private:
+    ::kivra::meta::Property family_;
+    ::kivra::meta::Property minVersion_;
+};
+
+} // namespace
 
 void MetaPackageMeta::instantiate_kivra_meta(MetaRegistry *) {
     package_ = createPackage(u"meta", u"http://schema.kivra.org/kivra/meta/19700101/kivra.meta");
@@ -512,7 +672,7 @@ void MetaPackageMeta::instantiate_kivra_meta(MetaRegistry *) {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("ba3ad348-d02d-30e3-801f-d37706f4dca4")) = e.p_UUIDAttribute_value;
 }
 
-void MetaPackageMeta::weave_kivra_meta(MetaRegistry *, PropertySerializerRegistry *) {
+void MetaPackageMeta::weave_kivra_meta(MetaRegistry *, PropertySerializerRegistry *serializers) {
     package_->setParentPackage(kivra_);
     Elements &e = elements_;
     e.e_Language->setOwningPackage(package_);
@@ -937,6 +1097,12 @@ void MetaPackageMeta::weave_kivra_meta(MetaRegistry *, PropertySerializerRegistr
     registry().registerType(e.d_ExtensionPrototype);
     registry().registerType(e.d_TransactionOrigin);
     registry().registerType(e.d_VersionInfo);
+    registerPropertySerializer(*serializers, e.e_Language, std::make_unique<::kivra::meta::EnumPropertySerializerAsName<Language>>(LanguageLiterals), "");
+    registerPropertySerializer(*serializers, e.e_Language, std::make_unique<::kivra::meta::EnumPropertySerializerAsValue<Language>>(LanguageLiterals), "ID");
+    registerPropertySerializer(*serializers, e.e_Language, std::make_unique<::kivra::meta::EnumPropertySerializerAsPublicId<Language>>(LanguageLiterals), "PublicID");
+    registerDatatypeSerializer(*serializers, e.d_ExtensionPrototype, std::make_unique<ExtensionPrototypeDatatypeSerializer>(e));
+    registerDatatypeSerializer(*serializers, e.d_TransactionOrigin, std::make_unique<TransactionOriginDatatypeSerializer>(e));
+    registerDatatypeSerializer(*serializers, e.d_VersionInfo, std::make_unique<VersionInfoDatatypeSerializer>(e));
 }
 
 } // namespace kivra::meta

@@ -5,6 +5,7 @@
 
 #include <kivra/Handles.hpp>
 #include <kivra/meta/Fwd.hpp>
+#include <kivra/meta/Handles.hpp>
 #include <kivra/query/Fwd.hpp>
 
 #include <basalt/ustring.hpp>
@@ -27,6 +28,26 @@ class Shelf;
 class Book;
 class Novel;
 class Author;
+
+/// The literals of the enumeration `Binding`, with their values.
+enum class Binding : std::int32_t {
+    Hardcover = 0,  ///< public identifier "HC"
+    Paperback = 1,  ///< public identifier "PB"
+    Leather = 2,
+};
+/// The `meta::Enum` that describes `Binding`.
+::kivra::meta::Enum const &metaEnum(Binding);
+/// The public identifier of a literal; empty when it has none.
+inline char16_t const *publicIdentifier(Binding literal) noexcept {
+    switch (literal) {
+    case Binding::Hardcover:
+        return u"HC";
+    case Binding::Paperback:
+        return u"PB";
+    default:
+        return u"";
+    }
+}
 
 /// Handle of a `Shelf` element; `operator->` needs `library/Shelf.hpp`.
 class Shelf : public ::kivra::ModelElement {

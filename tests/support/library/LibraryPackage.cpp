@@ -20,6 +20,11 @@
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/detail/Metaclasses.hpp>
 #include <kivra/meta/VersionInfo.hpp>
+#include <kivra/meta/DatatypeSerializers.hpp>
+#include <kivra/meta/EnumPropertySerializers.hpp>
+#include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <library/Edition.hpp>
+#include <memory>
 
 namespace kivra::test::library {
 
@@ -28,16 +33,89 @@ LibraryPackage &LibraryPackage::getInstance() {
     return *instance;
 }
 
+namespace {
+::kivra::meta::Enum &BindingSlot() {
+    static ::kivra::meta::Enum slot;
+    return slot;
+}
+} // namespace
+
+::kivra::meta::Enum const &metaEnum(Binding) {
+    static ::kivra::meta::Enum const &slot = (LibraryPackage::getInstance(), BindingSlot());
+    return slot;
+}
+
+namespace {
+
+constexpr ::kivra::meta::EnumLiteralEntry BindingLiterals[] = {
+    {u"Hardcover", 0, u"HC"},
+    {u"Leather", 2, u""},
+    {u"Paperback", 1, u"PB"},
+};
+
+/// Reads and writes the fields of `Edition` values by the handles of its properties.
+class EditionDatatypeSerializer final : public ::kivra::meta::DatatypeSerializerOf<Edition> {
+public:
+    explicit EditionDatatypeSerializer(LibraryPackage::Elements const &e) : DatatypeSerializerOf(e.d_Edition), number_(e.p_Edition_number), publisher_(e.p_Edition_publisher), binding_(e.p_Edition_binding), isbn_(e.p_Edition_isbn) {}
+
+    ::kivra::Value doGetPropertyValue(Edition const &object, ::kivra::meta::Property const &property) const override {
+        if (property == number_)
+            return ::kivra::Value(object.getNumber());
+        if (property == publisher_)
+            return ::kivra::Value(object.getPublisher());
+        if (property == binding_)
+            return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(object.getBinding())));
+        if (property == isbn_)
+            return ::kivra::Value(property->getType(), object.getIsbn(), false);
+        raiseNoSuchProperty(property);
+    }
+    void doSetPropertyValue(Edition &object, ::kivra::meta::Property const &property, ::kivra::Value const &value) const override {
+        if (property == number_) {
+            object.setNumber(value.hasPayload() ? value.get<std::int32_t>() : Edition().getNumber());
+            return;
+        }
+        if (property == publisher_) {
+            object.setPublisher(value.hasPayload() ? value.get<basalt::ustring>() : Edition().getPublisher());
+            return;
+        }
+        if (property == binding_) {
+            object.setBinding(value.hasPayload() ? static_cast<Binding>(static_cast<std::int64_t>(value.get<std::uint64_t>())) : Edition().getBinding());
+            return;
+        }
+        if (property == isbn_) {
+            object.setIsbn(value.hasPayload() ? boost::optional<std::string>(value.get<std::string>()) : Edition().getIsbn());
+            return;
+        }
+        raiseNoSuchProperty(property);
+    }
+
+private:
+    ::kivra::meta::Property number_;
+    ::kivra::meta::Property publisher_;
+    ::kivra::meta::Property binding_;
+    ::kivra::meta::Property isbn_;
+};
+
+} // namespace
+
 LibraryPackage::LibraryPackage() {
+    // Asked for before the registry's lock is taken, which its making takes too.
+    auto &serializers = ::kivra::meta::PropertySerializerRegistry::getInstance();
     begin();
     package_ = createPackage(u"library", u"http://schema.kivra.org/kivra/library/1");
     instantiate();
-    weave();
+    weave(serializers);
     finish();
 }
 
 void LibraryPackage::instantiate() {
     Elements &e = elements_;
+    e.e_Binding = createEnum(u"Binding", "369a33c3-6a30-3367-8e19-b05b5439d8cb");
+    e.l_Binding_Hardcover = createEnumLiteral(u"Hardcover", 0, "57b0a56c-d706-33f1-96b5-72c7b59fd30e");
+    e.l_Binding_Hardcover->setPublicIdentifier(basalt::ustring(u"HC"));
+    e.l_Binding_Paperback = createEnumLiteral(u"Paperback", 1, "9e63d748-4f12-3511-87fe-6908b76eb98c");
+    e.l_Binding_Paperback->setPublicIdentifier(basalt::ustring(u"PB"));
+    e.l_Binding_Leather = createEnumLiteral(u"Leather", 2, "6b494a84-e961-3466-ad4b-99b98b6df0e2");
     e.c_Shelf = createClass(u"Shelf", "library.Shelf", false, "b171343e-976b-3c15-8fe4-269754876c0c");
     e.p_Shelf_label = createProperty(u"label", ::kivra::ValueFlags::Single, false, "9ddb448c-b16d-3240-bcc3-84da9740db25");
     setPropertyIndex(e.p_Shelf_label, 1);
@@ -119,6 +197,18 @@ void LibraryPackage::instantiate() {
     e.p_Author_ratings->setIsUnique(false);
     e.p_Author_visits = createProperty(u"visits", ::kivra::ValueFlags::HashSet, false, "1559e4b1-5f8b-31ac-a934-51fed6f58ef7");
     setPropertyIndex(e.p_Author_visits, 8);
+    e.d_Edition = createDataType(u"Edition", "library.Edition", "c99e691d-b3dc-3399-929f-adf2431b5478");
+    e.p_Edition_number = createProperty(u"number", ::kivra::ValueFlags::Single, false, "c337d38e-8ac2-3aae-b55d-df3a55232f7a");
+    setPropertyIndex(e.p_Edition_number, 1);
+    e.p_Edition_number->setDefaultValue(basalt::ustring(u"1"));
+    e.p_Edition_publisher = createProperty(u"publisher", ::kivra::ValueFlags::Single, false, "84a05a03-ded2-38d6-8d28-9ca2eff2a919");
+    setPropertyIndex(e.p_Edition_publisher, 2);
+    e.p_Edition_binding = createProperty(u"binding", ::kivra::ValueFlags::Single, false, "9714c353-4064-3abd-a0da-c6a5de9e3511");
+    setPropertyIndex(e.p_Edition_binding, 3);
+    e.p_Edition_binding->setDefaultValue(basalt::ustring(u"Paperback"));
+    e.p_Edition_isbn = createProperty(u"isbn", ::kivra::ValueFlags::Optional, false, "5d15227f-dad6-30b9-9a8c-57fd899d1080");
+    setPropertyIndex(e.p_Edition_isbn, 4);
+    BindingSlot() = e.e_Binding;
     ::kivra::meta::detail::metaclassSlot(::kivra::parseUuidLiteral("b171343e-976b-3c15-8fe4-269754876c0c")) = e.c_Shelf;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("9ddb448c-b16d-3240-bcc3-84da9740db25")) = e.p_Shelf_label;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5b89df5-b1a4-3882-99fb-d58cb9068738")) = e.p_Shelf_featured;
@@ -160,8 +250,13 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1559e4b1-5f8b-31ac-a934-51fed6f58ef7")) = e.p_Author_visits;
 }
 
-void LibraryPackage::weave() {
+void LibraryPackage::weave([[maybe_unused]] ::kivra::meta::PropertySerializerRegistry &serializers) {
     Elements &e = elements_;
+    e.e_Binding->setOwningPackage(package_);
+    e.e_Binding->setUnderlyingType(registry().getPrimitiveType(u"Integer"));
+    e.l_Binding_Hardcover->setParentEnum(e.e_Binding);
+    e.l_Binding_Paperback->setParentEnum(e.e_Binding);
+    e.l_Binding_Leather->setParentEnum(e.e_Binding);
     e.c_Shelf->setOwningPackage(package_);
     e.c_Shelf->setSuperclass(::kivra::ModelElement::metaClass());
     e.p_Shelf_label->setOwningType(e.c_Shelf);
@@ -256,6 +351,16 @@ void LibraryPackage::weave() {
     e.p_Author_ratings->setType(registry().getType(u"Integer"));
     e.p_Author_visits->setOwningType(e.c_Author);
     e.p_Author_visits->setType(registry().getType(u"UUID"));
+    e.d_Edition->setOwningPackage(package_);
+    e.p_Edition_number->setOwningType(e.d_Edition);
+    e.p_Edition_number->setType(registry().getType(u"Integer"));
+    e.p_Edition_publisher->setOwningType(e.d_Edition);
+    e.p_Edition_publisher->setType(registry().getType(u"String"));
+    e.p_Edition_binding->setOwningType(e.d_Edition);
+    e.p_Edition_binding->setType(e.e_Binding);
+    e.p_Edition_isbn->setOwningType(e.d_Edition);
+    e.p_Edition_isbn->setType(registry().getType(u"StdString"));
+    registry().registerType(e.e_Binding);
     registry().registerType(e.c_Shelf, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Shelf::Builder>(model); });
     registry().registerProxyFactory(e.c_Shelf, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Shelf::createProxy(model, id)); });
     registry().registerType(e.c_Book, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Book::Builder>(model); });
@@ -264,6 +369,11 @@ void LibraryPackage::weave() {
     registry().registerProxyFactory(e.c_Novel, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Novel::createProxy(model, id)); });
     registry().registerType(e.c_Author, [](::kivra::Model const &model) -> std::unique_ptr<::kivra::ModelElement::Builder> { return std::make_unique<Author::Builder>(model); });
     registry().registerProxyFactory(e.c_Author, [](::kivra::Model const &model, ::kivra::ProxyId const &id) { return ::kivra::ModelElement(Author::createProxy(model, id)); });
+    registry().registerType(e.d_Edition);
+    registerPropertySerializer(serializers, e.e_Binding, std::make_unique<::kivra::meta::EnumPropertySerializerAsName<Binding>>(BindingLiterals), "");
+    registerPropertySerializer(serializers, e.e_Binding, std::make_unique<::kivra::meta::EnumPropertySerializerAsValue<Binding>>(BindingLiterals), "ID");
+    registerPropertySerializer(serializers, e.e_Binding, std::make_unique<::kivra::meta::EnumPropertySerializerAsPublicId<Binding>>(BindingLiterals), "PublicID");
+    registerDatatypeSerializer(serializers, e.d_Edition, std::make_unique<EditionDatatypeSerializer>(e));
 }
 
 } // namespace kivra::test::library

@@ -20,6 +20,10 @@ public:
     /// `l_` their literals, `p_` properties, `o_` operations and `a_` their arguments,
     /// named after their owners. Generated code compares properties with them by identity.
     struct Elements {
+        ::kivra::meta::Enum e_Binding;
+        ::kivra::meta::EnumLiteral l_Binding_Hardcover;
+        ::kivra::meta::EnumLiteral l_Binding_Paperback;
+        ::kivra::meta::EnumLiteral l_Binding_Leather;
         ::kivra::meta::Class c_Shelf;
         ::kivra::meta::Property p_Shelf_label;
         ::kivra::meta::Property p_Shelf_featured;
@@ -59,13 +63,18 @@ public:
         ::kivra::meta::Property p_Author_pseudonyms;
         ::kivra::meta::Property p_Author_ratings;
         ::kivra::meta::Property p_Author_visits;
+        ::kivra::meta::DataType d_Edition;
+        ::kivra::meta::Property p_Edition_number;
+        ::kivra::meta::Property p_Edition_publisher;
+        ::kivra::meta::Property p_Edition_binding;
+        ::kivra::meta::Property p_Edition_isbn;
     };
     Elements const &elements() const noexcept { return elements_; }
 
 private:
     LibraryPackage();
     void instantiate();
-    void weave();
+    void weave(::kivra::meta::PropertySerializerRegistry &serializers);
 
     ::kivra::meta::Package package_;
     Elements elements_;
