@@ -1,3 +1,5 @@
+#include "meta/StandardSerializers.hpp"
+
 #include <kivra/meta/MetaPackageMeta.hpp>
 
 #include <kivra/ElementMap.hpp>
@@ -99,7 +101,7 @@ void MetaPackageMeta::instantiate_kivra(MetaRegistry *registry) {
     ModelElement::initializeType(*registry);
 }
 
-void MetaPackageMeta::weave_kivra(MetaRegistry *registry, PropertySerializerRegistry *) {
+void MetaPackageMeta::weave_kivra(MetaRegistry *registry, PropertySerializerRegistry *serializers) {
     kivra_->setParentPackage(root_);
     for (Class const *cls : coreClasses()) {
         basalt::ustring const bareName = (*cls)->getName();
@@ -109,6 +111,7 @@ void MetaPackageMeta::weave_kivra(MetaRegistry *registry, PropertySerializerRegi
     }
     kivraModel_->setOwningPackage(kivra_);
     registry->registerType(kivraModel_);
+    registerPropertySerializer(*serializers, kivraModel_, detail::makeTransientOnlyModelSerializer(), "");
 }
 
 namespace detail {

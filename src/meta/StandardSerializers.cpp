@@ -393,7 +393,32 @@ public:
 
 template <class S> std::unique_ptr<PropertySerializer> make() { return std::make_unique<S>(); }
 
+/// A model handle as the payload of a `Value`: copies share the model, and two values are
+/// equal when they name the same one.
+PayloadFunctions const modelPayload{
+    [](void *payload) { delete static_cast<Model *>(payload); },
+    [](void const *payload) -> void * { return new Model(*static_cast<Model const *>(payload)); },
+    [](void const *a, void const *b) { return *static_cast<Model const *>(a) == *static_cast<Model const *>(b); },
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+class TransientOnlyPropertySerializer final : public PropertySerializer {
+public:
+    basalt::ustring serializeValue(Value const &) const override { return {}; }
+    Value parseValue(basalt::ustring const &, Type const &type) const override { return createDefaultValue(type); }
+    Value createEmptyOptionalValue(Type const &type) const override { return Value(type, boost::none); }
+    Value createDefaultValue(Type const &type) const override {
+        return Value(ValueMeta(type, ValueFlags::Single), new Model(), &modelPayload);
+    }
+};
+
 } // namespace
+
+std::unique_ptr<PropertySerializer> makeTransientOnlyModelSerializer() {
+    return std::make_unique<TransientOnlyPropertySerializer>();
+}
 
 std::vector<StandardSerializer> makeStandardSerializers() {
     using S = StandardTypes;

@@ -23,4 +23,8 @@ std::vector<StandardSerializer> makeStandardSerializers();
 /// number, "PublicID" by public identifier.
 std::vector<std::pair<std::string, std::unique_ptr<PropertySerializer>>> makeReflectiveEnumSerializers();
 
+/// The serializer of `KivraModel`, whose values are model handles that live only in
+/// memory: each writes as the empty text, and any text reads as the empty handle.
+std::unique_ptr<PropertySerializer> makeTransientOnlyModelSerializer();
+
 } // namespace kivra::meta::detail

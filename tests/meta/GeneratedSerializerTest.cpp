@@ -248,6 +248,21 @@ TEST(GeneratedEnumSerializer, WritesAndReadsLanguageInEveryFlavour) {
     EXPECT_EQ(fallback.getType(), language);
 }
 
+// A model handle lives only in memory: it writes as nothing and reads back as no model.
+TEST(GeneratedEnumSerializer, AModelTypedValueIsNeverWritten) {
+    PrimitiveType const &kivraModel = MetaPackageMeta::getInstance().getKivraModelType();
+    PropertySerializer const *serializer = PropertySerializerRegistry::getInstance().getPropertySerializer(kivraModel, "");
+    ASSERT_NE(serializer, nullptr);
+    Value const read = serializer->parseValue(u"any text at all", kivraModel);
+    EXPECT_EQ(read.getType(), kivraModel);
+    ASSERT_TRUE(read.hasPayload());
+    EXPECT_FALSE(*static_cast<Model const *>(read.getPayload()));
+    EXPECT_EQ(serializer->serializeValue(read), u"");
+    Value const copy = read; // shares the handle, and equals it
+    EXPECT_EQ(copy, read);
+    EXPECT_FALSE(serializer->createEmptyOptionalValue(kivraModel).hasPayload());
+}
+
 TEST(GeneratedEnumSerializer, AUserEnumReadsItsPublicIdentifiersAndNames) {
     Enum const binding = metaEnum(Binding::Hardcover);
     PropertySerializer const &byId = enumSerializer(binding, "PublicID");
