@@ -814,6 +814,17 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 }};
 """)
+    out.append(f"""
+/// Owns a builder of a `{cls.name}` or of a subclass, known only by its base: what a
+/// collection of `{cls.name}` elements takes to make new entries.
+class {cls.name}::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {{
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), {cls.name}::metaClass()) {{}}
+}};
+""")
     return "".join(out)
 
 
@@ -993,6 +1004,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static {cls.name} fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `{cls.name}` or of a subclass, known only by its base.
+    class BuilderWrapper;
 """)
         if not cls.abstract:
             out.append(f"""    /// Stages the values of a new `{cls.name}`: `{cls.name}::Builder(model).setXxx(...).create{cls.name}()`.
@@ -1692,6 +1705,9 @@ def constrainable(mm, p, attachment):
         return f"{QUERY}::ConstrainableRelationWithAttachment<{p.type}, {attachment}>"
     if k in COLLECTION_KINDS:
         return f"{QUERY}::ConstrainableCollectionWithAttachment<{p.type}, {attachment}>"
+    # A list or set of plain values matches when any of its entries does.
+    if k == "values" and (p.type in PRIMITIVES or is_enum(p)):
+        return f"{QUERY}::ConstrainableWithAttachment<{native(p)}, {attachment}, 0>"
     return None
 
 
@@ -1701,7 +1717,7 @@ def accessors(mm, cls):
 
 
 def handle_query_includes(mm):
-    natives = {native(p) for c in mm.order() for p in accessors(mm, c) if mm.kind(p) in ("value", "optional")}
+    natives = {native(p) for c in mm.order() for p in accessors(mm, c) if mm.kind(p) in ("value", "optional", "values")}
     out = "#include <kivra/query/Fwd.hpp>\n"
     if "basalt::ustring" in natives:
         out += "\n#include <basalt/ustring.hpp>\n"

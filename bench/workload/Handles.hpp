@@ -52,6 +52,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Library fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Library` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Library`: `Library::Builder(model).setXxx(...).createLibrary()`.
     class Builder;
     /// A new `Library` in `model`, top level, with default values; a nil `uuid` draws a
@@ -90,6 +92,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Book` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Book`: `Book::Builder(model).setXxx(...).createBook()`.
     class Builder;
     /// A new `Book` in `model`, top level, with default values; a nil `uuid` draws a
@@ -130,6 +134,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Writer fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Writer` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Writer`: `Writer::Builder(model).setXxx(...).createWriter()`.
     class Builder;
     /// A new `Writer` in `model`, top level, with default values; a nil `uuid` draws a

@@ -34,6 +34,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Notebook fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Notebook` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Notebook`: `Notebook::Builder(model).setXxx(...).createNotebook()`.
     class Builder;
     /// A new `Notebook` in `model`, top level, with default values; a nil `uuid` draws a
@@ -70,6 +72,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Note fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Note` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Note`: `Note::Builder(model).setXxx(...).createNote()`.
     class Builder;
     /// A new `Note` in `model`, top level, with default values; a nil `uuid` draws a

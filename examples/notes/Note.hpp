@@ -150,6 +150,16 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
+/// Owns a builder of a `Note` or of a subclass, known only by its base: what a
+/// collection of `Note` elements takes to make new entries.
+class Note::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Note::metaClass()) {}
+};
+
 inline Note::Impl *Note::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

@@ -358,6 +358,8 @@ private:
     void forgetExtensionValues(ModelElement::Impl const *element) noexcept;
     /// Tells the extension listeners that they are removed, and forgets them.
     void dropExtensionListeners() noexcept;
+    /// Calls `tell` with each extension listener that is still listening when its turn comes.
+    void forEachListener(std::function<void(ExtensionListener *)> const &tell);
     /// Destroys the registry's records of this model's extensions and forgets the model's
     /// own, with every element's values of them.
     void dropExtensions() noexcept;

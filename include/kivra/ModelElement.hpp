@@ -428,6 +428,11 @@ public:
     Builder *get() const noexcept { return builder_.get(); }
     explicit operator bool() const noexcept { return builder_ != nullptr; }
 
+protected:
+    /// Takes `builder` when it makes elements of `cls` or of a subclass; raises
+    /// `CannotCastIncompatibleTypes` otherwise.
+    BuilderWrapper(std::unique_ptr<Builder> builder, meta::Class const &cls);
+
 private:
     std::unique_ptr<Builder> builder_;
 };

@@ -23,6 +23,15 @@ namespace {
 
 // --- Builder -------------------------------------------------------------------------------
 
+ModelElement::BuilderWrapper::BuilderWrapper(std::unique_ptr<Builder> builder, meta::Class const &cls)
+    : builder_(std::move(builder)) {
+    if (!builder_)
+        return;
+    meta::Class const &made = builder_->getMetaClass();
+    if (!made || !cls || !made->isA(cls))
+        raise<messages::CannotCastIncompatibleTypes>(cls ? cls->getQualifiedName() : basalt::ustring());
+}
+
 ModelElement::Builder::Builder(Model const &model, std::size_t bitCount) : model_(model), bitCount_(bitCount) {
     if (bitCount_ <= 64) {
         inlineBits_[0] = inlineBits_[1] = 0;

@@ -156,8 +156,7 @@ void Model::Impl::unextendMetaclass(meta::Class const &cls, basalt::ustring cons
     {
         Transaction transaction = registryModel->getDefaultTransactionFactory().beginRevertibleTransaction();
         Model const self = getModel();
-        for (ExtensionListener *listener : std::vector<ExtensionListener *>(extensions_->listeners))
-            listener->extensionRemoved(self, extension);
+        forEachListener([&](ExtensionListener *listener) { listener->extensionRemoved(self, extension); });
         extension->destroy();
         if (!owner->hasExtensions())
             owner->destroy();
@@ -225,8 +224,17 @@ void Model::Impl::notifyExtensionAdded(meta::Extension const &extension) {
     if (!extensions_)
         return;
     Model const self = getModel();
-    for (ExtensionListener *listener : std::vector<ExtensionListener *>(extensions_->listeners))
-        listener->extensionAdded(self, extension);
+    forEachListener([&](ExtensionListener *listener) { listener->extensionAdded(self, extension); });
+}
+
+void Model::Impl::forEachListener(std::function<void(ExtensionListener *)> const &tell) {
+    // A listener may take others off, and they may be gone by the time their turn comes:
+    // only those still listening are told.
+    std::vector<ExtensionListener *> const listening = extensions_->listeners;
+    for (ExtensionListener *listener : listening)
+        if (extensions_ && std::find(extensions_->listeners.begin(), extensions_->listeners.end(), listener) !=
+                               extensions_->listeners.end())
+            tell(listener);
 }
 
 void Model::Impl::addExtensionListener(ExtensionListener *listener) {
@@ -261,6 +269,10 @@ Value ModelElement::Impl::getExtension(basalt::ustring const &name) {
     meta::Class const &cls = getMetaClass();
     ModelExtensions *tables = model_->extensions_.get();
     DeclaredExtension const *record = tables ? tables->find(cls, name, /*inherited=*/true) : nullptr;
+    // Many threads may read a frozen model; a model that changes has one user at a time.
+    std::unique_lock<std::mutex> frozenReaders;
+    if (tables && model_->isFrozen())
+        frozenReaders = std::unique_lock<std::mutex>(tables->frozenReaders);
     if (tables)
         if (auto values = tables->values.find(this); values != tables->values.end()) {
             ElementExtensionValues &own = *values->second;
@@ -299,6 +311,9 @@ void ModelElement::Impl::setExtension(basalt::ustring const &name, Value const &
 
 void ModelElement::Impl::setExtension(meta::Extension const &extension, Value const &value) {
     checkModifiable();
+    // Only the extension that this model gives the element's class names a value of it.
+    if (!extension || model_->getExtension(getMetaClass(), extension->getName()) != extension)
+        raiseNoSuchExtension(extension ? extension->getName() : basalt::ustring(), getMetaClass());
     Transaction transaction = model_->beginTransaction(false);
     value.checkCompatibleWithProperty(extension);
     Value copy = value;
@@ -336,9 +351,13 @@ void ModelElement::Impl::setExtension(meta::Extension const &extension, Value co
 }
 
 bool ModelElement::Impl::hasNonDefaultExtension(basalt::ustring const &name) const {
-    ModelExtensions const *tables = model_->extensions_.get();
+    ModelExtensions *tables = model_->extensions_.get();
     if (!tables)
         return false;
+    // Beside the readers of a frozen model that make collections (see `getExtension`).
+    std::unique_lock<std::mutex> frozenReaders;
+    if (model_->isFrozen())
+        frozenReaders = std::unique_lock<std::mutex>(tables->frozenReaders);
     auto const values = tables->values.find(this);
     if (values == tables->values.end())
         return false;

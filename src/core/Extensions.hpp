@@ -17,6 +17,7 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -54,6 +55,9 @@ struct ModelExtensions {
     std::unordered_multimap<basalt::ustring, DeclaredExtension> declared;
     std::vector<ExtensionListener *> listeners;
     absl::flat_hash_map<ModelElement::Impl const *, std::unique_ptr<ElementExtensionValues>> values;
+    /// Held by the readers of a frozen model around `values`: the first read of a
+    /// collection extension makes it, and a read drops a stale value.
+    std::mutex frozenReaders;
 
     /// The record of `name` whose class is `cls` or, with `inherited`, the nearest of its
     /// superclasses; null when none.

@@ -645,6 +645,10 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
     Impl *to = target.get();
     if (!to || !target || to == this || !listeners_.empty() || currentTransaction_)
         raise<messages::CannotChangeModel>();
+    // Asked before anything moves: the extensions go over first, and the elements after
+    // them would find a frozen target closed.
+    if (to->freezeCount_ != 0)
+        raise<messages::ModelFrozen>();
     std::vector<ModelElement::Impl *> moving;
     moving.reserve(table_->elements.size());
     table_->elements.forEach([&](ModelElement::Impl *element) { moving.push_back(element); });
@@ -669,7 +673,7 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
                 element->model_ = this;
                 if (held)
                     element->marks_ |= ModelElement::Impl::HeldByModelMark;
-                throw std::exception();
+                throw;
             }
             table_->elements.erase(element);
             if (held) {

@@ -99,6 +99,19 @@ TEST(Ustring, EditsThatCrossTheBoundaryKeepTheText) {
         text.assign(std::u16string_view(text).substr(2));
         expected.assign(std::u16string_view(expected).substr(2));
         EXPECT_EQ(std::u16string_view(text), expected);
+        // Ranges of its own iterators, contiguous or not, as the standard string takes them.
+        text.append(text.begin(), text.end());
+        expected.append(expected.begin(), expected.end());
+        EXPECT_EQ(std::u16string_view(text), expected);
+        text.append(text.rbegin(), text.rend());
+        expected.append(expected.rbegin(), expected.rend());
+        EXPECT_EQ(std::u16string_view(text), expected);
+        text.assign(text.begin() + 1, text.end());
+        expected.assign(expected.begin() + 1, expected.end());
+        EXPECT_EQ(std::u16string_view(text), expected);
+        text.assign(text.rbegin(), text.rend());
+        expected.assign(expected.rbegin(), expected.rend());
+        expectHolds(text, expected);
     }
 }
 

@@ -17,6 +17,9 @@
 
 #include <gtest/gtest.h>
 
+#include <latch>
+#include <thread>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,11 +57,15 @@ struct LastReport : Listener {
 struct Heard : ExtensionListener {
     std::vector<std::string> events;
     bool removeSelfOnAdd = false;
-    Model removeFrom;
+    std::unique_ptr<Heard> removeAndDelete; // another listener, taken off and gone on an add
     void extensionAdded(Model const &model, meta::Extension const &extension) override {
         events.push_back("added " + std::string(extension->getName().begin(), extension->getName().end()));
         if (removeSelfOnAdd)
             model->removeExtensionListener(this);
+        if (removeAndDelete) {
+            model->removeExtensionListener(removeAndDelete.get());
+            removeAndDelete.reset();
+        }
     }
     void extensionRemoved(Model const &, meta::Extension const &extension) override {
         events.push_back("removed " + std::string(extension->getName().begin(), extension->getName().end()) +
@@ -289,6 +296,16 @@ TEST_F(ExtensionTest, ListenersHearOfDeclarationsRemovalsAndTheirOwnEnd) {
     }
     EXPECT_EQ(heard.events, (std::vector<std::string>{"added rank", "added note", "removed rank", "listenerRemoved"}));
     EXPECT_EQ(leaving.events, (std::vector<std::string>{"added rank", "listenerRemoved"}));
+
+    // One listener takes off another, which is gone before its turn would have come.
+    Model owner = Model::createTransientModel();
+    Heard first;
+    first.removeAndDelete = std::make_unique<Heard>();
+    owner->addExtensionListener(&first);
+    owner->addExtensionListener(first.removeAndDelete.get());
+    owner->extendMetaclass(Book::metaClass(), scalar(u"rank"), integer(0));
+    EXPECT_FALSE(first.removeAndDelete);
+    owner->removeExtensionListener(&first);
 }
 
 TEST_F(ExtensionTest, MovedContentsTakeTheirExtensionsAlong) {
@@ -322,6 +339,48 @@ TEST_F(ExtensionTest, MovedContentsTakeTheirExtensionsAlong) {
     expectRaises<messages::ExtensionNameMustBeUnique>([&] { target->moveAllContentsTo(third); });
     EXPECT_EQ(book->getModel(), target);
     EXPECT_EQ(book->getExtension(u"rank"), integer(3));
+    // So does a frozen target, which would take the declarations but not the elements.
+    Model frozen = Model::createTransientModel();
+    {
+        Model::Freezer const freezer = frozen->freeze();
+        expectRaises<messages::ModelFrozen>([&] { target->moveAllContentsTo(frozen); });
+    }
+    EXPECT_EQ(book->getModel(), target);
+    EXPECT_EQ(target->getExtension(Book::metaClass(), u"rank"), rank);
+    EXPECT_FALSE(frozen->getExtension(Book::metaClass(), u"rank"));
+    EXPECT_EQ(book->getExtension(u"rank"), integer(3));
+    // Another model's extension names no value of this one's elements.
+    expectRaises<messages::NoSuchExtension>(
+        [&] { book->setExtension(third->getExtension(Book::metaClass(), u"rank"), text(u"x")); });
+    EXPECT_EQ(book->getExtension(u"rank"), integer(3));
+}
+
+// The first read of a collection extension makes it, also among the readers of a frozen
+// model: they all meet the one collection.
+TEST_F(ExtensionTest, ReadersOfAFrozenModelShareTheCollectionsTheyMake) {
+    model->extendMetaclass(Book::metaClass(), scalar(u"tags", u"String").setUpper(5), boost::none);
+    std::vector<Book> books;
+    for (int i = 0; i < 500; ++i)
+        books.push_back(Book::create(model));
+    constexpr int threads = 4;
+    std::vector<std::vector<void const *>> seen(threads);
+    {
+        Model::Freezer const freezer = model->freeze();
+        std::latch start(threads);
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&, t] {
+                start.arrive_and_wait();
+                for (Book const &book : books)
+                    seen[t].push_back(book->getExtension(u"tags").getPayload());
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+    }
+    for (int t = 1; t < threads; ++t)
+        EXPECT_EQ(seen[t], seen[0]);
+    for (std::size_t i = 0; i < books.size(); ++i)
+        ASSERT_EQ(books[i]->getExtension(u"tags").getPayload(), seen[0][i]);
 }
 
 TEST(ExtensionPrototype, OrdersFieldByFieldInDeclarationOrder) {

@@ -346,7 +346,7 @@ TEST_F(BuilderTest, ASequenceGrowsThroughBuilders) {
     books.resize(2); // the registry's builder of the entry class
     auto novel = std::make_unique<Novel::Builder>(); // no model yet: it gets the owner's
     novel->setGenre(basalt::ustring(u"SF"));
-    books.resize(4, ModelElement::BuilderWrapper(std::move(novel)));
+    books.resize(4, Book::BuilderWrapper(std::move(novel))); // a subclass's builder will do
     ASSERT_EQ(books.size(), 4u);
     EXPECT_EQ(books[0]->getMetaClass(), Book::metaClass());
     EXPECT_EQ(books[3]->getMetaClass(), Novel::metaClass());
@@ -354,6 +354,11 @@ TEST_F(BuilderTest, ASequenceGrowsThroughBuilders) {
     EXPECT_EQ(books[3]->getShelf(), Shelf()); // held by `books`, not `featured`
     EXPECT_THROW(books.resize(5, ModelElement::BuilderWrapper(std::make_unique<Author::Builder>(model))),
                  Error<messages::CannotAddIncompatibleTypes>);
+    // A class's own wrapper refuses another class's builder when it is made.
+    EXPECT_THROW(Book::BuilderWrapper(std::make_unique<Author::Builder>(model)),
+                 Error<messages::CannotCastIncompatibleTypes>);
+    EXPECT_THROW(Novel::BuilderWrapper(std::make_unique<Book::Builder>(model)),
+                 Error<messages::CannotCastIncompatibleTypes>); // a superclass's builder makes no novels
     books.resize(1);
     EXPECT_EQ(books.size(), 1u);
     EXPECT_EQ(model->getTopLevelElements().size(), 4u); // the shelf and the books it let go

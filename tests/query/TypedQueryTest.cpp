@@ -153,6 +153,10 @@ TEST_F(TypedQuery, BuildsWhatTheReflectiveFrontBuilds) {
     typed.add(books.writer == jane);
     typed.add(books.coauthors.contains(jane));
     typed.add(novels.genre.regexpMatch(u"[Ss]atire"));
+    // Lists and sets of plain values, which match when any entry does.
+    typed.add(authors.ratings >= 4);
+    typed.add(authors.pseudonyms == std::string("Ellis"));
+    typed.add(books.tags.like(u"sci%"));
     // Two properties of one element, joins, associations.
     typed.add(books.title >= books.subtitle);
     typed.add(authors.name == books.title);
@@ -193,6 +197,10 @@ TEST_F(TypedQuery, BuildsWhatTheReflectiveFrontBuilds) {
     reflective.addPropertyRelationValue(Book::Impl::coauthorsProperty(), R::equal, Value(Author::metaClass(), jane),
                                         book);
     reflective.addPropertyRelationValue(Novel::Impl::genreProperty(), R::regexpMatch, text(u"[Ss]atire"), novel);
+    reflective.addPropertyRelationValue(Author::Impl::ratingsProperty(), R::greaterOrEqual, number(4), author);
+    reflective.addPropertyRelationValue(Author::Impl::pseudonymsProperty(), R::equal,
+                                        Value(meta::StandardTypes::stdstringMeta.get(), std::string("Ellis")), author);
+    reflective.addPropertyRelationValue(Book::Impl::tagsProperty(), R::like, text(u"sci%"), book);
     reflective.addPropertyRelationProperty(title, book, R::greaterOrEqual, Book::Impl::subtitleProperty(), book);
     reflective.addPropertyRelationProperty(Author::Impl::nameProperty(), author, R::equal, title, book);
     reflective.addAssociatedObject(Book::Impl::writerProperty(), book, author);
@@ -237,6 +245,12 @@ static_assert(!Comparable<Title, decltype(Book::Constrainables::isbn)>, "String 
 static_assert(!Comparable<Title, boost::none_t> && Comparable<decltype(Book::Constrainables::subtitle), boost::none_t>);
 static_assert(!Comparable<Writer, Book> && !Comparable<Writer, Book::Constrainables &>);
 static_assert(!std::is_copy_constructible_v<Book::Constrainables>, "its constrainables point at it");
+// A map of data-type values or of texts has no entry type to compare with.
+template <class C> concept HasSources = requires(C const &c) { c.sources; };
+template <class C> concept HasLabels = requires(C const &c) { c.labels; };
+static_assert(!HasSources<Shelf::Constrainables> && !HasLabels<Shelf::Constrainables>);
+static_assert(Ordered<decltype(Author::Constrainables::ratings), std::int32_t> &&
+              !Likeable<decltype(Author::Constrainables::ratings), std::int32_t>);
 // A constraint named through a class binds to instances of that class or a subclass, once.
 template <class K, class C> concept Binds = requires(K const &k, C &c) { k.on(c); };
 using OnBooks = decltype(Book::pages() > 1);

@@ -50,7 +50,7 @@ public:
         requires(!std::is_integral_v<It>)
     ustring(It first, It last) {
         setInlineSize(0);
-        append(first, last);
+        appendUnits(first, last);
     }
     ustring(std::nullptr_t) = delete;
 
@@ -190,8 +190,9 @@ public:
     template <class It>
         requires(!std::is_integral_v<It>)
     ustring &assign(It first, It last) {
-        clear();
-        return append(first, last);
+        ustring made(first, last); // the range may lie in this very string
+        swap(made);
+        return *this;
     }
 
     ustring &append(char16_t const *text, size_type count);
@@ -204,12 +205,14 @@ public:
     template <class It>
         requires(!std::is_integral_v<It>)
     ustring &append(It first, It last) {
-        if constexpr (std::is_base_of_v<std::random_access_iterator_tag,
-                                        typename std::iterator_traits<It>::iterator_category>)
-            reserve(size() + size_type(last - first));
-        for (; first != last; ++first)
-            push_back(char16_t(*first));
-        return *this;
+        // The range may lie in this very string, which growing would move: units in place
+        // go through the pointer form, which allows for that, others through a copy.
+        if constexpr (std::contiguous_iterator<It> && std::is_same_v<std::iter_value_t<It>, char16_t>) {
+            return append(std::to_address(first), size_type(last - first));
+        } else {
+            ustring const made(first, last);
+            return append(made.data(), made.size());
+        }
     }
     ustring &operator+=(std::u16string_view text) { return append(text.data(), text.size()); }
     ustring &operator+=(ustring const &text) { return append(text.data(), text.size()); }
@@ -321,6 +324,14 @@ private:
     static_assert(std::endian::native == std::endian::little, "the last unit overlays the capacity's top bits");
 
     std::u16string_view view() const noexcept { return {data(), size()}; }
+    /// Appends a range that does not lie in this string.
+    template <class It> void appendUnits(It first, It last) {
+        if constexpr (std::is_base_of_v<std::random_access_iterator_tag,
+                                        typename std::iterator_traits<It>::iterator_category>)
+            reserve(size() + size_type(last - first));
+        for (; first != last; ++first)
+            push_back(char16_t(*first));
+    }
     static ustring concat(std::u16string_view a, std::u16string_view b);
 
     bool isInline() const noexcept { return (rep_.units[inline_capacity] & 0x8000u) == 0; }

@@ -138,6 +138,16 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
+/// Owns a builder of a `Argument` or of a subclass, known only by its base: what a
+/// collection of `Argument` elements takes to make new entries.
+class Argument::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Argument::metaClass()) {}
+};
+
 inline Argument::Impl *Argument::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

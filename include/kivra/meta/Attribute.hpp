@@ -114,6 +114,16 @@ private:
     B &self() noexcept { return static_cast<B &>(*this); }
 };
 
+/// Owns a builder of a `Attribute` or of a subclass, known only by its base: what a
+/// collection of `Attribute` elements takes to make new entries.
+class Attribute::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Attribute::metaClass()) {}
+};
+
 inline Attribute::Impl *Attribute::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

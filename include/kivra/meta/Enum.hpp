@@ -150,6 +150,16 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
+/// Owns a builder of a `Enum` or of a subclass, known only by its base: what a
+/// collection of `Enum` elements takes to make new entries.
+class Enum::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Enum::metaClass()) {}
+};
+
 inline Enum::Impl *Enum::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

@@ -80,6 +80,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static NamedElement fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `NamedElement` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `NamedElement`: `NamedElement::Builder(model).setXxx(...).createNamedElement()`.
     class Builder;
     /// A new `NamedElement` in `model`, top level, with default values; a nil `uuid` draws a
@@ -114,6 +116,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static TypedElement fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `TypedElement` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `TypedElement`: `TypedElement::Builder(model).setXxx(...).createTypedElement()`.
     class Builder;
     /// A new `TypedElement` in `model`, top level, with default values; a nil `uuid` draws a
@@ -156,6 +160,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Parameterized fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Parameterized` or of a subclass, known only by its base.
+    class BuilderWrapper;
 
     /// One search instance of `Parameterized` elements in a typed query; in `kivra/meta/ParameterizedConstrainables.hpp`.
     class Constrainables;
@@ -183,6 +189,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Argument fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Argument` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Argument`: `Argument::Builder(model).setXxx(...).createArgument()`.
     class Builder;
     /// A new `Argument` in `model`, top level, with default values; a nil `uuid` draws a
@@ -219,6 +227,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Operation fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Operation` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Operation`: `Operation::Builder(model).setXxx(...).createOperation()`.
     class Builder;
     /// A new `Operation` in `model`, top level, with default values; a nil `uuid` draws a
@@ -261,6 +271,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Endpoint fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Endpoint` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Endpoint`: `Endpoint::Builder(model).setXxx(...).createEndpoint()`.
     class Builder;
     /// A new `Endpoint` in `model`, top level, with default values; a nil `uuid` draws a
@@ -297,6 +309,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Property fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Property` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Property`: `Property::Builder(model).setXxx(...).createProperty()`.
     class Builder;
     /// A new `Property` in `model`, top level, with default values; a nil `uuid` draws a
@@ -369,6 +383,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Extension fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Extension` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Extension`: `Extension::Builder(model).setXxx(...).createExtension()`.
     class Builder;
     /// A new `Extension` in `model`, top level, with default values; a nil `uuid` draws a
@@ -403,6 +419,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Type fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Type` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Type`: `Type::Builder(model).setXxx(...).createType()`.
     class Builder;
     /// A new `Type` in `model`, top level, with default values; a nil `uuid` draws a
@@ -441,6 +459,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static StructuredType fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `StructuredType` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `StructuredType`: `StructuredType::Builder(model).setXxx(...).createStructuredType()`.
     class Builder;
     /// A new `StructuredType` in `model`, top level, with default values; a nil `uuid` draws a
@@ -462,6 +482,8 @@ public:
     static ::kivra::query::ConstrainableCollectionWithAttachment<Operation, ::kivra::query::MetaclassAttachment<StructuredType>> ownedOperations();
     /// `vantorCompactDisplay` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<StructuredType>, 0> vantorCompactDisplay();
+    /// `vantorDispCategories` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<StructuredType>, 0> vantorDispCategories();
 
 protected:
     StructuredType(Impl *impl, bool addReference) noexcept;
@@ -481,6 +503,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Class fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Class` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Class`: `Class::Builder(model).setXxx(...).createClass()`.
     class Builder;
     /// A new `Class` in `model`, top level, with default values; a nil `uuid` draws a
@@ -519,6 +543,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DataType fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `DataType` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `DataType`: `DataType::Builder(model).setXxx(...).createDataType()`.
     class Builder;
     /// A new `DataType` in `model`, top level, with default values; a nil `uuid` draws a
@@ -551,6 +577,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static PrimitiveType fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `PrimitiveType` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `PrimitiveType`: `PrimitiveType::Builder(model).setXxx(...).createPrimitiveType()`.
     class Builder;
     /// A new `PrimitiveType` in `model`, top level, with default values; a nil `uuid` draws a
@@ -583,6 +611,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Enum fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Enum` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Enum`: `Enum::Builder(model).setXxx(...).createEnum()`.
     class Builder;
     /// A new `Enum` in `model`, top level, with default values; a nil `uuid` draws a
@@ -619,6 +649,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static EnumLiteral fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `EnumLiteral` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `EnumLiteral`: `EnumLiteral::Builder(model).setXxx(...).createEnumLiteral()`.
     class Builder;
     /// A new `EnumLiteral` in `model`, top level, with default values; a nil `uuid` draws a
@@ -657,6 +689,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Package fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Package` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Package`: `Package::Builder(model).setXxx(...).createPackage()`.
     class Builder;
     /// A new `Package` in `model`, top level, with default values; a nil `uuid` draws a
@@ -703,6 +737,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DynamicExtensions fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `DynamicExtensions` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `DynamicExtensions`: `DynamicExtensions::Builder(model).setXxx(...).createDynamicExtensions()`.
     class Builder;
     /// A new `DynamicExtensions` in `model`, top level, with default values; a nil `uuid` draws a
@@ -741,6 +777,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Attribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Attribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
 
     /// One search instance of `Attribute` elements in a typed query; in `kivra/meta/AttributeConstrainables.hpp`.
     class Constrainables;
@@ -770,6 +808,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static AttributeMap fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `AttributeMap` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `AttributeMap`: `AttributeMap::Builder(model).setXxx(...).createAttributeMap()`.
     class Builder;
     /// A new `AttributeMap` in `model`, top level, with default values; a nil `uuid` draws a
@@ -804,6 +844,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static AttributeMapAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `AttributeMapAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `AttributeMapAttribute`: `AttributeMapAttribute::Builder(model).setXxx(...).createAttributeMapAttribute()`.
     class Builder;
     /// A new `AttributeMapAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -838,6 +880,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static BooleanAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `BooleanAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `BooleanAttribute`: `BooleanAttribute::Builder(model).setXxx(...).createBooleanAttribute()`.
     class Builder;
     /// A new `BooleanAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -872,6 +916,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static DateTimeAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `DateTimeAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `DateTimeAttribute`: `DateTimeAttribute::Builder(model).setXxx(...).createDateTimeAttribute()`.
     class Builder;
     /// A new `DateTimeAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -906,6 +952,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static IntegerAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `IntegerAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `IntegerAttribute`: `IntegerAttribute::Builder(model).setXxx(...).createIntegerAttribute()`.
     class Builder;
     /// A new `IntegerAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -940,6 +988,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static RealAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `RealAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `RealAttribute`: `RealAttribute::Builder(model).setXxx(...).createRealAttribute()`.
     class Builder;
     /// A new `RealAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -974,6 +1024,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static StringAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `StringAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `StringAttribute`: `StringAttribute::Builder(model).setXxx(...).createStringAttribute()`.
     class Builder;
     /// A new `StringAttribute` in `model`, top level, with default values; a nil `uuid` draws a
@@ -1008,6 +1060,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static UUIDAttribute fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `UUIDAttribute` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `UUIDAttribute`: `UUIDAttribute::Builder(model).setXxx(...).createUUIDAttribute()`.
     class Builder;
     /// A new `UUIDAttribute` in `model`, top level, with default values; a nil `uuid` draws a

@@ -121,6 +121,16 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
+/// Owns a builder of a `IntegerAttribute` or of a subclass, known only by its base: what a
+/// collection of `IntegerAttribute` elements takes to make new entries.
+class IntegerAttribute::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), IntegerAttribute::metaClass()) {}
+};
+
 inline IntegerAttribute::Impl *IntegerAttribute::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

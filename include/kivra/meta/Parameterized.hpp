@@ -110,6 +110,16 @@ private:
     B &self() noexcept { return static_cast<B &>(*this); }
 };
 
+/// Owns a builder of a `Parameterized` or of a subclass, known only by its base: what a
+/// collection of `Parameterized` elements takes to make new entries.
+class Parameterized::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Parameterized::metaClass()) {}
+};
+
 inline Parameterized::Impl *Parameterized::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

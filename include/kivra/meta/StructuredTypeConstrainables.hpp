@@ -31,6 +31,7 @@ public:
     ::kivra::query::ConstrainableCollectionWithAttachment<Property, ::kivra::query::InstanceAttachment> ownedAttributes;
     ::kivra::query::ConstrainableCollectionWithAttachment<Operation, ::kivra::query::InstanceAttachment> ownedOperations;
     ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::InstanceAttachment, 0> vantorCompactDisplay;
+    ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::InstanceAttachment, 0> vantorDispCategories;
 };
 
 } // namespace kivra::meta

@@ -10,7 +10,8 @@ StructuredType::Constrainables::Constrainables(::kivra::query::AbstractQuery &qu
       vantorName(Impl::vantorNameProperty(), ::kivra::query::InstanceAttachment(*this)),
       ownedAttributes(Impl::ownedAttributesProperty(), ::kivra::query::InstanceAttachment(*this)),
       ownedOperations(Impl::ownedOperationsProperty(), ::kivra::query::InstanceAttachment(*this)),
-      vantorCompactDisplay(Impl::vantorCompactDisplayProperty(), ::kivra::query::InstanceAttachment(*this)) {}
+      vantorCompactDisplay(Impl::vantorCompactDisplayProperty(), ::kivra::query::InstanceAttachment(*this)),
+      vantorDispCategories(Impl::vantorDispCategoriesProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
 StructuredType::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on)
     : Constrainables(on.first, StructuredType::metaClass(), on.second) {}
@@ -24,5 +25,7 @@ StructuredType::Constrainables::Constrainables(std::pair<::kivra::query::Abstrac
 ::kivra::query::ConstrainableCollectionWithAttachment<Operation, ::kivra::query::MetaclassAttachment<StructuredType>> StructuredType::ownedOperations() { return {Impl::ownedOperationsProperty(), {}}; }
 
 ::kivra::query::ConstrainableWithAttachment<bool, ::kivra::query::MetaclassAttachment<StructuredType>, 0> StructuredType::vantorCompactDisplay() { return {Impl::vantorCompactDisplayProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<StructuredType>, 0> StructuredType::vantorDispCategories() { return {Impl::vantorDispCategoriesProperty(), {}}; }
 
 } // namespace kivra::meta

@@ -11,7 +11,10 @@ Author::Constrainables::Constrainables(::kivra::query::AbstractQuery &query, ::k
       favourite(Impl::favouriteProperty(), ::kivra::query::InstanceAttachment(*this)),
       books(Impl::booksProperty(), ::kivra::query::InstanceAttachment(*this)),
       coauthored(Impl::coauthoredProperty(), ::kivra::query::InstanceAttachment(*this)),
-      drafts(Impl::draftsProperty(), ::kivra::query::InstanceAttachment(*this)) {}
+      drafts(Impl::draftsProperty(), ::kivra::query::InstanceAttachment(*this)),
+      pseudonyms(Impl::pseudonymsProperty(), ::kivra::query::InstanceAttachment(*this)),
+      ratings(Impl::ratingsProperty(), ::kivra::query::InstanceAttachment(*this)),
+      visits(Impl::visitsProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
 Author::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on)
     : Constrainables(on.first, Author::metaClass(), on.second) {}
@@ -27,5 +30,11 @@ Author::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &
 ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> Author::coauthored() { return {Impl::coauthoredProperty(), {}}; }
 
 ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> Author::drafts() { return {Impl::draftsProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Author>, 0> Author::pseudonyms() { return {Impl::pseudonymsProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Author>, 0> Author::ratings() { return {Impl::ratingsProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Author>, 0> Author::visits() { return {Impl::visitsProperty(), {}}; }
 
 } // namespace kivra::test::library

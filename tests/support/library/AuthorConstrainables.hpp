@@ -31,6 +31,9 @@ public:
     ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::InstanceAttachment> books;
     ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::InstanceAttachment> coauthored;
     ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::InstanceAttachment> drafts;
+    ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::InstanceAttachment, 0> pseudonyms;
+    ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::InstanceAttachment, 0> ratings;
+    ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::InstanceAttachment, 0> visits;
 };
 
 } // namespace kivra::test::library

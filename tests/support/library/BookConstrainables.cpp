@@ -20,7 +20,8 @@ Book::Constrainables::Constrainables(::kivra::query::AbstractQuery &query, ::kiv
       chapters(Impl::chaptersProperty(), ::kivra::query::InstanceAttachment(*this)),
       chapterOf(Impl::chapterOfProperty(), ::kivra::query::InstanceAttachment(*this)),
       coauthors(Impl::coauthorsProperty(), ::kivra::query::InstanceAttachment(*this)),
-      catalogued(Impl::cataloguedProperty(), ::kivra::query::InstanceAttachment(*this)) {}
+      catalogued(Impl::cataloguedProperty(), ::kivra::query::InstanceAttachment(*this)),
+      tags(Impl::tagsProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
 Book::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on)
     : Constrainables(on.first, Book::metaClass(), on.second) {}
@@ -54,5 +55,7 @@ Book::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, 
 ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Book>> Book::coauthors() { return {Impl::coauthorsProperty(), {}}; }
 
 ::kivra::query::ConstrainableRelationWithAttachment<Shelf, ::kivra::query::MetaclassAttachment<Book>> Book::catalogued() { return {Impl::cataloguedProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Book>, 0> Book::tags() { return {Impl::tagsProperty(), {}}; }
 
 } // namespace kivra::test::library

@@ -40,6 +40,7 @@ public:
     ::kivra::query::ConstrainableRelationWithAttachment<Book, ::kivra::query::InstanceAttachment> chapterOf;
     ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::InstanceAttachment> coauthors;
     ::kivra::query::ConstrainableRelationWithAttachment<Shelf, ::kivra::query::InstanceAttachment> catalogued;
+    ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::InstanceAttachment, 0> tags;
 };
 
 } // namespace kivra::test::library

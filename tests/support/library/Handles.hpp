@@ -63,6 +63,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Shelf fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Shelf` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Shelf`: `Shelf::Builder(model).setXxx(...).createShelf()`.
     class Builder;
     /// A new `Shelf` in `model`, top level, with default values; a nil `uuid` draws a
@@ -88,6 +90,8 @@ public:
     static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> catalogue();
     /// `code` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Shelf>, 0> code();
+    /// `codes` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Shelf>, 0> codes();
     /// `stamp` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Shelf>, 0> stamp();
     /// `opened` in a query, before its instance is chosen.
@@ -111,6 +115,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Book fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Book` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Book`: `Book::Builder(model).setXxx(...).createBook()`.
     class Builder;
     /// A new `Book` in `model`, top level, with default values; a nil `uuid` draws a
@@ -152,6 +158,8 @@ public:
     static ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Book>> coauthors();
     /// `catalogued` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableRelationWithAttachment<Shelf, ::kivra::query::MetaclassAttachment<Book>> catalogued();
+    /// `tags` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<basalt::ustring, ::kivra::query::MetaclassAttachment<Book>, 0> tags();
 
 protected:
     Book(Impl *impl, bool addReference) noexcept;
@@ -171,6 +179,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Novel fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Novel` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Novel`: `Novel::Builder(model).setXxx(...).createNovel()`.
     class Builder;
     /// A new `Novel` in `model`, top level, with default values; a nil `uuid` draws a
@@ -205,6 +215,8 @@ public:
     static Class const &metaClass();
     /// A counted handle on `impl`, or a null handle.
     static Author fromImpl(Impl *impl) noexcept;
+    /// Owns a builder of a `Author` or of a subclass, known only by its base.
+    class BuilderWrapper;
     /// Stages the values of a new `Author`: `Author::Builder(model).setXxx(...).createAuthor()`.
     class Builder;
     /// A new `Author` in `model`, top level, with default values; a nil `uuid` draws a
@@ -228,6 +240,12 @@ public:
     static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> coauthored();
     /// `drafts` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Author>> drafts();
+    /// `pseudonyms` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Author>, 0> pseudonyms();
+    /// `ratings` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Author>, 0> ratings();
+    /// `visits` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Author>, 0> visits();
 
 protected:
     Author(Impl *impl, bool addReference) noexcept;

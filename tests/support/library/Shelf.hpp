@@ -302,6 +302,16 @@ private:
     static ::kivra::ModelElement::Impl *construct(::kivra::ModelElement::Builder &builder, boost::uuids::uuid const &uuid);
 };
 
+/// Owns a builder of a `Shelf` or of a subclass, known only by its base: what a
+/// collection of `Shelf` elements takes to make new entries.
+class Shelf::BuilderWrapper final : public ::kivra::ModelElement::BuilderWrapper {
+public:
+    BuilderWrapper() noexcept = default;
+    /// Raises `CannotCastIncompatibleTypes` for a builder of another class.
+    explicit BuilderWrapper(std::unique_ptr<::kivra::ModelElement::Builder> builder)
+        : ::kivra::ModelElement::BuilderWrapper(std::move(builder), Shelf::metaClass()) {}
+};
+
 inline Shelf::Impl *Shelf::get() const noexcept {
     return static_cast<Impl *>(::kivra::ModelElement::get());
 }

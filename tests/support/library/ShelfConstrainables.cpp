@@ -13,6 +13,7 @@ Shelf::Constrainables::Constrainables(::kivra::query::AbstractQuery &query, ::ki
       recommended(Impl::recommendedProperty(), ::kivra::query::InstanceAttachment(*this)),
       catalogue(Impl::catalogueProperty(), ::kivra::query::InstanceAttachment(*this)),
       code(Impl::codeProperty(), ::kivra::query::InstanceAttachment(*this)),
+      codes(Impl::codesProperty(), ::kivra::query::InstanceAttachment(*this)),
       stamp(Impl::stampProperty(), ::kivra::query::InstanceAttachment(*this)),
       opened(Impl::openedProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
@@ -32,6 +33,8 @@ Shelf::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &,
 ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::MetaclassAttachment<Shelf>> Shelf::catalogue() { return {Impl::catalogueProperty(), {}}; }
 
 ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::code() { return {Impl::codeProperty(), {}}; }
+
+::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::codes() { return {Impl::codesProperty(), {}}; }
 
 ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Shelf>, 0> Shelf::stamp() { return {Impl::stampProperty(), {}}; }
 

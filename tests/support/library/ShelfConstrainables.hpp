@@ -32,6 +32,7 @@ public:
     ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::InstanceAttachment> recommended;
     ::kivra::query::ConstrainableCollectionWithAttachment<Book, ::kivra::query::InstanceAttachment> catalogue;
     ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::InstanceAttachment, 0> code;
+    ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::InstanceAttachment, 0> codes;
     ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::InstanceAttachment, 0> stamp;
     ::kivra::query::ConstrainableWithAttachment<boost::posix_time::ptime, ::kivra::query::InstanceAttachment, 0> opened;
 };
