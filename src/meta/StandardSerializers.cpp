@@ -398,7 +398,9 @@ template <class S> std::unique_ptr<PropertySerializer> make() { return std::make
 PayloadFunctions const modelPayload{
     [](void *payload) { delete static_cast<Model *>(payload); },
     [](void const *payload) -> void * { return new Model(*static_cast<Model const *>(payload)); },
-    [](void const *a, void const *b) { return *static_cast<Model const *>(a) == *static_cast<Model const *>(b); },
+    [](void const *a, void const *b) {
+        return a && b ? *static_cast<Model const *>(a) == *static_cast<Model const *>(b) : a == b;
+    },
     nullptr,
     nullptr,
     nullptr,

@@ -85,9 +85,16 @@ ModelElement::Impl *ReflectiveBuilder::construct(Builder &builder, boost::uuids:
     auto *const element = new (model) ReflectiveModelElementImpl(model, self.metaClass_, uuid);
     // The plain values go in before the element is announced, as a generated constructor
     // takes them: a read-only property is written here too. They were checked when staged.
-    for (auto const &[property, value] : self.values_)
-        if (self.isSet(indexOf(property)))
-            element->takeStagedValue(property, value);
+    try {
+        for (auto const &[property, value] : self.values_)
+            if (self.isSet(indexOf(property)))
+                element->takeStagedValue(property, value);
+    } catch (...) {
+        // Never announced and held by nobody: it goes with what its slots own, and gives
+        // back its hold on the model.
+        delete element;
+        throw;
+    }
     return element;
 }
 

@@ -68,11 +68,13 @@ protected:
 
 class EnumSequence final : public EnumCollection<std::vector<std::uint64_t>>, public GenericPrimitiveSequenceInterface {
 public:
-    using EnumCollection::EnumCollection;
+    EnumSequence(ModelElement::Impl *owner, meta::Property const &property)
+        : EnumCollection(owner, property), unique_(property->getIsUnique()) {}
 
     void genericAdd(Value const &value) override {
         std::uint64_t const number = readNumber(value);
-        change([&] { container_.push_back(number); });
+        if (!turnsAway(number))
+            change([&] { container_.push_back(number); });
     }
     void genericRemove(Value const &value) override {
         auto const found = std::find(container_.begin(), container_.end(), readNumber(value));
@@ -87,12 +89,15 @@ public:
     void genericInsert(Value const &value, std::size_t index) override {
         std::uint64_t const number = readNumber(value);
         checked(index, 1);
-        change([&] { container_.insert(container_.begin() + std::ptrdiff_t(index), number); });
+        if (!turnsAway(number))
+            change([&] { container_.insert(container_.begin() + std::ptrdiff_t(index), number); });
     }
     void genericReplace(Value const &value, std::size_t index) override {
         std::uint64_t const number = readNumber(value);
         checked(index, 0);
-        change([&] { container_[index] = number; });
+        // Also a literal already at `index`: a unique sequence makes no change of it.
+        if (!turnsAway(number))
+            change([&] { container_[index] = number; });
     }
     void genericRemoveAt(std::size_t index) override {
         checked(index, 0);
@@ -107,12 +112,18 @@ protected:
     Kind getKind() const override { return Kind::Sequence; }
 
 private:
+    // A unique sequence turns away, without an error, a literal it holds already.
+    bool turnsAway(std::uint64_t number) const {
+        return unique_ && std::find(container_.begin(), container_.end(), number) != container_.end();
+    }
     // An index past the entries, or past the end for an insert, is refused.
     std::size_t checked(std::size_t index, std::size_t slack) const {
         if (index >= container_.size() + slack)
             raise<messages::InvalidValue>();
         return index;
     }
+
+    bool unique_;
 };
 
 template <class C> class EnumSet final : public EnumCollection<C> {

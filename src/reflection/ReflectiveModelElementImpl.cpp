@@ -418,15 +418,27 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
         checkCircularContainment(incoming);
     }
 
+    // Converted before anything changes: a converter that fails leaves the element, and the
+    // maps that hold it under its key, as they were. Released again if it is not stored.
+    struct OwnedValue {
+        boost::optional<Value> value;
+        ~OwnedValue() {
+            if (value)
+                registry().releaseOwnedValue(*value);
+        }
+    } owned;
+    if (s->kind == SlotKind::Plain)
+        owned.value = registry().convertValueForOwnership(value);
+
     auto modification = beginModification(std::uint64_t(std::max(p->getPropertyIndex(), 0)));
     for (auto const &[holder, mapProperty] : holders)
         _inverseRemoveThis(holder.get(), mapProperty);
     switch (s->kind) {
     case SlotKind::Plain: {
         auto &slotValue = *static_cast<Value *>(slot(s->offset));
-        Value owned = registry().convertValueForOwnership(value);
         registry().releaseOwnedValue(slotValue);
-        slotValue = std::move(owned);
+        slotValue = std::move(*owned.value);
+        owned.value.reset();
         break;
     }
     case SlotKind::ContainerEnd: {

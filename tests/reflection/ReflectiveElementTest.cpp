@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <latch>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace kivra::test {
@@ -74,10 +75,14 @@ public:
             createEnumLiteral(name, number++, nullptr)->setParentEnum(colour);
         shades = createProperty(u"shades", ValueFlags::Sequence, false, nullptr);
         hues = createProperty(u"hues", ValueFlags::HashSet, false, nullptr);
-        for (meta::Property const *many : {&shades, &hues}) {
-            setPropertyIndex(*many, many == &shades ? 4 : 5);
-            (*many)->setOwningType(stamp);
-            (*many)->setType(colour);
+        shades->setIsUnique(false); // a list with repeats; `palette` is unique
+        palette = createProperty(u"palette", ValueFlags::Sequence, false, nullptr);
+        palette->setIsUnique(true);
+        std::pair<meta::Property const *, int> const many[] = {{&shades, 4}, {&hues, 5}, {&palette, 7}};
+        for (auto const &[property, index] : many) {
+            setPropertyIndex(*property, index);
+            (*property)->setOwningType(stamp);
+            (*property)->setType(colour);
         }
         registry().registerType(untyped);
         registry().registerType(stamp);
@@ -86,7 +91,7 @@ public:
         finish();
     }
     meta::Class untyped, stamp, mark;
-    meta::Property serial, tags, weight, shades, hues;
+    meta::Property serial, tags, weight, shades, hues, palette;
     meta::Enum colour;
 };
 
@@ -170,6 +175,14 @@ TEST(ReflectiveElement, AFailedCreationLeavesNothingBehind) {
     // The second of the two values of this type fails: the first must go again.
     ledger->conversionsLeft = 1;
     EXPECT_THROW(ModelElement::createReflective(model, oddities().stamp, {}), std::runtime_error);
+    EXPECT_EQ(ledger->alive, 0);
+    EXPECT_EQ(ledger->overReleased, 0);
+    // A builder's staged value that fails, after the start values took theirs: the
+    // half-made element goes with them.
+    auto builder = oddities().stamp->instantiateBuilder(model);
+    builder->setOrAdd(oddities().weight, Value(type, std::int64_t(90)));
+    ledger->conversionsLeft = 2;
+    EXPECT_THROW(builder->create(), std::runtime_error);
     EXPECT_EQ(ledger->alive, 0);
     EXPECT_EQ(ledger->overReleased, 0);
     OwnedValueLedger::registry().unregisterOwnershipConverter(type);
@@ -304,6 +317,28 @@ TEST(ReflectiveElement, ValuesOfManyKeepTheirEntriesAcrossARollBack) {
     EXPECT_EQ(collection().getAllValues(), std::vector<Value>{text(u"red")});
 }
 
+// A key that cannot be taken leaves the element under its old key in the maps that hold it.
+TEST(ReflectiveElement, AKeyThatFailsToConvertChangesNothing) {
+    Flavour const &lib = runtimeLibrary();
+    meta::Type const type = lib.book->getPropertyByName(u"title")->getType();
+    auto *const ledger = new OwnedValueLedger(type);
+    {
+        Model model = Model::createTransientModel();
+        ModelElement const shelf = lib.shelf->instantiate(model);
+        ModelElement const book = lib.book->instantiate(model);
+        set(book, u"title", text(u"Dune"));
+        set(book, u"catalogued", ref(shelf));
+        ledger->conversionsLeft = 0;
+        EXPECT_THROW(set(book, u"title", text(u"Emma")), std::runtime_error);
+        EXPECT_EQ(get(book, u"title"), text(u"Dune"));
+        EXPECT_EQ(element(book, u"catalogued"), shelf);
+        EXPECT_EQ(many(shelf, u"catalogue").genericSize(), 1u);
+    }
+    EXPECT_EQ(ledger->overReleased, 0);
+    EXPECT_EQ(ledger->alive, 0);
+    OwnedValueLedger::registry().unregisterOwnershipConverter(type);
+}
+
 TEST(ReflectiveElement, ValuesOfManyOfAnEnumerationKeepTheirLiterals) {
     Model model = Model::createTransientModel();
     ModelElement const stamp = oddities().stamp->instantiate(model);
@@ -338,6 +373,16 @@ TEST(ReflectiveElement, ValuesOfManyOfAnEnumerationKeepTheirLiterals) {
     }
     EXPECT_EQ(shades.getAllValues(), (std::vector<Value>{literal(2), literal(0), literal(2)}));
     EXPECT_EQ(hues.getAllValues(), std::vector<Value>{literal(1)});
+
+    // A unique list turns a literal it holds away, however it comes.
+    AbstractPrimitiveCollection &palette = collection(oddities().palette);
+    auto &ordered = *static_cast<GenericPrimitiveSequenceInterface *>(palette.getGenericInterface());
+    palette.genericAdd(literal(0));
+    palette.genericAdd(literal(1));
+    palette.genericAdd(literal(0));
+    ordered.genericInsert(literal(1), 0);
+    ordered.genericReplace(literal(0), 1);
+    EXPECT_EQ(palette.getAllValues(), (std::vector<Value>{literal(0), literal(1)}));
 }
 
 // Readers of a frozen model on several threads, each asking whether a collection has
