@@ -3,6 +3,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
@@ -39,8 +40,9 @@ ModelElement const &elementOf(std::vector<ModelElement> const &row, std::vector<
 
 } // namespace
 
-bool IsAConstraint::test(ModelElement const &element) const {
-    meta::Class const &cls = element->getMetaClass();
+bool IsAConstraint::test(ModelElement const &element) const { return matches(element->getMetaClass()); }
+
+bool IsAConstraint::matches(meta::Class const &cls) const {
     if (matchMode == SearchClassMatchMode::ExactClass)
         return cls == searchClass;
     return cls->isA(searchClass);
@@ -104,8 +106,14 @@ bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std:
             targetUuid = basalt::i18n::utf8_to_ustring(boost::uuids::to_string(target->getUuid()));
         return id->getIdentifier() == *targetUuid;
     };
-    for (Value const &entry : value.extractEntryValues())
-        if (matches(entry.getElement()))
+    if (property->getUpper() == 1)
+        return matches(value.getElement());
+    if (!value.hasPayload())
+        return false;
+    // Proxies count as entries here: a query never loads what they stand for.
+    auto const *const collection = static_cast<ReferenceCollection const *>(value.getPayload());
+    for (ModelElement const &entry : collection->getAllValuesAndProxies())
+        if (matches(entry))
             return true;
     return false;
 }

@@ -27,6 +27,8 @@ public:
         : searchClass(searchClass), matchMode(matchMode) {}
     bool test(ModelElement const &element) const override;
     void replay(std::size_t, ReflectiveQuery &) const override {}
+    /// The test on an element's metaclass alone.
+    bool matches(meta::Class const &cls) const;
 
     meta::Class searchClass;
     SearchClassMatchMode matchMode;

@@ -2,15 +2,24 @@
 
 #include "query/TypeKinds.hpp"
 
+#include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
 #include <kivra/query/AbstractQuery.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
+#include <absl/container/flat_hash_map.h>
+
+#include <boost/uuid/uuid_io.hpp>
+
 #include <algorithm>
-#include <stdexcept>
+#include <optional>
+#include <utility>
+#include <cstddef>
 
 namespace kivra::query {
 
@@ -179,13 +188,387 @@ void NativeKivraQuery::sortByOrdinal(meta::Property const &property, std::size_t
 
 // --- runs ----------------------------------------------------------------------------------
 
-std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::vector<std::size_t> const &) {
+namespace {
+
+class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
+public:
+    explicit NativeResultIterator(ResultSet rows) : rows_(std::move(rows)) {}
+    bool next(std::vector<ModelElement> &row) override {
+        if (position_ >= rows_.rows.size()) {
+            row.assign(rows_.instanceIds.size(), ModelElement());
+            return false;
+        }
+        row = std::move(rows_.rows[position_++]);
+        return true;
+    }
+
+private:
+    ResultSet rows_;
+    std::size_t position_ = 0;
+};
+
+// Which instances an element's metaclass lets through, found once per metaclass: a model
+// has few metaclasses and many elements, and the class test is the first of every instance.
+class ClassFilter {
+public:
+    static constexpr std::size_t maxInstances = 64;
+
+    explicit ClassFilter(std::vector<SearchInstance> const &instances) : instances_(instances) {}
+
+    std::uint64_t passing(meta::Class const &cls) {
+        meta::Class::Impl const *const key = cls.get();
+        if (key == lastKey_)
+            return lastMask_;
+        auto found = std::find_if(seen_.begin(), seen_.end(), [&](auto const &entry) { return entry.first == key; });
+        if (found == seen_.end()) {
+            std::uint64_t mask = 0;
+            for (std::size_t id = 0; id < instances_.size(); ++id)
+                if (static_cast<IsAConstraint const &>(*instances_[id].constraints.front()).matches(cls))
+                    mask |= std::uint64_t{1} << id;
+            found = seen_.insert(seen_.end(), {key, mask});
+        }
+        lastKey_ = key;
+        lastMask_ = found->second;
+        return lastMask_;
+    }
+
+private:
+    std::vector<SearchInstance> const &instances_;
+    std::vector<std::pair<meta::Class::Impl const *, std::uint64_t>> seen_;
+    meta::Class::Impl const *lastKey_ = nullptr;
+    std::uint64_t lastMask_ = 0;
+};
+
+bool passesFrom(SearchInstance const &instance, std::size_t first, ModelElement const &element) {
+    auto const &constraints = instance.constraints;
+    for (std::size_t i = first; i < constraints.size(); ++i)
+        if (!constraints[i]->test(element))
+            return false;
+    return true;
+}
+
+std::size_t columnOf(ResultSet const &set, std::size_t instance) {
+    return static_cast<std::size_t>(std::find(set.instanceIds.begin(), set.instanceIds.end(), instance) -
+                                    set.instanceIds.begin());
+}
+
+// The cross product of `inputs`, the first input's index running fastest, keeping the
+// combinations that `keep` accepts; `keep` sees the concatenated row.
+template <typename Keep> ResultSet product(std::vector<ResultSet> &inputs, Keep keep) {
+    ResultSet out;
+    std::size_t width = 0;
+    for (ResultSet const &input : inputs) {
+        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
+        width += input.instanceIds.size();
+    }
+    for (ResultSet const &input : inputs)
+        if (input.rows.empty())
+            return out;
+    std::vector<std::size_t> at(inputs.size(), 0);
+    std::vector<ModelElement> row(width);
+    for (;;) {
+        std::size_t column = 0;
+        for (std::size_t k = 0; k < inputs.size(); ++k)
+            for (ModelElement const &element : inputs[k].rows[at[k]])
+                row[column++] = element;
+        if (keep(row))
+            out.rows.push_back(row);
+        std::size_t k = 0;
+        while (k < inputs.size() && ++at[k] == inputs[k].rows.size())
+            at[k++] = 0;
+        if (k == inputs.size())
+            return out;
+    }
+}
+
+// An equality of single values whose hash agrees with the comparator: equal values have
+// equal hashes. Reals are left out, as 0.0 and -0.0 are equal with different bits.
+bool hashableEquality(JoinConstraint const &constraint) {
+    auto const *const relation = dynamic_cast<PropertyRelationPropertyJoinConstraint const *>(&constraint);
+    if (!relation || relation->relation != ValueMatchRelation::equal || relation->instanceA == relation->instanceB)
+        return false;
+    meta::Property const &a = relation->propertyA;
+    meta::Property const &b = relation->propertyB;
+    if (a->getUpper() != 1 || b->getUpper() != 1)
+        return false;
+    meta::Type const type = a->getType();
+    return type && type != meta::StandardTypes::realMeta.get();
+}
+
+// The rows of `input` by the element each holds in the column of `instance`.
+absl::flat_hash_map<ModelElement::Impl const *, std::vector<std::size_t>> rowsByElement(ResultSet const &input,
+                                                                                     std::size_t instance) {
+    std::size_t const column = columnOf(input, instance);
+    absl::flat_hash_map<ModelElement::Impl const *, std::vector<std::size_t>> out;
+    out.reserve(input.rows.size());
+    for (std::size_t i = 0; i < input.rows.size(); ++i)
+        out[input.rows[i][column].get()].push_back(i);
+    return out;
+}
+
+using Pairs = std::vector<std::pair<std::size_t, std::size_t>>;
+
+// Pairs (row of second, row of first) whose values of an equality may be equal: their
+// hashes are. Nothing when a required value is empty, since only the plain walk raises
+// where the comparator would.
+std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality, ResultSet const &first,
+                                   ResultSet const &second) {
+    bool const aInFirst = columnOf(first, equality.instanceA) < first.instanceIds.size();
+    auto const hashes = [](ResultSet const &input, std::size_t instance, meta::Property const &property,
+                           std::vector<std::uint64_t> &out) {
+        std::size_t const column = columnOf(input, instance);
+        bool const required = property->getLower() > 0;
+        out.reserve(input.rows.size());
+        for (auto const &row : input.rows) {
+            Value const value = row[column]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+            if (isCollection(value.getFlags()) || (required && !value.hasPayload()))
+                return false;
+            out.push_back(value.hashValues());
+        }
+        return true;
+    };
+    std::vector<std::uint64_t> inFirst, inSecond;
+    if (!hashes(first, aInFirst ? equality.instanceA : equality.instanceB,
+                aInFirst ? equality.propertyA : equality.propertyB, inFirst) ||
+        !hashes(second, aInFirst ? equality.instanceB : equality.instanceA,
+                aInFirst ? equality.propertyB : equality.propertyA, inSecond))
+        return std::nullopt;
+    absl::flat_hash_map<std::uint64_t, std::vector<std::size_t>> byHash;
+    for (std::size_t i = 0; i < inFirst.size(); ++i)
+        byHash[inFirst[i]].push_back(i);
+    Pairs out;
+    for (std::size_t j = 0; j < inSecond.size(); ++j)
+        if (auto const found = byHash.find(inSecond[j]); found != byHash.end())
+            for (std::size_t const i : found->second)
+                out.emplace_back(j, i);
+    return out;
+}
+
+// Pairs (row of second, row of first) whose holder holds the value element or a proxy
+// that names it by UUID.
+Pairs associationPairs(AssociatedObjectConstraint const &association, ResultSet const &first,
+                       ResultSet const &second) {
+    bool const holderInFirst = columnOf(first, association.holderInstance) < first.instanceIds.size();
+    ResultSet const &holders = holderInFirst ? first : second;
+    ResultSet const &values = holderInFirst ? second : first;
+    auto const byElement = rowsByElement(values, association.valueInstance);
+    // Made at the first proxy: most collections hold none.
+    std::optional<absl::flat_hash_map<basalt::ustring, std::vector<std::size_t>>> byUuidText;
+    std::size_t const holderColumn = columnOf(holders, association.holderInstance);
+    std::size_t const valueColumn = columnOf(values, association.valueInstance);
+    Pairs out;
+    auto const add = [&](std::size_t holder, std::vector<std::size_t> const &rows) {
+        for (std::size_t const value : rows)
+            out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
+    };
+    auto const enter = [&](std::size_t holder, ModelElement const &entry) {
+        if (!entry)
+            return;
+        if (auto const found = byElement.find(entry.get()); found != byElement.end())
+            add(holder, found->second);
+        if (!entry->isProxy())
+            return;
+        boost::optional<ProxyId> const id = entry->getProxyId();
+        if (!id || id->getIdentifierType() != u"uuid")
+            return;
+        if (!byUuidText) {
+            byUuidText.emplace();
+            for (std::size_t i = 0; i < values.rows.size(); ++i)
+                if (ModelElement const &value = values.rows[i][valueColumn])
+                    (*byUuidText)[basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid()))].push_back(i);
+        }
+        if (auto const found = byUuidText->find(id->getIdentifier()); found != byUuidText->end())
+            add(holder, found->second);
+    };
+    meta::Property const &property = association.property;
+    for (std::size_t h = 0; h < holders.rows.size(); ++h) {
+        Value const value = holders.rows[h][holderColumn]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        if (property->getUpper() == 1) {
+            enter(h, value.getElement());
+        } else if (value.hasPayload()) {
+            for (ModelElement const &entry :
+                 static_cast<ReferenceCollection const *>(value.getPayload())->getAllValuesAndProxies())
+                enter(h, entry);
+        }
+    }
+    return out;
+}
+
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, ResultSet const &first,
+                                    ResultSet const &second) {
+    if (hashableEquality(constraint))
+        return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), first, second);
+    if (auto const *association = dynamic_cast<AssociatedObjectConstraint const *>(&constraint);
+        association && association->holderInstance != association->valueInstance)
+        return associationPairs(*association, first, second);
+    return std::nullopt;
+}
+
+} // namespace
+
+std::vector<ResultSet> NativeKivraQuery::scan(RunCounts &counts) const {
+    std::vector<ResultSet> sets(instances.size());
+    for (std::size_t id = 0; id < instances.size(); ++id)
+        sets[id].instanceIds.push_back(id);
+    std::vector<ModelElement> const elements = model->getAllElements();
+    bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
+    ClassFilter filter(instances);
+    counts.scanned += elements.size();
+    for (ModelElement const &element : elements) {
+        std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
+        for (std::size_t id = 0; id < instances.size(); ++id) {
+            SearchInstance const &instance = instances[id];
+            if (instance.specificElement && !(instance.specificElement == element))
+                continue;
+            if (filterByClass && !(passing >> id & 1))
+                continue;
+            ++counts.tested;
+            if (!passesFrom(instance, filterByClass ? 1 : 0, element))
+                continue;
+            sets[id].rows.push_back({element});
+        }
+    }
+    return sets;
+}
+
+void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
+                            std::vector<std::unique_ptr<JoinConstraint>> const &group,
+                            std::vector<ResultSet> &sets, RunCounts &counts) const {
+    // The sets that hold the ids, each once, in order of first meeting.
+    std::vector<std::size_t> taken;
+    for (std::size_t const id : ids) {
+        std::size_t set = 0;
+        while (columnOf(sets[set], id) == sets[set].instanceIds.size())
+            ++set;
+        if (std::find(taken.begin(), taken.end(), set) == taken.end())
+            taken.push_back(set);
+    }
+    std::vector<ResultSet> inputs;
+    inputs.reserve(taken.size());
+    for (std::size_t const set : taken)
+        inputs.push_back(std::move(sets[set]));
+    std::sort(taken.begin(), taken.end());
+    for (auto set = taken.rbegin(); set != taken.rend(); ++set)
+        sets.erase(sets.begin() + static_cast<std::ptrdiff_t>(*set));
+
+    std::size_t width = 0;
+    for (ResultSet const &input : inputs)
+        width += input.instanceIds.size();
+    std::vector<std::size_t> at; // the column of each id in the concatenated row
+    std::vector<std::size_t> concatenated;
+    for (ResultSet const &input : inputs)
+        concatenated.insert(concatenated.end(), input.instanceIds.begin(), input.instanceIds.end());
+    for (std::size_t const id : ids)
+        at.push_back(columnOf(ResultSet{concatenated, {}}, id));
+    std::vector<ModelElement> arguments(ids.size());
+    auto const passes = [&](std::vector<ModelElement> const &row) {
+        ++counts.combined;
+        for (std::size_t i = 0; i < ids.size(); ++i)
+            arguments[i] = row[at[i]];
+        for (auto const &constraint : group)
+            if (!constraint->test(arguments, ids))
+                return false;
+        return true;
+    };
+
+    // Only the combinations that can pass the group's first constraint are walked, in the
+    // plain walk's order: the second input's rows outside, the first's inside. The group
+    // still tests each of them in full.
+    std::optional<std::vector<std::pair<std::size_t, std::size_t>>> candidates;
+    if (!plainEvaluation && inputs.size() == 2 && !inputs[0].rows.empty() && !inputs[1].rows.empty())
+        candidates = candidatePairs(*group.front(), inputs[0], inputs[1]);
+    if (!candidates) {
+        sets.push_back(product(inputs, passes));
+        return;
+    }
+    std::sort(candidates->begin(), candidates->end());
+    candidates->erase(std::unique(candidates->begin(), candidates->end()), candidates->end());
+    ResultSet out;
+    out.instanceIds = std::move(concatenated);
+    std::vector<ModelElement> row(width);
+    auto const split = static_cast<std::ptrdiff_t>(inputs[0].instanceIds.size());
+    for (auto const &[j, i] : *candidates) {
+        std::copy(inputs[0].rows[i].begin(), inputs[0].rows[i].end(), row.begin());
+        std::copy(inputs[1].rows[j].begin(), inputs[1].rows[j].end(), row.begin() + split);
+        if (passes(row))
+            out.rows.push_back(row);
+    }
+    sets.push_back(std::move(out));
+}
+
+ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     if (instances.empty())
         raise<NoSearchInstances>();
     if (!model)
         raise<NoModel>();
-    // The scan, joins, row filters, sort and paging of a run come with the engine proper.
-    throw std::logic_error("kivra::query: queries cannot be run yet");
+    RunCounts local;
+    RunCounts &counts = counted ? *counted : local;
+    std::vector<ResultSet> sets = scan(counts);
+    for (auto const &[ids, group] : joinGroups)
+        join(ids, group, sets, counts);
+    ResultSet result;
+    if (sets.size() == 1) {
+        result = std::move(sets.front());
+    } else {
+        result = product(sets, [](std::vector<ModelElement> const &) { return true; });
+    }
+
+    for (auto const &disjunction : disjunctions) {
+        if (!disjunction->finished || disjunction->instances.size() == 1)
+            continue;
+        std::vector<std::size_t> columns;
+        for (auto const &constraint : disjunction->constraints)
+            columns.push_back(columnOf(result, constraint->getInstance()));
+        std::erase_if(result.rows, [&](std::vector<ModelElement> const &row) {
+            for (std::size_t i = 0; i < columns.size(); ++i)
+                if (disjunction->constraints[i]->test(row[columns[i]]))
+                    return false;
+            return true;
+        });
+    }
+
+    if (sorting)
+        sorting->sort(result);
+
+    if (offset != 0) {
+        if (result.rows.size() <= offset)
+            result.rows.clear();
+        else
+            result.rows.erase(result.rows.begin(), result.rows.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+    if (limit != 0 && result.rows.size() > limit)
+        result.rows.resize(limit);
+    return result;
+}
+
+std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::vector<std::size_t> const &columns) {
+    if (instances.empty())
+        raise<NoSearchInstances>();
+    if (!model)
+        raise<NoModel>();
+    // Columns are checked before anything runs, as construction calls check instance ids.
+    for (std::size_t const id : columns)
+        instanceAt(id);
+    ResultSet result = evaluate();
+    std::vector<std::size_t> wanted = columns;
+    if (wanted.empty())
+        for (std::size_t id = 0; id < instances.size(); ++id)
+            wanted.push_back(id);
+    if (wanted != result.instanceIds) {
+        std::vector<std::size_t> from;
+        from.reserve(wanted.size());
+        for (std::size_t const id : wanted)
+            from.push_back(columnOf(result, id));
+        for (auto &row : result.rows) {
+            std::vector<ModelElement> chosen;
+            chosen.reserve(from.size());
+            for (std::size_t const column : from)
+                chosen.push_back(row[column]);
+            row = std::move(chosen);
+        }
+        result.instanceIds = std::move(wanted);
+    }
+    return std::make_unique<NativeResultIterator>(std::move(result));
 }
 
 std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
@@ -194,13 +577,7 @@ std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
     return row;
 }
 
-std::size_t NativeKivraQuery::countResults() {
-    std::size_t count = 0;
-    std::vector<ModelElement> row;
-    for (auto rows = execute({}); rows->next(row);)
-        ++count;
-    return count;
-}
+std::size_t NativeKivraQuery::countResults() { return evaluate().rows.size(); }
 
 // --- replay --------------------------------------------------------------------------------
 

@@ -90,7 +90,23 @@ public:
     std::unique_ptr<QuerySorting> sorting;
     std::vector<std::unique_ptr<ReflectiveDisjunctionImpl>> disjunctions;
 
+    /// What a run looked at: the elements of the table, the (element, instance) pairs whose
+    /// constraints ran, and the combinations that joins tested.
+    struct RunCounts {
+        std::size_t scanned = 0;
+        std::size_t tested = 0;
+        std::size_t combined = 0;
+    };
+    /// Runs the query up to its rows of all instances, before the choice of columns.
+    ResultSet evaluate(RunCounts *counts = nullptr) const;
+    /// Turns off what only saves work (class filter, hashed equality joins), so that a run
+    /// does exactly the plain scan and nested loops; the rows must not change.
+    bool plainEvaluation = false;
+
 private:
+    std::vector<ResultSet> scan(RunCounts &counts) const;
+    void join(std::vector<std::size_t> const &ids, std::vector<std::unique_ptr<JoinConstraint>> const &group,
+              std::vector<ResultSet> &sets, RunCounts &counts) const;
     SearchInstance &instanceAt(std::size_t instance);
     SearchInstance const &instanceAt(std::size_t instance) const;
 };
