@@ -394,13 +394,17 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, ResultSet 
     return out;
 }
 
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, ResultSet const &first,
-                                    ResultSet const &second) {
+// `exact` tells that every pair passes `constraint`, not only those that may.
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, ResultSet const &first, ResultSet const &second,
+                                    bool &exact) {
+    exact = false;
     if (hashableEquality(constraint))
         return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), first, second);
     if (auto const *association = dynamic_cast<AssociatedObjectConstraint const *>(&constraint);
-        association && association->holderInstance != association->valueInstance)
+        association && association->holderInstance != association->valueInstance) {
+        exact = true;
         return associationPairs(*association, first, second);
+    }
     return std::nullopt;
 }
 
@@ -414,7 +418,13 @@ std::vector<ResultSet> NativeKivraQuery::scan(RunCounts &counts) const {
     bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
     ClassFilter filter(instances);
     counts.scanned += elements.size();
-    for (ModelElement const &element : elements) {
+    // The table's order is not the order of the elements in memory: ask for each a little
+    // ahead, or the walk waits for every element in turn.
+    constexpr std::size_t ahead = 8;
+    for (std::size_t at = 0; at < elements.size(); ++at) {
+        if (at + ahead < elements.size())
+            __builtin_prefetch(elements[at + ahead].get());
+        ModelElement const &element = elements[at];
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
         for (std::size_t id = 0; id < instances.size(); ++id) {
             SearchInstance const &instance = instances[id];
@@ -461,12 +471,15 @@ void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
     for (std::size_t const id : ids)
         at.push_back(columnOf(ResultSet{concatenated, {}}, id));
     std::vector<ModelElement> arguments(ids.size());
+    std::size_t firstToTest = 0;
     auto const passes = [&](std::vector<ModelElement> const &row) {
         ++counts.combined;
+        if (firstToTest == group.size())
+            return true;
         for (std::size_t i = 0; i < ids.size(); ++i)
             arguments[i] = row[at[i]];
-        for (auto const &constraint : group)
-            if (!constraint->test(arguments, ids))
+        for (std::size_t c = firstToTest; c < group.size(); ++c)
+            if (!group[c]->test(arguments, ids))
                 return false;
         return true;
     };
@@ -475,15 +488,18 @@ void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
     // plain walk's order: the second input's rows outside, the first's inside. The group
     // still tests each of them in full.
     std::optional<std::vector<std::pair<std::size_t, std::size_t>>> candidates;
+    bool exact = false;
     if (!plainEvaluation && inputs.size() == 2 && !inputs[0].rows.empty() && !inputs[1].rows.empty())
-        candidates = candidatePairs(*group.front(), inputs[0], inputs[1]);
+        candidates = candidatePairs(*group.front(), inputs[0], inputs[1], exact);
     if (!candidates) {
         sets.push_back(product(inputs, passes));
         return;
     }
     std::sort(candidates->begin(), candidates->end());
     candidates->erase(std::unique(candidates->begin(), candidates->end()), candidates->end());
+    firstToTest = exact ? 1 : 0;
     ResultSet out;
+    out.rows.reserve(candidates->size());
     out.instanceIds = std::move(concatenated);
     std::vector<ModelElement> row(width);
     auto const split = static_cast<std::ptrdiff_t>(inputs[0].instanceIds.size());
