@@ -197,6 +197,15 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         q->addAssociatedObject(p(lib().book, u"writer"), b, a);
         EXPECT_EQ(q->countResults(), 0u);
     }
+    {
+        // Every constraint of a pair holds: books whose writer is also a coauthor.
+        many(emma, u"coauthors").genericAdd(bob);
+        auto q = query();
+        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
+        q->addAssociatedObject(p(lib().book, u"coauthors"), b, a);
+        EXPECT_EQ(rows(*q), (Rows{"Emma+Bob"}));
+    }
 }
 
 TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {

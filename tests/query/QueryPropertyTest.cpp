@@ -36,7 +36,7 @@ protected:
 
     void makeLibrary() {
         static char16_t const *const names[] = {u"Ann", u"Bob", u"Cid", u"Dune", u"Emma"};
-        std::size_t const authorCount = pick(5), bookCount = pick(12);
+        std::size_t const authorCount = pick(6), bookCount = pick(16);
         for (std::size_t i = 0; i < authorCount; ++i) {
             ModelElement const author = lib().author->instantiate(model);
             set(author, u"name", text(names[pick(3)]));
@@ -201,13 +201,13 @@ TEST_P(RandomQueries, GiveTheRowsOfABruteForceWalkInThePlainOrder) {
             q->addSearchClass(classes.back(), modes.back());
         }
         for (std::size_t i = 0; i < n; ++i)
-            for (std::size_t c = pick(3); c > 0; --c)
+            if (pick(3) == 0)
                 constrain(i, isAuthor[i], nullptr);
         for (std::size_t x = 0; x < n; ++x)
             for (std::size_t y = 0; y < n; ++y)
-                if (x != y && pick(3) == 0)
+                if (x != y && pick(2) == 0)
                     join(x, y, isAuthor[x], isAuthor[y]);
-        if (pick(2)) {
+        if (pick(3) == 0) {
             ReflectiveDisjunction *const group = q->createDisjunction();
             for (std::size_t c = 1 + pick(2); c > 0; --c) {
                 std::size_t const i = pick(n);
