@@ -15,6 +15,7 @@
 #include <mutex>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 namespace kivra {
 
@@ -89,22 +90,24 @@ std::uint64_t hashValue(VersionInfo const &info) noexcept {
 DataType VersionInfo::dataType() {
     // Kept once found, until a repeated description of the metamodel replaces it.
     static std::atomic<DataType::Impl *> found{nullptr};
-    static DataType kept;
+    // Every one found stays alive: a reader may still test one that a new description
+    // replaced. There are as many as the metamodel was described.
+    static std::vector<DataType> kept;
     static std::mutex mutex;
     if (DataType::Impl *const impl = found.load(std::memory_order_acquire); impl && impl->isValid())
         return DataType::fromImpl(impl);
-    std::lock_guard lock(mutex);
-    if (kept)
-        return kept;
-    // A read: the registry model stays frozen.
+    // Looked up before this function's own lock is taken, so that the registry's lock comes
+    // first wherever both are held. A read: the registry model stays frozen.
     MetaRegistry const &registry = *MetaRegistry::getInstance();
     ModelElement const element = registry.getMetaRegistryModel()->findElement(versionInfoUuid());
     auto *const impl = dynamic_cast<DataType::Impl *>(element.get());
     if (!impl)
         return {};
-    kept = DataType::fromImpl(impl);
+    std::lock_guard lock(mutex);
+    if (kept.empty() || kept.back().get() != impl)
+        kept.push_back(DataType::fromImpl(impl));
     found.store(impl, std::memory_order_release);
-    return kept;
+    return kept.back();
 }
 
 Value VersionInfo::toValue() const {
