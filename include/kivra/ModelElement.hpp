@@ -327,6 +327,9 @@ protected:
         CreatedHereMark = 8,
         /// ... and it destroyed the element, which a roll-back can bring back.
         DestroyedHereMark = 16,
+        /// The UUID was drawn at random for this element, which its model has not entered
+        /// yet: no other element can hold it.
+        FreshUuidMark = 32,
     };
 };
 

@@ -12,6 +12,7 @@
 #include <bit>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -27,16 +28,26 @@ namespace kivra::detail {
 /// and an entry leaves by taking its own counts back, with nothing to move and no element
 /// to read. At most 6/7 of the slots are used. The slot order, and with it iteration,
 /// depends on nothing but the UUIDs and the sequence of operations.
+///
+/// An element whose UUID was just drawn at random, and so is no other's, can wait in a
+/// backlog for its slot: a transaction that makes many elements then enters them all at
+/// once, in the order of their home chunks, and fills the table a region at a time instead
+/// of waiting on a cache miss per element. The model settles the backlog when its
+/// transaction ends and before it freezes, so that the set changes only on the writer's
+/// thread; until then searches settle it first and walks see it after the slots.
 class ElementSet {
 public:
     using Element = ModelElement::Impl;
     ElementSet() = default;
     ElementSet(ElementSet const &) = delete;
     ElementSet &operator=(ElementSet const &) = delete;
-    ~ElementSet() { release(); }
+    ~ElementSet() {
+        release();
+        std::free(backlog_);
+    }
 
-    std::size_t size() const noexcept { return size_; }
-    bool empty() const noexcept { return size_ == 0; }
+    std::size_t size() const noexcept { return size_ + backlogSize_; }
+    bool empty() const noexcept { return size() == 0; }
 
     /// How many elements ahead a walk asks for the element it will visit: slot order is
     /// random in memory, and the walk would otherwise wait for each element in turn.
@@ -44,6 +55,8 @@ public:
 
     /// The element with `uuid`, or null.
     Element *find(boost::uuids::uuid const &uuid) const noexcept {
+        if (backlogSize_ != 0)
+            const_cast<ElementSet *>(this)->settle();
         if (size_ == 0)
             return nullptr;
         std::size_t const hash = uuidHash(uuid);
@@ -63,8 +76,24 @@ public:
         return nullptr;
     }
 
+    /// Puts `element`, whose UUID was drawn at random for it and so is no other's, in the
+    /// backlog. Raises `std::bad_alloc`, and nothing changes.
+    void defer(Element *element) {
+        // The table is sized for the backlog now, so that settling needs no memory: while
+        // a model fills, the table is mostly empty and growing it moves little.
+        if ((size_ + backlogSize_ + 1) * 7 > capacity() * 6)
+            grow();
+        if (backlogSize_ == backlogCapacity_)
+            growBacklog();
+        backlog_[backlogSize_++] = {element, uuidHash(element->getUuid())};
+    }
+
+    /// Enters every element of the backlog.
+    void settle() noexcept;
+
     /// Enters `element`; false, and nothing changes, when its UUID is taken.
     bool insert(Element *element) {
+        settle();
         if ((size_ + 1) * 7 > capacity() * 6)
             grow();
         // One walk both looks for a namesake and finds the first free slot: the path of a
@@ -105,6 +134,7 @@ public:
 
     /// Takes out this very element (not a namesake); false when it is not in.
     bool erase(Element const *element) noexcept {
+        settle();
         if (size_ == 0)
             return false;
         std::size_t const hash = uuidHash(element->getUuid());
@@ -135,13 +165,20 @@ public:
     void clear() noexcept {
         release();
         chunks_ = nullptr;
-        mask_ = size_ = 0;
+        mask_ = size_ = backlogSize_ = 0;
     }
 
-    /// Calls `f` with every element, in slot order; `f` must not change the set.
+    /// Calls `f` with every element, in slot order and then those of the backlog; `f` must
+    /// not change the set.
     template <class F> void forEach(F &&f) const {
-        if (size_ == 0)
-            return;
+        if (size_ != 0)
+            forEachPlaced(f);
+        for (std::size_t i = 0; i < backlogSize_; ++i)
+            f(backlog_[i].element);
+    }
+
+private:
+    template <class F> void forEachPlaced(F &f) const {
         for (std::size_t c = 0; c <= mask_; ++c) {
             if (c + 1 <= mask_)
                 for (int i = 0; i < slotsPerChunk; ++i)
@@ -154,8 +191,11 @@ public:
         }
     }
 
-private:
     static constexpr int slotsPerChunk = 7;
+    struct Waiting {
+        Element *element;
+        std::size_t hash;
+    };
     static constexpr std::uint8_t saturated = 255;
 
     struct alignas(64) Chunk {
@@ -189,6 +229,8 @@ private:
     static int slotOf(std::uint64_t mask) noexcept { return __builtin_ctzll(mask) / 8; }
     static std::size_t strideOf(std::uint8_t tag) noexcept { return 2 * std::size_t(tag) + 1; }
     std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
+
+    void growBacklog();
 
     /// Puts an element known to be absent into the first free slot of its path.
     void place(Element *element, std::size_t hash) noexcept {
@@ -230,7 +272,8 @@ private:
                     freeZeroed(chunks, count * sizeof(Chunk));
             }
         } const release{old, oldChunks};
-        for (std::size_t c = 0; c < oldChunks; ++c) {
+        // A table that holds nothing yet is not read: its memory may never have been touched.
+        for (std::size_t c = 0; size_ != 0 && c < oldChunks; ++c) {
             if (c + 1 < oldChunks)
                 for (int i = 0; i < slotsPerChunk; ++i)
                     if (old[c + 1].tags[i] != 0)
@@ -243,7 +286,11 @@ private:
 
     Chunk *chunks_ = nullptr;
     std::size_t mask_ = 0;
+    /// Elements in slots; those of the backlog are not counted.
     std::size_t size_ = 0;
+    Waiting *backlog_ = nullptr;
+    std::size_t backlogSize_ = 0;
+    std::size_t backlogCapacity_ = 0;
 };
 
 /// The elements of a model. Whether an element is top level is a mark on the element

@@ -269,10 +269,8 @@ Value ModelElement::Impl::getExtension(basalt::ustring const &name) {
     meta::Class const &cls = getMetaClass();
     ModelExtensions *tables = model_->extensions_.get();
     DeclaredExtension const *record = tables ? tables->find(cls, name, /*inherited=*/true) : nullptr;
-    // Many threads may read a frozen model; a model that changes has one user at a time.
-    std::unique_lock<std::mutex> frozenReaders;
-    if (tables && model_->isFrozen())
-        frozenReaders = std::unique_lock<std::mutex>(tables->frozenReaders);
+    std::unique_lock<std::mutex> const readers = tables ? tables->lockForReaders(model_->isFrozen())
+                                                        : std::unique_lock<std::mutex>();
     if (tables)
         if (auto values = tables->values.find(this); values != tables->values.end()) {
             ElementExtensionValues &own = *values->second;
@@ -355,9 +353,7 @@ bool ModelElement::Impl::hasNonDefaultExtension(basalt::ustring const &name) con
     if (!tables)
         return false;
     // Beside the readers of a frozen model that make collections (see `getExtension`).
-    std::unique_lock<std::mutex> frozenReaders;
-    if (model_->isFrozen())
-        frozenReaders = std::unique_lock<std::mutex>(tables->frozenReaders);
+    std::unique_lock<std::mutex> const readers = tables->lockForReaders(model_->isFrozen());
     auto const values = tables->values.find(this);
     if (values == tables->values.end())
         return false;

@@ -59,6 +59,12 @@ struct ModelExtensions {
     /// collection extension makes it, and a read drops a stale value.
     std::mutex frozenReaders;
 
+    /// The hold of `frozenReaders` for a reader of a model that is `frozen`; none for a
+    /// model that changes, which has one user at a time.
+    std::unique_lock<std::mutex> lockForReaders(bool frozen) {
+        return frozen ? std::unique_lock<std::mutex>(frozenReaders) : std::unique_lock<std::mutex>();
+    }
+
     /// The record of `name` whose class is `cls` or, with `inherited`, the nearest of its
     /// superclasses; null when none.
     DeclaredExtension const *find(meta::Class const &cls, basalt::ustring const &name, bool inherited) const;

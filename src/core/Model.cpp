@@ -439,7 +439,13 @@ void Model::Impl::validateTransaction() const {
 
 void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
     validateTransaction();
-    if (!table_->elements.insert(element)) {
+    // A random UUID needs no search for a namesake, and inside a transaction its element
+    // can wait to be entered with the others the transaction makes.
+    bool const fresh = element->marks_ & ModelElement::Impl::FreshUuidMark;
+    element->marks_ &= ~ModelElement::Impl::FreshUuidMark;
+    if (fresh && currentTransaction_) {
+        table_->elements.defer(element);
+    } else if (!table_->elements.insert(element)) {
         // The loser must not take the winner's table entry with it when it dies.
         element->clearUuid();
         raise<messages::UUIDConflict>();
@@ -736,8 +742,10 @@ void Model::Impl::doBeginTransaction(TransactionGroup *group, meta::TransactionO
 void Model::Impl::transactionEnded(TransactionImpl *transaction) {
     updateLastSeenTransactionOrdinal(transaction->getOrigin().getTransactionFactory(),
                                      transaction->getOrigin().getTransactionOrdinal());
-    if (currentTransaction_ == transaction)
+    if (currentTransaction_ == transaction) {
         currentTransaction_ = nullptr;
+        table_->elements.settle();
+    }
 }
 
 void Model::Impl::transactionGroupEffectsComplete() {
@@ -798,7 +806,12 @@ void Model::Impl::processWorkQueue() {
 
 Model::Freezer Model::Impl::freeze() { return Freezer(getModel()); }
 
-Model::Freezer::Freezer(Model const &model) : model_(model) { ++model_->freezeCount_; }
+Model::Freezer::Freezer(Model const &model) : model_(model) {
+    // Readers of a frozen model may search on several threads: nothing may wait to be
+    // entered then.
+    model_->table_->elements.settle();
+    ++model_->freezeCount_;
+}
 
 Model::Freezer::Freezer(Freezer &&other) noexcept
     : model_(std::move(other.model_)), thawCount_(std::exchange(other.thawCount_, 0)) {}

@@ -63,7 +63,10 @@ void ModelElement::Impl::operator delete(void *block, std::size_t size) noexcept
 }
 
 ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
-    : ElementImpl(uuid, UnderConstruction), model_(model.get()) {}
+    : ElementImpl(uuid, UnderConstruction), model_(model.get()) {
+    if (uuid.is_nil())
+        marks_ |= FreshUuidMark;
+}
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();

@@ -10,10 +10,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <optional>
 #include <random>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace kivra {
@@ -223,6 +225,62 @@ TEST(Model, ElementsThatShareOnePathOfTheTableStayFindable) {
         ASSERT_EQ(model->findElement(ids[i]).get(), books[i].get()) << i;
     EXPECT_EQ(model->elementCount(), wanted);
     expectRaises<messages::UUIDConflict>([&] { Book::create(model, ids[3]); });
+}
+
+TEST(Model, ElementsMadeInATransactionAreThereForEverythingThatFollows) {
+    // Elements made inside a transaction may be entered in the table later than they are
+    // made: every search, walk, count, destruction, clash and roll-back must see them all
+    // the same.
+    Model model = Model::createTransientModel();
+    std::vector<Book> books{Book::create(model)};
+    auto const expectAllFound = [&] {
+        std::size_t found = 0;
+        for (Book const &book : books)
+            found += book->isValidNonProxy() && model->findElement(book->getUuid()) == book;
+        return found;
+    };
+    {
+        Transaction transaction = model->beginTransaction(true);
+        for (int i = 0; i < 5000; ++i)
+            books.push_back(Book::create(model));
+        EXPECT_EQ(model->elementCount(), 5001u);
+        EXPECT_EQ(model->getAllElements().size(), 5001u);
+        EXPECT_EQ(expectAllFound(), 5001u);
+        for (int i = 0; i < 10; ++i)
+            books.push_back(Book::create(model));
+        expectRaises<messages::UUIDConflict>([&] { Book::create(model, books.back()->getUuid()); });
+        for (int i = 0; i < 3000; ++i)
+            books.push_back(Book::create(model));
+        // Destroyed before anything searched for them.
+        for (std::size_t i = 5011; i < books.size(); i += 3)
+            books[i]->destroy();
+        EXPECT_EQ(model->elementCount(), 7011u);
+        EXPECT_EQ(expectAllFound(), 7011u);
+        for (int i = 0; i < 100; ++i)
+            books.push_back(Book::create(model));
+        transaction.rollBack();
+    }
+    EXPECT_EQ(model->elementCount(), 1u);
+    EXPECT_EQ(model->findElement(books[1]->getUuid()), ModelElement());
+    EXPECT_EQ(model->findElement(books.back()->getUuid()), ModelElement());
+    EXPECT_EQ(model->findElement(books[0]->getUuid()), books[0]);
+    books.resize(1);
+    Transaction transaction = model->beginTransaction(false);
+    for (int i = 0; i < 2000; ++i)
+        books.push_back(Book::create(model));
+    {
+        // Readers of the model, frozen inside the transaction, search from several threads.
+        Model::Freezer const frozen = model->freeze();
+        std::vector<std::thread> readers;
+        std::atomic<std::size_t> found{0};
+        for (int t = 0; t < 2; ++t)
+            readers.emplace_back([&] { found += expectAllFound(); });
+        for (std::thread &reader : readers)
+            reader.join();
+        EXPECT_EQ(found.load(), 2 * 2001u);
+    }
+    transaction.commit();
+    EXPECT_EQ(expectAllFound(), 2001u);
 }
 
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {
