@@ -309,15 +309,17 @@ absl::flat_hash_map<ModelElement::Impl const *, std::vector<std::size_t>> rowsBy
 using Pairs = std::vector<std::pair<std::size_t, std::size_t>>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
-// hashes are. Nothing when a required value is empty, since only the plain walk raises
-// where the comparator would.
+// hashes are. Nothing when an empty value meets a comparator that reads set values only,
+// on either side, since only the plain walk raises where the comparator would.
 std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality, ResultSet const &first,
                                    ResultSet const &second) {
     bool const aInFirst = columnOf(first, equality.instanceA) < first.instanceIds.size();
-    auto const hashes = [](ResultSet const &input, std::size_t instance, meta::Property const &property,
-                           std::vector<std::uint64_t> &out) {
+    // The comparator is the one of property A; elements compare empty or not.
+    bool const required =
+        equality.propertyA->getLower() > 0 && !detail::isClassType(equality.propertyA->getType());
+    auto const hashes = [required](ResultSet const &input, std::size_t instance, meta::Property const &property,
+                                   std::vector<std::uint64_t> &out) {
         std::size_t const column = columnOf(input, instance);
-        bool const required = property->getLower() > 0;
         out.reserve(input.rows.size());
         for (auto const &row : input.rows) {
             Value const value = row[column]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
