@@ -600,6 +600,9 @@ std::size_t NativeKivraQuery::countResults() { return evaluate().rows.size(); }
 // --- replay --------------------------------------------------------------------------------
 
 void NativeKivraQuery::retarget(ReflectiveQuery &target) const {
+    // Clearing the target would wipe what is to be replayed.
+    if (&target == this)
+        return;
     target.clear();
     for (std::size_t id = 0; id < instances.size(); ++id) {
         SearchInstance const &instance = instances[id];

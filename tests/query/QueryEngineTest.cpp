@@ -333,6 +333,7 @@ TEST_P(QueryEngine, AnEmptyModelAndOtherModels) {
     auto copy = createNativeQuery(other);
     retargetable.retarget(*copy);
     EXPECT_EQ(rows(*copy), (Rows{"Kept+Kim"}));
+    retargetable.retarget(retargetable);
     EXPECT_EQ(q->countResults(), 3u);
     retargetable.setModel(other);
     EXPECT_EQ(rows(*q), (Rows{"Kept+Kim"}));
