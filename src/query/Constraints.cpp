@@ -1,5 +1,7 @@
 #include "query/Constraints.hpp"
 
+#include "query/TypeKinds.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
@@ -39,6 +41,14 @@ ModelElement const &elementOf(std::vector<ModelElement> const &row, std::vector<
 }
 
 } // namespace
+
+ReferenceCollection const *managedReferenceCollection(Value const &value) {
+    // As the value reads its own entries: an element's collection is the payload itself.
+    if (!isCollection(value.getFlags()) || !value.isManaged() || !value.hasPayload() ||
+        !detail::isClassType(value.getType()))
+        return nullptr;
+    return static_cast<ReferenceCollection const *>(value.getPayload());
+}
 
 bool IsAConstraint::test(ModelElement const &element) const { return matches(element->getMetaClass()); }
 
@@ -106,16 +116,8 @@ bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std:
             targetUuid = basalt::i18n::utf8_to_ustring(boost::uuids::to_string(target->getUuid()));
         return id->getIdentifier() == *targetUuid;
     };
-    if (property->getUpper() == 1)
-        return matches(value.getElement());
-    if (!value.hasPayload())
-        return false;
     // Proxies count as entries here: a query never loads what they stand for.
-    auto const *const collection = static_cast<ReferenceCollection const *>(value.getPayload());
-    for (ModelElement const &entry : collection->getAllValuesAndProxies())
-        if (matches(entry))
-            return true;
-    return false;
+    return anyHeldElement(value, property->getUpper() == 1, matches);
 }
 
 void AssociatedObjectConstraint::replay(ReflectiveQuery &target) const {

@@ -1,6 +1,7 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/query/ReflectiveQuery.hpp>
@@ -10,6 +11,10 @@
 #include <vector>
 
 namespace kivra::query {
+
+/// The collection of elements that an element owns behind `value`, or null for any other
+/// value.
+ReferenceCollection const *managedReferenceCollection(Value const &value);
 
 /// A test of one element of one instance.
 class SingleObjectConstraint {
@@ -123,6 +128,26 @@ public:
     std::size_t instanceB;
     ValueComparator const *comparator;
 };
+
+/// Calls `visit` with each element that `value` holds: the one reference of a `single`
+/// valued property, or every entry of a collection, proxies included, until `visit` gives
+/// true. Raises `CannotCastIncompatibleTypes` for entries that are not elements.
+template <class Visit> bool anyHeldElement(Value const &value, bool single, Visit &&visit) {
+    if (single)
+        return visit(value.getElement());
+    if (!value.hasPayload())
+        return false;
+    if (ReferenceCollection const *const collection = managedReferenceCollection(value)) {
+        for (ModelElement const &entry : collection->getAllValuesAndProxies())
+            if (visit(entry))
+                return true;
+        return false;
+    }
+    for (Value const &entry : value.extractEntryValues())
+        if (visit(entry.getElement()))
+            return true;
+    return false;
+}
 
 /// Whether `comparator` holds between the value of `property` on `element` and
 /// `constant`; for a collection, whether it holds for some entry.

@@ -385,13 +385,10 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, ResultSet 
     meta::Property const &property = association.property;
     for (std::size_t h = 0; h < holders.rows.size(); ++h) {
         Value const value = holders.rows[h][holderColumn]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
-        if (property->getUpper() == 1) {
-            enter(h, value.getElement());
-        } else if (value.hasPayload()) {
-            for (ModelElement const &entry :
-                 static_cast<ReferenceCollection const *>(value.getPayload())->getAllValuesAndProxies())
-                enter(h, entry);
-        }
+        anyHeldElement(value, property->getUpper() == 1, [&](ModelElement const &entry) {
+            enter(h, entry);
+            return false;
+        });
     }
     return out;
 }

@@ -369,6 +369,16 @@ TEST(QueryEngineGenerated, CollectionsOfValuesAndProxiesOfElements) {
     joined->addAssociatedObject(Book::Impl::coauthorsProperty(), book, author);
     EXPECT_EQ(joined->getFirstResult(), (std::vector<ModelElement>{emma, ann}));
     EXPECT_TRUE(proxy->isProxy());
+
+    // A collection of texts holds no elements to relate, whichever way the join walks.
+    NativeKivraQuery tags;
+    tags.setModel(model);
+    tags.addAssociatedObject(Book::Impl::tagsProperty(), tags.addSearchClass(Book::metaClass(), Mode::ExactClass),
+                             tags.addSearchClass(Author::metaClass(), Mode::ExactClass));
+    for (bool const plain : {false, true}) {
+        tags.plainEvaluation = plain;
+        EXPECT_THROW(tags.countResults(), Error<messages::CannotCastIncompatibleTypes>);
+    }
 }
 
 } // namespace
