@@ -339,6 +339,26 @@ TEST_P(QueryEngine, AnEmptyModelAndOtherModels) {
     EXPECT_EQ(rows(*q), (Rows{"Kept+Kim"}));
 }
 
+TEST_P(QueryEngine, AnIteratorKeepsItsRowsWhateverBecomesOfTheModel) {
+    Model shortLived = Model::createTransientModel();
+    ModelElement const gone = make(lib().book, u"Gone", 100, &shortLived);
+    make(lib().book, u"Kept", 100, &shortLived);
+    auto q = createNativeQuery(shortLived);
+    books(*q);
+    auto it = q->execute({});
+    gone->destroy();
+    make(lib().book, u"Late", 100, &shortLived);
+    q.reset();
+    shortLived = Model();
+    std::vector<ModelElement> row;
+    std::vector<ModelElement> seen;
+    while (it->next(row))
+        seen.push_back(row.at(0));
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_NE(std::find(seen.begin(), seen.end(), gone), seen.end());
+    EXPECT_FALSE(gone);
+}
+
 INSTANTIATE_TEST_SUITE_P(Flavours, QueryEngine, ::testing::Values(&generatedLibrary(), &runtimeLibrary()),
                          [](auto const &info) { return info.param->name; });
 
