@@ -181,14 +181,6 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         EXPECT_EQ(picked, (Rows{"Ann+Ann+Dune", "Bob+Bob+Emma"}));
     }
     {
-        // Equal values in two instances: books whose pages equal those of another.
-        make(lib().book, u"Twin", 300);
-        auto q = query();
-        std::size_t const x = books(*q), y = books(*q);
-        q->addPropertyRelationProperty(p(lib().book, u"pages"), x, R::equal, p(lib().book, u"pages"), y);
-        q->addPropertyRelationProperty(p(lib().book, u"title"), x, R::notEqual, p(lib().book, u"title"), y);
-        EXPECT_EQ(sorted(*q), (Rows{"Emma+Twin", "Twin+Emma"}));
-
         // The title is required, so the equality reads both sides as set values: an unset
         // subtitle fails the run, also where no title could equal it.
         auto r = query();
@@ -196,14 +188,6 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         r->setSpecificElement(dune, t);
         r->addPropertyRelationProperty(p(lib().book, u"title"), t, R::equal, p(lib().book, u"subtitle"), s);
         EXPECT_THROW(r->countResults(), Error<messages::InvalidValue>);
-    }
-    {
-        // A join with an instance that has no rows leaves no row for the other instance either.
-        auto q = query();
-        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
-        q->addPropertyRelationValue(p(lib().author, u"name"), R::equal, text(u"Zed"), a);
-        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
-        EXPECT_EQ(q->countResults(), 0u);
     }
     {
         // Every constraint of a pair holds: books whose writer is also a coauthor.
@@ -239,9 +223,11 @@ TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
     auto e = query();
     std::size_t const x = books(*e), y = books(*e);
     e->addPropertyRelationProperty(p(lib().book, u"pages"), x, R::equal, p(lib().book, u"pages"), y);
+    e->addPropertyRelationProperty(p(lib().book, u"title"), x, R::notEqual, p(lib().book, u"title"), y);
     counts = {};
-    EXPECT_EQ(static_cast<NativeKivraQuery &>(*e).evaluate(&counts).rows.size(), 8u);
+    EXPECT_EQ(static_cast<NativeKivraQuery &>(*e).evaluate(&counts).rows.size(), 2u);
     EXPECT_EQ(counts.combined, 8u);
+    EXPECT_EQ(sorted(*e), (Rows{"Emma+Twin", "Twin+Emma"}));
 }
 
 TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
@@ -305,8 +291,6 @@ TEST_P(QueryEngine, SortOffsetAndLimitComeLastInThatOrder) {
     q->sortByProperty(p(lib().book, u"subtitle"), b, SortDirection::Ascending);
     EXPECT_EQ(rows(*q).back(), "Emma");
     q->sortIntrinsic(b, SortDirection::Ascending);
-    EXPECT_THROW(q->countResults(), Error<UnsupportedSorting>);
-    q->sortByProperty(p(lib().book, u"writer"), b, SortDirection::Ascending);
     EXPECT_THROW(q->countResults(), Error<UnsupportedSorting>);
     // A failed run leaves the query usable.
     q->sortByProperty(p(lib().book, u"pages"), b, SortDirection::Ascending);
