@@ -78,7 +78,7 @@ void BM_SortByPages(benchmark::State &state) {
     for (std::int64_t i = 0; i < state.range(0); ++i) {
         test::library::Book book = test::library::Book::create(model);
         book->setPages(static_cast<std::int32_t>(random() % 1000));
-        rows.rows.push_back({book});
+        rows.addRow({book});
     }
     query::ByPropertySorting const sorting(0, query::SortDirection::Ascending, test::library::Book::Impl::pagesProperty());
     // Only the sort's own allocations count, not those of the copy it works on.
@@ -206,7 +206,7 @@ void BM_QueryLongMysteries(benchmark::State &state) {
     query::NativeKivraQuery::RunCounts counts;
     for (auto _ : state) {
         counts = {};
-        rows = q.evaluate(&counts).rows.size();
+        rows = q.evaluate(&counts).rowCount();
     }
     report(state, rows, counts);
 }
@@ -242,7 +242,7 @@ void BM_QueryBooksWithWriters(benchmark::State &state) {
     query::NativeKivraQuery::RunCounts counts;
     for (auto _ : state) {
         counts = {};
-        rows = q.evaluate(&counts).rows.size();
+        rows = q.evaluate(&counts).rowCount();
     }
     report(state, rows, counts);
 }

@@ -35,9 +35,9 @@ Value readScalar(ModelElement const &element, meta::Property const &property) {
 }
 
 // The element of `instance` in a row that holds the elements of `ids`.
-ModelElement const &elementOf(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids,
+ModelElement const &elementOf(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids,
                               std::size_t instance) {
-    return ids[0] == instance ? row[0] : row[1];
+    return ids[0] == instance ? *row[0] : *row[1];
 }
 
 } // namespace
@@ -96,9 +96,10 @@ void PropertyRelationValueConstraint::replayInto(ReflectiveDisjunction &target) 
     target.addPropertyRelationValue(property, relation, constant, instance);
 }
 
-bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const {
+bool AssociatedObjectConstraint::test(std::span<ModelElement const *const> row,
+                                      std::vector<std::size_t> const &ids) const {
     ModelElement const &holder = elementOf(row, ids, holderInstance);
-    ModelElement const &target = ids[0] == holderInstance ? row[1] : row[0];
+    ModelElement const &target = ids[0] == holderInstance ? *row[1] : *row[0];
     if (!holder || !target)
         return false;
     Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
@@ -124,7 +125,7 @@ void AssociatedObjectConstraint::replay(ReflectiveQuery &target) const {
     target.addAssociatedObject(property, holderInstance, valueInstance);
 }
 
-bool PropertyRelationPropertyJoinConstraint::test(std::vector<ModelElement> const &row,
+bool PropertyRelationPropertyJoinConstraint::test(std::span<ModelElement const *const> row,
                                                   std::vector<std::size_t> const &ids) const {
     return (*comparator)(elementOf(row, ids, instanceA)->getPropertyValue(propertyA, tag()),
                          elementOf(row, ids, instanceB)->getPropertyValue(propertyB, tag()));

@@ -190,15 +190,21 @@ void NativeKivraQuery::sortByOrdinal(meta::Property const &property, std::size_t
 
 namespace {
 
+constexpr std::size_t none = ~std::size_t{0};
+
 class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
 public:
     explicit NativeResultIterator(ResultSet rows) : rows_(std::move(rows)) {}
     bool next(std::vector<ModelElement> &row) override {
-        if (position_ >= rows_.rows.size()) {
-            row.assign(rows_.instanceIds.size(), ModelElement());
+        std::size_t const width = rows_.width();
+        if (position_ >= rows_.rowCount()) {
+            row.assign(width, ModelElement());
             return false;
         }
-        row = std::move(rows_.rows[position_++]);
+        row.resize(width);
+        for (std::size_t column = 0; column < width; ++column)
+            row[column] = rows_.at(position_, column);
+        ++position_;
         return true;
     }
 
@@ -254,27 +260,23 @@ std::size_t columnOf(ResultSet const &set, std::size_t instance) {
 
 // The cross product of `inputs`, the first input's index running fastest, keeping the
 // combinations that `keep` accepts; `keep` sees the concatenated row.
-template <typename Keep> ResultSet product(std::vector<ResultSet> &inputs, Keep keep) {
+template <typename Keep> ResultSet product(std::vector<ResultSet> const &inputs, Keep keep) {
     ResultSet out;
-    std::size_t width = 0;
-    for (ResultSet const &input : inputs) {
-        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
-        width += input.instanceIds.size();
-    }
     for (ResultSet const &input : inputs)
-        if (input.rows.empty())
+        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
+    for (ResultSet const &input : inputs)
+        if (input.rowCount() == 0)
             return out;
     std::vector<std::size_t> at(inputs.size(), 0);
-    std::vector<ModelElement> row(width);
+    std::vector<std::size_t> row(out.width());
     for (;;) {
-        std::size_t column = 0;
+        auto column = row.begin();
         for (std::size_t k = 0; k < inputs.size(); ++k)
-            for (ModelElement const &element : inputs[k].rows[at[k]])
-                row[column++] = element;
-        if (keep(row))
-            out.rows.push_back(row);
+            column = std::copy_n(inputs[k].row(at[k]), inputs[k].width(), column);
+        if (keep(row.data()))
+            out.cells.insert(out.cells.end(), row.begin(), row.end());
         std::size_t k = 0;
-        while (k < inputs.size() && ++at[k] == inputs[k].rows.size())
+        while (k < inputs.size() && ++at[k] == inputs[k].rowCount())
             at[k++] = 0;
         if (k == inputs.size())
             return out;
@@ -295,34 +297,43 @@ bool hashableEquality(JoinConstraint const &constraint) {
     return type && type != meta::StandardTypes::realMeta.get();
 }
 
-// The rows of `input` by the element each holds in the column of `instance`.
-absl::flat_hash_map<ModelElement::Impl const *, std::vector<std::size_t>> rowsByElement(ResultSet const &input,
-                                                                                     std::size_t instance) {
-    std::size_t const column = columnOf(input, instance);
-    absl::flat_hash_map<ModelElement::Impl const *, std::vector<std::size_t>> out;
-    out.reserve(input.rows.size());
-    for (std::size_t i = 0; i < input.rows.size(); ++i)
-        out[input.rows[i][column].get()].push_back(i);
-    return out;
-}
+// Rows by a key, without a list per key: `first` gives a key's first row, `next` each
+// row's successor under the same key, `none` at the end.
+template <typename Key> struct RowsByKey {
+    absl::flat_hash_map<Key, std::size_t> first;
+    std::vector<std::size_t> next;
+
+    explicit RowsByKey(std::size_t rows) : next(rows, none) { first.reserve(rows); }
+    void add(Key const &key, std::size_t row) {
+        auto const [entry, added] = first.try_emplace(key, row);
+        if (!added)
+            next[row] = std::exchange(entry->second, row);
+    }
+    template <typename Visit> void forEach(Key const &key, Visit visit) const {
+        if (auto const found = first.find(key); found != first.end())
+            for (std::size_t row = found->second; row != none; row = next[row])
+                visit(row);
+    }
+};
 
 using Pairs = std::vector<std::pair<std::size_t, std::size_t>>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
 // on either side, since only the plain walk raises where the comparator would.
-std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality, ResultSet const &first,
+std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
+                                   std::vector<ModelElement> const &elements, ResultSet const &first,
                                    ResultSet const &second) {
-    bool const aInFirst = columnOf(first, equality.instanceA) < first.instanceIds.size();
+    bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
     // The comparator is the one of property A; elements compare empty or not.
     bool const required =
         equality.propertyA->getLower() > 0 && !detail::isClassType(equality.propertyA->getType());
-    auto const hashes = [required](ResultSet const &input, std::size_t instance, meta::Property const &property,
-                                   std::vector<std::uint64_t> &out) {
+    auto const hashes = [&](ResultSet const &input, std::size_t instance, meta::Property const &property,
+                            std::vector<std::uint64_t> &out) {
         std::size_t const column = columnOf(input, instance);
-        out.reserve(input.rows.size());
-        for (auto const &row : input.rows) {
-            Value const value = row[column]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        out.reserve(input.rowCount());
+        for (std::size_t row = 0; row < input.rowCount(); ++row) {
+            Value const value = elements[input.row(row)[column]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
             if (isCollection(value.getFlags()) || (required && !value.hasPayload()))
                 return false;
             out.push_back(value.hashValues());
@@ -335,57 +346,56 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
         !hashes(second, aInFirst ? equality.instanceB : equality.instanceA,
                 aInFirst ? equality.propertyB : equality.propertyA, inSecond))
         return std::nullopt;
-    absl::flat_hash_map<std::uint64_t, std::vector<std::size_t>> byHash;
+    RowsByKey<std::uint64_t> byHash(inFirst.size());
     for (std::size_t i = 0; i < inFirst.size(); ++i)
-        byHash[inFirst[i]].push_back(i);
+        byHash.add(inFirst[i], i);
     Pairs out;
     for (std::size_t j = 0; j < inSecond.size(); ++j)
-        if (auto const found = byHash.find(inSecond[j]); found != byHash.end())
-            for (std::size_t const i : found->second)
-                out.emplace_back(j, i);
+        byHash.forEach(inSecond[j], [&](std::size_t i) { out.emplace_back(j, i); });
     return out;
 }
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
-Pairs associationPairs(AssociatedObjectConstraint const &association, ResultSet const &first,
-                       ResultSet const &second) {
-    bool const holderInFirst = columnOf(first, association.holderInstance) < first.instanceIds.size();
+Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement> const &elements,
+                       ResultSet const &first, ResultSet const &second) {
+    bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
     ResultSet const &holders = holderInFirst ? first : second;
     ResultSet const &values = holderInFirst ? second : first;
-    auto const byElement = rowsByElement(values, association.valueInstance);
-    // Made at the first proxy: most collections hold none.
-    std::optional<absl::flat_hash_map<basalt::ustring, std::vector<std::size_t>>> byUuidText;
     std::size_t const holderColumn = columnOf(holders, association.holderInstance);
     std::size_t const valueColumn = columnOf(values, association.valueInstance);
+    RowsByKey<ModelElement::Impl const *> byElement(values.rowCount());
+    for (std::size_t i = 0; i < values.rowCount(); ++i)
+        byElement.add(elements[values.row(i)[valueColumn]].get(), i);
+    // Made at the first proxy: most collections hold none.
+    std::optional<RowsByKey<basalt::ustring>> byUuidText;
     Pairs out;
-    auto const add = [&](std::size_t holder, std::vector<std::size_t> const &rows) {
-        for (std::size_t const value : rows)
-            out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
+    auto const add = [&](std::size_t holder, std::size_t value) {
+        out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
     };
     auto const enter = [&](std::size_t holder, ModelElement const &entry) {
         if (!entry)
             return;
-        if (auto const found = byElement.find(entry.get()); found != byElement.end())
-            add(holder, found->second);
+        byElement.forEach(entry.get(), [&](std::size_t value) { add(holder, value); });
         if (!entry->isProxy())
             return;
         boost::optional<ProxyId> const id = entry->getProxyId();
         if (!id || id->getIdentifierType() != u"uuid")
             return;
         if (!byUuidText) {
-            byUuidText.emplace();
-            for (std::size_t i = 0; i < values.rows.size(); ++i)
-                if (ModelElement const &value = values.rows[i][valueColumn])
-                    (*byUuidText)[basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid()))].push_back(i);
+            byUuidText.emplace(values.rowCount());
+            for (std::size_t i = 0; i < values.rowCount(); ++i)
+                if (ModelElement const &value = elements[values.row(i)[valueColumn]])
+                    byUuidText->add(basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid())), i);
         }
-        if (auto const found = byUuidText->find(id->getIdentifier()); found != byUuidText->end())
-            add(holder, found->second);
+        byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
     };
     meta::Property const &property = association.property;
-    for (std::size_t h = 0; h < holders.rows.size(); ++h) {
-        Value const value = holders.rows[h][holderColumn]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
-        anyHeldElement(value, property->getUpper() == 1, [&](ModelElement const &entry) {
+    bool const single = property->getUpper() == 1;
+    for (std::size_t h = 0; h < holders.rowCount(); ++h) {
+        Value const value =
+            elements[holders.row(h)[holderColumn]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        anyHeldElement(value, single, [&](ModelElement const &entry) {
             enter(h, entry);
             return false;
         });
@@ -393,27 +403,49 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, ResultSet 
     return out;
 }
 
+// The pairs in the plain walk's order, each once: by row of second, then by row of first.
+// A count per row of second places them; only a run that came out of order is sorted.
+void orderPairs(Pairs &pairs, std::size_t secondRows) {
+    std::vector<std::size_t> end(secondRows + 1, 0);
+    for (auto const &pair : pairs)
+        ++end[pair.first + 1];
+    for (std::size_t j = 0; j < secondRows; ++j)
+        end[j + 1] += end[j];
+    Pairs placed(pairs.size());
+    for (auto const &pair : pairs)
+        placed[end[pair.first]++] = pair;
+    auto begin = placed.begin();
+    for (std::size_t j = 0; j < secondRows; ++j) {
+        auto const last = placed.begin() + static_cast<std::ptrdiff_t>(end[j]);
+        if (!std::is_sorted(begin, last))
+            std::sort(begin, last);
+        begin = last;
+    }
+    placed.erase(std::unique(placed.begin(), placed.end()), placed.end());
+    pairs = std::move(placed);
+}
+
 // `exact` tells that every pair passes `constraint`, not only those that may.
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, ResultSet const &first, ResultSet const &second,
-                                    bool &exact) {
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement> const &elements,
+                                    ResultSet const &first, ResultSet const &second, bool &exact) {
     exact = false;
     if (hashableEquality(constraint))
-        return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), first, second);
+        return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), elements,
+                             first, second);
     if (auto const *association = dynamic_cast<AssociatedObjectConstraint const *>(&constraint);
         association && association->holderInstance != association->valueInstance) {
         exact = true;
-        return associationPairs(*association, first, second);
+        return associationPairs(*association, elements, first, second);
     }
     return std::nullopt;
 }
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> const &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
-    std::vector<ModelElement> const elements = model->getAllElements();
     bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
     ClassFilter filter(instances);
     counts.scanned += elements.size();
@@ -434,20 +466,20 @@ std::vector<ResultSet> NativeKivraQuery::scan(RunCounts &counts) const {
             ++counts.tested;
             if (!passesFrom(instance, filterByClass ? 1 : 0, element))
                 continue;
-            sets[id].rows.push_back({element});
+            sets[id].cells.push_back(at);
         }
     }
     return sets;
 }
 
-void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
+void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
                             std::vector<std::unique_ptr<JoinConstraint>> const &group,
                             std::vector<ResultSet> &sets, RunCounts &counts) const {
     // The sets that hold the ids, each once, in order of first meeting.
     std::vector<std::size_t> taken;
     for (std::size_t const id : ids) {
         std::size_t set = 0;
-        while (columnOf(sets[set], id) == sets[set].instanceIds.size())
+        while (columnOf(sets[set], id) == sets[set].width())
             ++set;
         if (std::find(taken.begin(), taken.end(), set) == taken.end())
             taken.push_back(set);
@@ -460,23 +492,20 @@ void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
     for (auto set = taken.rbegin(); set != taken.rend(); ++set)
         sets.erase(sets.begin() + static_cast<std::ptrdiff_t>(*set));
 
-    std::size_t width = 0;
+    ResultSet out;
     for (ResultSet const &input : inputs)
-        width += input.instanceIds.size();
+        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
     std::vector<std::size_t> at; // the column of each id in the concatenated row
-    std::vector<std::size_t> concatenated;
-    for (ResultSet const &input : inputs)
-        concatenated.insert(concatenated.end(), input.instanceIds.begin(), input.instanceIds.end());
     for (std::size_t const id : ids)
-        at.push_back(columnOf(ResultSet{concatenated, {}}, id));
-    std::vector<ModelElement> arguments(ids.size());
+        at.push_back(columnOf(out, id));
+    std::vector<ModelElement const *> arguments(ids.size());
     std::size_t firstToTest = 0;
-    auto const passes = [&](std::vector<ModelElement> const &row) {
+    auto const passes = [&](std::size_t const *row) {
         ++counts.combined;
         if (firstToTest == group.size())
             return true;
         for (std::size_t i = 0; i < ids.size(); ++i)
-            arguments[i] = row[at[i]];
+            arguments[i] = &elements[row[at[i]]];
         for (std::size_t c = firstToTest; c < group.size(); ++c)
             if (!group[c]->test(arguments, ids))
                 return false;
@@ -486,27 +515,24 @@ void NativeKivraQuery::join(std::vector<std::size_t> const &ids,
     // Only the combinations that can pass the group's first constraint are walked, in the
     // plain walk's order: the second input's rows outside, the first's inside. The group
     // still tests each of them in full.
-    std::optional<std::vector<std::pair<std::size_t, std::size_t>>> candidates;
+    std::optional<Pairs> candidates;
     bool exact = false;
-    if (!plainEvaluation && inputs.size() == 2 && !inputs[0].rows.empty() && !inputs[1].rows.empty())
-        candidates = candidatePairs(*group.front(), inputs[0], inputs[1], exact);
+    if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0)
+        candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact);
     if (!candidates) {
         sets.push_back(product(inputs, passes));
         return;
     }
-    std::sort(candidates->begin(), candidates->end());
-    candidates->erase(std::unique(candidates->begin(), candidates->end()), candidates->end());
+    orderPairs(*candidates, inputs[1].rowCount());
     firstToTest = exact ? 1 : 0;
-    ResultSet out;
-    out.rows.reserve(candidates->size());
-    out.instanceIds = std::move(concatenated);
-    std::vector<ModelElement> row(width);
-    auto const split = static_cast<std::ptrdiff_t>(inputs[0].instanceIds.size());
+    std::size_t const split = inputs[0].width();
+    std::vector<std::size_t> row(out.width());
+    out.cells.reserve(candidates->size() * row.size());
     for (auto const &[j, i] : *candidates) {
-        std::copy(inputs[0].rows[i].begin(), inputs[0].rows[i].end(), row.begin());
-        std::copy(inputs[1].rows[j].begin(), inputs[1].rows[j].end(), row.begin() + split);
-        if (passes(row))
-            out.rows.push_back(row);
+        std::copy_n(inputs[0].row(i), split, row.begin());
+        std::copy_n(inputs[1].row(j), inputs[1].width(), row.begin() + static_cast<std::ptrdiff_t>(split));
+        if (passes(row.data()))
+            out.cells.insert(out.cells.end(), row.begin(), row.end());
     }
     sets.push_back(std::move(out));
 }
@@ -518,41 +544,52 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         raise<NoModel>();
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
-    std::vector<ResultSet> sets = scan(counts);
+    // Held for the whole run: the rows name elements by their place here.
+    std::vector<ModelElement> elements = model->getAllElements();
+    std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
-        join(ids, group, sets, counts);
+        join(elements, ids, group, sets, counts);
     ResultSet result;
     if (sets.size() == 1) {
         result = std::move(sets.front());
     } else {
-        result = product(sets, [](std::vector<ModelElement> const &) { return true; });
+        result = product(sets, [](std::size_t const *) { return true; });
     }
+    result.elements = std::move(elements);
 
+    std::size_t const width = result.width();
     for (auto const &disjunction : disjunctions) {
         if (!disjunction->finished || disjunction->instances.size() == 1)
             continue;
         std::vector<std::size_t> columns;
         for (auto const &constraint : disjunction->constraints)
             columns.push_back(columnOf(result, constraint->getInstance()));
-        std::erase_if(result.rows, [&](std::vector<ModelElement> const &row) {
-            for (std::size_t i = 0; i < columns.size(); ++i)
-                if (disjunction->constraints[i]->test(row[columns[i]]))
-                    return false;
-            return true;
-        });
+        // Rows that pass move up over those that failed, in their order.
+        std::size_t kept = 0;
+        for (std::size_t row = 0; row < result.rowCount(); ++row) {
+            bool passes = false;
+            for (std::size_t i = 0; i < columns.size() && !passes; ++i)
+                passes = disjunction->constraints[i]->test(result.at(row, columns[i]));
+            if (!passes)
+                continue;
+            if (kept != row)
+                std::copy_n(result.row(row), width, result.cells.begin() + static_cast<std::ptrdiff_t>(kept * width));
+            ++kept;
+        }
+        result.cells.resize(kept * width);
     }
 
     if (sorting)
         sorting->sort(result);
 
     if (offset != 0) {
-        if (result.rows.size() <= offset)
-            result.rows.clear();
+        if (result.rowCount() <= offset)
+            result.cells.clear();
         else
-            result.rows.erase(result.rows.begin(), result.rows.begin() + static_cast<std::ptrdiff_t>(offset));
+            result.cells.erase(result.cells.begin(), result.cells.begin() + static_cast<std::ptrdiff_t>(offset * width));
     }
-    if (limit != 0 && result.rows.size() > limit)
-        result.rows.resize(limit);
+    if (limit != 0 && result.rowCount() > limit)
+        result.cells.resize(limit * width);
     return result;
 }
 
@@ -569,21 +606,26 @@ std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::
     if (wanted.empty())
         for (std::size_t id = 0; id < instances.size(); ++id)
             wanted.push_back(id);
-    if (wanted != result.instanceIds) {
-        std::vector<std::size_t> from;
-        from.reserve(wanted.size());
-        for (std::size_t const id : wanted)
-            from.push_back(columnOf(result, id));
-        for (auto &row : result.rows) {
-            std::vector<ModelElement> chosen;
-            chosen.reserve(from.size());
-            for (std::size_t const column : from)
-                chosen.push_back(row[column]);
-            row = std::move(chosen);
+    std::vector<std::size_t> from;
+    from.reserve(wanted.size());
+    for (std::size_t const id : wanted)
+        from.push_back(columnOf(result, id));
+    // The iterator keeps the wanted columns and only the elements that they name, each once.
+    ResultSet kept;
+    kept.instanceIds = std::move(wanted);
+    kept.cells.reserve(result.rowCount() * from.size());
+    std::vector<std::size_t> place(result.elements.size(), none);
+    for (std::size_t row = 0; row < result.rowCount(); ++row) {
+        for (std::size_t const column : from) {
+            std::size_t const element = result.row(row)[column];
+            if (place[element] == none) {
+                place[element] = kept.elements.size();
+                kept.elements.push_back(std::move(result.elements[element]));
+            }
+            kept.cells.push_back(place[element]);
         }
-        result.instanceIds = std::move(wanted);
     }
-    return std::make_unique<NativeResultIterator>(std::move(result));
+    return std::make_unique<NativeResultIterator>(std::move(kept));
 }
 
 std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
@@ -592,7 +634,7 @@ std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
     return row;
 }
 
-std::size_t NativeKivraQuery::countResults() { return evaluate().rows.size(); }
+std::size_t NativeKivraQuery::countResults() { return evaluate().rowCount(); }
 
 // --- replay --------------------------------------------------------------------------------
 

@@ -104,9 +104,11 @@ public:
     bool plainEvaluation = false;
 
 private:
-    std::vector<ResultSet> scan(RunCounts &counts) const;
-    void join(std::vector<std::size_t> const &ids, std::vector<std::unique_ptr<JoinConstraint>> const &group,
-              std::vector<ResultSet> &sets, RunCounts &counts) const;
+    /// One set per instance, of positions in `elements`, the model's table.
+    std::vector<ResultSet> scan(std::vector<ModelElement> const &elements, RunCounts &counts) const;
+    void join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
+              std::vector<std::unique_ptr<JoinConstraint>> const &group, std::vector<ResultSet> &sets,
+              RunCounts &counts) const;
     SearchInstance &instanceAt(std::size_t instance);
     SearchInstance const &instanceAt(std::size_t instance) const;
 };

@@ -208,14 +208,14 @@ TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
     q->addAssociatedObject(p(lib().book, u"writer"), b, a);
     auto &native = static_cast<NativeKivraQuery &>(*q);
     NativeKivraQuery::RunCounts counts;
-    EXPECT_EQ(native.evaluate(&counts).rows.size(), 4u);
+    EXPECT_EQ(native.evaluate(&counts).rowCount(), 4u);
     // Each element meets only the instance of its class, each book only its own writer.
     EXPECT_EQ(counts.scanned, 9u);
     EXPECT_EQ(counts.tested, 9u);
     EXPECT_EQ(counts.combined, 4u);
     native.plainEvaluation = true;
     counts = {};
-    EXPECT_EQ(native.evaluate(&counts).rows.size(), 4u);
+    EXPECT_EQ(native.evaluate(&counts).rowCount(), 4u);
     EXPECT_EQ(counts.tested, 18u);
     EXPECT_EQ(counts.combined, 18u);
 
@@ -225,7 +225,7 @@ TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
     e->addPropertyRelationProperty(p(lib().book, u"pages"), x, R::equal, p(lib().book, u"pages"), y);
     e->addPropertyRelationProperty(p(lib().book, u"title"), x, R::notEqual, p(lib().book, u"title"), y);
     counts = {};
-    EXPECT_EQ(static_cast<NativeKivraQuery &>(*e).evaluate(&counts).rows.size(), 2u);
+    EXPECT_EQ(static_cast<NativeKivraQuery &>(*e).evaluate(&counts).rowCount(), 2u);
     EXPECT_EQ(counts.combined, 8u);
     EXPECT_EQ(sorted(*e), (Rows{"Emma+Twin", "Twin+Emma"}));
 }
