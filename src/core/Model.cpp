@@ -46,7 +46,7 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
         return;
     auto const [low, high] = std::minmax_element(elements.begin(), elements.end(), std::less<>());
     auto const base = reinterpret_cast<std::uintptr_t>(*low);
-    std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 4; // 16-byte aligned
+    std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 3; // 8-byte aligned
     constexpr unsigned digitBits = 11;
     constexpr std::size_t buckets = std::size_t(1) << digitBits;
     std::vector<ModelElement::Impl *> scratch(elements.size());
@@ -54,7 +54,7 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
     constexpr unsigned pointerBits = 8 * sizeof(std::uintptr_t);
     for (unsigned shift = 0; shift < pointerBits && (span >> shift) != 0; shift += digitBits) {
         auto const digit = [&](ModelElement::Impl *element) {
-            return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 4 >> shift) & (buckets - 1);
+            return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 3 >> shift) & (buckets - 1);
         };
         std::fill(counts.begin(), counts.end(), 0);
         for (ModelElement::Impl *element : elements)
