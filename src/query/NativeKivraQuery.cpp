@@ -79,10 +79,12 @@ void NativeKivraQuery::clear() {
 std::size_t NativeKivraQuery::addSearchClass(meta::Class const &cls, SearchClassMatchMode mode) {
     if (!cls)
         raise<InvalidSearchClass>();
-    SearchInstance &added = instances.emplace_back();
+    // Made in full before it joins: an instance without its class test would break the scan.
+    SearchInstance added;
     added.searchClass = cls;
     added.matchMode = mode;
     added.constraints.push_back(std::make_unique<IsAConstraint>(added.searchClass, mode));
+    instances.push_back(std::move(added));
     return instances.size() - 1;
 }
 
@@ -101,9 +103,21 @@ void NativeKivraQuery::addPropertyRelationProperty(meta::Property const &a, std:
             std::make_unique<PropertyRelationPropertySingleObjectConstraint>(a, relation, b, comparator));
         return;
     }
-    auto &group = joinGroups[{std::min(instanceA, instanceB), std::max(instanceA, instanceB)}];
-    group.push_back(
-        std::make_unique<PropertyRelationPropertyJoinConstraint>(a, instanceA, relation, b, instanceB, comparator));
+    auto constraint =
+        std::make_unique<PropertyRelationPropertyJoinConstraint>(a, instanceA, relation, b, instanceB, comparator);
+    fileJoin(std::move(constraint), instanceA, instanceB);
+}
+
+void NativeKivraQuery::fileJoin(std::unique_ptr<JoinConstraint> constraint, std::size_t x, std::size_t y) {
+    std::vector<std::size_t> key{std::min(x, y), std::max(x, y)};
+    if (auto const found = joinGroups.find(key); found != joinGroups.end()) {
+        found->second.push_back(std::move(constraint));
+        return;
+    }
+    // A new group enters with its constraint: an empty one would still join its instances.
+    std::vector<std::unique_ptr<JoinConstraint>> group;
+    group.push_back(std::move(constraint));
+    joinGroups.emplace(std::move(key), std::move(group));
 }
 
 std::unique_ptr<PropertyRelationValueConstraint>
@@ -150,8 +164,8 @@ void NativeKivraQuery::addAssociatedObject(meta::Property const &property, std::
     checkProperty(property);
     instanceAt(holderInstance);
     instanceAt(valueInstance);
-    joinGroups[{std::min(holderInstance, valueInstance), std::max(holderInstance, valueInstance)}].push_back(
-        std::make_unique<AssociatedObjectConstraint>(property, holderInstance, valueInstance));
+    fileJoin(std::make_unique<AssociatedObjectConstraint>(property, holderInstance, valueInstance), holderInstance,
+             valueInstance);
 }
 
 ReflectiveDisjunction *NativeKivraQuery::createDisjunction() {

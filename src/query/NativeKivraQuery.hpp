@@ -109,6 +109,8 @@ private:
     void join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
               std::vector<std::unique_ptr<JoinConstraint>> const &group, std::vector<ResultSet> &sets,
               RunCounts &counts) const;
+    /// Files a join constraint under its pair of instances, or leaves no trace.
+    void fileJoin(std::unique_ptr<JoinConstraint> constraint, std::size_t x, std::size_t y);
     SearchInstance &instanceAt(std::size_t instance);
     SearchInstance const &instanceAt(std::size_t instance) const;
 };
