@@ -1,8 +1,11 @@
 #include "query/Constraints.hpp"
 
+#include "query/TypeKinds.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
@@ -32,15 +35,24 @@ Value readScalar(ModelElement const &element, meta::Property const &property) {
 }
 
 // The element of `instance` in a row that holds the elements of `ids`.
-ModelElement const &elementOf(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids,
+ModelElement const &elementOf(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids,
                               std::size_t instance) {
-    return ids[0] == instance ? row[0] : row[1];
+    return ids[0] == instance ? *row[0] : *row[1];
 }
 
 } // namespace
 
-bool IsAConstraint::test(ModelElement const &element) const {
-    meta::Class const &cls = element->getMetaClass();
+ReferenceCollection const *managedReferenceCollection(Value const &value) {
+    // As the value reads its own entries: an element's collection is the payload itself.
+    if (!isCollection(value.getFlags()) || !value.isManaged() || !value.hasPayload() ||
+        !detail::isClassType(value.getType()))
+        return nullptr;
+    return static_cast<ReferenceCollection const *>(value.getPayload());
+}
+
+bool IsAConstraint::test(ModelElement const &element) const { return matches(element->getMetaClass()); }
+
+bool IsAConstraint::matches(meta::Class const &cls) const {
     if (matchMode == SearchClassMatchMode::ExactClass)
         return cls == searchClass;
     return cls->isA(searchClass);
@@ -84,9 +96,10 @@ void PropertyRelationValueConstraint::replayInto(ReflectiveDisjunction &target) 
     target.addPropertyRelationValue(property, relation, constant, instance);
 }
 
-bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const {
+bool AssociatedObjectConstraint::test(std::span<ModelElement const *const> row,
+                                      std::vector<std::size_t> const &ids) const {
     ModelElement const &holder = elementOf(row, ids, holderInstance);
-    ModelElement const &target = ids[0] == holderInstance ? row[1] : row[0];
+    ModelElement const &target = ids[0] == holderInstance ? *row[1] : *row[0];
     if (!holder || !target)
         return false;
     Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
@@ -104,17 +117,15 @@ bool AssociatedObjectConstraint::test(std::vector<ModelElement> const &row, std:
             targetUuid = basalt::i18n::utf8_to_ustring(boost::uuids::to_string(target->getUuid()));
         return id->getIdentifier() == *targetUuid;
     };
-    for (Value const &entry : value.extractEntryValues())
-        if (matches(entry.getElement()))
-            return true;
-    return false;
+    // Proxies count as entries here: a query never loads what they stand for.
+    return anyHeldElement(value, property->getUpper() == 1, matches);
 }
 
 void AssociatedObjectConstraint::replay(ReflectiveQuery &target) const {
     target.addAssociatedObject(property, holderInstance, valueInstance);
 }
 
-bool PropertyRelationPropertyJoinConstraint::test(std::vector<ModelElement> const &row,
+bool PropertyRelationPropertyJoinConstraint::test(std::span<ModelElement const *const> row,
                                                   std::vector<std::size_t> const &ids) const {
     return (*comparator)(elementOf(row, ids, instanceA)->getPropertyValue(propertyA, tag()),
                          elementOf(row, ids, instanceB)->getPropertyValue(propertyB, tag()));

@@ -1,15 +1,21 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/query/ReflectiveQuery.hpp>
 #include <kivra/query/ValueComparatorRegistry.hpp>
 
 #include <cstddef>
+#include <span>
 #include <vector>
 
 namespace kivra::query {
+
+/// The collection of elements that an element owns behind `value`, or null for any other
+/// value.
+ReferenceCollection const *managedReferenceCollection(Value const &value);
 
 /// A test of one element of one instance.
 class SingleObjectConstraint {
@@ -27,6 +33,8 @@ public:
         : searchClass(searchClass), matchMode(matchMode) {}
     bool test(ModelElement const &element) const override;
     void replay(std::size_t, ReflectiveQuery &) const override {}
+    /// The test on an element's metaclass alone.
+    bool matches(meta::Class const &cls) const;
 
     meta::Class searchClass;
     SearchClassMatchMode matchMode;
@@ -85,7 +93,7 @@ public:
     virtual ~JoinConstraint();
     virtual std::vector<std::size_t> getInstances() const = 0;
     /// `row` holds the elements of the instances `ids`, in that order.
-    virtual bool test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const = 0;
+    virtual bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const = 0;
     virtual void replay(ReflectiveQuery &target) const = 0;
 };
 
@@ -95,7 +103,7 @@ public:
     AssociatedObjectConstraint(meta::Property property, std::size_t holderInstance, std::size_t valueInstance)
         : property(std::move(property)), holderInstance(holderInstance), valueInstance(valueInstance) {}
     std::vector<std::size_t> getInstances() const override { return {holderInstance, valueInstance}; }
-    bool test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const override;
+    bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const override;
     void replay(ReflectiveQuery &target) const override;
 
     meta::Property property;
@@ -111,7 +119,7 @@ public:
         : propertyA(std::move(a)), instanceA(instanceA), relation(relation), propertyB(std::move(b)),
           instanceB(instanceB), comparator(comparator) {}
     std::vector<std::size_t> getInstances() const override { return {instanceA, instanceB}; }
-    bool test(std::vector<ModelElement> const &row, std::vector<std::size_t> const &ids) const override;
+    bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const override;
     void replay(ReflectiveQuery &target) const override;
 
     meta::Property propertyA;
@@ -121,6 +129,26 @@ public:
     std::size_t instanceB;
     ValueComparator const *comparator;
 };
+
+/// Calls `visit` with each element that `value` holds: the one reference of a `single`
+/// valued property, or every entry of a collection, proxies included, until `visit` gives
+/// true. Raises `CannotCastIncompatibleTypes` for entries that are not elements.
+template <class Visit> bool anyHeldElement(Value const &value, bool single, Visit &&visit) {
+    if (single)
+        return visit(value.getElement());
+    if (!value.hasPayload())
+        return false;
+    if (ReferenceCollection const *const collection = managedReferenceCollection(value)) {
+        for (ModelElement const &entry : collection->getAllValuesAndProxies())
+            if (visit(entry))
+                return true;
+        return false;
+    }
+    for (Value const &entry : value.extractEntryValues())
+        if (visit(entry.getElement()))
+            return true;
+    return false;
+}
 
 /// Whether `comparator` holds between the value of `property` on `element` and
 /// `constant`; for a collection, whether it holds for some entry.

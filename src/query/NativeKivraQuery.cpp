@@ -2,15 +2,24 @@
 
 #include "query/TypeKinds.hpp"
 
+#include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/meta/StandardTypes.hpp>
 #include <kivra/query/AbstractQuery.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
+#include <absl/container/flat_hash_map.h>
+
+#include <boost/uuid/uuid_io.hpp>
+
 #include <algorithm>
-#include <stdexcept>
+#include <optional>
+#include <utility>
+#include <cstddef>
 
 namespace kivra::query {
 
@@ -70,10 +79,12 @@ void NativeKivraQuery::clear() {
 std::size_t NativeKivraQuery::addSearchClass(meta::Class const &cls, SearchClassMatchMode mode) {
     if (!cls)
         raise<InvalidSearchClass>();
-    SearchInstance &added = instances.emplace_back();
+    // Made in full before it joins: an instance without its class test would break the scan.
+    SearchInstance added;
     added.searchClass = cls;
     added.matchMode = mode;
     added.constraints.push_back(std::make_unique<IsAConstraint>(added.searchClass, mode));
+    instances.push_back(std::move(added));
     return instances.size() - 1;
 }
 
@@ -92,9 +103,21 @@ void NativeKivraQuery::addPropertyRelationProperty(meta::Property const &a, std:
             std::make_unique<PropertyRelationPropertySingleObjectConstraint>(a, relation, b, comparator));
         return;
     }
-    auto &group = joinGroups[{std::min(instanceA, instanceB), std::max(instanceA, instanceB)}];
-    group.push_back(
-        std::make_unique<PropertyRelationPropertyJoinConstraint>(a, instanceA, relation, b, instanceB, comparator));
+    auto constraint =
+        std::make_unique<PropertyRelationPropertyJoinConstraint>(a, instanceA, relation, b, instanceB, comparator);
+    fileJoin(std::move(constraint), instanceA, instanceB);
+}
+
+void NativeKivraQuery::fileJoin(std::unique_ptr<JoinConstraint> constraint, std::size_t x, std::size_t y) {
+    std::vector<std::size_t> key{std::min(x, y), std::max(x, y)};
+    if (auto const found = joinGroups.find(key); found != joinGroups.end()) {
+        found->second.push_back(std::move(constraint));
+        return;
+    }
+    // A new group enters with its constraint: an empty one would still join its instances.
+    std::vector<std::unique_ptr<JoinConstraint>> group;
+    group.push_back(std::move(constraint));
+    joinGroups.emplace(std::move(key), std::move(group));
 }
 
 std::unique_ptr<PropertyRelationValueConstraint>
@@ -141,8 +164,8 @@ void NativeKivraQuery::addAssociatedObject(meta::Property const &property, std::
     checkProperty(property);
     instanceAt(holderInstance);
     instanceAt(valueInstance);
-    joinGroups[{std::min(holderInstance, valueInstance), std::max(holderInstance, valueInstance)}].push_back(
-        std::make_unique<AssociatedObjectConstraint>(property, holderInstance, valueInstance));
+    fileJoin(std::make_unique<AssociatedObjectConstraint>(property, holderInstance, valueInstance), holderInstance,
+             valueInstance);
 }
 
 ReflectiveDisjunction *NativeKivraQuery::createDisjunction() {
@@ -179,13 +202,444 @@ void NativeKivraQuery::sortByOrdinal(meta::Property const &property, std::size_t
 
 // --- runs ----------------------------------------------------------------------------------
 
-std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::vector<std::size_t> const &) {
+namespace {
+
+constexpr std::size_t none = ~std::size_t{0};
+
+class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
+public:
+    explicit NativeResultIterator(ResultSet rows) : rows_(std::move(rows)) {}
+    bool next(std::vector<ModelElement> &row) override {
+        std::size_t const width = rows_.width();
+        if (position_ >= rows_.rowCount()) {
+            row.assign(width, ModelElement());
+            return false;
+        }
+        row.resize(width);
+        for (std::size_t column = 0; column < width; ++column)
+            row[column] = rows_.at(position_, column);
+        ++position_;
+        return true;
+    }
+
+private:
+    ResultSet rows_;
+    std::size_t position_ = 0;
+};
+
+// Which instances an element's metaclass lets through, found once per metaclass: a model
+// has few metaclasses and many elements, and the class test is the first of every instance.
+class ClassFilter {
+public:
+    static constexpr std::size_t maxInstances = 64;
+
+    explicit ClassFilter(std::vector<SearchInstance> const &instances) : instances_(instances) {}
+
+    std::uint64_t passing(meta::Class const &cls) {
+        meta::Class::Impl const *const key = cls.get();
+        if (key == lastKey_)
+            return lastMask_;
+        auto found = std::find_if(seen_.begin(), seen_.end(), [&](auto const &entry) { return entry.first == key; });
+        if (found == seen_.end()) {
+            std::uint64_t mask = 0;
+            for (std::size_t id = 0; id < instances_.size(); ++id)
+                if (static_cast<IsAConstraint const &>(*instances_[id].constraints.front()).matches(cls))
+                    mask |= std::uint64_t{1} << id;
+            found = seen_.insert(seen_.end(), {key, mask});
+        }
+        lastKey_ = key;
+        lastMask_ = found->second;
+        return lastMask_;
+    }
+
+private:
+    std::vector<SearchInstance> const &instances_;
+    std::vector<std::pair<meta::Class::Impl const *, std::uint64_t>> seen_;
+    meta::Class::Impl const *lastKey_ = nullptr;
+    std::uint64_t lastMask_ = 0;
+};
+
+bool passesFrom(SearchInstance const &instance, std::size_t first, ModelElement const &element) {
+    auto const &constraints = instance.constraints;
+    for (std::size_t i = first; i < constraints.size(); ++i)
+        if (!constraints[i]->test(element))
+            return false;
+    return true;
+}
+
+std::size_t columnOf(ResultSet const &set, std::size_t instance) {
+    return static_cast<std::size_t>(std::find(set.instanceIds.begin(), set.instanceIds.end(), instance) -
+                                    set.instanceIds.begin());
+}
+
+// The cross product of `inputs`, the first input's index running fastest, keeping the
+// combinations that `keep` accepts; `keep` sees the concatenated row.
+template <typename Keep> ResultSet product(std::vector<ResultSet> const &inputs, Keep keep) {
+    ResultSet out;
+    for (ResultSet const &input : inputs)
+        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
+    for (ResultSet const &input : inputs)
+        if (input.rowCount() == 0)
+            return out;
+    std::vector<std::size_t> at(inputs.size(), 0);
+    std::vector<std::size_t> row(out.width());
+    for (;;) {
+        auto column = row.begin();
+        for (std::size_t k = 0; k < inputs.size(); ++k)
+            column = std::copy_n(inputs[k].row(at[k]), inputs[k].width(), column);
+        if (keep(row.data()))
+            out.cells.insert(out.cells.end(), row.begin(), row.end());
+        std::size_t k = 0;
+        while (k < inputs.size() && ++at[k] == inputs[k].rowCount())
+            at[k++] = 0;
+        if (k == inputs.size())
+            return out;
+    }
+}
+
+// An equality of single values whose hash agrees with the comparator: equal values have
+// equal hashes. Reals are left out, as 0.0 and -0.0 are equal with different bits.
+bool hashableEquality(JoinConstraint const &constraint) {
+    auto const *const relation = dynamic_cast<PropertyRelationPropertyJoinConstraint const *>(&constraint);
+    if (!relation || relation->relation != ValueMatchRelation::equal || relation->instanceA == relation->instanceB)
+        return false;
+    meta::Property const &a = relation->propertyA;
+    meta::Property const &b = relation->propertyB;
+    if (a->getUpper() != 1 || b->getUpper() != 1)
+        return false;
+    meta::Type const type = a->getType();
+    return type && type != meta::StandardTypes::realMeta.get();
+}
+
+// Rows by a key, without a list per key: `first` gives a key's first row, `next` each
+// row's successor under the same key, `none` at the end.
+template <typename Key> struct RowsByKey {
+    absl::flat_hash_map<Key, std::size_t> first;
+    std::vector<std::size_t> next;
+
+    explicit RowsByKey(std::size_t rows) : next(rows, none) { first.reserve(rows); }
+    void add(Key const &key, std::size_t row) {
+        auto const [entry, added] = first.try_emplace(key, row);
+        if (!added)
+            next[row] = std::exchange(entry->second, row);
+    }
+    template <typename Visit> void forEach(Key const &key, Visit visit) const {
+        if (auto const found = first.find(key); found != first.end())
+            for (std::size_t row = found->second; row != none; row = next[row])
+                visit(row);
+    }
+};
+
+using Pairs = std::vector<std::pair<std::size_t, std::size_t>>;
+
+// Pairs (row of second, row of first) whose values of an equality may be equal: their
+// hashes are. Nothing when an empty value meets a comparator that reads set values only,
+// on either side, since only the plain walk raises where the comparator would.
+std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
+                                   std::vector<ModelElement> const &elements, ResultSet const &first,
+                                   ResultSet const &second) {
+    bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
+    // The comparator is the one of property A; elements compare empty or not.
+    bool const required =
+        equality.propertyA->getLower() > 0 && !detail::isClassType(equality.propertyA->getType());
+    auto const hashes = [&](ResultSet const &input, std::size_t instance, meta::Property const &property,
+                            std::vector<std::uint64_t> &out) {
+        std::size_t const column = columnOf(input, instance);
+        out.reserve(input.rowCount());
+        for (std::size_t row = 0; row < input.rowCount(); ++row) {
+            Value const value = elements[input.row(row)[column]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+            if (isCollection(value.getFlags()) || (required && !value.hasPayload()))
+                return false;
+            out.push_back(value.hashValues());
+        }
+        return true;
+    };
+    std::vector<std::uint64_t> inFirst, inSecond;
+    if (!hashes(first, aInFirst ? equality.instanceA : equality.instanceB,
+                aInFirst ? equality.propertyA : equality.propertyB, inFirst) ||
+        !hashes(second, aInFirst ? equality.instanceB : equality.instanceA,
+                aInFirst ? equality.propertyB : equality.propertyA, inSecond))
+        return std::nullopt;
+    RowsByKey<std::uint64_t> byHash(inFirst.size());
+    for (std::size_t i = 0; i < inFirst.size(); ++i)
+        byHash.add(inFirst[i], i);
+    Pairs out;
+    for (std::size_t j = 0; j < inSecond.size(); ++j)
+        byHash.forEach(inSecond[j], [&](std::size_t i) { out.emplace_back(j, i); });
+    return out;
+}
+
+// Pairs (row of second, row of first) whose holder holds the value element or a proxy
+// that names it by UUID.
+Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement> const &elements,
+                       ResultSet const &first, ResultSet const &second) {
+    bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
+    ResultSet const &holders = holderInFirst ? first : second;
+    ResultSet const &values = holderInFirst ? second : first;
+    std::size_t const holderColumn = columnOf(holders, association.holderInstance);
+    std::size_t const valueColumn = columnOf(values, association.valueInstance);
+    RowsByKey<ModelElement::Impl const *> byElement(values.rowCount());
+    for (std::size_t i = 0; i < values.rowCount(); ++i)
+        byElement.add(elements[values.row(i)[valueColumn]].get(), i);
+    // Made at the first proxy: most collections hold none.
+    std::optional<RowsByKey<basalt::ustring>> byUuidText;
+    Pairs out;
+    auto const add = [&](std::size_t holder, std::size_t value) {
+        out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
+    };
+    auto const enter = [&](std::size_t holder, ModelElement const &entry) {
+        if (!entry)
+            return;
+        byElement.forEach(entry.get(), [&](std::size_t value) { add(holder, value); });
+        if (!entry->isProxy())
+            return;
+        boost::optional<ProxyId> const id = entry->getProxyId();
+        if (!id || id->getIdentifierType() != u"uuid")
+            return;
+        if (!byUuidText) {
+            byUuidText.emplace(values.rowCount());
+            for (std::size_t i = 0; i < values.rowCount(); ++i)
+                if (ModelElement const &value = elements[values.row(i)[valueColumn]])
+                    byUuidText->add(basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid())), i);
+        }
+        byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
+    };
+    meta::Property const &property = association.property;
+    bool const single = property->getUpper() == 1;
+    for (std::size_t h = 0; h < holders.rowCount(); ++h) {
+        Value const value =
+            elements[holders.row(h)[holderColumn]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        anyHeldElement(value, single, [&](ModelElement const &entry) {
+            enter(h, entry);
+            return false;
+        });
+    }
+    return out;
+}
+
+// The pairs in the plain walk's order, each once: by row of second, then by row of first.
+// A count per row of second places them; only a run that came out of order is sorted.
+void orderPairs(Pairs &pairs, std::size_t secondRows) {
+    std::vector<std::size_t> end(secondRows + 1, 0);
+    for (auto const &pair : pairs)
+        ++end[pair.first + 1];
+    for (std::size_t j = 0; j < secondRows; ++j)
+        end[j + 1] += end[j];
+    Pairs placed(pairs.size());
+    for (auto const &pair : pairs)
+        placed[end[pair.first]++] = pair;
+    auto begin = placed.begin();
+    for (std::size_t j = 0; j < secondRows; ++j) {
+        auto const last = placed.begin() + static_cast<std::ptrdiff_t>(end[j]);
+        if (!std::is_sorted(begin, last))
+            std::sort(begin, last);
+        begin = last;
+    }
+    placed.erase(std::unique(placed.begin(), placed.end()), placed.end());
+    pairs = std::move(placed);
+}
+
+// `exact` tells that every pair passes `constraint`, not only those that may.
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement> const &elements,
+                                    ResultSet const &first, ResultSet const &second, bool &exact) {
+    exact = false;
+    if (hashableEquality(constraint))
+        return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), elements,
+                             first, second);
+    if (auto const *association = dynamic_cast<AssociatedObjectConstraint const *>(&constraint);
+        association && association->holderInstance != association->valueInstance) {
+        exact = true;
+        return associationPairs(*association, elements, first, second);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> const &elements, RunCounts &counts) const {
+    std::vector<ResultSet> sets(instances.size());
+    for (std::size_t id = 0; id < instances.size(); ++id)
+        sets[id].instanceIds.push_back(id);
+    bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
+    ClassFilter filter(instances);
+    counts.scanned += elements.size();
+    // The table's order is not the order of the elements in memory: ask for each a little
+    // ahead, or the walk waits for every element in turn.
+    constexpr std::size_t ahead = 8;
+    for (std::size_t at = 0; at < elements.size(); ++at) {
+        if (at + ahead < elements.size())
+            __builtin_prefetch(elements[at + ahead].get());
+        ModelElement const &element = elements[at];
+        std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
+        for (std::size_t id = 0; id < instances.size(); ++id) {
+            SearchInstance const &instance = instances[id];
+            if (instance.specificElement && !(instance.specificElement == element))
+                continue;
+            if (filterByClass && !(passing >> id & 1))
+                continue;
+            ++counts.tested;
+            if (!passesFrom(instance, filterByClass ? 1 : 0, element))
+                continue;
+            sets[id].cells.push_back(at);
+        }
+    }
+    return sets;
+}
+
+void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
+                            std::vector<std::unique_ptr<JoinConstraint>> const &group,
+                            std::vector<ResultSet> &sets, RunCounts &counts) const {
+    // The sets that hold the ids, each once, in order of first meeting.
+    std::vector<std::size_t> taken;
+    for (std::size_t const id : ids) {
+        std::size_t set = 0;
+        while (columnOf(sets[set], id) == sets[set].width())
+            ++set;
+        if (std::find(taken.begin(), taken.end(), set) == taken.end())
+            taken.push_back(set);
+    }
+    std::vector<ResultSet> inputs;
+    inputs.reserve(taken.size());
+    for (std::size_t const set : taken)
+        inputs.push_back(std::move(sets[set]));
+    std::sort(taken.begin(), taken.end());
+    for (auto set = taken.rbegin(); set != taken.rend(); ++set)
+        sets.erase(sets.begin() + static_cast<std::ptrdiff_t>(*set));
+
+    ResultSet out;
+    for (ResultSet const &input : inputs)
+        out.instanceIds.insert(out.instanceIds.end(), input.instanceIds.begin(), input.instanceIds.end());
+    std::vector<std::size_t> at; // the column of each id in the concatenated row
+    for (std::size_t const id : ids)
+        at.push_back(columnOf(out, id));
+    std::vector<ModelElement const *> arguments(ids.size());
+    std::size_t firstToTest = 0;
+    auto const passes = [&](std::size_t const *row) {
+        ++counts.combined;
+        if (firstToTest == group.size())
+            return true;
+        for (std::size_t i = 0; i < ids.size(); ++i)
+            arguments[i] = &elements[row[at[i]]];
+        for (std::size_t c = firstToTest; c < group.size(); ++c)
+            if (!group[c]->test(arguments, ids))
+                return false;
+        return true;
+    };
+
+    // Only the combinations that can pass the group's first constraint are walked, in the
+    // plain walk's order: the second input's rows outside, the first's inside. The group
+    // still tests each of them in full.
+    std::optional<Pairs> candidates;
+    bool exact = false;
+    if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0)
+        candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact);
+    if (!candidates) {
+        sets.push_back(product(inputs, passes));
+        return;
+    }
+    orderPairs(*candidates, inputs[1].rowCount());
+    firstToTest = exact ? 1 : 0;
+    std::size_t const split = inputs[0].width();
+    std::vector<std::size_t> row(out.width());
+    out.cells.reserve(candidates->size() * row.size());
+    for (auto const &[j, i] : *candidates) {
+        std::copy_n(inputs[0].row(i), split, row.begin());
+        std::copy_n(inputs[1].row(j), inputs[1].width(), row.begin() + static_cast<std::ptrdiff_t>(split));
+        if (passes(row.data()))
+            out.cells.insert(out.cells.end(), row.begin(), row.end());
+    }
+    sets.push_back(std::move(out));
+}
+
+ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     if (instances.empty())
         raise<NoSearchInstances>();
     if (!model)
         raise<NoModel>();
-    // The scan, joins, row filters, sort and paging of a run come with the engine proper.
-    throw std::logic_error("kivra::query: queries cannot be run yet");
+    RunCounts local;
+    RunCounts &counts = counted ? *counted : local;
+    // Held for the whole run: the rows name elements by their place here.
+    std::vector<ModelElement> elements = model->getAllElements();
+    std::vector<ResultSet> sets = scan(elements, counts);
+    for (auto const &[ids, group] : joinGroups)
+        join(elements, ids, group, sets, counts);
+    ResultSet result;
+    if (sets.size() == 1) {
+        result = std::move(sets.front());
+    } else {
+        result = product(sets, [](std::size_t const *) { return true; });
+    }
+    result.elements = std::move(elements);
+
+    std::size_t const width = result.width();
+    for (auto const &disjunction : disjunctions) {
+        if (!disjunction->finished || disjunction->instances.size() == 1)
+            continue;
+        std::vector<std::size_t> columns;
+        for (auto const &constraint : disjunction->constraints)
+            columns.push_back(columnOf(result, constraint->getInstance()));
+        // Rows that pass move up over those that failed, in their order.
+        std::size_t kept = 0;
+        for (std::size_t row = 0; row < result.rowCount(); ++row) {
+            bool passes = false;
+            for (std::size_t i = 0; i < columns.size() && !passes; ++i)
+                passes = disjunction->constraints[i]->test(result.at(row, columns[i]));
+            if (!passes)
+                continue;
+            if (kept != row)
+                std::copy_n(result.row(row), width, result.cells.begin() + static_cast<std::ptrdiff_t>(kept * width));
+            ++kept;
+        }
+        result.cells.resize(kept * width);
+    }
+
+    if (sorting)
+        sorting->sort(result);
+
+    if (offset != 0) {
+        if (result.rowCount() <= offset)
+            result.cells.clear();
+        else
+            result.cells.erase(result.cells.begin(), result.cells.begin() + static_cast<std::ptrdiff_t>(offset * width));
+    }
+    if (limit != 0 && result.rowCount() > limit)
+        result.cells.resize(limit * width);
+    return result;
+}
+
+std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::vector<std::size_t> const &columns) {
+    if (instances.empty())
+        raise<NoSearchInstances>();
+    if (!model)
+        raise<NoModel>();
+    // Columns are checked before anything runs, as construction calls check instance ids.
+    for (std::size_t const id : columns)
+        instanceAt(id);
+    ResultSet result = evaluate();
+    std::vector<std::size_t> wanted = columns;
+    if (wanted.empty())
+        for (std::size_t id = 0; id < instances.size(); ++id)
+            wanted.push_back(id);
+    std::vector<std::size_t> from;
+    from.reserve(wanted.size());
+    for (std::size_t const id : wanted)
+        from.push_back(columnOf(result, id));
+    // The iterator keeps the wanted columns and only the elements that they name, each once.
+    ResultSet kept;
+    kept.instanceIds = std::move(wanted);
+    kept.cells.reserve(result.rowCount() * from.size());
+    std::vector<std::size_t> place(result.elements.size(), none);
+    for (std::size_t row = 0; row < result.rowCount(); ++row) {
+        for (std::size_t const column : from) {
+            std::size_t const element = result.row(row)[column];
+            if (place[element] == none) {
+                place[element] = kept.elements.size();
+                kept.elements.push_back(std::move(result.elements[element]));
+            }
+            kept.cells.push_back(place[element]);
+        }
+    }
+    return std::make_unique<NativeResultIterator>(std::move(kept));
 }
 
 std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
@@ -194,17 +648,14 @@ std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
     return row;
 }
 
-std::size_t NativeKivraQuery::countResults() {
-    std::size_t count = 0;
-    std::vector<ModelElement> row;
-    for (auto rows = execute({}); rows->next(row);)
-        ++count;
-    return count;
-}
+std::size_t NativeKivraQuery::countResults() { return evaluate().rowCount(); }
 
 // --- replay --------------------------------------------------------------------------------
 
 void NativeKivraQuery::retarget(ReflectiveQuery &target) const {
+    // Clearing the target would wipe what is to be replayed.
+    if (&target == this)
+        return;
     target.clear();
     for (std::size_t id = 0; id < instances.size(); ++id) {
         SearchInstance const &instance = instances[id];

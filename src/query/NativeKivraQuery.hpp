@@ -90,7 +90,27 @@ public:
     std::unique_ptr<QuerySorting> sorting;
     std::vector<std::unique_ptr<ReflectiveDisjunctionImpl>> disjunctions;
 
+    /// What a run looked at: the elements of the table, the (element, instance) pairs whose
+    /// constraints ran, and the combinations that joins tested.
+    struct RunCounts {
+        std::size_t scanned = 0;
+        std::size_t tested = 0;
+        std::size_t combined = 0;
+    };
+    /// Runs the query up to its rows of all instances, before the choice of columns.
+    ResultSet evaluate(RunCounts *counts = nullptr) const;
+    /// Turns off what only saves work (class filter, hashed equality joins), so that a run
+    /// does exactly the plain scan and nested loops; the rows must not change.
+    bool plainEvaluation = false;
+
 private:
+    /// One set per instance, of positions in `elements`, the model's table.
+    std::vector<ResultSet> scan(std::vector<ModelElement> const &elements, RunCounts &counts) const;
+    void join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
+              std::vector<std::unique_ptr<JoinConstraint>> const &group, std::vector<ResultSet> &sets,
+              RunCounts &counts) const;
+    /// Files a join constraint under its pair of instances, or leaves no trace.
+    void fileJoin(std::unique_ptr<JoinConstraint> constraint, std::size_t x, std::size_t y);
     SearchInstance &instanceAt(std::size_t instance);
     SearchInstance const &instanceAt(std::size_t instance) const;
 };

@@ -40,15 +40,16 @@ void ByPropertySorting::sort(ResultSet &rows) const {
         raise<UnsupportedSorting>();
 
     auto const column = std::find(rows.instanceIds.begin(), rows.instanceIds.end(), instance);
-    if (column == rows.instanceIds.end() || rows.rows.size() < 2)
+    std::size_t const count = rows.rowCount();
+    if (column == rows.instanceIds.end() || count < 2)
         return;
     std::size_t const at = static_cast<std::size_t>(column - rows.instanceIds.begin());
 
     bool const real = type == meta::StandardTypes::realMeta.get();
     std::vector<SortKey> keys;
-    keys.reserve(rows.rows.size());
-    for (auto const &row : rows.rows) {
-        ModelElement const &element = row[at];
+    keys.reserve(count);
+    for (std::size_t row = 0; row < count; ++row) {
+        ModelElement const &element = rows.at(row, at);
         if (!element) {
             keys.push_back({Value(type, boost::none), false, false});
             continue;
@@ -75,16 +76,17 @@ void ByPropertySorting::sort(ResultSet &rows) const {
         }
         return (*comparator)(a.value, b.value);
     };
-    std::vector<std::size_t> order(rows.rows.size());
+    std::vector<std::size_t> order(count);
     std::iota(order.begin(), order.end(), std::size_t{0});
     // Stable, so that equal keys keep the order of the scan.
     std::stable_sort(order.begin(), order.end(), before);
 
-    std::vector<std::vector<ModelElement>> sorted;
-    sorted.reserve(order.size());
+    std::size_t const width = rows.width();
+    std::vector<std::size_t> sorted;
+    sorted.reserve(rows.cells.size());
     for (std::size_t const index : order)
-        sorted.push_back(std::move(rows.rows[index]));
-    rows.rows = std::move(sorted);
+        sorted.insert(sorted.end(), rows.row(index), rows.row(index) + width);
+    rows.cells = std::move(sorted);
 }
 
 void ByPropertySorting::replay(ReflectiveQuery &target) const { target.sortByProperty(property, instance, direction); }

@@ -90,22 +90,23 @@ struct Sorting : ::testing::Test {
         ResultSet result;
         result.instanceIds = {0};
         for (Value const &value : values)
-            result.rows.push_back({test::Reading::create(model, value)});
+            result.addRow({test::Reading::create(model, value)});
         return result;
     }
     // The original positions of the rows, in the sorted order; -1 for a row without element.
     static std::vector<int> order(ResultSet const &sorted, std::vector<ModelElement> const &original) {
         std::vector<int> positions;
-        for (auto const &row : sorted.rows) {
-            auto const at = std::find(original.begin(), original.end(), row[0]);
-            positions.push_back(row[0] ? static_cast<int>(at - original.begin()) : -1);
+        for (std::size_t row = 0; row < sorted.rowCount(); ++row) {
+            ModelElement const &element = sorted.at(row, 0);
+            auto const at = std::find(original.begin(), original.end(), element);
+            positions.push_back(element ? static_cast<int>(at - original.begin()) : -1);
         }
         return positions;
     }
     std::vector<int> sort(ResultSet set, meta::Property const &property, SortDirection direction) {
         std::vector<ModelElement> original;
-        for (auto const &row : set.rows)
-            original.push_back(row[0]);
+        for (std::size_t row = 0; row < set.rowCount(); ++row)
+            original.push_back(set.at(row, 0));
         ByPropertySorting(0, direction, property).sort(set);
         return order(set, original);
     }
@@ -142,9 +143,11 @@ TEST_F(Sorting, EveryOrderedTypeAscendingAndDescending) {
 TEST_F(Sorting, EmptyValuesMissingElementsAndNaNHaveTheirPlaces) {
     meta::Type const real = StandardTypes::realMeta.get();
     double const nan = std::numeric_limits<double>::quiet_NaN();
-    ResultSet set = rows({Value(real, 2.0), Value(real, nan), Value(real, boost::none), Value(real, -1.0),
-                          Value(real, nan), Value(real, boost::none), Value(real, 2.0)});
-    set.rows.insert(set.rows.begin() + 3, std::vector<ModelElement>{ModelElement()});
+    ResultSet set = rows({Value(real, 2.0), Value(real, nan), Value(real, boost::none)});
+    set.addRow({ModelElement()});
+    ResultSet const rest = rows({Value(real, -1.0), Value(real, nan), Value(real, boost::none), Value(real, 2.0)});
+    for (std::size_t row = 0; row < rest.rowCount(); ++row)
+        set.addRow({rest.at(row, 0)});
     // Positions: 0 is 2.0, 1 NaN, 2 unset, 3 no element, 4 -1.0, 5 NaN, 6 unset, 7 2.0.
     meta::Property const optional = test::makeProperty(model, real, 0);
     auto const ascending = sort(set, optional, SortDirection::Ascending);

@@ -1,0 +1,389 @@
+// Queries run over the generated library and over its twin described at run time: every
+// expectation below holds for both, so the two give the same rows.
+
+#include "query/NativeKivraQuery.hpp"
+
+#include <Flavours.hpp>
+
+#include <kivra/ElementId.hpp>
+#include <kivra/Messages.hpp>
+#include <kivra/ModelConstellation.hpp>
+#include <kivra/meta/Class.hpp>
+#include <kivra/meta/Property.hpp>
+
+#include <library/Author.hpp>
+#include <library/Book.hpp>
+
+#include <kivra/ElementSequence.hpp>
+#include <kivra/PrimitiveCollection.hpp>
+
+#include <basalt/i18n/Unicode.hpp>
+
+#include <boost/uuid/uuid_io.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace kivra::query {
+namespace {
+
+using namespace kivra::test;
+using R = ValueMatchRelation;
+using Mode = SearchClassMatchMode;
+using Rows = std::vector<std::string>;
+
+class QueryEngine : public ::testing::TestWithParam<Flavour const *> {
+protected:
+    Flavour const &lib() const { return *GetParam(); }
+    meta::Property p(meta::Class const &cls, std::u16string_view name) const {
+        return cls->getPropertyByName(basalt::ustring(name));
+    }
+    ModelElement make(meta::Class const &cls, std::u16string_view label, std::int32_t pages = 100,
+                      Model const *in = nullptr) {
+        ModelElement made = cls->instantiate(in ? *in : model);
+        if (cls == lib().author) {
+            set(made, u"name", text(label));
+        } else {
+            set(made, u"title", text(label));
+            set(made, u"pages", Value(pages));
+        }
+        return made;
+    }
+
+    /// Ann writes Dune and Ulysses, Bob writes Emma and the novel Rebecca; Cid writes
+    /// nothing. Notes is a chapter of Dune, the only element that is not top level.
+    void stock() {
+        ann = make(lib().author, u"Ann");
+        bob = make(lib().author, u"Bob");
+        cid = make(lib().author, u"Cid");
+        dune = make(lib().book, u"Dune", 600);
+        emma = make(lib().book, u"Emma", 300);
+        ulysses = make(lib().book, u"Ulysses", 700);
+        rebecca = make(lib().novel, u"Rebecca", 450);
+        notes = make(lib().book, u"Notes", 100);
+        for (auto const &[b, a] : {std::pair{dune, ann}, {ulysses, ann}, {emma, bob}, {rebecca, bob}})
+            set(b, u"writer", ref(a));
+        many(dune, u"chapters").genericAdd(notes);
+        many(dune, u"coauthors").genericAdd(bob);
+        many(dune, u"coauthors").genericAdd(cid);
+        many(emma, u"coauthors").genericAdd(cid);
+        set(dune, u"subtitle", text(u"Dune"));
+        set(emma, u"subtitle", text(u"Other"));
+        set(rebecca, u"genre", text(u"Gothic"));
+    }
+
+    std::unique_ptr<ReflectiveQuery> query() const { return createNativeQuery(model); }
+    std::size_t books(ReflectiveQuery &q, Mode mode = Mode::ClassOrSubclass) const {
+        return q.addSearchClass(lib().book, mode);
+    }
+
+    std::string label(ModelElement const &e) const {
+        if (!e)
+            return "-";
+        return basalt::i18n::ustring_to_utf8(
+            get(e, e->getMetaClass() == lib().author ? u"name" : u"title").get<basalt::ustring>());
+    }
+    /// Each row as its elements' labels joined by "+", in the order the query gives.
+    Rows rows(ReflectiveQuery &q, std::vector<std::size_t> const &columns = {}) const {
+        Rows out;
+        std::vector<ModelElement> row;
+        for (auto it = q.execute(columns); it->next(row);) {
+            std::string line;
+            for (ModelElement const &e : row)
+                line += (line.empty() ? "" : "+") + label(e);
+            out.push_back(line);
+        }
+        return out;
+    }
+    Rows sorted(ReflectiveQuery &q) const {
+        Rows out = rows(q);
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+
+    Model model = Model::createTransientModel();
+    ModelElement ann, bob, cid, dune, emma, ulysses, rebecca, notes;
+};
+
+TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
+    stock();
+    auto const run = [&](auto constrain, Mode mode = Mode::ClassOrSubclass) {
+        auto q = query();
+        constrain(*q, books(*q, mode));
+        return sorted(*q);
+    };
+    Value const ref_ann = ref(ann);
+    EXPECT_EQ(run([](auto &, auto) {}), (Rows{"Dune", "Emma", "Notes", "Rebecca", "Ulysses"}));
+    EXPECT_EQ(run([](auto &, auto) {}, Mode::ExactClass), (Rows{"Dune", "Emma", "Notes", "Ulysses"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(450), b); }),
+              (Rows{"Dune", "Ulysses"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::lessOrEqual, Value(450), b); }),
+              (Rows{"Emma", "Notes", "Rebecca"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"title"), R::like, text(u"%e%"), b); }),
+              (Rows{"Dune", "Notes", "Rebecca", "Ulysses"}));
+    // An unset optional stands below every value and equals only another unset one.
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"subtitle"), R::notEqual, text(u"Dune"), b); }),
+              (Rows{"Emma", "Notes", "Rebecca", "Ulysses"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"writer"), R::equal, ref_ann, b); }),
+              (Rows{"Dune", "Ulysses"}));
+    // A collection passes when some entry does; an empty one passes nothing, notEqual included.
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"coauthors"), R::equal, ref(cid), b); }),
+              (Rows{"Dune", "Emma"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"coauthors"), R::notEqual, ref(cid), b); }),
+              (Rows{"Dune"}));
+    EXPECT_EQ(run([&](auto &q, auto b) {
+                  q.addPropertyRelationProperty(p(lib().book, u"subtitle"), b, R::equal, p(lib().book, u"title"), b);
+              }),
+              (Rows{"Dune"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.requireTopLevelElement(b); }), (Rows{"Dune", "Emma", "Rebecca", "Ulysses"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }), (Rows{"Rebecca"}));
+    EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }, Mode::ExactClass), (Rows{}));
+    EXPECT_EQ(run([&](auto &q, auto b) {
+                  ReflectiveDisjunction *const any = q.createDisjunction();
+                  any->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
+                  any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Emma"), b);
+                  any->finish();
+              }),
+              (Rows{"Emma", "Notes"}));
+    // A group that is never finished takes no part.
+    EXPECT_EQ(run([&](auto &q, auto b) {
+                  q.createDisjunction()->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
+              }).size(),
+              5u);
+}
+
+TEST_P(QueryEngine, JoinsRelateInstances) {
+    stock();
+    {
+        auto q = query();
+        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
+        EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Emma+Bob", "Rebecca+Bob", "Ulysses+Ann"}));
+        // The value instance may come first in the ids; a collection passes by any entry.
+        auto c = query();
+        std::size_t const who = c->addSearchClass(lib().author, Mode::ExactClass), what = books(*c);
+        c->addAssociatedObject(p(lib().book, u"coauthors"), what, who);
+        EXPECT_EQ(sorted(*c), (Rows{"Bob+Dune", "Cid+Dune", "Cid+Emma"}));
+    }
+    {
+        // Three instances: two books of one writer, the pair ordered by title.
+        auto q = query();
+        std::size_t const x = books(*q), y = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+        q->addAssociatedObject(p(lib().book, u"writer"), x, a);
+        q->addAssociatedObject(p(lib().book, u"writer"), y, a);
+        q->addPropertyRelationProperty(p(lib().book, u"title"), x, R::less, p(lib().book, u"title"), y);
+        EXPECT_EQ(sorted(*q), (Rows{"Dune+Ulysses+Ann", "Emma+Rebecca+Bob"}));
+        Rows picked = rows(*q, {a, a, x});
+        std::sort(picked.begin(), picked.end());
+        EXPECT_EQ(picked, (Rows{"Ann+Ann+Dune", "Bob+Bob+Emma"}));
+    }
+    {
+        // The title is required, so the equality reads both sides as set values: an unset
+        // subtitle fails the run, also where no title could equal it.
+        auto r = query();
+        std::size_t const t = books(*r), s = books(*r);
+        r->setSpecificElement(dune, t);
+        r->addPropertyRelationProperty(p(lib().book, u"title"), t, R::equal, p(lib().book, u"subtitle"), s);
+        EXPECT_THROW(r->countResults(), Error<messages::InvalidValue>);
+    }
+    {
+        // Every constraint of a pair holds: books whose writer is also a coauthor.
+        many(emma, u"coauthors").genericAdd(bob);
+        auto q = query();
+        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
+        q->addAssociatedObject(p(lib().book, u"coauthors"), b, a);
+        EXPECT_EQ(rows(*q), (Rows{"Emma+Bob"}));
+    }
+}
+
+TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
+    stock();
+    make(lib().book, u"Twin", 300);
+    auto q = query();
+    std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+    q->addAssociatedObject(p(lib().book, u"writer"), b, a);
+    auto &native = static_cast<NativeKivraQuery &>(*q);
+    NativeKivraQuery::RunCounts counts;
+    EXPECT_EQ(native.evaluate(&counts).rowCount(), 4u);
+    // Each element meets only the instance of its class, each book only its own writer.
+    EXPECT_EQ(counts.scanned, 9u);
+    EXPECT_EQ(counts.tested, 9u);
+    EXPECT_EQ(counts.combined, 4u);
+    native.plainEvaluation = true;
+    counts = {};
+    EXPECT_EQ(native.evaluate(&counts).rowCount(), 4u);
+    EXPECT_EQ(counts.tested, 18u);
+    EXPECT_EQ(counts.combined, 18u);
+
+    // Equal pages: only books of one page count meet.
+    auto e = query();
+    std::size_t const x = books(*e), y = books(*e);
+    e->addPropertyRelationProperty(p(lib().book, u"pages"), x, R::equal, p(lib().book, u"pages"), y);
+    e->addPropertyRelationProperty(p(lib().book, u"title"), x, R::notEqual, p(lib().book, u"title"), y);
+    counts = {};
+    EXPECT_EQ(static_cast<NativeKivraQuery &>(*e).evaluate(&counts).rowCount(), 2u);
+    EXPECT_EQ(counts.combined, 8u);
+    EXPECT_EQ(sorted(*e), (Rows{"Emma+Twin", "Twin+Emma"}));
+}
+
+TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
+    stock();
+    auto q = query();
+    std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+    q->addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(500), b);
+    EXPECT_EQ(q->countResults(), 6u);
+    Rows const all = rows(*q);
+    auto alone = query();
+    std::size_t const lb = books(*alone);
+    alone->addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(500), lb);
+    Rows const bs = rows(*alone);
+    alone->clear();
+    alone->addSearchClass(lib().author, Mode::ExactClass);
+    Rows const as = rows(*alone);
+    // The first instance runs fastest.
+    EXPECT_EQ(all[0], bs[0] + "+" + as[0]);
+    EXPECT_EQ(all[1], bs[1] + "+" + as[0]);
+    EXPECT_EQ(all[2], bs[0] + "+" + as[1]);
+    EXPECT_EQ(all[5], bs[1] + "+" + as[2]);
+    q->setResultLimit(1);
+    std::vector<ModelElement> const first = q->getFirstResult();
+    EXPECT_EQ(label(first[0]) + "+" + label(first[1]), all[0]);
+
+    // A disjunction over both instances keeps the rows where one of its alternatives holds.
+    q->setResultLimit(0);
+    ReflectiveDisjunction *const any = q->createDisjunction();
+    any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Dune"), b);
+    any->addPropertyRelationValue(p(lib().author, u"name"), R::equal, text(u"Cid"), a);
+    any->finish();
+    EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Dune+Bob", "Dune+Cid", "Ulysses+Cid"}));
+}
+
+TEST_P(QueryEngine, SortOffsetAndLimitComeLastInThatOrder) {
+    stock();
+    auto q = query();
+    std::size_t const b = books(*q);
+    q->sortByProperty(p(lib().book, u"pages"), b, SortDirection::Descending);
+    EXPECT_EQ(rows(*q), (Rows{"Ulysses", "Dune", "Rebecca", "Emma", "Notes"}));
+    q->setResultOffset(1);
+    q->setResultLimit(2);
+    EXPECT_EQ(rows(*q), (Rows{"Dune", "Rebecca"}));
+    q->sortByProperty(p(lib().book, u"title"), b, SortDirection::Ascending);
+    EXPECT_EQ(rows(*q), (Rows{"Emma", "Notes"}));
+    q->setResultOffset(4);
+    EXPECT_EQ(rows(*q), (Rows{"Ulysses"}));
+    EXPECT_EQ(q->countResults(), 1u);
+
+    // Past the end: no row, and the row handed in comes back as wide as a row, empty.
+    q->setResultOffset(5);
+    std::vector<ModelElement> row{dune};
+    auto it = q->execute({b, b, b});
+    EXPECT_FALSE(it->next(row));
+    EXPECT_EQ(row, std::vector<ModelElement>(3));
+
+    // Rows without an element in the sort's column come first ascending: the optional
+    // subtitle, unset on most books.
+    q->setResultOffset(0);
+    q->setResultLimit(0);
+    q->sortByProperty(p(lib().book, u"subtitle"), b, SortDirection::Ascending);
+    EXPECT_EQ(rows(*q).back(), "Emma");
+    q->sortIntrinsic(b, SortDirection::Ascending);
+    EXPECT_THROW(q->countResults(), Error<UnsupportedSorting>);
+    // A failed run leaves the query usable.
+    q->sortByProperty(p(lib().book, u"pages"), b, SortDirection::Ascending);
+    EXPECT_EQ(rows(*q).front(), "Notes");
+}
+
+TEST_P(QueryEngine, AnEmptyModelAndOtherModels) {
+    auto q = query();
+    std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+    q->addAssociatedObject(p(lib().book, u"writer"), b, a);
+    EXPECT_EQ(q->countResults(), 0u);
+    EXPECT_EQ(q->getFirstResult(), std::vector<ModelElement>(2));
+    EXPECT_THROW(q->execute({a, 2}), Error<NoSuchInstanceId>);
+
+    // The same query runs on whatever model it is set to, or repeats itself into another query.
+    stock();
+    EXPECT_EQ(q->countResults(), 4u);
+    Model const other = Model::createTransientModel();
+    ModelElement const kim = make(lib().author, u"Kim", 0, &other);
+    set(make(lib().book, u"Kept", 100, &other), u"writer", ref(kim));
+    make(lib().book, u"Lost", 100, &other);
+    auto &retargetable = static_cast<RetargetableQuery &>(*q);
+    retargetable.setResultLimit(3);
+    auto copy = createNativeQuery(other);
+    retargetable.retarget(*copy);
+    EXPECT_EQ(rows(*copy), (Rows{"Kept+Kim"}));
+    retargetable.retarget(retargetable);
+    EXPECT_EQ(q->countResults(), 3u);
+    retargetable.setModel(other);
+    EXPECT_EQ(rows(*q), (Rows{"Kept+Kim"}));
+}
+
+TEST_P(QueryEngine, AnIteratorKeepsItsRowsWhateverBecomesOfTheModel) {
+    Model shortLived = Model::createTransientModel();
+    ModelElement const gone = make(lib().book, u"Gone", 100, &shortLived);
+    make(lib().book, u"Kept", 100, &shortLived);
+    auto q = createNativeQuery(shortLived);
+    books(*q);
+    auto it = q->execute({});
+    gone->destroy();
+    make(lib().book, u"Late", 100, &shortLived);
+    q.reset();
+    shortLived = Model();
+    std::vector<ModelElement> row;
+    std::vector<ModelElement> seen;
+    while (it->next(row))
+        seen.push_back(row.at(0));
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_NE(std::find(seen.begin(), seen.end(), gone), seen.end());
+    EXPECT_FALSE(gone);
+}
+
+INSTANTIATE_TEST_SUITE_P(Flavours, QueryEngine, ::testing::Values(&generatedLibrary(), &runtimeLibrary()),
+                         [](auto const &info) { return info.param->name; });
+
+TEST(QueryEngineGenerated, CollectionsOfValuesAndProxiesOfElements) {
+    using namespace kivra::test::library;
+    // Proxies need a model of a constellation.
+    Model const model = Model::create(ModelConstellation::create());
+    Book const dune = Book::create(model), emma = Book::create(model);
+    dune->getTagsMutable().push_back(basalt::ustring(u"sand"));
+    dune->getTagsMutable().push_back(basalt::ustring(u"spice"));
+    Author const ann = Author::create(model);
+    auto q = createNativeQuery(model);
+    std::size_t const b = q->addSearchClass(Book::metaClass(), Mode::ExactClass);
+    q->addPropertyRelationValue(Book::Impl::tagsProperty(), R::like, text(u"sp%"), b);
+    EXPECT_EQ(q->getFirstResult(), std::vector<ModelElement>{dune});
+    auto none = createNativeQuery(model);
+    none->addPropertyRelationValue(Book::Impl::tagsProperty(), R::notEqual, text(u"sand"),
+                                   none->addSearchClass(Book::metaClass(), Mode::ExactClass));
+    EXPECT_EQ(none->getFirstResult(), std::vector<ModelElement>{dune});
+
+    // A proxy that names an element by its UUID stands for it, and stays unresolved.
+    Author const proxy = Author::createProxy(
+        model, ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(ann->getUuid())), boost::none));
+    emma->getCoauthorsMutable().push_back(proxy);
+    auto joined = createNativeQuery(model);
+    std::size_t const book = joined->addSearchClass(Book::metaClass(), Mode::ExactClass);
+    std::size_t const author = joined->addSearchClass(Author::metaClass(), Mode::ExactClass);
+    joined->addAssociatedObject(Book::Impl::coauthorsProperty(), book, author);
+    EXPECT_EQ(joined->getFirstResult(), (std::vector<ModelElement>{emma, ann}));
+    EXPECT_TRUE(proxy->isProxy());
+
+    // A collection of texts holds no elements to relate, whichever way the join walks.
+    NativeKivraQuery tags;
+    tags.setModel(model);
+    tags.addAssociatedObject(Book::Impl::tagsProperty(), tags.addSearchClass(Book::metaClass(), Mode::ExactClass),
+                             tags.addSearchClass(Author::metaClass(), Mode::ExactClass));
+    for (bool const plain : {false, true}) {
+        tags.plainEvaluation = plain;
+        EXPECT_THROW(tags.countResults(), Error<messages::CannotCastIncompatibleTypes>);
+    }
+}
+
+} // namespace
+} // namespace kivra::query
