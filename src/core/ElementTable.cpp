@@ -1,5 +1,6 @@
 #include "core/ElementTable.hpp"
 
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -16,9 +17,12 @@ void ElementSet::growBacklog() {
 }
 
 void ElementSet::settle() noexcept {
-    std::size_t const count = backlogSize_;
-    if (count == 0)
+    if (backlogSize_.load(std::memory_order_acquire) == 0)
         return;
+    std::lock_guard const lock(settling_);
+    std::size_t const count = backlogSize_.load(std::memory_order_relaxed);
+    if (count == 0)
+        return; // another reader settled it meanwhile
     // The entries fall anywhere in the table: each asks for its chunk a few entries ahead,
     // so that the misses overlap instead of coming one after the other. `defer` made room
     // for every entry.
@@ -29,12 +33,10 @@ void ElementSet::settle() noexcept {
         place(backlog_[i].element, backlog_[i].hash);
     }
     size_ += count;
-    backlogSize_ = 0;
-    // A large backlog gives its memory back; a small one stays for the next transaction.
-    if (backlogCapacity_ > 4096) {
-        std::free(std::exchange(backlog_, nullptr));
-        backlogCapacity_ = 0;
-    }
+    // A model keeps no memory for the backlog between transactions.
+    std::free(std::exchange(backlog_, nullptr));
+    backlogCapacity_ = 0;
+    backlogSize_.store(0, std::memory_order_release);
 }
 
 } // namespace kivra::detail

@@ -9,7 +9,9 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <atomic>
 #include <bit>
+#include <mutex>
 
 #include <cstdint>
 #include <cstdlib>
@@ -33,8 +35,9 @@ namespace kivra::detail {
 /// backlog for its slot: a transaction that makes many elements then enters them all at
 /// once, in the order of their home chunks, and fills the table a region at a time instead
 /// of waiting on a cache miss per element. The model settles the backlog when its
-/// transaction ends and before it freezes, so that the set changes only on the writer's
-/// thread; until then searches settle it first and walks see it after the slots.
+/// transaction ends and when it freezes; any read settles what still waits first, under a
+/// lock, so that readers of a frozen model (or of a constellation's other member, through
+/// a proxy) on several threads settle it once and then only read.
 class ElementSet {
 public:
     using Element = ModelElement::Impl;
@@ -46,7 +49,10 @@ public:
         std::free(backlog_);
     }
 
-    std::size_t size() const noexcept { return size_ + backlogSize_; }
+    std::size_t size() const noexcept {
+        settleWaiting();
+        return size_;
+    }
     bool empty() const noexcept { return size() == 0; }
 
     /// How many elements ahead a walk asks for the element it will visit: slot order is
@@ -55,8 +61,7 @@ public:
 
     /// The element with `uuid`, or null.
     Element *find(boost::uuids::uuid const &uuid) const noexcept {
-        if (backlogSize_ != 0)
-            const_cast<ElementSet *>(this)->settle();
+        settleWaiting();
         if (size_ == 0)
             return nullptr;
         std::size_t const hash = uuidHash(uuid);
@@ -81,14 +86,16 @@ public:
     void defer(Element *element) {
         // The table is sized for the backlog now, so that settling needs no memory: while
         // a model fills, the table is mostly empty and growing it moves little.
-        if ((size_ + backlogSize_ + 1) * 7 > capacity() * 6)
+        std::size_t const waiting = backlogSize_.load(std::memory_order_relaxed);
+        if ((size_ + waiting + 1) * 7 > capacity() * 6)
             grow();
-        if (backlogSize_ == backlogCapacity_)
+        if (waiting == backlogCapacity_)
             growBacklog();
-        backlog_[backlogSize_++] = {element, uuidHash(element->getUuid())};
+        backlog_[waiting] = {element, uuidHash(element->getUuid())};
+        backlogSize_.store(waiting + 1, std::memory_order_relaxed);
     }
 
-    /// Enters every element of the backlog.
+    /// Enters every element of the backlog and gives back its memory.
     void settle() noexcept;
 
     /// Enters `element`; false, and nothing changes, when its UUID is taken.
@@ -165,16 +172,16 @@ public:
     void clear() noexcept {
         release();
         chunks_ = nullptr;
-        mask_ = size_ = backlogSize_ = 0;
+        mask_ = size_ = backlogCapacity_ = 0;
+        std::free(std::exchange(backlog_, nullptr));
+        backlogSize_.store(0, std::memory_order_relaxed);
     }
 
-    /// Calls `f` with every element, in slot order and then those of the backlog; `f` must
-    /// not change the set.
+    /// Calls `f` with every element, in slot order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
+        settleWaiting();
         if (size_ != 0)
             forEachPlaced(f);
-        for (std::size_t i = 0; i < backlogSize_; ++i)
-            f(backlog_[i].element);
     }
 
 private:
@@ -231,6 +238,11 @@ private:
     std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
 
     void growBacklog();
+    /// A read's first step: a backlog left waiting is settled, once, whichever thread asks.
+    void settleWaiting() const noexcept {
+        if (backlogSize_.load(std::memory_order_acquire) != 0) [[unlikely]]
+            const_cast<ElementSet *>(this)->settle();
+    }
 
     /// Puts an element known to be absent into the first free slot of its path.
     void place(Element *element, std::size_t hash) noexcept {
@@ -289,8 +301,11 @@ private:
     /// Elements in slots; those of the backlog are not counted.
     std::size_t size_ = 0;
     Waiting *backlog_ = nullptr;
-    std::size_t backlogSize_ = 0;
+    /// Written by the writer as it defers, and set to 0 by the settling thread once every
+    /// entry is in its slot.
+    std::atomic<std::size_t> backlogSize_{0};
     std::size_t backlogCapacity_ = 0;
+    std::mutex settling_;
 };
 
 /// The elements of a model. Whether an element is top level is a mark on the element

@@ -854,8 +854,10 @@ void Model::Freezer::doThaw() noexcept {
 }
 
 void Model::Freezer::undoThaw() noexcept {
-    if (thawCount_-- == 1 && model_.get())
+    if (thawCount_-- == 1 && model_.get()) {
+        model_->table_->elements.settle();
         ++model_->freezeCount_;
+    }
 }
 
 Model::Thawer Model::Freezer::thaw() { return Thawer(this); }

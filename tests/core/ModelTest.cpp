@@ -279,8 +279,25 @@ TEST(Model, ElementsMadeInATransactionAreThereForEverythingThatFollows) {
             reader.join();
         EXPECT_EQ(found.load(), 2 * 2001u);
     }
+    {
+        // Elements made while a freeze is lifted wait until the first reader of the frozen
+        // model asks: several readers at once must settle them once.
+        Model::Freezer frozen = model->freeze();
+        {
+            Model::Thawer const thawed = frozen.thaw();
+            for (int i = 0; i < 50000; ++i)
+                books.push_back(Book::create(model));
+        }
+        std::vector<std::thread> readers;
+        std::atomic<std::size_t> found{0};
+        for (int t = 0; t < 4; ++t)
+            readers.emplace_back([&] { found += expectAllFound(); });
+        for (std::thread &reader : readers)
+            reader.join();
+        EXPECT_EQ(found.load(), 4 * 52001u);
+    }
     transaction.commit();
-    EXPECT_EQ(expectAllFound(), 2001u);
+    EXPECT_EQ(expectAllFound(), 52001u);
 }
 
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {
