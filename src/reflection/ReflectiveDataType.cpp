@@ -86,6 +86,10 @@ Value ReflectiveDataType::getDefaultValue(meta::Property const &property) const 
 }
 
 Value ReflectiveDataType::getPropertyValue(meta::Property const &property) const {
+    // An entry exists only for a property that passed the checks below when it was made,
+    // so a stored field is read without asking the metamodel again.
+    if (auto const found = entries_.find(property); found != entries_.end()) [[likely]]
+        return found->second;
     if (!property || property->getOwningType() != metaType_)
         raise<messages::NoSuchProperty>(property ? property->getName() : basalt::ustring(), metaType_->getQualifiedName());
     meta::Type const &type = property->getType();
@@ -93,8 +97,6 @@ Value ReflectiveDataType::getPropertyValue(meta::Property const &property) const
         raise<messages::CannotUsePropertyWithoutType>(property->getName());
     if (property->getIsDerived() || isClass(type))
         raise<messages::CannotCastIncompatibleTypes>(qualifiedNameOf(type));
-    if (auto const found = entries_.find(property); found != entries_.end())
-        return found->second;
     return entries_.emplace(property, getDefaultValue(property)).first->second;
 }
 
