@@ -76,7 +76,7 @@ public:
     // --- Containment ----------------------------------------------------------------
 
     /// True when the element has no container.
-    bool isTopLevel() const noexcept { return containmentFeature_ == nullptr; }
+    bool isTopLevel() const noexcept { return containment_ == 0; }
     bool isProxy() const noexcept { return (marks_ & ProxyMark) != 0; }
     /// True when `other` is not null and in the same model.
     bool isSameModel(Impl const *other) const noexcept { return other && other->model_ == model_; }
@@ -84,7 +84,7 @@ public:
     ModelElement container() const;
     /// The containing element, raw; null when top level. A destroyed element keeps its
     /// link, for a roll-back to bring it back, but shows none: its container may be gone.
-    Impl *containerImpl() const noexcept { return containmentFeature_ && validity_ != Invalid ? container_ : nullptr; }
+    Impl *containerImpl() const noexcept { return containment_ != 0 && validity_ != Invalid ? container_ : nullptr; }
     /// The container's composite property that holds this element; empty when top level.
     meta::Property containmentFeature() const;
     meta::Property::Impl *containmentFeatureImpl() const noexcept;
@@ -309,11 +309,19 @@ protected:
     /// Raises `NoSuchProperty` with the property's name and this element's class.
     [[noreturn]] void raiseNoSuchProperty(meta::Property const &property) const;
 
-    /// The containing element; meaningful only while `containmentFeature_` is set.
+    /// Holds this element in `container_` as `property`, which must be non-empty.
+    void setContainment(Impl *container, meta::Property::Impl *property);
+    /// Makes the element top level, as far as its own links go.
+    void clearContainment() noexcept;
+
+    /// How the container holds this element, in the spare bytes after the identity: 0
+    /// when top level, else the index of the container's composite property, which the
+    /// container's class maps back to the property; `wideContainment` when that index
+    /// does not fit or does not map back, and a side table keeps the property.
+    std::uint16_t containment_ = 0;
+    static constexpr std::uint16_t wideContainment = 0xFFFF;
+    /// The containing element; meaningful only while `containment_` is set.
     Impl *container_ = nullptr;
-    /// The container's composite property (a `meta::Property` element) that holds this
-    /// element; an element is contained exactly when this is set.
-    Impl *containmentFeature_ = nullptr;
     Model::Impl *model_;
     /// The marks an element keeps in `marks_`.
     enum Marks : std::uint8_t {

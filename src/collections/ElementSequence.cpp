@@ -42,7 +42,12 @@ ElementSequenceBase::ElementSequenceBase(ModelElement::Impl *owner, bool unique,
                                          meta::Property::Impl *opposite, EntryClass entryClass)
     : ReferenceCollection(owner, property, opposite, &view_), entryClass_(entryClass), unique_(unique) {}
 
-ElementSequenceBase::~ElementSequenceBase() = default;
+ElementSequenceBase::~ElementSequenceBase() {
+    // As for a set: the entries are asked for before the first is let go.
+    for (ModelElement const &entry : entries_)
+        if (ModelElement::Impl *element = entry.get())
+            __builtin_prefetch(element, 1);
+}
 
 meta::Type ElementSequenceBase::getCollectionType() const { return entryClass_(); }
 

@@ -12,7 +12,7 @@ namespace kivra::detail {
 /// Element objects of one model, carved from slabs that the model frees when its shell
 /// goes. A general-purpose allocator spends a header and a rounding step on every object
 /// and a search of its bins on every fresh one; here an object costs its size rounded to
-/// 16 bytes and a pointer bump, and a freed one waits on a list of its size.
+/// 8 bytes and a pointer bump, and a freed one waits on a list of its size.
 ///
 /// Every slab is aligned to its size and starts with a header, so a block finds its pool
 /// from its own address. Objects are made by the model's writer, one thread at a time, but
@@ -32,7 +32,8 @@ public:
     /// Frees every slab: by then every object of the model is gone.
     ~ElementPool();
 
-    /// A block of at least `size` bytes, aligned to 16. Raises `std::bad_alloc`.
+    /// A block of at least `size` bytes, aligned to 8: element classes hold nothing that asks
+    /// for more. Raises `std::bad_alloc`.
     void *allocate(std::size_t size);
     /// Takes back a block of `size` bytes, from any thread; gives the model it belongs to.
     static Model::Impl *deallocate(void *block, std::size_t size) noexcept;
@@ -60,7 +61,7 @@ private:
         FreeBlock *next;
     };
 
-    static constexpr std::size_t granule = 16;
+    static constexpr std::size_t granule = 8;
     static constexpr std::size_t headerSize = (sizeof(Slab) + granule - 1) / granule * granule;
     static constexpr std::size_t largestPooled = 2048;
     static constexpr std::size_t classCount = largestPooled / granule;

@@ -46,7 +46,7 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
         return;
     auto const [low, high] = std::minmax_element(elements.begin(), elements.end(), std::less<>());
     auto const base = reinterpret_cast<std::uintptr_t>(*low);
-    std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 4; // 16-byte aligned
+    std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 3; // 8-byte aligned
     constexpr unsigned digitBits = 11;
     constexpr std::size_t buckets = std::size_t(1) << digitBits;
     std::vector<ModelElement::Impl *> scratch(elements.size());
@@ -54,7 +54,7 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
     constexpr unsigned pointerBits = 8 * sizeof(std::uintptr_t);
     for (unsigned shift = 0; shift < pointerBits && (span >> shift) != 0; shift += digitBits) {
         auto const digit = [&](ModelElement::Impl *element) {
-            return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 4 >> shift) & (buckets - 1);
+            return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 3 >> shift) & (buckets - 1);
         };
         std::fill(counts.begin(), counts.end(), 0);
         for (ModelElement::Impl *element : elements)
@@ -586,17 +586,28 @@ void Model::Impl::destroy() noexcept {
         // While every element still lives, references let go (into proxies where a class
         // keeps them), so that nothing outside keeps this model's elements. Letting go frees
         // no element of the table: each is held by the model or by its container.
+        //
+        // Elements are visited in the order of their memory, not of the table: an element,
+        // and the collections it made as it was filled, then follow their neighbours, and
+        // the allocator takes back blocks next to the ones it just took back, instead of
+        // chasing a random address for each. The top-level elements come out in the same
+        // order.
+        std::vector<ModelElement::Impl *> all;
+        all.reserve(table_->elements.size());
+        table_->elements.forEach([&](ModelElement::Impl *element) { all.push_back(element); });
+        sortByAddress(all);
         topLevel.reserve(topLevelCount_);
-        table_->elements.forEach([&](ModelElement::Impl *element) {
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            if (i + detail::ElementSet::prefetchDistance < all.size())
+                __builtin_prefetch(all[i + detail::ElementSet::prefetchDistance]);
+            ModelElement::Impl *const element = all[i];
             boost::optional<ProxyId> proxyId;
             element->convertReferencesToProxies(multi, proxyId);
             if (element->marks_ & ModelElement::Impl::HeldByModelMark)
                 topLevel.push_back(element);
-        });
+        }
+        all = {};
         collected = true;
-        // In the order of their memory: the allocator then frees neighbours one after the
-        // other, instead of chasing a random address for each.
-        sortByAddress(topLevel);
         // Each tree goes with its root: once destroyed and released, nothing of it is
         // needed by the trees still to come.
         for (std::size_t i = 0; i < topLevel.size(); ++i) {

@@ -19,6 +19,9 @@
 
 #include <boost/optional/optional.hpp>
 
+#include <mutex>
+#include <unordered_map>
+
 namespace kivra {
 
 using Tag = ModelElement::Impl::ReflectionPrivateTag;
@@ -29,7 +32,17 @@ Tag const Tag::IN_MEMORY_ONLY;
 
 namespace {
 
-meta::Property::Impl *asProperty(ModelElement::Impl *feature) { return static_cast<meta::Property::Impl *>(feature); }
+static_assert(sizeof(ModelElement::Impl) == 48, "an element's containment lives in the spare bytes of its identity");
+
+/// The properties of the rare containments whose index cannot stand for them.
+struct WideContainments {
+    std::mutex mutex;
+    std::unordered_map<ModelElement::Impl const *, meta::Property::Impl *> properties;
+};
+WideContainments &wideContainments() {
+    static WideContainments *const table = new WideContainments; // used by elements that outlive statics
+    return *table;
+}
 
 } // namespace
 
@@ -70,6 +83,8 @@ ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)
 
 ModelElement::Impl::~Impl() {
     guardAgainstReentrantDeletion();
+    if (containment_ == wideContainment) [[unlikely]]
+        clearContainment();
     if (isProxy()) {
         model_->forgetProxyId(this);
     } else if (validity_ > 0) {
@@ -129,7 +144,41 @@ Model ModelElement::Impl::getModel() const { return model_->getModel(); }
 ModelElement ModelElement::Impl::container() const { return ModelElement(containerImpl(), true); }
 
 meta::Property::Impl *ModelElement::Impl::containmentFeatureImpl() const noexcept {
-    return validity_ != Invalid ? asProperty(containmentFeature_) : nullptr;
+    if (containment_ == 0 || validity_ == Invalid)
+        return nullptr;
+    if (containment_ == wideContainment) [[unlikely]] {
+        WideContainments &wide = wideContainments();
+        std::lock_guard const lock(wide.mutex);
+        return wide.properties.at(this);
+    }
+    // The class of the container keeps its properties: the pointer outlives the handle.
+    return container_->getPropertyByIndex(containment_).get();
+}
+
+void ModelElement::Impl::setContainment(Impl *container, meta::Property::Impl *property) {
+    std::int32_t const index = property->getPropertyIndex();
+    bool const fits = index > 0 && index < wideContainment && container->getPropertyByIndex(std::uint64_t(index)).get() == property;
+    if (fits) [[likely]] {
+        if (containment_ == wideContainment)
+            clearContainment();
+        containment_ = std::uint16_t(index);
+    } else {
+        WideContainments &wide = wideContainments();
+        std::lock_guard const lock(wide.mutex);
+        wide.properties[this] = property;
+        containment_ = wideContainment;
+    }
+    container_ = container;
+}
+
+void ModelElement::Impl::clearContainment() noexcept {
+    if (containment_ == wideContainment) [[unlikely]] {
+        WideContainments &wide = wideContainments();
+        std::lock_guard const lock(wide.mutex);
+        wide.properties.erase(this);
+    }
+    containment_ = 0;
+    container_ = nullptr;
 }
 
 meta::Property ModelElement::Impl::containmentFeature() const {
@@ -137,7 +186,8 @@ meta::Property ModelElement::Impl::containmentFeature() const {
 }
 
 meta::Property ModelElement::Impl::containerFeature() const {
-    return containmentFeature_ ? containmentFeatureImpl()->getOpposite() : meta::Property();
+    meta::Property::Impl const *const feature = containmentFeatureImpl();
+    return feature ? feature->getOpposite() : meta::Property();
 }
 
 // --- Reflective access -------------------------------------------------------------------
@@ -226,13 +276,11 @@ void ModelElement::Impl::basicSetContainer(Impl *container, meta::Property const
         // old container.
         if (isTopLevel())
             model_->elementNoLongerTopLevel(this);
-        container_ = container;
-        containmentFeature_ = feature.get();
+        setContainment(container, feature.get());
     } else {
         if (!isTopLevel())
             model_->elementMadeTopLevel(this);
-        container_ = nullptr;
-        containmentFeature_ = nullptr;
+        clearContainment();
     }
 }
 
@@ -249,8 +297,7 @@ void ModelElement::Impl::makeUncontained() {
         meta::Property const opposite = feature->getOpposite();
         notifyModifying(opposite ? std::uint64_t(opposite->getPropertyIndex()) : noPropertyIndex);
         model_->elementMadeTopLevel(this);
-        container_ = nullptr;
-        containmentFeature_ = nullptr;
+        clearContainment();
     }
     transaction.commit();
 }
@@ -354,8 +401,7 @@ void ModelElement::Impl::_destroyRecursively(Impl *element, bool modelDestroying
 }
 
 void ModelElement::Impl::basicDisassociateAll() {
-    container_ = nullptr;
-    containmentFeature_ = nullptr;
+    clearContainment();
     // Element values of extensions are counted handles too: two dead elements that name
     // each other there would hold each other until the model goes.
     if (model_->extensions_) [[unlikely]]
@@ -383,8 +429,7 @@ void ModelElement::Impl::copyStateFromStorage(Storage *storage) {
         basicSetContainer(storage->getOldContainer().get(), feature, noPropertyIndex);
     } else if (!isTopLevel()) {
         model_->elementMadeTopLevel(this);
-        container_ = nullptr;
-        containmentFeature_ = nullptr;
+        clearContainment();
     }
 }
 

@@ -28,7 +28,7 @@ struct Block {
 void expectDisjointAndIntact(std::vector<Block> const &blocks) {
     std::map<std::uintptr_t, Block> byAddress;
     for (Block const &block : blocks) {
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block.bytes) % 16, 0u);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block.bytes) % 8, 0u);
         byAddress.emplace(reinterpret_cast<std::uintptr_t>(block.bytes), block);
     }
     ASSERT_EQ(byAddress.size(), blocks.size());

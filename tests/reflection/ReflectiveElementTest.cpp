@@ -84,14 +84,33 @@ public:
             (*property)->setOwningType(stamp);
             (*property)->setType(colour);
         }
+        // A crate holds stamps; a big crate has a property of its own under the index of
+        // the crate's, so that the index of `contents` does not name it in a big crate.
+        crate = createClass(u"Crate", "", false, nullptr);
+        bigCrate = createClass(u"BigCrate", "", false, nullptr);
+        crate->setOwningPackage(package);
+        crate->setSuperclass(ModelElement::metaClass());
+        bigCrate->setOwningPackage(package);
+        bigCrate->setSuperclass(crate);
+        contents = createProperty(u"contents", ValueFlags::Sequence, false, nullptr);
+        setPropertyIndex(contents, 1);
+        contents->setOwningType(crate);
+        contents->setType(stamp);
+        contents->setIsComposite(true);
+        meta::Property const label = createProperty(u"label", ValueFlags::Single, false, nullptr);
+        setPropertyIndex(label, 1);
+        label->setOwningType(bigCrate);
+        label->setType(registry().getType(u"String"));
+        registry().registerType(crate);
+        registry().registerType(bigCrate);
         registry().registerType(untyped);
         registry().registerType(stamp);
         registry().registerType(colour);
         registry().registerType(mark);
         finish();
     }
-    meta::Class untyped, stamp, mark;
-    meta::Property serial, tags, weight, shades, hues, palette;
+    meta::Class untyped, stamp, mark, crate, bigCrate;
+    meta::Property serial, tags, weight, shades, hues, palette, contents;
     meta::Enum colour;
 };
 
@@ -255,6 +274,26 @@ TEST(ReflectiveElement, CollectionsRefuseEntriesOfAnotherClass) {
     // A subclass is an entry of its superclass's collections.
     many(frank, u"books").genericAdd(novel);
     EXPECT_EQ(element(novel, u"writer"), frank);
+}
+
+TEST(ReflectiveElement, AContainmentWhoseIndexNamesAnotherPropertyKeepsItsOwn) {
+    Model model = Model::createTransientModel();
+    for (meta::Class const *cls : {&oddities().crate, &oddities().bigCrate}) {
+        ModelElement const crate = (*cls)->instantiate(model), stamp = oddities().stamp->instantiate(model);
+        {
+            Transaction transaction = model->beginTransaction(/*revertible=*/true);
+            many(crate, u"contents").genericAdd(stamp);
+            EXPECT_EQ(stamp->containmentFeature(), oddities().contents);
+            transaction.rollBack();
+        }
+        EXPECT_TRUE(stamp->isTopLevel());
+        EXPECT_FALSE(stamp->containmentFeature());
+        many(crate, u"contents").genericAdd(stamp);
+        EXPECT_EQ(stamp->container(), crate);
+        EXPECT_EQ(stamp->containmentFeature(), oddities().contents);
+        crate->destroy();
+        EXPECT_FALSE(stamp->isValid());
+    }
 }
 
 TEST(ReflectiveElement, MapKeysOfElementsAreTheirUuids) {
