@@ -403,6 +403,13 @@ bool Value::isCompatibleWithProperty(meta::Property const &property) const noexc
 bool Value::operator==(Value const &other) const {
     if (type_ != other.type_ || flags_ != other.flags_)
         return false;
+    // Payloads of two kinds must not meet in one equality function: one data type in its
+    // generated form and as a record compares as records; anything else differs.
+    if (functions_ != other.functions_ && payload_ && other.payload_) {
+        if (reflective_ != other.reflective_ && isDataType(type_))
+            return toReflectiveDataType() == other.toReflectiveDataType();
+        return false;
+    }
     if (functions_ && functions_->equals)
         return functions_->equals(payload_, other.payload_);
     return payload_ == other.payload_;

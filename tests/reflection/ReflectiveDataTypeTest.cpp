@@ -260,8 +260,13 @@ TEST(ReflectiveDataType, AGeneratedDataTypeGoesToARecordAndBack) {
     EXPECT_FALSE(back->isReflective());
     EXPECT_EQ(*back, generated);
 
-    // The serializer reads and writes the record form of its own type as well.
+    // The two forms of one value are equal values.
     Value const reflective = Value::createReflectiveDataTypeValue(record);
+    EXPECT_EQ(reflective, generated);
+    EXPECT_EQ(generated, reflective);
+    EXPECT_NE(Value::createReflectiveDataTypeValue(e.d_Edition, true), generated);
+
+    // The serializer reads and writes the record form of its own type as well.
     EXPECT_EQ(editions.getPropertyValue(reflective, e.p_Edition_publisher), text(u"Gollancz"));
     Value const renumbered = editions.setPropertyValue(reflective, e.p_Edition_number, number(4));
     EXPECT_FALSE(renumbered.isReflective());
