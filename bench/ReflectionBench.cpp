@@ -1,5 +1,6 @@
 // What an element without generated code costs beside a generated one of the same class:
-// creating 10^6 of them, their memory, and a read and a write through `Value`.
+// creating 10^6 of them, their memory, and a read and a write through `Value`; and a field
+// of a data type record read and written.
 #include "AllocationCounter.hpp"
 
 #include <Flavours.hpp>
@@ -9,7 +10,9 @@
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
+#include <kivra/reflection/ReflectiveDataType.hpp>
 #include <library/Book.hpp>
+#include <library/LibraryPackage.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -108,5 +111,31 @@ void BM_WriteAttribute(benchmark::State &state) {
     state.counters["allocations/write"] = double(kivra::bench::allocations() - before) / double(state.iterations());
 }
 BENCHMARK(BM_WriteAttribute)->ArgName("reflective")->Arg(0)->Arg(1);
+
+// A field of a record that holds it already: a table lookup and the `Value` copy.
+void BM_ReadRecordField(benchmark::State &state) {
+    auto const &library = kivra::test::library::LibraryPackage::getInstance().elements();
+    kivra::reflection::ReflectiveDataType const record(library.d_Edition);
+    benchmark::DoNotOptimize(record.getPropertyValue(library.p_Edition_number));
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(record.getPropertyValue(library.p_Edition_number));
+    state.counters["allocations/read"] = double(kivra::bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_ReadRecordField);
+
+// Two different numbers in turn into a field that has its entry.
+void BM_WriteRecordField(benchmark::State &state) {
+    auto const &library = kivra::test::library::LibraryPackage::getInstance().elements();
+    kivra::reflection::ReflectiveDataType record(library.d_Edition);
+    Value const values[] = {Value(std::int32_t(1)), Value(std::int32_t(2))};
+    record.setPropertyValue(library.p_Edition_number, values[0]);
+    std::size_t i = 0;
+    std::size_t const before = kivra::bench::allocations();
+    for (auto _ : state)
+        record.setPropertyValue(library.p_Edition_number, values[++i & 1]);
+    state.counters["allocations/write"] = double(kivra::bench::allocations() - before) / double(state.iterations());
+}
+BENCHMARK(BM_WriteRecordField);
 
 } // namespace

@@ -22,6 +22,10 @@ class ptime;
 
 namespace kivra {
 
+namespace reflection {
+class ReflectiveDataType;
+} // namespace reflection
+
 /// The shape of a `Value`, and the multiplicity class of a property. Shapes from
 /// `Sequence` on are collections.
 enum class ValueFlags : std::uint32_t {
@@ -198,6 +202,12 @@ public:
     static Value createEmptyUnmanagedCollectionValue(meta::Property const &property);
     /// The value of an enum literal: its enum as type, its number sign-extended to 64 bits.
     static Value createEnumValue(meta::EnumLiteral const &literal);
+    /// A reflective value of `type`: a record with every field at its default when
+    /// `required`, else the empty optional.
+    static Value createReflectiveDataTypeValue(meta::DataType const &type, bool required);
+    /// A reflective value that holds a copy of `record` (or takes it, moved).
+    static Value createReflectiveDataTypeValue(reflection::ReflectiveDataType const &record);
+    static Value createReflectiveDataTypeValue(reflection::ReflectiveDataType &&record);
 
     /// The native payload. Raises `CannotCastIncompatibleTypes` when the value does not
     /// hold a `T`, and `InvalidValue` when it holds nothing.
@@ -206,6 +216,12 @@ public:
     ModelElement getElement() const;
     /// True when the value carries a payload (an empty optional does not).
     bool hasPayload() const noexcept { return payload_ != nullptr; }
+
+    /// The record this data type value holds, or one read field by field from the
+    /// generated form through the type's serializer. Raises `CannotCastIncompatibleTypes`
+    /// for a value that is no data type or whose type has no serializer, and
+    /// `InvalidValue` for an empty reflective value.
+    reflection::ReflectiveDataType toReflectiveDataType() const;
 
     /// The entries as single values: none for an empty optional, itself for a single one.
     std::vector<Value> extractEntryValues() const;

@@ -9,6 +9,9 @@
 #include <kivra/meta/DataType.hpp>
 #include <kivra/meta/DatatypeSerializers.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
+#include <kivra/reflection/ReflectiveDataType.hpp>
+
+#include <boost/optional/optional.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -119,9 +122,14 @@ VersionInfo VersionInfo::fromValue(Value const &value) {
         raiseIncompatible(value);
     if (!value.hasPayload())
         return {};
-    // The reflective form turns into this one once reflective data types exist; until then
-    // only values that hold the object itself are read.
-    if (value.isReflective() || value.getPayloadFunctions() != &VersionInfoPayload::functions)
+    // A record of the data type is read in the generated form.
+    if (value.isReflective()) {
+        boost::optional<Value> const native = value.toReflectiveDataType().toNonReflectiveDataTypeValue();
+        if (!native || native->isReflective())
+            raiseIncompatible(value);
+        return fromValue(*native);
+    }
+    if (value.getPayloadFunctions() != &VersionInfoPayload::functions)
         raiseIncompatible(value);
     return *static_cast<VersionInfo const *>(value.getPayload());
 }

@@ -15,6 +15,7 @@
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/PropertySerializer.hpp>
 #include <kivra/meta/PropertySerializerRegistry.hpp>
+#include <kivra/reflection/ReflectiveDataType.hpp>
 
 #include <boost/optional/optional.hpp>
 
@@ -47,6 +48,20 @@ void moveElementInto(void *to, void *from) {
     static_cast<ModelElement *>(from)->~ModelElement();
 }
 void destroyElementInPlace(void *payload) { static_cast<ModelElement *>(payload)->~ModelElement(); }
+// Records of data types without generated code: the payload is a heap record.
+using reflection::ReflectiveDataType;
+void deleteRecord(void *payload) { delete static_cast<ReflectiveDataType *>(payload); }
+void *cloneRecord(void const *payload) { return new ReflectiveDataType(*static_cast<ReflectiveDataType const *>(payload)); }
+bool recordEquals(void const *a, void const *b) {
+    if (!a || !b)
+        return a == b;
+    return *static_cast<ReflectiveDataType const *>(a) == *static_cast<ReflectiveDataType const *>(b);
+}
+std::uint64_t recordHash(void const *payload) { return static_cast<ReflectiveDataType const *>(payload)->hash(); }
+constexpr PayloadFunctions recordFunctions{&deleteRecord, &cloneRecord, &recordEquals, nullptr, &recordHash, nullptr};
+
+bool isDataType(meta::Type const &type) { return dynamic_cast<meta::DataType::Impl const *>(type.get()) != nullptr; }
+
 constexpr PayloadFunctions elementFunctions{&deleteElement,   &cloneElement,    &elementEquals,
                                             &elementLess,     &elementHash,     nullptr,
                                             &copyElementInto, &moveElementInto, &destroyElementInPlace};
@@ -242,11 +257,19 @@ Value Value::createEmptyValue(meta::Type const &type, bool required) {
         return createEmptyValue(meta::Class::fromImpl(cls));
     auto const &serializers = meta::PropertySerializerRegistry::getInstance();
     if (auto *dataType = dynamic_cast<meta::DataType::Impl *>(type.get())) {
-        if (meta::DatatypeSerializer const *serializer = serializers.getDatatypeSerializer(meta::DataType::fromImpl(dataType)))
+        meta::DataType const dataTypeHandle = meta::DataType::fromImpl(dataType);
+        if (meta::DatatypeSerializer const *serializer = serializers.getDatatypeSerializer(dataTypeHandle))
             return required ? serializer->createDefaultValue() : serializer->createEmptyOptionalValue();
-        // A data type known only as a model element has no serializer; its reflective
-        // values come with the reflective data types.
-        raise<messages::InvalidValue>();
+        // A data type of the metamodel's own model without its serializer is a fault of
+        // that metamodel; one of a model loaded at run time has records instead.
+        bool inRegistry;
+        {
+            auto const locked = meta::MetaRegistry::getInstance()->getFrozenMetaRegistryModel();
+            inRegistry = dataType->getModelImpl() == locked.get().get();
+        }
+        if (inRegistry)
+            raise<messages::InvalidValue>();
+        return createReflectiveDataTypeValue(dataTypeHandle, required);
     }
     meta::PropertySerializer const *serializer = serializers.getPropertySerializer(type, "");
     if (!serializer)
@@ -270,6 +293,44 @@ Value Value::adoptUnmanagedCollection(meta::Property const &property, void *cont
 Value Value::createEnumValue(meta::EnumLiteral const &literal) {
     auto const number = static_cast<std::uint64_t>(static_cast<std::int64_t>(literal->getValue()));
     return Value(literal->getParentEnum(), number);
+}
+
+Value Value::createReflectiveDataTypeValue(meta::DataType const &type, bool required) {
+    if (!required) {
+        Value empty(type, boost::none);
+        empty.setReflective();
+        return empty;
+    }
+    return createReflectiveDataTypeValue(ReflectiveDataType(type));
+}
+
+Value Value::createReflectiveDataTypeValue(ReflectiveDataType const &record) {
+    return createReflectiveDataTypeValue(ReflectiveDataType(record));
+}
+
+Value Value::createReflectiveDataTypeValue(ReflectiveDataType &&record) {
+    ValueMeta meta(record.getMetaType(), ValueFlags::Single);
+    meta.setReflective();
+    return Value(meta, new ReflectiveDataType(std::move(record)), &recordFunctions);
+}
+
+ReflectiveDataType Value::toReflectiveDataType() const {
+    if (!isDataType(type_))
+        raise<messages::CannotCastIncompatibleTypes>(meta::DataType::metaClass()->getQualifiedName());
+    meta::DataType const dataType = meta::DataType::fromImpl(static_cast<meta::DataType::Impl *>(type_.get()));
+    if (reflective_) {
+        if (flags_ == ValueFlags::Optional || !payload_)
+            raise<messages::InvalidValue>();
+        return *static_cast<ReflectiveDataType const *>(payload_);
+    }
+    meta::DatatypeSerializer const *serializer = meta::PropertySerializerRegistry::getInstance().getDatatypeSerializer(dataType);
+    if (!serializer)
+        raise<messages::CannotCastIncompatibleTypes>(meta::DataType::metaClass()->getQualifiedName());
+    ReflectiveDataType record(dataType);
+    for (meta::Property const &property : dataType->getOwnedAttributes())
+        if (property->getType() && !property->getIsDerived() && !isClass(property->getType()))
+            record.setPropertyValue(property, serializer->getPropertyValue(*this, property));
+    return record;
 }
 
 // --- Reads -----------------------------------------------------------------------------------
@@ -342,6 +403,13 @@ bool Value::isCompatibleWithProperty(meta::Property const &property) const noexc
 bool Value::operator==(Value const &other) const {
     if (type_ != other.type_ || flags_ != other.flags_)
         return false;
+    // Payloads of two kinds must not meet in one equality function: one data type in its
+    // generated form and as a record compares as records; anything else differs.
+    if (functions_ != other.functions_ && payload_ && other.payload_) {
+        if (reflective_ != other.reflective_ && isDataType(type_))
+            return toReflectiveDataType() == other.toReflectiveDataType();
+        return false;
+    }
     if (functions_ && functions_->equals)
         return functions_->equals(payload_, other.payload_);
     return payload_ == other.payload_;

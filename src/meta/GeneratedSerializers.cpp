@@ -4,6 +4,9 @@
 #include <kivra/Messages.hpp>
 #include <kivra/meta/DataType.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/reflection/ReflectiveDataType.hpp>
+
+#include <boost/optional/optional.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
@@ -55,6 +58,19 @@ void const *NativeDatatypeSerializer::objectOf(Value const &value) const {
         (value.hasPayload() && (value.isReflective() || value.getPayloadFunctions() != functions_)))
         raise<messages::CannotCastIncompatibleTypes>(nameOf(value.getType()));
     return value.getPayload();
+}
+
+Value NativeDatatypeSerializer::nativeForm(Value const &value) const {
+    bool const shaped = value.getFlags() == ValueFlags::Single || value.getFlags() == ValueFlags::Optional;
+    if (!shaped || !value.isReflective() || !sameType(value.getType(), type_))
+        raise<messages::CannotCastIncompatibleTypes>(nameOf(value.getType()));
+    if (!value.hasPayload())
+        return createEmptyOptionalValue();
+    boost::optional<Value> native = value.toReflectiveDataType().toNonReflectiveDataTypeValue();
+    // A record of a data type that was described anew may name the old description.
+    if (!native || native->isReflective())
+        raise<messages::CannotCastIncompatibleTypes>(nameOf(value.getType()));
+    return std::move(*native);
 }
 
 Value NativeDatatypeSerializer::adopt(void *object) const {

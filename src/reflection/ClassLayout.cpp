@@ -27,8 +27,24 @@ bool isOwnerEnd(meta::Property::Impl const &property) {
     return opposite && opposite->getIsComposite();
 }
 
-// The default a property's text names; none when it names nothing this type can hold.
-boost::optional<Value> parsedDefault(meta::Property const &property, bool &dynamic) {
+Value startValueOf(meta::Property const &property, bool &dynamic) {
+    try {
+        if (property->hasDefaultValue())
+            if (boost::optional<Value> parsed = readDefaultValue(property, dynamic))
+                return *parsed;
+    } catch (std::exception const &) {
+        // A default that does not parse is no default.
+    }
+    return Value::createEmptyValue(property);
+}
+
+std::size_t alignUp(std::size_t offset, std::size_t alignment) { return (offset + alignment - 1) / alignment * alignment; }
+
+} // namespace
+
+boost::optional<Value> readDefaultValue(meta::Property const &property, bool &dynamic) {
+    if (!property->hasDefaultValue())
+        return boost::none;
     meta::Type const &type = property->getType();
     basalt::ustring const &text = *property->getDefaultValue();
     if (auto const *enumeration = dynamic_cast<meta::Enum::Impl const *>(type.get())) {
@@ -43,21 +59,6 @@ boost::optional<Value> parsedDefault(meta::Property const &property, bool &dynam
     }
     return meta::PropertySerializerRegistry::getInstance().parseDefaultValue(type, text);
 }
-
-Value startValueOf(meta::Property const &property, bool &dynamic) {
-    try {
-        if (property->hasDefaultValue())
-            if (boost::optional<Value> parsed = parsedDefault(property, dynamic))
-                return *parsed;
-    } catch (std::exception const &) {
-        // A default that does not parse is no default.
-    }
-    return Value::createEmptyValue(property);
-}
-
-std::size_t alignUp(std::size_t offset, std::size_t alignment) { return (offset + alignment - 1) / alignment * alignment; }
-
-} // namespace
 
 ClassLayout::ClassLayout(meta::Class const &start) : cls(start) {
     std::uint64_t highestIndex = 0;

@@ -7,11 +7,18 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <boost/optional/optional.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 namespace kivra::reflection::detail {
+
+/// The value a property's default text names, read by the property's type; none when the
+/// property has no default or it names nothing the type holds. `dynamic` is set for a
+/// default drawn anew for each use (a random UUID). Raises what the reading raises.
+boost::optional<Value> readDefaultValue(meta::Property const &property, bool &dynamic);
 
 /// What a slot holds: a plain `Value`, one element handle, an owned element collection,
 /// an owned collection of other values, an owned map of texts (the three made on first

@@ -1,6 +1,7 @@
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
 
 #include "reflection/ClassLayout.hpp"
+#include "reflection/ReflectiveDataTypeCollections.hpp"
 #include "reflection/ReflectiveEnumCollections.hpp"
 
 #include <kivra/AbstractPrimitiveCollection.hpp>
@@ -11,6 +12,7 @@
 #include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/DataType.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
@@ -268,6 +270,9 @@ ReflectiveModelElementImpl::instantiatePrimitiveCollection(meta::Property const 
     // An enumeration described at run time has no collection of its own.
     if (internal::isEnumType(property->getType()))
         return detail::makeEnumCollection(owner.get(), property);
+    // Nor has a data type without generated code: its entries are records.
+    if (dynamic_cast<meta::DataType::Impl const *>(property->getType().get()))
+        return detail::makeDataTypeCollection(owner.get(), property);
     raise<messages::CannotInstantiateCollection>(qualifiedNameOf(property->getType()));
 }
 

@@ -13,6 +13,10 @@
 #include <kivra/StringToStringMap.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Transaction.hpp>
+#include <kivra/meta/DataType.hpp>
+#include <kivra/reflection/ReflectiveDataType.hpp>
+
+#include <boost/optional/optional.hpp>
 
 #include <gtest/gtest.h>
 
@@ -305,7 +309,7 @@ public:
         static char16_t const *const collections[] = {u"books", u"coauthors", u"coauthored", u"catalogue",
                                                       u"chapters", u"recommended"};
         try {
-            switch (random_() % 8) {
+            switch (random_() % 9) {
             case 0: create(); break;
             case 1: if (prop(a, u"title")) set(a, u"title", text(std::u16string(1, char16_t(u'a' + random_() % 5)))); break;
             case 2: if (prop(a, u"pages")) set(a, u"pages", Value(std::int32_t(random_() % 5))); break;
@@ -327,6 +331,16 @@ public:
                 }
                 break;
             }
+            case 7:
+                if (prop(a, u"edition")) {
+                    // Either form of the data type: the generated one where it has one.
+                    reflection::ReflectiveDataType record = get(a, u"edition").toReflectiveDataType();
+                    record.setPropertyValue(record.getMetaType()->getPropertyByName(u"number"),
+                                            Value(std::int32_t(random_() % 3)));
+                    boost::optional<Value> const generated = record.toNonReflectiveDataTypeValue();
+                    set(a, u"edition", generated ? *generated : Value::createReflectiveDataTypeValue(std::move(record)));
+                }
+                break;
             default: if (chance(3)) a->destroy(); break;
             }
         } catch (std::exception const &) {

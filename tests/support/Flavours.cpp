@@ -5,6 +5,7 @@
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
+#include <library/LibraryPackage.hpp>
 #include <library/Novel.hpp>
 #include <library/Shelf.hpp>
 
@@ -48,6 +49,9 @@ public:
         meta::Property const catalogue = add(shelf, 5, u"catalogue", book, F::Map);
         add(shelf, 6, u"code", type(u"StdString"), F::Single)->setIsReadOnly(true);
         add(shelf, 9, u"labels", type(u"StringToStringMap"), F::Single);
+        // Beyond the generated classes, whose generator makes no single data type field:
+        // the generated data type, since one of the registry's own model has no records.
+        add(shelf, 12, u"edition", library::LibraryPackage::getInstance().elements().d_Edition, F::Single);
         meta::Property const title = add(book, 1, u"title", type(u"String"), F::Single);
         add(book, 2, u"subtitle", type(u"String"), F::Optional);
         meta::Property const bookShelf = add(book, 3, u"shelf", shelf, F::Single);

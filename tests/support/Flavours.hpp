@@ -24,7 +24,8 @@ struct Flavour {
 
 /// The generated library.
 Flavour const &generatedLibrary();
-/// The same classes and properties, indices included, described at run time.
+/// The same classes and properties, indices included, described at run time, and a
+/// shelf's `edition` (index 12), which the generated library does not have.
 Flavour const &runtimeLibrary();
 
 inline void PrintTo(Flavour const *flavour, std::ostream *out) { *out << flavour->name; }

@@ -95,6 +95,9 @@ protected:
     /// a default-built object. Raises `CannotCastIncompatibleTypes` for a value of another
     /// type, shape or payload.
     void const *objectOf(Value const &value) const;
+    /// The generated form of a reflective value of the data type (a record read field by
+    /// field). Raises `CannotCastIncompatibleTypes` for a value of another type or shape.
+    Value nativeForm(Value const &value) const;
     /// A single value of the data type that owns `object`.
     Value adopt(void *object) const;
     /// A free-standing collection of `shape` that owns `container`.
@@ -111,14 +114,19 @@ private:
 
 /// The serializer of a data type whose values hold a `T`: subclasses read and write one
 /// field, by comparing the property with the handles of the data type's properties.
-/// `setPropertyValue` changes a copy: a value, once made, never changes.
+/// `setPropertyValue` changes a copy: a value, once made, never changes. Values that hold
+/// a record of the data type instead of the object are read and written in the object's form.
 template <class T> class DatatypeSerializerOf : public NativeDatatypeSerializer {
 public:
     Value getPropertyValue(Value const &value, Property const &property) const final {
+        if (value.isReflective()) [[unlikely]]
+            return getPropertyValue(nativeForm(value), property);
         T const *object = static_cast<T const *>(objectOf(value));
         return object ? doGetPropertyValue(*object, property) : doGetPropertyValue(T(), property);
     }
     Value setPropertyValue(Value const &value, Property const &property, Value const &newValue) const final {
+        if (value.isReflective()) [[unlikely]]
+            return setPropertyValue(nativeForm(value), property, newValue);
         T const *object = static_cast<T const *>(objectOf(value));
         auto copy = object ? std::make_unique<T>(*object) : std::make_unique<T>();
         doSetPropertyValue(*copy, property, newValue);
@@ -149,6 +157,8 @@ public:
     Value toValue(T object) const { return adopt(new T(std::move(object))); }
     /// The object a value of the data type holds; a default-built one when it holds none.
     T fromValue(Value const &value) const {
+        if (value.isReflective()) [[unlikely]]
+            return fromValue(nativeForm(value));
         T const *object = static_cast<T const *>(objectOf(value));
         return object ? *object : T();
     }
