@@ -1,5 +1,7 @@
 #include <kivra/UnorderedElementSet.hpp>
 
+#include "core/UuidHash.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -16,19 +18,6 @@ namespace kivra {
 
 namespace detail {
 
-namespace {
-// Boost's 64-bit `hash_combine`, written out so that the hash does not change with Boost.
-constexpr std::uint64_t combine(std::uint64_t seed, std::uint64_t value) noexcept {
-    constexpr std::uint64_t m = 0xc6a4a7935bd1e995ull;
-    value *= m;
-    value ^= value >> 47;
-    value *= m;
-    seed ^= value;
-    seed *= m;
-    return seed + 0xe6546b64;
-}
-} // namespace
-
 /// A proxy's key: the kind of identifier hashed as bytes, the identifier as a range of
 /// code units; the model URI plays no part.
 struct ProxyIdHasher {
@@ -37,8 +26,8 @@ struct ProxyIdHasher {
         std::uint64_t const a = services::hashers::fnv1a(kind.data(), kind.size() * sizeof(char16_t));
         std::uint64_t b = 0;
         for (char16_t unit : id.getIdentifier())
-            b = combine(b, unit);
-        return std::size_t(combine(a, b));
+            b = hashCombine(b, unit);
+        return std::size_t(hashCombine(a, b));
     }
 };
 

@@ -22,4 +22,16 @@ inline std::size_t uuidHash(boost::uuids::uuid const &uuid) noexcept {
     return static_cast<std::size_t>(hash);
 }
 
+/// Boost's 64-bit `hash_combine`, written out so that hashes the library gives do not
+/// change with Boost: `value` mixed into `seed`.
+constexpr std::uint64_t hashCombine(std::uint64_t seed, std::uint64_t value) noexcept {
+    constexpr std::uint64_t m = 0xc6a4a7935bd1e995ull;
+    value *= m;
+    value ^= value >> 47;
+    value *= m;
+    seed ^= value;
+    seed *= m;
+    return seed + 0xe6546b64;
+}
+
 } // namespace kivra::detail

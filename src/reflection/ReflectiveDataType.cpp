@@ -1,5 +1,6 @@
 #include <kivra/reflection/ReflectiveDataType.hpp>
 
+#include "core/UuidHash.hpp"
 #include "reflection/ClassLayout.hpp"
 
 #include <kivra/Messages.hpp>
@@ -29,15 +30,7 @@ bool isDataType(meta::Type const &type) { return dynamic_cast<meta::DataType::Im
 bool isCompared(meta::Property const &property) { return property->getType() && !property->getIsDerived(); }
 
 // One step of the 64-bit hash_combine: `value` mixed into `hash`.
-void combine(std::uint64_t &hash, std::uint64_t value) {
-    constexpr std::uint64_t m = 0xc6a4a7935bd1e995ull;
-    value *= m;
-    value ^= value >> 47;
-    value *= m;
-    hash ^= value;
-    hash *= m;
-    hash += 0xe6546b64;
-}
+void combine(std::uint64_t &hash, std::uint64_t value) { hash = kivra::detail::hashCombine(hash, value); }
 
 std::uint64_t hashUuid(boost::uuids::uuid const &uuid) {
     std::uint64_t s = 0;
