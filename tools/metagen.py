@@ -1123,6 +1123,7 @@ public:
     void setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) override;
 """)
     out.append(f"    {META}::Property getPropertyByIndex(std::uint64_t index) const override;\n")
+    out.append(f"    {META}::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;\n")
     if own_storage(mm, cls):
         out.append("\n    class Storage;\n")
     else:
@@ -1550,6 +1551,7 @@ def write_by_index(mm, cls, base):
     own = [p for p in cls.props if p.index]
     first = mm.first_index(cls)
     cases = "".join(f"    case {p.index}:\n        return {p.name}Property();\n" for p in own)
+    raw_cases = "".join(f"    case {p.index}:\n        return {p.name}Property().get();\n" for p in own)
     return f"""
 {META}::Property {cls.name}::Impl::getPropertyByIndex(std::uint64_t index) const {{
     if (index < {first})
@@ -1557,6 +1559,15 @@ def write_by_index(mm, cls, base):
     switch (index) {{
 {cases}    default:
         return {{}};
+    }}
+}}
+
+{META}::Property::Impl *{cls.name}::Impl::propertyImplByIndex(std::uint64_t index) const {{
+    if (index < {first})
+        return {base}::propertyImplByIndex(index);
+    switch (index) {{
+{raw_cases}    default:
+        return nullptr;
     }}
 }}
 """

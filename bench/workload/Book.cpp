@@ -210,6 +210,23 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     }
 }
 
+::kivra::meta::Property::Impl *Book::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return titleProperty().get();
+    case 2:
+        return pagesProperty().get();
+    case 3:
+        return categoryProperty().get();
+    case 4:
+        return authorsProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Book::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -208,6 +208,21 @@ void Library::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
     }
 }
 
+::kivra::meta::Property::Impl *Library::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return nameProperty().get();
+    case 2:
+        return booksProperty().get();
+    case 3:
+        return writersProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Library::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -172,6 +172,19 @@ void Writer::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
     }
 }
 
+::kivra::meta::Property::Impl *Writer::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return nameProperty().get();
+    case 2:
+        return booksProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Writer::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -165,6 +165,21 @@ void Note::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     }
 }
 
+::kivra::meta::Property::Impl *Note::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return textProperty().get();
+    case 2:
+        return notebookProperty().get();
+    case 3:
+        return starsProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Note::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -158,6 +158,19 @@ void Notebook::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     }
 }
 
+::kivra::meta::Property::Impl *Notebook::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return titleProperty().get();
+    case 2:
+        return pinnedProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Notebook::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -105,6 +105,9 @@ public:
     virtual void setPropertyValue(meta::Property const &property, Value const &value, ReflectionPrivateTag const &tag);
     /// The property with that change-tracking index along the class chain; empty when none.
     virtual meta::Property getPropertyByIndex(std::uint64_t index) const;
+    /// The same, raw: the class keeps the property, and no count is taken, so that readers
+    /// on several threads do not meet on the property's count.
+    virtual meta::Property::Impl *propertyImplByIndex(std::uint64_t index) const;
     /// The element's identifying text, for classes that have one; empty otherwise.
     virtual basalt::ustring identifier() const;
     /// True for elements driven by the metamodel alone.

@@ -151,13 +151,12 @@ meta::Property::Impl *ModelElement::Impl::containmentFeatureImpl() const noexcep
         std::lock_guard const lock(wide.mutex);
         return wide.properties.at(this);
     }
-    // The class of the container keeps its properties: the pointer outlives the handle.
-    return container_->getPropertyByIndex(containment_).get();
+    return container_->propertyImplByIndex(containment_);
 }
 
 void ModelElement::Impl::setContainment(Impl *container, meta::Property::Impl *property) {
     std::int32_t const index = property->getPropertyIndex();
-    bool const fits = index > 0 && index < wideContainment && container->getPropertyByIndex(std::uint64_t(index)).get() == property;
+    bool const fits = index > 0 && index < wideContainment && container->propertyImplByIndex(std::uint64_t(index)) == property;
     if (fits) [[likely]] {
         if (containment_ == wideContainment)
             clearContainment();
@@ -212,6 +211,11 @@ void ModelElement::Impl::setPropertyValue(meta::Property const &property, Value 
 }
 
 meta::Property ModelElement::Impl::getPropertyByIndex(std::uint64_t) const { return {}; }
+
+meta::Property::Impl *ModelElement::Impl::propertyImplByIndex(std::uint64_t index) const {
+    // A class without a raw lookup of its own: the handle's property outlives the handle.
+    return getPropertyByIndex(index).get();
+}
 
 basalt::ustring ModelElement::Impl::identifier() const { return {}; }
 

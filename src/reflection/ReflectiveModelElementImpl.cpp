@@ -330,6 +330,10 @@ meta::Property ReflectiveModelElementImpl::getPropertyByIndex(std::uint64_t inde
     return index < layout_->byIndex.size() ? layout_->byIndex[index] : meta::Property();
 }
 
+meta::Property::Impl *ReflectiveModelElementImpl::propertyImplByIndex(std::uint64_t index) const {
+    return index < layout_->byIndex.size() ? layout_->byIndex[index].get() : nullptr;
+}
+
 Value ReflectiveModelElementImpl::unwrapKey(Value const &value) {
     if (!isElementValue(value))
         return value;

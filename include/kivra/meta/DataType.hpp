@@ -28,6 +28,7 @@ public:
     class BuilderImpl;
     template <class B> class BuilderBase;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
+    ::kivra::meta::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;
 
     using Storage = StructuredType::Impl::Storage;
     ::kivra::ModelElement::Impl::Changes *createChanges() const override;

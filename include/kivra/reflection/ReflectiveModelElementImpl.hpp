@@ -57,6 +57,7 @@ public:
     /// `UniquenessConstraint` for a key that a map holding this element has taken.
     void setPropertyValue(meta::Property const &property, Value const &value, ReflectionPrivateTag const &tag) override;
     meta::Property getPropertyByIndex(std::uint64_t index) const override;
+    meta::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;
 
     void inverseAdd(ModelElement const &other, meta::Property const &property) override;
     void inverseRemove(ModelElement const &other, meta::Property const &property) override;

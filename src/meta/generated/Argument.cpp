@@ -150,6 +150,19 @@ void Argument::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     }
 }
 
+::kivra::meta::Property::Impl *Argument::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 7)
+        return TypedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 7:
+        return operationProperty().get();
+    case 8:
+        return isInputProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Argument::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

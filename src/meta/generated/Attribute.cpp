@@ -127,6 +127,19 @@ void Attribute::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     }
 }
 
+::kivra::meta::Property::Impl *Attribute::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return keyProperty().get();
+    case 2:
+        return ownerProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Attribute::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -143,6 +143,17 @@ void AttributeMap::Impl::setPropertyValue(::kivra::meta::Property const &propert
     }
 }
 
+::kivra::meta::Property::Impl *AttributeMap::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return attributesProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *AttributeMap::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

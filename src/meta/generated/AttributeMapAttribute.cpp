@@ -135,6 +135,17 @@ void AttributeMapAttribute::Impl::setPropertyValue(::kivra::meta::Property const
     }
 }
 
+::kivra::meta::Property::Impl *AttributeMapAttribute::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 3)
+        return Attribute::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 3:
+        return valueProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *AttributeMapAttribute::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -210,6 +210,21 @@ void Class::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     }
 }
 
+::kivra::meta::Property::Impl *Class::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 10)
+        return StructuredType::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 10:
+        return superclassProperty().get();
+    case 11:
+        return extensionsProperty().get();
+    case 12:
+        return isAbstractProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Class::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

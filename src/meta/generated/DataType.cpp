@@ -70,6 +70,15 @@ DataType DataType::Builder::createDataType(bool noCascade, boost::uuids::uuid co
     }
 }
 
+::kivra::meta::Property::Impl *DataType::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 10)
+        return StructuredType::Impl::propertyImplByIndex(index);
+    switch (index) {
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *DataType::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -112,6 +112,17 @@ void DateTimeAttribute::Impl::setPropertyValue(::kivra::meta::Property const &pr
     }
 }
 
+::kivra::meta::Property::Impl *DateTimeAttribute::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 3)
+        return Attribute::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 3:
+        return valueProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *DateTimeAttribute::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -217,6 +217,21 @@ void DynamicExtensions::Impl::setPropertyValue(::kivra::meta::Property const &pr
     }
 }
 
+::kivra::meta::Property::Impl *DynamicExtensions::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return modelIDProperty().get();
+    case 2:
+        return extensionsProperty().get();
+    case 3:
+        return owningClassProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *DynamicExtensions::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -151,6 +151,19 @@ void Endpoint::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     }
 }
 
+::kivra::meta::Property::Impl *Endpoint::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 8)
+        return Parameterized::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 8:
+        return owningPackageProperty().get();
+    case 9:
+        return millisecondTimeoutProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Endpoint::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -191,6 +191,19 @@ void Enum::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     }
 }
 
+::kivra::meta::Property::Impl *Enum::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 5)
+        return Type::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 5:
+        return literalsProperty().get();
+    case 6:
+        return underlyingTypeProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Enum::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

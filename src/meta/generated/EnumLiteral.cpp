@@ -169,6 +169,21 @@ void EnumLiteral::Impl::setPropertyValue(::kivra::meta::Property const &property
     }
 }
 
+::kivra::meta::Property::Impl *EnumLiteral::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 2)
+        return NamedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 2:
+        return valueProperty().get();
+    case 3:
+        return parentEnumProperty().get();
+    case 4:
+        return publicIdentifierProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *EnumLiteral::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

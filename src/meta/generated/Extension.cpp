@@ -131,6 +131,17 @@ void Extension::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     }
 }
 
+::kivra::meta::Property::Impl *Extension::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 27)
+        return Property::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 27:
+        return ownerProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Extension::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

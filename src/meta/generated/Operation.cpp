@@ -211,6 +211,25 @@ void Operation::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     }
 }
 
+::kivra::meta::Property::Impl *Operation::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 8)
+        return Parameterized::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 8:
+        return owningTypeProperty().get();
+    case 9:
+        return isAbstractProperty().get();
+    case 10:
+        return isStaticProperty().get();
+    case 11:
+        return isPublicProperty().get();
+    case 12:
+        return isEventProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Operation::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -378,6 +378,31 @@ void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
     }
 }
 
+::kivra::meta::Property::Impl *Package::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 2)
+        return NamedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 2:
+        return ownedTypesProperty().get();
+    case 3:
+        return nestedPackagesProperty().get();
+    case 4:
+        return ownedEndpointsProperty().get();
+    case 5:
+        return uriProperty().get();
+    case 6:
+        return parentPackageProperty().get();
+    case 7:
+        return importedPackagesProperty().get();
+    case 8:
+        return defaultVantorCategoryProperty().get();
+    case 9:
+        return cachedQualifiedNameProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Package::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -110,6 +110,17 @@ void Parameterized::Impl::setPropertyValue(::kivra::meta::Property const &proper
     }
 }
 
+::kivra::meta::Property::Impl *Parameterized::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 7)
+        return TypedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 7:
+        return argumentsProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Parameterized::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -69,6 +69,15 @@ PrimitiveType PrimitiveType::Builder::createPrimitiveType(bool noCascade, boost:
     }
 }
 
+::kivra::meta::Property::Impl *PrimitiveType::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 5)
+        return Type::Impl::propertyImplByIndex(index);
+    switch (index) {
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *PrimitiveType::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -539,6 +539,55 @@ void Property::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     }
 }
 
+::kivra::meta::Property::Impl *Property::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 7)
+        return TypedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 7:
+        return isDerivedProperty().get();
+    case 8:
+        return isCompositeProperty().get();
+    case 9:
+        return isReadOnlyProperty().get();
+    case 10:
+        return isUniqueProperty().get();
+    case 11:
+        return qualifiedByProperty().get();
+    case 12:
+        return customQualificationProperty().get();
+    case 13:
+        return isQualificationUniqueProperty().get();
+    case 14:
+        return oppositeProperty().get();
+    case 15:
+        return propertyIndexProperty().get();
+    case 16:
+        return isPublicAccessorProperty().get();
+    case 17:
+        return isPublicMutatorProperty().get();
+    case 18:
+        return isTransientProperty().get();
+    case 19:
+        return isSparseProperty().get();
+    case 20:
+        return owningTypeProperty().get();
+    case 21:
+        return vantorDispCategoryProperty().get();
+    case 22:
+        return vantorDispSkipEmptyProperty().get();
+    case 23:
+        return isSetOnceProperty().get();
+    case 24:
+        return isVantorHiddenProperty().get();
+    case 25:
+        return defaultValueProperty().get();
+    case 26:
+        return isQueryIndexProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Property::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

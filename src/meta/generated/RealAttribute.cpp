@@ -112,6 +112,17 @@ void RealAttribute::Impl::setPropertyValue(::kivra::meta::Property const &proper
     }
 }
 
+::kivra::meta::Property::Impl *RealAttribute::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 3)
+        return Attribute::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 3:
+        return valueProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *RealAttribute::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

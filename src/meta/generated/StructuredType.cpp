@@ -280,6 +280,25 @@ void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &prope
     }
 }
 
+::kivra::meta::Property::Impl *StructuredType::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 5)
+        return Type::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 5:
+        return vantorNameProperty().get();
+    case 6:
+        return ownedAttributesProperty().get();
+    case 7:
+        return ownedOperationsProperty().get();
+    case 8:
+        return vantorCompactDisplayProperty().get();
+    case 9:
+        return vantorDispCategoriesProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *StructuredType::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -169,6 +169,21 @@ void Type::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     }
 }
 
+::kivra::meta::Property::Impl *Type::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 2)
+        return NamedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 2:
+        return isVantorHiddenProperty().get();
+    case 3:
+        return owningPackageProperty().get();
+    case 4:
+        return cachedQualifiedNameProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Type::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

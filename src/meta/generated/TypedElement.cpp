@@ -217,6 +217,25 @@ void TypedElement::Impl::setPropertyValue(::kivra::meta::Property const &propert
     }
 }
 
+::kivra::meta::Property::Impl *TypedElement::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 2)
+        return NamedElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 2:
+        return typeProperty().get();
+    case 3:
+        return lowerProperty().get();
+    case 4:
+        return upperProperty().get();
+    case 5:
+        return isOrderedProperty().get();
+    case 6:
+        return isHashedProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *TypedElement::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -112,6 +112,17 @@ void UUIDAttribute::Impl::setPropertyValue(::kivra::meta::Property const &proper
     }
 }
 
+::kivra::meta::Property::Impl *UUIDAttribute::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 3)
+        return Attribute::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 3:
+        return valueProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *UUIDAttribute::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

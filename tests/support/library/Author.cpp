@@ -416,6 +416,31 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
     }
 }
 
+::kivra::meta::Property::Impl *Author::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return nameProperty().get();
+    case 2:
+        return favouriteProperty().get();
+    case 3:
+        return booksProperty().get();
+    case 4:
+        return coauthoredProperty().get();
+    case 5:
+        return draftsProperty().get();
+    case 6:
+        return pseudonymsProperty().get();
+    case 7:
+        return ratingsProperty().get();
+    case 8:
+        return visitsProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Author::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -597,6 +597,45 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     }
 }
 
+::kivra::meta::Property::Impl *Book::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return titleProperty().get();
+    case 2:
+        return subtitleProperty().get();
+    case 3:
+        return shelfProperty().get();
+    case 4:
+        return authorProperty().get();
+    case 5:
+        return pagesProperty().get();
+    case 6:
+        return sequelProperty().get();
+    case 7:
+        return writerProperty().get();
+    case 8:
+        return isbnProperty().get();
+    case 9:
+        return appendixProperty().get();
+    case 10:
+        return appendixOfProperty().get();
+    case 11:
+        return chaptersProperty().get();
+    case 12:
+        return chapterOfProperty().get();
+    case 13:
+        return coauthorsProperty().get();
+    case 14:
+        return cataloguedProperty().get();
+    case 15:
+        return tagsProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Book::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

@@ -111,6 +111,17 @@ void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     }
 }
 
+::kivra::meta::Property::Impl *Novel::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 16)
+        return Book::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 16:
+        return genreProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Novel::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }

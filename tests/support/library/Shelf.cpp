@@ -467,6 +467,37 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     }
 }
 
+::kivra::meta::Property::Impl *Shelf::Impl::propertyImplByIndex(std::uint64_t index) const {
+    if (index < 1)
+        return ::kivra::ModelElement::Impl::propertyImplByIndex(index);
+    switch (index) {
+    case 1:
+        return labelProperty().get();
+    case 2:
+        return featuredProperty().get();
+    case 3:
+        return booksProperty().get();
+    case 4:
+        return recommendedProperty().get();
+    case 5:
+        return catalogueProperty().get();
+    case 6:
+        return codeProperty().get();
+    case 7:
+        return codesProperty().get();
+    case 8:
+        return sourcesProperty().get();
+    case 9:
+        return labelsProperty().get();
+    case 10:
+        return stampProperty().get();
+    case 11:
+        return openedProperty().get();
+    default:
+        return nullptr;
+    }
+}
+
 ::kivra::ModelElement::Impl::Changes *Shelf::Impl::createChanges() const {
     return new ::kivra::ModelElement::Impl::Changes(getUuid(), getModelImpl(), getMetaClass(), propertyCount);
 }
