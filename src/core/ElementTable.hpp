@@ -33,8 +33,8 @@ namespace kivra::detail {
 ///
 /// An element whose UUID was just drawn at random, and so is no other's, can wait in a
 /// backlog for its slot: a transaction that makes many elements then enters them all at
-/// once, in the order of their home chunks, and fills the table a region at a time instead
-/// of waiting on a cache miss per element. The model settles the backlog when its
+/// once, each asking for its chunk a few entries ahead, instead of waiting on a cache miss
+/// per element. The model settles the backlog when its
 /// transaction ends and when it freezes; any read settles what still waits first, under a
 /// lock, so that readers of a frozen model (or of a constellation's other member, through
 /// a proxy) on several threads settle it once and then only read.
@@ -180,12 +180,8 @@ public:
     /// Calls `f` with every element, in slot order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
         settleWaiting();
-        if (size_ != 0)
-            forEachPlaced(f);
-    }
-
-private:
-    template <class F> void forEachPlaced(F &f) const {
+        if (size_ == 0)
+            return;
         for (std::size_t c = 0; c <= mask_; ++c) {
             if (c + 1 <= mask_)
                 for (int i = 0; i < slotsPerChunk; ++i)
@@ -198,6 +194,7 @@ private:
         }
     }
 
+private:
     static constexpr int slotsPerChunk = 7;
     struct Waiting {
         Element *element;
