@@ -43,8 +43,8 @@ struct Owner {
     Model model = Model::create(kivra::ModelConstellation());
     Book book = Book::create(model);
     template <class C, class... A> std::unique_ptr<C> make(A... arguments) {
-        return std::make_unique<C>(kivra::ModelElement::Impl::_privateTag(), book.get(),
-                                   Book::Impl::pagesProperty().get(), arguments...);
+        return std::unique_ptr<C>(new (book.get()) C(kivra::ModelElement::Impl::_privateTag(), book.get(),
+                                                     Book::Impl::pagesProperty().get(), arguments...));
     }
 };
 

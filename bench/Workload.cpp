@@ -97,6 +97,52 @@ void line(char const *step, std::size_t n, double ms, char const *unit, double p
     std::exit(1);
 }
 
+// W1 create: one transaction, three attributes set on each book, books and writers held by
+// the library.
+[[gnu::noinline]] Library createLibrary(kivra::Model const &model, std::size_t n, std::vector<Book> &books,
+                                        std::size_t writerCount, std::vector<Writer> &writers) {
+    kivra::Transaction transaction = model->beginTransaction(false);
+    Library library = Library::create(model);
+    library->setName(u"Library");
+    auto &libraryBooks = library->getBooksMutable();
+    for (std::size_t i = 0; i < n; ++i) {
+        Book book = Book::create(model);
+        book->setTitle(numbered(u"Book ", i));
+        book->setPages(std::int32_t(i % 1000));
+        book->setCategory(Category(i % 3));
+        libraryBooks.push_back(book);
+        books.push_back(std::move(book));
+    }
+    auto &libraryWriters = library->getWritersMutable();
+    for (std::size_t j = 0; j < writerCount; ++j) {
+        Writer writer = Writer::create(model);
+        writer->setName(numbered(u"Writer ", j));
+        libraryWriters.push_back(writer);
+        writers.push_back(std::move(writer));
+    }
+    transaction.commit();
+    return library;
+}
+
+// W2 link: two authors per book, both ends kept. A function of its own so that a profiler
+// can be told to look at this step alone.
+[[gnu::noinline]] void linkBooks(kivra::Model const &model, std::vector<Book> const &books,
+                                 std::vector<Writer> const &writers) {
+    std::size_t const writerCount = writers.size();
+    kivra::Transaction transaction = model->beginTransaction(false);
+    for (std::size_t i = 0; i < books.size(); ++i) {
+        auto &authors = books[i]->getAuthorsMutable();
+        authors.push_back(writers[i % writerCount]);
+        authors.push_back(writers[(i * 7 + 3) % writerCount]);
+    }
+    transaction.commit();
+}
+
+[[gnu::noinline]] void destroyModel(kivra::Model &model) {
+    model->destroy();
+    model.reset();
+}
+
 void run(std::size_t n) {
     std::size_t const writerCount = n / 10;
     std::size_t const elementCount = 1 + n + writerCount;
@@ -107,33 +153,9 @@ void run(std::size_t n) {
     writers.reserve(writerCount);
     std::size_t const heapBefore = heapInUse();
 
-    // W1 create: one transaction, three attributes set on each book, books and writers
-    // held by the library.
     auto start = Clock::now();
     kivra::Model model = kivra::Model::createTransientModel();
-    Library library;
-    {
-        kivra::Transaction transaction = model->beginTransaction(false);
-        library = Library::create(model);
-        library->setName(u"Library");
-        auto &libraryBooks = library->getBooksMutable();
-        for (std::size_t i = 0; i < n; ++i) {
-            Book book = Book::create(model);
-            book->setTitle(numbered(u"Book ", i));
-            book->setPages(std::int32_t(i % 1000));
-            book->setCategory(Category(i % 3));
-            libraryBooks.push_back(book);
-            books.push_back(std::move(book));
-        }
-        auto &libraryWriters = library->getWritersMutable();
-        for (std::size_t j = 0; j < writerCount; ++j) {
-            Writer writer = Writer::create(model);
-            writer->setName(numbered(u"Writer ", j));
-            libraryWriters.push_back(writer);
-            writers.push_back(std::move(writer));
-        }
-        transaction.commit();
-    }
+    Library library = createLibrary(model, n, books, writerCount, writers);
     double ms = millisecondsSince(start);
     char extra[96];
     std::snprintf(extra, sizeof extra, ", \"bytes/element\":%.1f",
@@ -142,17 +164,8 @@ void run(std::size_t n) {
     if (model->elementCount() != elementCount || model->getTopLevelElements().size() != 1)
         fail("element count after creation");
 
-    // W2 link: two authors per book, both ends kept.
     start = Clock::now();
-    {
-        kivra::Transaction transaction = model->beginTransaction(false);
-        for (std::size_t i = 0; i < n; ++i) {
-            auto &authors = books[i]->getAuthorsMutable();
-            authors.push_back(writers[i % writerCount]);
-            authors.push_back(writers[(i * 7 + 3) % writerCount]);
-        }
-        transaction.commit();
-    }
+    linkBooks(model, books, writers);
     ms = millisecondsSince(start);
     std::size_t links = 0;
     for (Writer const &writer : writers)
@@ -269,8 +282,7 @@ void run(std::size_t n) {
     writers.clear();
     library.reset();
     start = Clock::now();
-    model->destroy();
-    model.reset();
+    destroyModel(model);
     ms = millisecondsSince(start);
     line("destroy model", n, ms, "ns/element", ms * 1e6 / double(elementCount - deleted));
 }

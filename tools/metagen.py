@@ -639,7 +639,7 @@ void {cls.name}::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage
             view = f"{p.name}_->toValue()" if k == "stringmap" else f"::kivra::Value(*{p.name}_, property)"
             old.append(f"""    if ({guard}) {{
         if (!{p.name}_)
-            {p.name}_.reset(new {values_type(mm, p)}({values_args(mm, p, False)}));
+            {p.name}_.reset(new (nullptr) {values_type(mm, p)}({values_args(mm, p, False)}));
         return {view};
     }}
 """)
@@ -1378,7 +1378,7 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
     if (!{p.name}_) [[unlikely]] {{
         auto *self = const_cast<Impl *>(this);
-        {p.name}_.reset(new {ctype}({args}{p.name}Property().get(), ::kivra::detail::oppositeOf({p.name}Property())));
+        {p.name}_.reset(new (self) {ctype}({args}{p.name}Property().get(), ::kivra::detail::oppositeOf({p.name}Property())));
         self->_loadCollectionContents(*{p.name}_);
     }}
     return *{p.name}_;
@@ -1400,7 +1400,7 @@ bool {cls.name}::Impl::has{p.cap}() const noexcept {{ return {p.name}_ && !{p.na
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
     if (!{p.name}_) [[unlikely]] {{
         auto *self = const_cast<Impl *>(this);
-        {p.name}_.reset(new {ctype}({values_args(mm, p, True)}));
+        {p.name}_.reset(new (self) {ctype}({values_args(mm, p, True)}));
     }}
     return *{p.name}_;
 }}

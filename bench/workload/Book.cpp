@@ -84,7 +84,7 @@ void Book::Impl::setCategory(Category value) { ::kivra::detail::setMember(*this,
 ::kivra::ElementSequence<Writer> &Book::Impl::ensureAuthors() const {
     if (!authors_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        authors_.reset(new ::kivra::ElementSequence<Writer>(_privateTag(), self, true, authorsProperty().get(), ::kivra::detail::oppositeOf(authorsProperty())));
+        authors_.reset(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, true, authorsProperty().get(), ::kivra::detail::oppositeOf(authorsProperty())));
         self->_loadCollectionContents(*authors_);
     }
     return *authors_;

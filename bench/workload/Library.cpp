@@ -69,7 +69,7 @@ void Library::Impl::setName(basalt::ustring const &value) { ::kivra::detail::set
 ::kivra::ElementSequence<Book> &Library::Impl::ensureBooks() const {
     if (!books_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, false, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, false, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
         self->_loadCollectionContents(*books_);
     }
     return *books_;
@@ -86,7 +86,7 @@ void Library::Impl::setName(basalt::ustring const &value) { ::kivra::detail::set
 ::kivra::ElementSequence<Writer> &Library::Impl::ensureWriters() const {
     if (!writers_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        writers_.reset(new ::kivra::ElementSequence<Writer>(_privateTag(), self, false, writersProperty().get(), ::kivra::detail::oppositeOf(writersProperty())));
+        writers_.reset(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, false, writersProperty().get(), ::kivra::detail::oppositeOf(writersProperty())));
         self->_loadCollectionContents(*writers_);
     }
     return *writers_;

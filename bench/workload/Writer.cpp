@@ -70,7 +70,7 @@ void Writer::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setM
 ::kivra::UnorderedElementSet<Book> &Writer::Impl::ensureBooks() const {
     if (!books_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        books_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        books_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
         self->_loadCollectionContents(*books_);
     }
     return *books_;

@@ -9,7 +9,9 @@
 
 #include <boost/core/noncopyable.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <new>
 
 namespace kivra {
 
@@ -31,6 +33,15 @@ public:
     class Operation;
 
     virtual ~AbstractOwnedCollection();
+
+    /// A collection made with `new` names its owner there, the same as to its constructor:
+    /// one that belongs to an element lives in the memory of the element's model, beside
+    /// the elements, and a free-standing one (`owner` null) on the heap.
+    static void *operator new(std::size_t size, ModelElement::Impl *owner);
+    static void *operator new(std::size_t size) = delete;
+    static void operator delete(void *block, ModelElement::Impl *owner) noexcept;
+    static void operator delete(AbstractOwnedCollection *collection, std::destroying_delete_t,
+                                std::size_t size) noexcept;
 
     /// The declared type of an entry.
     virtual meta::Type getCollectionType() const = 0;

@@ -338,6 +338,7 @@ private:
     friend class TransactionImpl;
     friend class ModelConstellation::Impl;
     friend class ModelElement::Impl;
+    friend class AbstractOwnedCollection; // its memory comes from the element pool
 
     Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
          WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,

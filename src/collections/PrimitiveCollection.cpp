@@ -290,7 +290,7 @@ template <class V> GenericPrimitiveInterface *PrimitiveSequence<V>::getGenericIn
 }
 
 template <class V> std::unique_ptr<PrimitiveSequence<V>> PrimitiveSequence<V>::cloneFreeStanding() const {
-    auto copy = std::make_unique<PrimitiveSequence>(unique);
+    std::unique_ptr<PrimitiveSequence> copy(new (nullptr) PrimitiveSequence(unique));
     copy->container = this->container;
     return copy;
 }
@@ -341,13 +341,13 @@ template <class V, class C> void PrimitiveSetBase<V, C>::genericRemove(Value con
 }
 
 template <class V> std::unique_ptr<PrimitiveSet<V>> PrimitiveSet<V>::cloneFreeStanding() const {
-    auto copy = std::make_unique<PrimitiveSet>();
+    std::unique_ptr<PrimitiveSet> copy(new (nullptr) PrimitiveSet());
     copy->container = this->container;
     return copy;
 }
 
 template <class V> std::unique_ptr<UnorderedPrimitiveSet<V>> UnorderedPrimitiveSet<V>::cloneFreeStanding() const {
-    auto copy = std::make_unique<UnorderedPrimitiveSet>();
+    std::unique_ptr<UnorderedPrimitiveSet> copy(new (nullptr) UnorderedPrimitiveSet());
     copy->container = this->container;
     return copy;
 }
@@ -432,7 +432,7 @@ meta::Type PrimitiveAssociativeContainer<K, V, C>::Associative::genericKeyType()
 }
 
 template <class K, class V> std::unique_ptr<PrimitiveMap<K, V>> PrimitiveMap<K, V>::cloneFreeStanding() const {
-    auto copy = std::make_unique<PrimitiveMap>(this->keyFunction);
+    std::unique_ptr<PrimitiveMap> copy(new (nullptr) PrimitiveMap(this->keyFunction));
     copy->container = this->container;
     return copy;
 }

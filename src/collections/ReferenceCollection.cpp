@@ -11,6 +11,10 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include "core/ElementPool.hpp"
+
+#include <mutex>
+
 namespace kivra {
 
 // --- AbstractOwnedCollection -------------------------------------------------------------
@@ -19,6 +23,49 @@ AbstractOwnedCollection::AbstractOwnedCollection(ModelElement::Impl *owner, meta
     : owner_(owner), property_(meta::Property::fromImpl(property)) {}
 
 AbstractOwnedCollection::~AbstractOwnedCollection() = default;
+
+namespace {
+/// Taken when a collection is made outside any transaction of its model, as readers of a
+/// frozen model do on several threads; inside one, the model's writer is alone.
+std::mutex sharedAllocation;
+} // namespace
+
+// The collection holds its model, as an element does, so that the pool outlasts the block
+// even when the owner has moved to a model that goes before it.
+void *AbstractOwnedCollection::operator new(std::size_t size, ModelElement::Impl *owner) {
+    if (!owner)
+        return ::operator new(size);
+    Model::Impl *const model = owner->getModelImpl();
+    void *block;
+    if (model->currentTransaction()) {
+        block = model->elementPool().allocate(size);
+    } else {
+        std::lock_guard const lock(sharedAllocation);
+        block = model->elementPool().allocate(size);
+    }
+    model->hold();
+    return block;
+}
+
+void AbstractOwnedCollection::operator delete(void *block, ModelElement::Impl *owner) noexcept {
+    if (owner)
+        detail::ElementPool::abandon(block)->releaseHold();
+    else
+        ::operator delete(block);
+}
+
+void AbstractOwnedCollection::operator delete(AbstractOwnedCollection *collection, std::destroying_delete_t,
+                                              std::size_t size) noexcept {
+    // Where the memory came from is read before the object ends: an owner means the pool.
+    // The block starts at the whole object, which need not be where this base lies.
+    bool const pooled = collection->owner_ != nullptr;
+    void *const block = dynamic_cast<void *>(collection);
+    collection->~AbstractOwnedCollection();
+    if (pooled)
+        detail::ElementPool::deallocate(block, size)->releaseHold();
+    else
+        ::operator delete(block);
+}
 
 ModelElement AbstractOwnedCollection::getOwner() const { return ModelElement::fromImpl(owner_); }
 

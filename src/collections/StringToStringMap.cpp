@@ -141,7 +141,7 @@ StringToStringMap &StringToStringMap::fromValue(Value const &value) {
 }
 
 std::unique_ptr<StringToStringMap> StringToStringMap::cloneFreeStanding() const {
-    auto copy = std::make_unique<StringToStringMap>();
+    std::unique_ptr<StringToStringMap> copy(new (nullptr) StringToStringMap());
     copy->container = container;
     return copy;
 }

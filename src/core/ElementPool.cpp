@@ -50,7 +50,7 @@ ElementPool::~ElementPool() {
     }
     for (Slab *run = runs_; run;) {
         Slab *const previous = run->previousRun;
-        unmapHugePages(run, hugePageSize);
+        giveHugePageRun(run);
         run = previous;
     }
 }
@@ -101,7 +101,7 @@ ElementPool::Slab *ElementPool::takeSlab() {
         return slab;
     }
     if (runCursor_ == runEnd_) {
-        auto *const run = static_cast<Slab *>(mapHugePages(hugePageSize));
+        auto *const run = static_cast<Slab *>(takeHugePageRun());
         run->previousRun = runs_;
         runs_ = run;
         runCursor_ = reinterpret_cast<char *>(run);

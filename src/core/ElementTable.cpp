@@ -1,4 +1,7 @@
 #include "core/ElementTable.hpp"
+#include "core/PageMemory.hpp"
+
+#include <cstdlib>
 
 #include <mutex>
 #include <new>
@@ -6,14 +9,39 @@
 
 namespace kivra::detail {
 
+namespace {
+constexpr std::size_t firstPieceLimit = hugePageSize / 2;
+} // namespace
+
 void ElementSet::growBacklog() {
-    std::size_t const capacity = backlogCapacity_ != 0 ? 2 * backlogCapacity_ : 256;
-    // A large block grows by remapping its pages, with no copy.
-    auto *const grown = static_cast<Waiting *>(std::realloc(backlog_, capacity * sizeof(Waiting)));
-    if (grown == nullptr)
-        throw std::bad_alloc();
-    backlog_ = grown;
-    backlogCapacity_ = capacity;
+    if (pieceCapacity_ * sizeof(Waiting) < firstPieceLimit) {
+        std::size_t const capacity = pieceCapacity_ != 0 ? 2 * pieceCapacity_ : 256;
+        auto *const grown = static_cast<Waiting *>(std::realloc(backlog_, capacity * sizeof(Waiting)));
+        if (grown == nullptr)
+            throw std::bad_alloc();
+        backlog_ = grown;
+        pieceCapacity_ = capacity;
+        return;
+    }
+    fullPieces_.reserve(fullPieces_.size() + 1);
+    auto *const run = static_cast<Waiting *>(takeHugePageRun());
+    fullPieces_.push_back(std::exchange(backlog_, run));
+    pieceUsed_ = 0;
+    pieceCapacity_ = hugePageSize / sizeof(Waiting);
+}
+
+void ElementSet::dropBacklog() noexcept {
+    // The first piece is the heap's; every later one is a run.
+    Waiting *const first = fullPieces_.empty() ? backlog_ : fullPieces_.front();
+    for (Waiting *piece : fullPieces_)
+        if (piece != first)
+            giveHugePageRun(piece);
+    if (backlog_ != first)
+        giveHugePageRun(backlog_);
+    std::free(first);
+    std::vector<Waiting *>().swap(fullPieces_);
+    backlog_ = nullptr;
+    pieceUsed_ = pieceCapacity_ = 0;
 }
 
 void ElementSet::settle() noexcept {
@@ -27,15 +55,20 @@ void ElementSet::settle() noexcept {
     // so that the misses overlap instead of coming one after the other. `defer` made room
     // for every entry.
     constexpr std::size_t ahead = 16;
-    for (std::size_t i = 0; i < count; ++i) {
-        if (i + ahead < count)
-            __builtin_prefetch(&chunks_[backlog_[i + ahead].hash & mask_], 1);
-        place(backlog_[i].element, backlog_[i].hash);
-    }
+    auto const enter = [this](Waiting const *piece, std::size_t used) {
+        for (std::size_t i = 0; i < used; ++i) {
+            if (i + ahead < used)
+                __builtin_prefetch(&chunks_[piece[i + ahead].hash & mask_], 1);
+            place(piece[i].element, piece[i].hash);
+        }
+    };
+    std::size_t const firstCapacity = firstPieceLimit / sizeof(Waiting);
+    for (std::size_t p = 0; p < fullPieces_.size(); ++p)
+        enter(fullPieces_[p], p == 0 ? firstCapacity : hugePageSize / sizeof(Waiting));
+    enter(backlog_, pieceUsed_);
     size_ += count;
     // A model keeps no memory for the backlog between transactions.
-    std::free(std::exchange(backlog_, nullptr));
-    backlogCapacity_ = 0;
+    dropBacklog();
     backlogSize_.store(0, std::memory_order_release);
 }
 

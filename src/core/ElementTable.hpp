@@ -46,7 +46,7 @@ public:
     ElementSet &operator=(ElementSet const &) = delete;
     ~ElementSet() {
         release();
-        std::free(backlog_);
+        dropBacklog();
     }
 
     std::size_t size() const noexcept {
@@ -89,9 +89,9 @@ public:
         std::size_t const waiting = backlogSize_.load(std::memory_order_relaxed);
         if ((size_ + waiting + 1) * 7 > capacity() * 6)
             grow();
-        if (waiting == backlogCapacity_)
+        if (pieceUsed_ == pieceCapacity_)
             growBacklog();
-        backlog_[waiting] = {element, uuidHash(element->getUuid())};
+        backlog_[pieceUsed_++] = {element, uuidHash(element->getUuid())};
         backlogSize_.store(waiting + 1, std::memory_order_relaxed);
     }
 
@@ -172,8 +172,8 @@ public:
     void clear() noexcept {
         release();
         chunks_ = nullptr;
-        mask_ = size_ = backlogCapacity_ = 0;
-        std::free(std::exchange(backlog_, nullptr));
+        mask_ = size_ = 0;
+        dropBacklog();
         backlogSize_.store(0, std::memory_order_relaxed);
     }
 
@@ -235,6 +235,7 @@ private:
     std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
 
     void growBacklog();
+    void dropBacklog() noexcept;
     /// A read's first step: a backlog left waiting is settled, once, whichever thread asks.
     void settleWaiting() const noexcept {
         if (backlogSize_.load(std::memory_order_acquire) != 0) [[unlikely]]
@@ -297,11 +298,16 @@ private:
     std::size_t mask_ = 0;
     /// Elements in slots; those of the backlog are not counted.
     std::size_t size_ = 0;
+    /// The backlog's piece being filled. The first piece comes from the heap and doubles up
+    /// to half a huge page; beyond, full pieces stand in `fullPieces_` and each further one
+    /// is a run of one huge page, which a model made after another takes back warm.
     Waiting *backlog_ = nullptr;
+    std::size_t pieceUsed_ = 0;
+    std::size_t pieceCapacity_ = 0;
+    std::vector<Waiting *> fullPieces_;
     /// Written by the writer as it defers, and set to 0 by the settling thread once every
     /// entry is in its slot.
     std::atomic<std::size_t> backlogSize_{0};
-    std::size_t backlogCapacity_ = 0;
     std::mutex settling_;
 };
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 namespace kivra::detail {
@@ -40,6 +41,46 @@ void unmapHugePages(void *block, std::size_t bytes) noexcept {
     bytes = roundUp(bytes, hugePageSize);
     ::munmap(block, bytes);
     bytesMapped.fetch_sub(bytes, std::memory_order_relaxed);
+}
+
+namespace {
+constexpr std::size_t keptRunLimit = 256;
+
+struct KeptRuns {
+    std::mutex lock;
+    std::size_t count = 0;
+    void *runs[keptRunLimit];
+};
+
+KeptRuns &keptRuns() {
+    static KeptRuns *const kept = new KeptRuns; // never destroyed: models may outlive statics
+    return *kept;
+}
+} // namespace
+
+void *takeHugePageRun() {
+    KeptRuns &kept = keptRuns();
+    {
+        std::lock_guard const lock(kept.lock);
+        if (kept.count != 0) {
+            bytesMapped.fetch_add(hugePageSize, std::memory_order_relaxed);
+            return kept.runs[--kept.count];
+        }
+    }
+    return mapHugePages(hugePageSize);
+}
+
+void giveHugePageRun(void *run) noexcept {
+    KeptRuns &kept = keptRuns();
+    {
+        std::lock_guard const lock(kept.lock);
+        if (kept.count != keptRunLimit) {
+            kept.runs[kept.count++] = run;
+            bytesMapped.fetch_sub(hugePageSize, std::memory_order_relaxed);
+            return;
+        }
+    }
+    unmapHugePages(run, hugePageSize);
 }
 
 std::size_t mappedBytes() noexcept { return bytesMapped.load(std::memory_order_relaxed); }

@@ -15,8 +15,16 @@ void *mapHugePages(std::size_t bytes);
 /// Gives back a block of `mapHugePages` with the size it was asked with.
 void unmapHugePages(void *block, std::size_t bytes) noexcept;
 
+/// One huge page of memory whose contents are left to the caller: a run given back before
+/// when there is one, else a fresh `mapHugePages(hugePageSize)`. A model made after another
+/// so reuses the pages the system handed over already instead of faulting in new ones.
+void *takeHugePageRun();
+/// Gives back a run of `takeHugePageRun`: kept for the next taker up to a bound (512 MiB in
+/// the whole process), unmapped beyond it.
+void giveHugePageRun(void *run) noexcept;
+
 /// Bytes held in blocks of `mapHugePages` by the whole process, for measurements: the
-/// heap's own statistics do not see them.
+/// heap's own statistics do not see them. Runs kept for reuse are not counted.
 std::size_t mappedBytes() noexcept;
 
 /// `bytes` of zeroed memory aligned to 64: from `mapHugePages` from `hugePageSize` up, else

@@ -51,12 +51,12 @@ CollectionInstantiatorImpl<T, Owned, Unmanaged, Extra>::instantiateDynamicCollec
         return nullptr;
     if (described->getIsOrdered()) {
         if constexpr ((Owned & OrderedShape) != 0)
-            return new PrimitiveSequence<T>(ModelElement::Impl::_privateTag(), impl, described, described->getIsUnique());
+            return new (impl) PrimitiveSequence<T>(ModelElement::Impl::_privateTag(), impl, described, described->getIsUnique());
     } else if (described->getIsHashed()) {
         if constexpr ((Owned & HashedShape) != 0)
-            return new UnorderedPrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
+            return new (impl) UnorderedPrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
     } else if constexpr ((Owned & SortedShape) != 0) {
-        return new PrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
+        return new (impl) PrimitiveSet<T>(ModelElement::Impl::_privateTag(), impl, described);
     }
     return nullptr;
 }

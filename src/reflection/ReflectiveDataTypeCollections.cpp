@@ -104,7 +104,7 @@ private:
 
 std::unique_ptr<AbstractPrimitiveCollection> makeDataTypeCollection(ModelElement::Impl *owner,
                                                                     meta::Property const &property) {
-    return std::make_unique<DataTypeSequence>(owner, property);
+    return std::unique_ptr<AbstractPrimitiveCollection>(new (owner) DataTypeSequence(owner, property));
 }
 
 } // namespace kivra::reflection::detail

@@ -150,10 +150,12 @@ protected:
 std::unique_ptr<AbstractPrimitiveCollection> makeEnumCollection(ModelElement::Impl *owner,
                                                                 meta::Property const &property) {
     if (property->getIsOrdered())
-        return std::make_unique<EnumSequence>(owner, property);
+        return std::unique_ptr<AbstractPrimitiveCollection>(new (owner) EnumSequence(owner, property));
     if (property->getIsHashed())
-        return std::make_unique<EnumSet<std::unordered_set<std::uint64_t>>>(owner, property);
-    return std::make_unique<EnumSet<boost::container::flat_set<std::uint64_t>>>(owner, property);
+        return std::unique_ptr<AbstractPrimitiveCollection>(
+            new (owner) EnumSet<std::unordered_set<std::uint64_t>>(owner, property));
+    return std::unique_ptr<AbstractPrimitiveCollection>(
+        new (owner) EnumSet<boost::container::flat_set<std::uint64_t>>(owner, property));
 }
 
 } // namespace kivra::reflection::detail

@@ -78,12 +78,14 @@ std::unique_ptr<ReferenceCollection> makeKeyed(bool unique, bool hashed, ModelEl
                                                meta::Property::Impl *opposite, meta::Property const &qualifier) {
     auto key = [qualifier](ModelElement::Impl const &entry) { return readKey<K>(entry, qualifier); };
     if (unique && hashed)
-        return std::make_unique<ReflectiveUnorderedElementMap<K>>(key, owner, cls, property, opposite);
+        return std::unique_ptr<ReferenceCollection>(
+            new (owner) ReflectiveUnorderedElementMap<K>(key, owner, cls, property, opposite));
     if (unique)
-        return std::make_unique<ReflectiveElementMap<K>>(key, owner, cls, property, opposite);
+        return std::unique_ptr<ReferenceCollection>(new (owner) ReflectiveElementMap<K>(key, owner, cls, property, opposite));
     if (hashed)
-        return std::make_unique<ReflectiveUnorderedElementMultimap<K>>(key, owner, cls, property, opposite);
-    return std::make_unique<ReflectiveElementMultimap<K>>(key, owner, cls, property, opposite);
+        return std::unique_ptr<ReferenceCollection>(
+            new (owner) ReflectiveUnorderedElementMultimap<K>(key, owner, cls, property, opposite));
+    return std::unique_ptr<ReferenceCollection>(new (owner) ReflectiveElementMultimap<K>(key, owner, cls, property, opposite));
 }
 
 } // namespace
@@ -209,8 +211,9 @@ StringToStringMap &ReflectiveModelElementImpl::stringMap(meta::Property::Impl co
     std::lock_guard const lock(firstUseMutex());
     if (StringToStringMap *present = held.load(std::memory_order_relaxed))
         return *present;
-    auto *const made = new StringToStringMap(_privateTag(), const_cast<ReflectiveModelElementImpl *>(this),
-                                             const_cast<meta::Property::Impl *>(property));
+    auto *const owner = const_cast<ReflectiveModelElementImpl *>(this);
+    auto *const made =
+        new (owner) StringToStringMap(_privateTag(), owner, const_cast<meta::Property::Impl *>(property));
     held.store(made, std::memory_order_release);
     return *made;
 }
@@ -254,8 +257,9 @@ ReflectiveModelElementImpl::instantiateCollection(meta::Property const &property
         raise<messages::UnsupportedQualification>(qualifiedNameOf(keyType));
     }
     if (p->getIsOrdered())
-        return std::make_unique<ReflectiveElementSequence>(owner, cls, p->getIsUnique(), p, opposite);
-    return std::make_unique<ReflectiveUnorderedElementSet>(owner, cls, p, opposite);
+        return std::unique_ptr<ReferenceCollection>(
+            new (owner) ReflectiveElementSequence(owner, cls, p->getIsUnique(), p, opposite));
+    return std::unique_ptr<ReferenceCollection>(new (owner) ReflectiveUnorderedElementSet(owner, cls, p, opposite));
 }
 
 std::unique_ptr<AbstractPrimitiveCollection>
@@ -665,7 +669,7 @@ void ReflectiveModelElementImpl::copyValue(Storage *storage, std::uint64_t index
     case SlotKind::StringMap: {
         auto const *present = *static_cast<StringToStringMap *const *>(slot(s->offset));
         kept.stringMaps.insert_or_assign(p, present ? present->cloneFreeStanding()
-                                                    : std::make_unique<StringToStringMap>());
+                                                    : std::unique_ptr<StringToStringMap>(new (nullptr) StringToStringMap()));
         return;
     }
     case SlotKind::Reference:

@@ -41,7 +41,7 @@ void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection,
 template <class C> std::unique_ptr<C> cloneCollection(C const *source) {
     if (!source)
         return nullptr;
-    auto copy = std::make_unique<C>();
+    std::unique_ptr<C> copy(new (nullptr) C());
     ModelElement::Impl::_basicCopyValues(*copy, *source);
     return copy;
 }
@@ -57,7 +57,7 @@ template <class C> void restoreCollection(C &target, C const *stored) {
 /// The old value of a collection as a reflective read forms it: a view of the kept copy.
 template <class C> Value oldCollectionValue(std::unique_ptr<C> &stored, meta::Property const &property) {
     if (!stored)
-        stored = std::make_unique<C>();
+        stored.reset(new (nullptr) C());
     return Value(static_cast<ReferenceCollection &>(*stored), property);
 }
 

@@ -54,7 +54,7 @@ void AttributeMap::Impl::basicDisassociateAll() {
 ::kivra::ElementMap<basalt::ustring, Attribute> &AttributeMap::Impl::ensureAttributes() const {
     if (!attributes_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        attributes_.reset(new ::kivra::ElementMap<basalt::ustring, Attribute>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Attribute::Impl const &>(entry).getKey(); }, _privateTag(), self, attributesProperty().get(), ::kivra::detail::oppositeOf(attributesProperty())));
+        attributes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Attribute>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Attribute::Impl const &>(entry).getKey(); }, _privateTag(), self, attributesProperty().get(), ::kivra::detail::oppositeOf(attributesProperty())));
         self->_loadCollectionContents(*attributes_);
     }
     return *attributes_;

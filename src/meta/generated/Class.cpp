@@ -80,7 +80,7 @@ void Class::Impl::setSuperclass(Class const &value) {
 ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &Class::Impl::ensureExtensions() const {
     if (!extensions_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        extensions_.reset(new ::kivra::ElementMap<std::uint64_t, DynamicExtensions>([](::kivra::ModelElement::Impl const &entry) -> std::uint64_t { return static_cast<DynamicExtensions::Impl const &>(entry).getModelID(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        extensions_.reset(new (self) ::kivra::ElementMap<std::uint64_t, DynamicExtensions>([](::kivra::ModelElement::Impl const &entry) -> std::uint64_t { return static_cast<DynamicExtensions::Impl const &>(entry).getModelID(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
         self->_loadCollectionContents(*extensions_);
     }
     return *extensions_;

@@ -80,7 +80,7 @@ void DynamicExtensions::Impl::setModelID(std::uint64_t value) {
 ::kivra::ElementMap<basalt::ustring, Extension> &DynamicExtensions::Impl::ensureExtensions() const {
     if (!extensions_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        extensions_.reset(new ::kivra::ElementMap<basalt::ustring, Extension>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Extension::Impl const &>(entry).getName(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        extensions_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Extension>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Extension::Impl const &>(entry).getName(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
         self->_loadCollectionContents(*extensions_);
     }
     return *extensions_;

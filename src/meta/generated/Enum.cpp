@@ -68,7 +68,7 @@ void Enum::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::k
 ::kivra::ElementMap<basalt::ustring, EnumLiteral> &Enum::Impl::ensureLiterals() const {
     if (!literals_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        literals_.reset(new ::kivra::ElementMap<basalt::ustring, EnumLiteral>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<EnumLiteral::Impl const &>(entry).getName(); }, _privateTag(), self, literalsProperty().get(), ::kivra::detail::oppositeOf(literalsProperty())));
+        literals_.reset(new (self) ::kivra::ElementMap<basalt::ustring, EnumLiteral>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<EnumLiteral::Impl const &>(entry).getName(); }, _privateTag(), self, literalsProperty().get(), ::kivra::detail::oppositeOf(literalsProperty())));
         self->_loadCollectionContents(*literals_);
     }
     return *literals_;

@@ -113,7 +113,7 @@ void Package::Impl::basicDisassociateAll() {
 ::kivra::ElementMap<basalt::ustring, Type> &Package::Impl::ensureOwnedTypes() const {
     if (!ownedTypes_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        ownedTypes_.reset(new ::kivra::ElementMap<basalt::ustring, Type>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Type::Impl const &>(entry).getName(); }, _privateTag(), self, ownedTypesProperty().get(), ::kivra::detail::oppositeOf(ownedTypesProperty())));
+        ownedTypes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Type>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Type::Impl const &>(entry).getName(); }, _privateTag(), self, ownedTypesProperty().get(), ::kivra::detail::oppositeOf(ownedTypesProperty())));
         self->_loadCollectionContents(*ownedTypes_);
     }
     return *ownedTypes_;
@@ -130,7 +130,7 @@ void Package::Impl::basicDisassociateAll() {
 ::kivra::ElementMap<basalt::ustring, Package> &Package::Impl::ensureNestedPackages() const {
     if (!nestedPackages_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        nestedPackages_.reset(new ::kivra::ElementMap<basalt::ustring, Package>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Package::Impl const &>(entry).getName(); }, _privateTag(), self, nestedPackagesProperty().get(), ::kivra::detail::oppositeOf(nestedPackagesProperty())));
+        nestedPackages_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Package>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Package::Impl const &>(entry).getName(); }, _privateTag(), self, nestedPackagesProperty().get(), ::kivra::detail::oppositeOf(nestedPackagesProperty())));
         self->_loadCollectionContents(*nestedPackages_);
     }
     return *nestedPackages_;
@@ -147,7 +147,7 @@ void Package::Impl::basicDisassociateAll() {
 ::kivra::ElementMap<basalt::ustring, Endpoint> &Package::Impl::ensureOwnedEndpoints() const {
     if (!ownedEndpoints_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        ownedEndpoints_.reset(new ::kivra::ElementMap<basalt::ustring, Endpoint>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Endpoint::Impl const &>(entry).getName(); }, _privateTag(), self, ownedEndpointsProperty().get(), ::kivra::detail::oppositeOf(ownedEndpointsProperty())));
+        ownedEndpoints_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Endpoint>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Endpoint::Impl const &>(entry).getName(); }, _privateTag(), self, ownedEndpointsProperty().get(), ::kivra::detail::oppositeOf(ownedEndpointsProperty())));
         self->_loadCollectionContents(*ownedEndpoints_);
     }
     return *ownedEndpoints_;
@@ -180,7 +180,7 @@ bool Package::Impl::hasImportedPackages() const noexcept { return importedPackag
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Package::Impl::ensureImportedPackages() const {
     if (!importedPackages_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        importedPackages_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, importedPackagesProperty().get()));
+        importedPackages_.reset(new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, importedPackagesProperty().get()));
     }
     return *importedPackages_;
 }
@@ -486,7 +486,7 @@ bool Package::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *elemen
         return ::kivra::Value(property->getType(), uri_);
     if (property == Impl::importedPackagesProperty() && isChanged(Impl::importedPackagesIndex)) {
         if (!importedPackages_)
-            importedPackages_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
+            importedPackages_.reset(new (nullptr) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
         return ::kivra::Value(*importedPackages_, property);
     }
     if (property == Impl::defaultVantorCategoryProperty() && isChanged(Impl::defaultVantorCategoryIndex) && tag.isPrivileged())

@@ -42,7 +42,7 @@ void Parameterized::Impl::basicDisassociateAll() {
 ::kivra::ElementSequence<Argument> &Parameterized::Impl::ensureArguments() const {
     if (!arguments_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        arguments_.reset(new ::kivra::ElementSequence<Argument>(_privateTag(), self, true, argumentsProperty().get(), ::kivra::detail::oppositeOf(argumentsProperty())));
+        arguments_.reset(new (self) ::kivra::ElementSequence<Argument>(_privateTag(), self, true, argumentsProperty().get(), ::kivra::detail::oppositeOf(argumentsProperty())));
         self->_loadCollectionContents(*arguments_);
     }
     return *arguments_;

@@ -93,7 +93,7 @@ void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::de
 ::kivra::ElementMap<basalt::ustring, Property> &StructuredType::Impl::ensureOwnedAttributes() const {
     if (!ownedAttributes_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        ownedAttributes_.reset(new ::kivra::ElementMap<basalt::ustring, Property>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Property::Impl const &>(entry).getName(); }, _privateTag(), self, ownedAttributesProperty().get(), ::kivra::detail::oppositeOf(ownedAttributesProperty())));
+        ownedAttributes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Property>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Property::Impl const &>(entry).getName(); }, _privateTag(), self, ownedAttributesProperty().get(), ::kivra::detail::oppositeOf(ownedAttributesProperty())));
         self->_loadCollectionContents(*ownedAttributes_);
     }
     return *ownedAttributes_;
@@ -110,7 +110,7 @@ void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::de
 ::kivra::ElementMultimap<basalt::ustring, Operation> &StructuredType::Impl::ensureOwnedOperations() const {
     if (!ownedOperations_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        ownedOperations_.reset(new ::kivra::ElementMultimap<basalt::ustring, Operation>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Operation::Impl const &>(entry).getName(); }, _privateTag(), self, ownedOperationsProperty().get(), ::kivra::detail::oppositeOf(ownedOperationsProperty())));
+        ownedOperations_.reset(new (self) ::kivra::ElementMultimap<basalt::ustring, Operation>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Operation::Impl const &>(entry).getName(); }, _privateTag(), self, ownedOperationsProperty().get(), ::kivra::detail::oppositeOf(ownedOperationsProperty())));
         self->_loadCollectionContents(*ownedOperations_);
     }
     return *ownedOperations_;
@@ -131,7 +131,7 @@ bool StructuredType::Impl::hasVantorDispCategories() const noexcept { return van
 ::kivra::PrimitiveSequence<std::string> &StructuredType::Impl::ensureVantorDispCategories() const {
     if (!vantorDispCategories_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        vantorDispCategories_.reset(new ::kivra::PrimitiveSequence<std::string>(_privateTag(), self, vantorDispCategoriesProperty().get(), false));
+        vantorDispCategories_.reset(new (self) ::kivra::PrimitiveSequence<std::string>(_privateTag(), self, vantorDispCategoriesProperty().get(), false));
     }
     return *vantorDispCategories_;
 }
@@ -367,7 +367,7 @@ bool StructuredType::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl 
         return ::kivra::Value(property->getType(), vantorCompactDisplay_);
     if (property == Impl::vantorDispCategoriesProperty() && isChanged(Impl::vantorDispCategoriesIndex) && tag.isPrivileged()) {
         if (!vantorDispCategories_)
-            vantorDispCategories_.reset(new ::kivra::PrimitiveSequence<std::string>(false));
+            vantorDispCategories_.reset(new (nullptr) ::kivra::PrimitiveSequence<std::string>(false));
         return ::kivra::Value(*vantorDispCategories_, property);
     }
     return Type::Impl::Storage::getOldValue(property, tag);

@@ -129,7 +129,7 @@ void Author::Impl::setFavourite(Book const &value) {
 ::kivra::ElementSequence<Book> &Author::Impl::ensureBooks() const {
     if (!books_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
         self->_loadCollectionContents(*books_);
     }
     return *books_;
@@ -146,7 +146,7 @@ void Author::Impl::setFavourite(Book const &value) {
 ::kivra::UnorderedElementSet<Book> &Author::Impl::ensureCoauthored() const {
     if (!coauthored_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        coauthored_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, coauthoredProperty().get(), ::kivra::detail::oppositeOf(coauthoredProperty())));
+        coauthored_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, coauthoredProperty().get(), ::kivra::detail::oppositeOf(coauthoredProperty())));
         self->_loadCollectionContents(*coauthored_);
     }
     return *coauthored_;
@@ -163,7 +163,7 @@ void Author::Impl::setFavourite(Book const &value) {
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::ensureDrafts() const {
     if (!drafts_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        drafts_.reset(new ::kivra::UnorderedElementMultimap<std::int32_t, Book>([](::kivra::ModelElement::Impl const &entry) -> std::int32_t { return static_cast<Book::Impl const &>(entry).getPages(); }, _privateTag(), self, draftsProperty().get(), ::kivra::detail::oppositeOf(draftsProperty())));
+        drafts_.reset(new (self) ::kivra::UnorderedElementMultimap<std::int32_t, Book>([](::kivra::ModelElement::Impl const &entry) -> std::int32_t { return static_cast<Book::Impl const &>(entry).getPages(); }, _privateTag(), self, draftsProperty().get(), ::kivra::detail::oppositeOf(draftsProperty())));
         self->_loadCollectionContents(*drafts_);
     }
     return *drafts_;
@@ -182,7 +182,7 @@ bool Author::Impl::hasPseudonyms() const noexcept { return pseudonyms_ && !pseud
 ::kivra::PrimitiveSet<std::string> &Author::Impl::ensurePseudonyms() const {
     if (!pseudonyms_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        pseudonyms_.reset(new ::kivra::PrimitiveSet<std::string>(_privateTag(), self, pseudonymsProperty().get()));
+        pseudonyms_.reset(new (self) ::kivra::PrimitiveSet<std::string>(_privateTag(), self, pseudonymsProperty().get()));
     }
     return *pseudonyms_;
 }
@@ -199,7 +199,7 @@ bool Author::Impl::hasRatings() const noexcept { return ratings_ && !ratings_->e
 ::kivra::PrimitiveSequence<std::int32_t> &Author::Impl::ensureRatings() const {
     if (!ratings_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        ratings_.reset(new ::kivra::PrimitiveSequence<std::int32_t>(_privateTag(), self, ratingsProperty().get(), false));
+        ratings_.reset(new (self) ::kivra::PrimitiveSequence<std::int32_t>(_privateTag(), self, ratingsProperty().get(), false));
     }
     return *ratings_;
 }
@@ -216,7 +216,7 @@ bool Author::Impl::hasVisits() const noexcept { return visits_ && !visits_->empt
 ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &Author::Impl::ensureVisits() const {
     if (!visits_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        visits_.reset(new ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>(_privateTag(), self, visitsProperty().get()));
+        visits_.reset(new (self) ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>(_privateTag(), self, visitsProperty().get()));
     }
     return *visits_;
 }
@@ -524,17 +524,17 @@ bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
         return ::kivra::detail::oldCollectionValue(drafts_, property);
     if (property == Impl::pseudonymsProperty() && isChanged(Impl::pseudonymsIndex)) {
         if (!pseudonyms_)
-            pseudonyms_.reset(new ::kivra::PrimitiveSet<std::string>());
+            pseudonyms_.reset(new (nullptr) ::kivra::PrimitiveSet<std::string>());
         return ::kivra::Value(*pseudonyms_, property);
     }
     if (property == Impl::ratingsProperty() && isChanged(Impl::ratingsIndex)) {
         if (!ratings_)
-            ratings_.reset(new ::kivra::PrimitiveSequence<std::int32_t>(false));
+            ratings_.reset(new (nullptr) ::kivra::PrimitiveSequence<std::int32_t>(false));
         return ::kivra::Value(*ratings_, property);
     }
     if (property == Impl::visitsProperty() && isChanged(Impl::visitsIndex)) {
         if (!visits_)
-            visits_.reset(new ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>());
+            visits_.reset(new (nullptr) ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>());
         return ::kivra::Value(*visits_, property);
     }
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);

@@ -253,7 +253,7 @@ void Book::Impl::setAppendixOf(Book const &value) {
 ::kivra::ElementSequence<Book> &Book::Impl::ensureChapters() const {
     if (!chapters_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        chapters_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, chaptersProperty().get(), ::kivra::detail::oppositeOf(chaptersProperty())));
+        chapters_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, chaptersProperty().get(), ::kivra::detail::oppositeOf(chaptersProperty())));
         self->_loadCollectionContents(*chapters_);
     }
     return *chapters_;
@@ -282,7 +282,7 @@ void Book::Impl::setChapterOf(Book const &value) {
 ::kivra::ElementSequence<Author> &Book::Impl::ensureCoauthors() const {
     if (!coauthors_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        coauthors_.reset(new ::kivra::ElementSequence<Author>(_privateTag(), self, true, coauthorsProperty().get(), ::kivra::detail::oppositeOf(coauthorsProperty())));
+        coauthors_.reset(new (self) ::kivra::ElementSequence<Author>(_privateTag(), self, true, coauthorsProperty().get(), ::kivra::detail::oppositeOf(coauthorsProperty())));
         self->_loadCollectionContents(*coauthors_);
     }
     return *coauthors_;
@@ -309,7 +309,7 @@ bool Book::Impl::hasTags() const noexcept { return tags_ && !tags_->empty(); }
 ::kivra::PrimitiveSequence<basalt::ustring> &Book::Impl::ensureTags() const {
     if (!tags_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        tags_.reset(new ::kivra::PrimitiveSequence<basalt::ustring>(_privateTag(), self, tagsProperty().get(), true));
+        tags_.reset(new (self) ::kivra::PrimitiveSequence<basalt::ustring>(_privateTag(), self, tagsProperty().get(), true));
     }
     return *tags_;
 }
@@ -766,7 +766,7 @@ bool Book::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element) 
         return ::kivra::Value(property->getType(), ::kivra::ModelElement(catalogued_));
     if (property == Impl::tagsProperty() && isChanged(Impl::tagsIndex)) {
         if (!tags_)
-            tags_.reset(new ::kivra::PrimitiveSequence<basalt::ustring>(true));
+            tags_.reset(new (nullptr) ::kivra::PrimitiveSequence<basalt::ustring>(true));
         return ::kivra::Value(*tags_, property);
     }
     if (property == Impl::shelfProperty() && isChanged(Impl::shelfIndex))

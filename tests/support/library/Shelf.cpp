@@ -144,7 +144,7 @@ void Shelf::Impl::setFeatured(Book const &value) {
 ::kivra::ElementSequence<Book> &Shelf::Impl::ensureBooks() const {
     if (!books_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        books_.reset(new ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
         self->_loadCollectionContents(*books_);
     }
     return *books_;
@@ -161,7 +161,7 @@ void Shelf::Impl::setFeatured(Book const &value) {
 ::kivra::UnorderedElementSet<Book> &Shelf::Impl::ensureRecommended() const {
     if (!recommended_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        recommended_.reset(new ::kivra::UnorderedElementSet<Book>(_privateTag(), self, recommendedProperty().get(), ::kivra::detail::oppositeOf(recommendedProperty())));
+        recommended_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, recommendedProperty().get(), ::kivra::detail::oppositeOf(recommendedProperty())));
         self->_loadCollectionContents(*recommended_);
     }
     return *recommended_;
@@ -178,7 +178,7 @@ void Shelf::Impl::setFeatured(Book const &value) {
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::ensureCatalogue() const {
     if (!catalogue_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        catalogue_.reset(new ::kivra::ElementMap<basalt::ustring, Book>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Book::Impl const &>(entry).getTitle(); }, _privateTag(), self, catalogueProperty().get(), ::kivra::detail::oppositeOf(catalogueProperty())));
+        catalogue_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Book>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Book::Impl const &>(entry).getTitle(); }, _privateTag(), self, catalogueProperty().get(), ::kivra::detail::oppositeOf(catalogueProperty())));
         self->_loadCollectionContents(*catalogue_);
     }
     return *catalogue_;
@@ -199,7 +199,7 @@ bool Shelf::Impl::hasCodes() const noexcept { return codes_ && !codes_->empty();
 ::kivra::UnorderedPrimitiveSet<std::int32_t> &Shelf::Impl::ensureCodes() const {
     if (!codes_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        codes_.reset(new ::kivra::UnorderedPrimitiveSet<std::int32_t>(_privateTag(), self, codesProperty().get()));
+        codes_.reset(new (self) ::kivra::UnorderedPrimitiveSet<std::int32_t>(_privateTag(), self, codesProperty().get()));
     }
     return *codes_;
 }
@@ -216,7 +216,7 @@ bool Shelf::Impl::hasSources() const noexcept { return sources_ && !sources_->em
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Shelf::Impl::ensureSources() const {
     if (!sources_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        sources_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, sourcesProperty().get()));
+        sources_.reset(new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, sourcesProperty().get()));
     }
     return *sources_;
 }
@@ -233,7 +233,7 @@ bool Shelf::Impl::hasLabels() const noexcept { return labels_ && !labels_->empty
 ::kivra::StringToStringMap &Shelf::Impl::ensureLabels() const {
     if (!labels_) [[unlikely]] {
         auto *self = const_cast<Impl *>(this);
-        labels_.reset(new ::kivra::StringToStringMap(_privateTag(), self, labelsProperty().get()));
+        labels_.reset(new (self) ::kivra::StringToStringMap(_privateTag(), self, labelsProperty().get()));
     }
     return *labels_;
 }
@@ -604,17 +604,17 @@ bool Shelf::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element)
         return ::kivra::Value(property->getType(), code_);
     if (property == Impl::codesProperty() && isChanged(Impl::codesIndex)) {
         if (!codes_)
-            codes_.reset(new ::kivra::UnorderedPrimitiveSet<std::int32_t>());
+            codes_.reset(new (nullptr) ::kivra::UnorderedPrimitiveSet<std::int32_t>());
         return ::kivra::Value(*codes_, property);
     }
     if (property == Impl::sourcesProperty() && isChanged(Impl::sourcesIndex)) {
         if (!sources_)
-            sources_.reset(new ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
+            sources_.reset(new (nullptr) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }));
         return ::kivra::Value(*sources_, property);
     }
     if (property == Impl::labelsProperty() && isChanged(Impl::labelsIndex)) {
         if (!labels_)
-            labels_.reset(new ::kivra::StringToStringMap());
+            labels_.reset(new (nullptr) ::kivra::StringToStringMap());
         return labels_->toValue();
     }
     if (property == Impl::stampProperty() && isChanged(Impl::stampIndex))
