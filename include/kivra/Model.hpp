@@ -380,8 +380,8 @@ private:
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
-    /// One for the live model, one per element object in its memory (moved ones too) and per
-    /// report that names it.
+    /// One for the live model, one per element object or collection in its memory (moved
+    /// ones too), one per element moved in from another model and per report that names it.
     std::atomic<std::uint32_t> holds_{1};
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;

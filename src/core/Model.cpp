@@ -692,6 +692,12 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
                     element->marks_ |= ModelElement::Impl::HeldByModelMark;
                 throw;
             }
+            // The memory's hold keeps only this shell: the element holds the one it names
+            // now, once, whatever model it came from.
+            to->hold();
+            if (element->marks_ & ModelElement::Impl::MovedMark)
+                releaseHold();
+            element->marks_ |= ModelElement::Impl::MovedMark;
             table_->elements.erase(element);
             if (held) {
                 --topLevelCount_;
