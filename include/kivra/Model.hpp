@@ -15,6 +15,7 @@
 
 #include <boost/optional/optional.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -326,6 +327,10 @@ public:
 
     /// The transaction in progress, or null.
     TransactionImpl *currentTransaction() const noexcept { return currentTransaction_; }
+    /// Whether the calling thread opened the transaction in progress. Others may read the
+    /// model meanwhile (the registry's readers do while a package registers), and what
+    /// they make must keep out of the writer's way.
+    bool isWriterThread() const noexcept;
     /// Ends the current transaction: keeps its ordinal and forgets it.
     void transactionEnded(TransactionImpl *transaction);
     /// What waits for the end of a transaction runs now.
@@ -374,22 +379,28 @@ private:
     /// Deletes every listener holder, telling each listener.
     void dropListeners() noexcept;
     bool reportsChanges() const noexcept { return currentTransaction_ && dataSourceLoadingCount_ == 0; }
-    /// The memory of the model's element objects, made at the first.
+    /// The memory of the model's element objects, made at the first; the writer's alone.
     detail::ElementPool &elementPool();
+    /// The memory of the collections that other threads than the writer make, as readers
+    /// do on first use; made at the first. The caller holds the lock that serializes them.
+    detail::ElementPool &sharedPool();
 
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
-    /// One for the live model, one per element object in its memory (moved ones too) and per
-    /// report that names it.
+    /// One for the live model, one per element object or collection in its memory (moved
+    /// ones too), one per element moved in from another model and per report that names it.
     std::atomic<std::uint32_t> holds_{1};
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;
     std::unique_ptr<detail::ElementPool> pool_;
+    std::unique_ptr<detail::ElementPool> sharedPool_;
     /// The extensions this model declared and its elements' values of them; made at the first need.
     std::unique_ptr<detail::ModelExtensions> extensions_;
     std::size_t topLevelCount_ = 0;
     TransactionImpl *currentTransaction_ = nullptr;
+    /// A token of the thread that opened `currentTransaction_`, read by other threads.
+    std::atomic<void const *> writer_{nullptr};
     std::vector<ListenerHolderBase *> listeners_;
     std::uint32_t listenerDepth_ = 1;
     std::uint64_t serialNumber_;

@@ -341,6 +341,10 @@ protected:
         /// The UUID was drawn at random for this element, which its model has not entered
         /// yet: no other element can hold it.
         FreshUuidMark = 32,
+        /// The element came over from another model, whose memory it still lives in: it
+        /// holds the model it names as well, so that as a tombstone it still finds that
+        /// model's shell.
+        MovedMark = 64,
     };
 };
 

@@ -25,8 +25,8 @@ AbstractOwnedCollection::AbstractOwnedCollection(ModelElement::Impl *owner, meta
 AbstractOwnedCollection::~AbstractOwnedCollection() = default;
 
 namespace {
-/// Taken when a collection is made while its model is frozen or outside any transaction of
-/// it, as readers do on several threads; inside an open transaction, the writer is alone.
+/// Taken by every thread but a model's writer when it makes a collection, as readers of a
+/// frozen model do on several threads; the writer's own pool is not touched then.
 std::mutex sharedAllocation;
 } // namespace
 
@@ -37,11 +37,11 @@ void *AbstractOwnedCollection::operator new(std::size_t size, ModelElement::Impl
         return ::operator new(size);
     Model::Impl *const model = owner->getModelImpl();
     void *block;
-    if (model->currentTransaction() && !model->isFrozen()) {
+    if (model->isWriterThread()) {
         block = model->elementPool().allocate(size);
     } else {
         std::lock_guard const lock(sharedAllocation);
-        block = model->elementPool().allocate(size);
+        block = model->sharedPool().allocate(size);
     }
     model->hold();
     return block;

@@ -184,6 +184,22 @@ detail::ElementPool &Model::Impl::elementPool() {
     return *pool_;
 }
 
+detail::ElementPool &Model::Impl::sharedPool() {
+    if (!sharedPool_)
+        sharedPool_ = std::make_unique<detail::ElementPool>(this);
+    return *sharedPool_;
+}
+
+namespace {
+/// Its address tells one thread from another.
+thread_local char const threadToken = 0;
+} // namespace
+
+bool Model::Impl::isWriterThread() const noexcept {
+    // Only this thread ever stores its own token, so the answer is exact for it.
+    return writer_.load(std::memory_order_relaxed) == &threadToken;
+}
+
 void Model::Impl::retire() noexcept {
     // From here on handles of the shell count up and down from a value that never
     // reaches zero, so that nothing below can retire the model twice.
@@ -718,6 +734,12 @@ void Model::Impl::moveAllContentsTo(Model const &target) {
                     element->marks_ |= ModelElement::Impl::HeldByModelMark;
                 throw;
             }
+            // The memory's hold keeps only this shell: the element holds the one it names
+            // now, once, whatever model it came from.
+            to->hold();
+            if (element->marks_ & ModelElement::Impl::MovedMark)
+                releaseHold();
+            element->marks_ |= ModelElement::Impl::MovedMark;
             table_->elements.erase(element);
             if (held) {
                 --topLevelCount_;
@@ -761,6 +783,7 @@ Transaction Model::Impl::innerBeginTransaction(PrivateTag, meta::TransactionOrig
     auto *transaction = new TransactionImpl(this, /*group=*/nullptr, deep, origin);
     transaction->addRef();
     currentTransaction_ = transaction;
+    writer_.store(&threadToken, std::memory_order_relaxed);
     return Transaction(transaction);
 }
 
@@ -774,6 +797,7 @@ Transaction Model::Impl::beginNested(PrivateTag) {
 void Model::Impl::doBeginTransaction(TransactionGroup *group, meta::TransactionOrigin const &origin) {
     // Owned by the group until a handle takes it.
     currentTransaction_ = new TransactionImpl(this, group, group->isDeep(), origin);
+    writer_.store(&threadToken, std::memory_order_relaxed);
 }
 
 void Model::Impl::transactionEnded(TransactionImpl *transaction) {
@@ -781,6 +805,7 @@ void Model::Impl::transactionEnded(TransactionImpl *transaction) {
                                      transaction->getOrigin().getTransactionOrdinal());
     if (currentTransaction_ == transaction) {
         currentTransaction_ = nullptr;
+        writer_.store(nullptr, std::memory_order_relaxed);
         table_->elements.settle();
     }
 }

@@ -94,6 +94,8 @@ ModelElement::Impl::~Impl() {
             model_->forgetExtensionValues(this);
         model_->remove(this);
     }
+    if (marks_ & MovedMark) [[unlikely]]
+        model_->releaseHold();
 }
 
 // --- Proxies -------------------------------------------------------------------------------

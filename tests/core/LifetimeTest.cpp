@@ -3,7 +3,9 @@
 #include <library/Author.hpp>
 #include <library/Book.hpp>
 
+#include <kivra/ElementSequence.hpp>
 #include <kivra/Listener.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/ReportData.hpp>
 
 #include <kivra/ModelConstellation.hpp>
@@ -153,6 +155,38 @@ TEST(Lifetime, AReferenceToATombstoneOfAFreedModelTouchesNoFreedMemory) {
     book->setAuthor({});
     transaction.rollBack();
     EXPECT_FALSE(book);
+}
+
+// A moved element lives in the memory of the model it came from but names the one it went
+// to: when that model dies first, the tombstone must still find its shell, to answer for
+// its model and to make the collections it was never asked for.
+TEST(Lifetime, AMovedElementKeepsTheShellOfTheModelItWentTo) {
+    Model source = Model::createTransientModel();
+    Model target = Model::createTransientModel();
+    test::library::Author movedTwice;
+    test::library::Author movedOnce;
+    {
+        Transaction transaction = source->beginTransaction();
+        movedTwice = test::library::Author::create(source);
+        transaction.commit();
+    }
+    source->moveAllContentsTo(target);
+    {
+        Transaction transaction = target->beginTransaction();
+        movedOnce = test::library::Author::create(target);
+        transaction.commit();
+    }
+    {
+        Model third = Model::createTransientModel();
+        target->moveAllContentsTo(third);
+        EXPECT_EQ(movedTwice->getModel(), third);
+    }
+    for (test::library::Author const &author : {movedTwice, movedOnce}) {
+        ASSERT_FALSE(author);
+        EXPECT_FALSE(author->getModel());
+        EXPECT_TRUE(author->getBooks().empty());
+        EXPECT_TRUE(author->getRatings().empty());
+    }
 }
 
 } // namespace

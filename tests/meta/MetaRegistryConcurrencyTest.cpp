@@ -1,12 +1,16 @@
 #include "RegistryFixtures.hpp"
 
+#include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/StandardTypes.hpp>
+#include <kivra/meta/StructuredType.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -93,6 +97,51 @@ TEST(MetaRegistryConcurrency, ReadersRunWhileAPackageRegisters) {
         EXPECT_EQ(registry().getClass(registered[i]->classes.at(0)->getQualifiedName()), registered[i]->classes.at(0));
     }
     EXPECT_EQ(registry().getPackageForFamily(family), registered.front()->package);
+}
+
+// Classes described before are read on other threads while the registry is thawed for a
+// writer that makes elements: the collections that those readers make on first use must
+// come from memory the writer does not carve at the same time.
+TEST(MetaRegistryConcurrency, ReadersMakeCollectionsWhileTheWriterMakesElements) {
+    constexpr int readers = 3;
+    constexpr int classes = 3000;
+    std::vector<basalt::ustring> names;
+    for (int i = 0; i < classes; ++i) {
+        std::string const digits = std::to_string(i);
+        names.push_back(u"K" + basalt::ustring(digits.begin(), digits.end()));
+    }
+    std::atomic<int> failures = 0;
+    // A few rounds, each with classes whose collections no one has asked for yet: a
+    // collision of the two sides is a matter of timing.
+    for (int round = 0; round < 4; ++round) {
+        SamplePackage const sample(uniqueName(u"firstUse"), names);
+        std::vector<Property> made;
+        {
+            auto locked = registry().getMetaRegistryModel();
+            Transaction transaction = locked->beginTransaction();
+            std::latch start(readers + 1);
+            std::vector<std::thread> threads;
+            for (int t = 0; t < readers; ++t)
+                threads.emplace_back([&, t] {
+                    start.arrive_and_wait();
+                    for (int i = t; i < classes; i += readers)
+                        if (!sample.classes.at(i)->getOwnedOperations().empty())
+                            ++failures;
+                });
+            start.arrive_and_wait();
+            for (int i = 0; i < 10000; ++i) {
+                made.push_back(Property::create(locked.get()));
+                made.back()->setName(u"made");
+            }
+            for (std::thread &thread : threads)
+                thread.join();
+            transaction.commit();
+        }
+        for (Property const &property : made)
+            if (property->getName() != u"made")
+                ++failures;
+    }
+    EXPECT_EQ(failures, 0);
 }
 
 } // namespace
