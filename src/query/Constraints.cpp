@@ -27,8 +27,8 @@ namespace {
 
 ModelElement::Impl::ReflectionPrivateTag const &tag() { return ReflectiveQuery::privilegedTag; }
 
-Value readScalar(ModelElement const &element, meta::Property const &property) {
-    Value value = element->getPropertyValue(property, tag());
+Value readScalar(ModelElement::Impl const &element, meta::Property const &property) {
+    Value value = element.getPropertyValue(property, tag());
     if (isCollection(value.getFlags()))
         raise<PropertyRelationValueNotPrimitive>();
     return value;
@@ -50,7 +50,7 @@ ReferenceCollection const *managedReferenceCollection(Value const &value) {
     return static_cast<ReferenceCollection const *>(value.getPayload());
 }
 
-bool IsAConstraint::test(ModelElement const &element) const { return matches(element->getMetaClass()); }
+bool IsAConstraint::test(ModelElement::Impl const &element) const { return matches(element.getMetaClass()); }
 
 bool IsAConstraint::matches(meta::Class const &cls) const {
     if (matchMode == SearchClassMatchMode::ExactClass)
@@ -58,13 +58,13 @@ bool IsAConstraint::matches(meta::Class const &cls) const {
     return cls->isA(searchClass);
 }
 
-bool IsTopLevelElementConstraint::test(ModelElement const &element) const { return element->isTopLevel(); }
+bool IsTopLevelElementConstraint::test(ModelElement::Impl const &element) const { return element.isTopLevel(); }
 
 void IsTopLevelElementConstraint::replay(std::size_t instance, ReflectiveQuery &target) const {
     target.requireTopLevelElement(instance);
 }
 
-bool PropertyRelationPropertySingleObjectConstraint::test(ModelElement const &element) const {
+bool PropertyRelationPropertySingleObjectConstraint::test(ModelElement::Impl const &element) const {
     return (*comparator)(readScalar(element, propertyA), readScalar(element, propertyB));
 }
 
@@ -72,9 +72,9 @@ void PropertyRelationPropertySingleObjectConstraint::replay(std::size_t instance
     target.addPropertyRelationProperty(propertyA, instance, relation, propertyB, instance);
 }
 
-bool testPropertyValue(ModelElement const &element, meta::Property const &property, ValueComparator comparator,
+bool testPropertyValue(ModelElement::Impl const &element, meta::Property const &property, ValueComparator comparator,
                        Value const &constant) {
-    Value const value = element->getPropertyValue(property, tag());
+    Value const value = element.getPropertyValue(property, tag());
     if (!isCollection(value.getFlags()))
         return comparator(value, constant);
     // Some entry must relate; an empty collection relates to nothing, not even by notEqual.
@@ -84,7 +84,7 @@ bool testPropertyValue(ModelElement const &element, meta::Property const &proper
     return false;
 }
 
-bool PropertyRelationValueConstraint::test(ModelElement const &element) const {
+bool PropertyRelationValueConstraint::test(ModelElement::Impl const &element) const {
     return testPropertyValue(element, property, *comparator, constant);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -21,7 +22,7 @@ ReferenceCollection const *managedReferenceCollection(Value const &value);
 class SingleObjectConstraint {
 public:
     virtual ~SingleObjectConstraint();
-    virtual bool test(ModelElement const &element) const = 0;
+    virtual bool test(ModelElement::Impl const &element) const = 0;
     /// Makes the call that built this constraint on `target`, for `instance`.
     virtual void replay(std::size_t instance, ReflectiveQuery &target) const = 0;
 };
@@ -31,7 +32,7 @@ class IsAConstraint final : public SingleObjectConstraint {
 public:
     IsAConstraint(meta::Class const &searchClass, SearchClassMatchMode matchMode)
         : searchClass(searchClass), matchMode(matchMode) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t, ReflectiveQuery &) const override {}
     /// The test on an element's metaclass alone.
     bool matches(meta::Class const &cls) const;
@@ -42,7 +43,7 @@ public:
 
 class IsTopLevelElementConstraint final : public SingleObjectConstraint {
 public:
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
 };
 
@@ -52,7 +53,7 @@ public:
     PropertyRelationPropertySingleObjectConstraint(meta::Property a, ValueMatchRelation relation, meta::Property b,
                                                    ValueComparator const *comparator)
         : propertyA(std::move(a)), relation(relation), propertyB(std::move(b)), comparator(comparator) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
 
     meta::Property propertyA;
@@ -75,7 +76,7 @@ public:
                                     ValueComparator const *comparator, std::size_t instance)
         : property(std::move(property)), relation(relation), constant(std::move(constant)), comparator(comparator),
           instance(instance) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
     void replayInto(ReflectiveDisjunction &target) const override;
     std::size_t getInstance() const override { return instance; }
@@ -152,7 +153,7 @@ template <class Visit> bool anyHeldElement(Value const &value, bool single, Visi
 
 /// Whether `comparator` holds between the value of `property` on `element` and
 /// `constant`; for a collection, whether it holds for some entry.
-bool testPropertyValue(ModelElement const &element, meta::Property const &property, ValueComparator comparator,
+bool testPropertyValue(ModelElement::Impl const &element, meta::Property const &property, ValueComparator comparator,
                        Value const &constant);
 
 /// The regular expression that matches what the like pattern `value` matches, as a value of

@@ -32,7 +32,7 @@ struct Like : ::testing::Test {
         query.addPropertyRelationValue(Book::Impl::titleProperty(), ValueMatchRelation::like,
                                        Value(StandardTypes::stringMeta.get(), basalt::ustring(pattern)), id);
         book->setTitle(title);
-        return query.instances[id].constraints.back()->test(book);
+        return query.instances[id].constraints.back()->test(*book.get());
     }
 };
 
@@ -75,11 +75,11 @@ TEST_F(Like, OnAByteStringPropertyAndItsExpression) {
     EXPECT_EQ(constraint.relation, ValueMatchRelation::regexpMatch);
     EXPECT_EQ(constraint.constant.get<std::string>(), "978-.\\..*");
     book->setIsbn(std::string("978-3.14"));
-    EXPECT_TRUE(constraint.test(book));
+    EXPECT_TRUE(constraint.test(*book.get()));
     book->setIsbn(std::string("978-3x14"));
-    EXPECT_FALSE(constraint.test(book));
+    EXPECT_FALSE(constraint.test(*book.get()));
     book->setIsbn(boost::none);
-    EXPECT_FALSE(constraint.test(book)) << "an unset text matches no pattern";
+    EXPECT_FALSE(constraint.test(*book.get())) << "an unset text matches no pattern";
 }
 
 // Sorting: rows of one column, each an element that reads as the given value.
