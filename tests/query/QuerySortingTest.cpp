@@ -157,6 +157,17 @@ TEST_F(Sorting, EmptyValuesMissingElementsAndNaNHaveTheirPlaces) {
     EXPECT_EQ(ascending, positions[0]);
     EXPECT_EQ(descending, positions[1]);
 
+    // The same places for keys of a type without NaN, which sort by their native values.
+    meta::Type const integer = StandardTypes::integerMeta.get();
+    ResultSet whole = rows({Value(integer, std::int32_t(2)), Value(integer, boost::none)});
+    whole.addRow({ModelElement()});
+    ResultSet const more = rows({Value(integer, std::int32_t(-1)), Value(integer, boost::none), Value(integer, std::int32_t(2))});
+    for (std::size_t row = 0; row < more.rowCount(); ++row)
+        whole.addRow({more.at(row, 0)});
+    meta::Property const optionalWhole = test::makeProperty(model, integer, 0);
+    EXPECT_EQ(sort(whole, optionalWhole, SortDirection::Ascending), (std::vector<int>{-1, 1, 4, 3, 0, 5}));
+    EXPECT_EQ(sort(whole, optionalWhole, SortDirection::Descending), (std::vector<int>{0, 5, 3, 1, 4, -1}));
+
     // A required property never reads empty; NaN still goes above every number.
     ResultSet numbers = rows({Value(real, nan), Value(real, 1.0), Value(real, nan), Value(real, -0.0)});
     meta::Property const required = test::makeProperty(model, real, 1);
