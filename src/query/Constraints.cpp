@@ -16,6 +16,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <string>
+#include <typeinfo>
 #include <string_view>
 
 namespace kivra::query {
@@ -48,6 +49,19 @@ ReferenceCollection const *managedReferenceCollection(Value const &value) {
         !detail::isClassType(value.getType()))
         return nullptr;
     return static_cast<ReferenceCollection const *>(value.getPayload());
+}
+
+ElementSequenceBase const *asElementSequence(ReferenceCollection const &collection) noexcept {
+    // A join asks this of every holder, and the holders of one property share one kind of
+    // collection: the answer for the last kind seen is kept.
+    thread_local std::type_info const *lastKind = nullptr;
+    thread_local bool lastIsSequence = false;
+    std::type_info const &kind = typeid(collection);
+    if (&kind != lastKind) {
+        lastIsSequence = dynamic_cast<ElementSequenceBase const *>(&collection) != nullptr;
+        lastKind = &kind;
+    }
+    return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
 }
 
 bool IsAConstraint::test(ModelElement::Impl const &element) const { return matches(element.getMetaClass()); }

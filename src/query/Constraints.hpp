@@ -1,6 +1,7 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
@@ -17,6 +18,9 @@ namespace kivra::query {
 /// The collection of elements that an element owns behind `value`, or null for any other
 /// value.
 ReferenceCollection const *managedReferenceCollection(Value const &value);
+
+/// `collection` as a sequence, whose entries can be read in place; null for any other kind.
+ElementSequenceBase const *asElementSequence(ReferenceCollection const &collection) noexcept;
 
 /// A test of one element of one instance.
 class SingleObjectConstraint {
@@ -140,6 +144,13 @@ template <class Visit> bool anyHeldElement(Value const &value, bool single, Visi
     if (!value.hasPayload())
         return false;
     if (ReferenceCollection const *const collection = managedReferenceCollection(value)) {
+        // A sequence, the common collection of references, is read without a copy.
+        if (ElementSequenceBase const *const sequence = asElementSequence(*collection)) {
+            for (std::size_t i = 0; i < sequence->size(); ++i)
+                if (visit(sequence->rawAt(i)))
+                    return true;
+            return false;
+        }
         for (ModelElement const &entry : collection->getAllValuesAndProxies())
             if (visit(entry))
                 return true;
