@@ -387,6 +387,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
     Pairs out;
+    // Most holders hold something: growing from nothing would copy the pairs again and again.
+    out.reserve(holders.rowCount());
     auto const add = [&](std::size_t holder, std::size_t value) {
         out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
     };
@@ -409,9 +411,15 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     };
     meta::Property const &property = association.property;
     bool const single = property->getUpper() == 1;
-    for (std::size_t h = 0; h < holders.rowCount(); ++h) {
-        Value const value =
-            elements[holders.row(h)[holderColumn]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+    // The pairs are put in order afterwards, so the holders are read in the order of their
+    // memory, where elements made one after another lie side by side, and not in the
+    // table's order, which sends each read, and the reads of its collection, to a new place.
+    std::vector<std::pair<ModelElement::Impl const *, std::size_t>> byPlace(holders.rowCount());
+    for (std::size_t h = 0; h < holders.rowCount(); ++h)
+        byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
+    std::sort(byPlace.begin(), byPlace.end());
+    for (auto const &[holder, h] : byPlace) {
+        Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
         anyHeldElement(value, single, [&](ModelElement const &entry) {
             enter(h, entry);
             return false;
