@@ -25,8 +25,8 @@ AbstractOwnedCollection::AbstractOwnedCollection(ModelElement::Impl *owner, meta
 AbstractOwnedCollection::~AbstractOwnedCollection() = default;
 
 namespace {
-/// Taken when a collection is made outside any transaction of its model, as readers of a
-/// frozen model do on several threads; inside one, the model's writer is alone.
+/// Taken when a collection is made while its model is frozen or outside any transaction of
+/// it, as readers do on several threads; inside an open transaction, the writer is alone.
 std::mutex sharedAllocation;
 } // namespace
 
@@ -37,7 +37,7 @@ void *AbstractOwnedCollection::operator new(std::size_t size, ModelElement::Impl
         return ::operator new(size);
     Model::Impl *const model = owner->getModelImpl();
     void *block;
-    if (model->currentTransaction()) {
+    if (model->currentTransaction() && !model->isFrozen()) {
         block = model->elementPool().allocate(size);
     } else {
         std::lock_guard const lock(sharedAllocation);
