@@ -29,6 +29,7 @@ namespace kivra {
 namespace detail {
 class ElementPool;
 struct ElementTable;
+class ElementTableAccess;
 struct ModelExtensions;
 } // namespace detail
 
@@ -344,6 +345,7 @@ private:
     friend class ModelConstellation::Impl;
     friend class ModelElement::Impl;
     friend class AbstractOwnedCollection; // its memory comes from the element pool
+    friend class detail::ElementTableAccess; // the query engine walks the table without handles
 
     Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,
          WorkQueueFactory const &workQueueFactory, bool logCreation, std::string const &loggingDomain,

@@ -5,6 +5,7 @@
 #include "core/UuidHash.hpp"
 
 #include <kivra/ElementId.hpp>
+#include <kivra/Model.hpp>
 #include <kivra/ModelElement.hpp>
 
 #include <absl/container/flat_hash_map.h>
@@ -317,6 +318,13 @@ struct ElementTable {
     ElementSet elements;
     /// The ids that proxies stand for, beside the proxies: most elements are none.
     absl::flat_hash_map<ModelElement::Impl const *, std::unique_ptr<ProxyId>> proxyIds;
+};
+
+/// The way in to a model's elements for a reader that walks them all, such as a query's
+/// scan: the walk takes no count on the elements it visits.
+class ElementTableAccess {
+public:
+    static ElementSet const &elementsOf(Model::Impl const &model) noexcept { return model.table_->elements; }
 };
 
 } // namespace kivra::detail

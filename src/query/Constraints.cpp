@@ -16,6 +16,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <string>
+#include <typeinfo>
 #include <string_view>
 
 namespace kivra::query {
@@ -27,8 +28,8 @@ namespace {
 
 ModelElement::Impl::ReflectionPrivateTag const &tag() { return ReflectiveQuery::privilegedTag; }
 
-Value readScalar(ModelElement const &element, meta::Property const &property) {
-    Value value = element->getPropertyValue(property, tag());
+Value readScalar(ModelElement::Impl const &element, meta::Property const &property) {
+    Value value = element.getPropertyValue(property, tag());
     if (isCollection(value.getFlags()))
         raise<PropertyRelationValueNotPrimitive>();
     return value;
@@ -50,7 +51,20 @@ ReferenceCollection const *managedReferenceCollection(Value const &value) {
     return static_cast<ReferenceCollection const *>(value.getPayload());
 }
 
-bool IsAConstraint::test(ModelElement const &element) const { return matches(element->getMetaClass()); }
+ElementSequenceBase const *asElementSequence(ReferenceCollection const &collection) noexcept {
+    // A join asks this of every holder, and the holders of one property share one kind of
+    // collection: the answer for the last kind seen is kept.
+    thread_local std::type_info const *lastKind = nullptr;
+    thread_local bool lastIsSequence = false;
+    std::type_info const &kind = typeid(collection);
+    if (&kind != lastKind) {
+        lastIsSequence = dynamic_cast<ElementSequenceBase const *>(&collection) != nullptr;
+        lastKind = &kind;
+    }
+    return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
+}
+
+bool IsAConstraint::test(ModelElement::Impl const &element) const { return matches(element.getMetaClass()); }
 
 bool IsAConstraint::matches(meta::Class const &cls) const {
     if (matchMode == SearchClassMatchMode::ExactClass)
@@ -58,13 +72,13 @@ bool IsAConstraint::matches(meta::Class const &cls) const {
     return cls->isA(searchClass);
 }
 
-bool IsTopLevelElementConstraint::test(ModelElement const &element) const { return element->isTopLevel(); }
+bool IsTopLevelElementConstraint::test(ModelElement::Impl const &element) const { return element.isTopLevel(); }
 
 void IsTopLevelElementConstraint::replay(std::size_t instance, ReflectiveQuery &target) const {
     target.requireTopLevelElement(instance);
 }
 
-bool PropertyRelationPropertySingleObjectConstraint::test(ModelElement const &element) const {
+bool PropertyRelationPropertySingleObjectConstraint::test(ModelElement::Impl const &element) const {
     return (*comparator)(readScalar(element, propertyA), readScalar(element, propertyB));
 }
 
@@ -72,9 +86,9 @@ void PropertyRelationPropertySingleObjectConstraint::replay(std::size_t instance
     target.addPropertyRelationProperty(propertyA, instance, relation, propertyB, instance);
 }
 
-bool testPropertyValue(ModelElement const &element, meta::Property const &property, ValueComparator comparator,
+bool testPropertyValue(ModelElement::Impl const &element, meta::Property const &property, ValueComparator comparator,
                        Value const &constant) {
-    Value const value = element->getPropertyValue(property, tag());
+    Value const value = element.getPropertyValue(property, tag());
     if (!isCollection(value.getFlags()))
         return comparator(value, constant);
     // Some entry must relate; an empty collection relates to nothing, not even by notEqual.
@@ -84,7 +98,7 @@ bool testPropertyValue(ModelElement const &element, meta::Property const &proper
     return false;
 }
 
-bool PropertyRelationValueConstraint::test(ModelElement const &element) const {
+bool PropertyRelationValueConstraint::test(ModelElement::Impl const &element) const {
     return testPropertyValue(element, property, *comparator, constant);
 }
 

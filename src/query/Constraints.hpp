@@ -1,6 +1,8 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include <kivra/ElementSequence.hpp>
+#include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Handles.hpp>
@@ -17,11 +19,14 @@ namespace kivra::query {
 /// value.
 ReferenceCollection const *managedReferenceCollection(Value const &value);
 
+/// `collection` as a sequence, whose entries can be read in place; null for any other kind.
+ElementSequenceBase const *asElementSequence(ReferenceCollection const &collection) noexcept;
+
 /// A test of one element of one instance.
 class SingleObjectConstraint {
 public:
     virtual ~SingleObjectConstraint();
-    virtual bool test(ModelElement const &element) const = 0;
+    virtual bool test(ModelElement::Impl const &element) const = 0;
     /// Makes the call that built this constraint on `target`, for `instance`.
     virtual void replay(std::size_t instance, ReflectiveQuery &target) const = 0;
 };
@@ -31,7 +36,7 @@ class IsAConstraint final : public SingleObjectConstraint {
 public:
     IsAConstraint(meta::Class const &searchClass, SearchClassMatchMode matchMode)
         : searchClass(searchClass), matchMode(matchMode) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t, ReflectiveQuery &) const override {}
     /// The test on an element's metaclass alone.
     bool matches(meta::Class const &cls) const;
@@ -42,7 +47,7 @@ public:
 
 class IsTopLevelElementConstraint final : public SingleObjectConstraint {
 public:
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
 };
 
@@ -52,7 +57,7 @@ public:
     PropertyRelationPropertySingleObjectConstraint(meta::Property a, ValueMatchRelation relation, meta::Property b,
                                                    ValueComparator const *comparator)
         : propertyA(std::move(a)), relation(relation), propertyB(std::move(b)), comparator(comparator) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
 
     meta::Property propertyA;
@@ -75,7 +80,7 @@ public:
                                     ValueComparator const *comparator, std::size_t instance)
         : property(std::move(property)), relation(relation), constant(std::move(constant)), comparator(comparator),
           instance(instance) {}
-    bool test(ModelElement const &element) const override;
+    bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
     void replayInto(ReflectiveDisjunction &target) const override;
     std::size_t getInstance() const override { return instance; }
@@ -139,6 +144,13 @@ template <class Visit> bool anyHeldElement(Value const &value, bool single, Visi
     if (!value.hasPayload())
         return false;
     if (ReferenceCollection const *const collection = managedReferenceCollection(value)) {
+        // A sequence, the common collection of references, is read without a copy.
+        if (ElementSequenceBase const *const sequence = asElementSequence(*collection)) {
+            for (std::size_t i = 0; i < sequence->size(); ++i)
+                if (visit(sequence->rawAt(i)))
+                    return true;
+            return false;
+        }
         for (ModelElement const &entry : collection->getAllValuesAndProxies())
             if (visit(entry))
                 return true;
@@ -152,7 +164,7 @@ template <class Visit> bool anyHeldElement(Value const &value, bool single, Visi
 
 /// Whether `comparator` holds between the value of `property` on `element` and
 /// `constant`; for a collection, whether it holds for some entry.
-bool testPropertyValue(ModelElement const &element, meta::Property const &property, ValueComparator comparator,
+bool testPropertyValue(ModelElement::Impl const &element, meta::Property const &property, ValueComparator comparator,
                        Value const &constant);
 
 /// The regular expression that matches what the like pattern `value` matches, as a value of

@@ -2,6 +2,8 @@
 
 #include "query/TypeKinds.hpp"
 
+#include "core/ElementTable.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ReferenceCollection.hpp>
@@ -17,6 +19,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <utility>
 #include <cstddef>
@@ -259,7 +262,7 @@ private:
     std::uint64_t lastMask_ = 0;
 };
 
-bool passesFrom(SearchInstance const &instance, std::size_t first, ModelElement const &element) {
+bool passesFrom(SearchInstance const &instance, std::size_t first, ModelElement::Impl const &element) {
     auto const &constraints = instance.constraints;
     for (std::size_t i = first; i < constraints.size(); ++i)
         if (!constraints[i]->test(element))
@@ -384,6 +387,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
     Pairs out;
+    // Most holders hold something: growing from nothing would copy the pairs again and again.
+    out.reserve(holders.rowCount());
     auto const add = [&](std::size_t holder, std::size_t value) {
         out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
     };
@@ -406,9 +411,15 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     };
     meta::Property const &property = association.property;
     bool const single = property->getUpper() == 1;
-    for (std::size_t h = 0; h < holders.rowCount(); ++h) {
-        Value const value =
-            elements[holders.row(h)[holderColumn]]->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+    // The pairs are put in order afterwards, so the holders are read in the order of their
+    // memory, where elements made one after another lie side by side, and not in the
+    // table's order, which sends each read, and the reads of its collection, to a new place.
+    std::vector<std::pair<ModelElement::Impl const *, std::size_t>> byPlace(holders.rowCount());
+    for (std::size_t h = 0; h < holders.rowCount(); ++h)
+        byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
+    std::sort(byPlace.begin(), byPlace.end());
+    for (auto const &[holder, h] : byPlace) {
+        Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
         anyHeldElement(value, single, [&](ModelElement const &entry) {
             enter(h, entry);
             return false;
@@ -456,33 +467,51 @@ std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vecto
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> const &elements, RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
     bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
     ClassFilter filter(instances);
-    counts.scanned += elements.size();
-    // The table's order is not the order of the elements in memory: ask for each a little
-    // ahead, or the walk waits for every element in turn.
-    constexpr std::size_t ahead = 8;
-    for (std::size_t at = 0; at < elements.size(); ++at) {
-        if (at + ahead < elements.size())
-            __builtin_prefetch(elements[at + ahead].get());
-        ModelElement const &element = elements[at];
+    // The walk takes no count on what it visits; only an element that some instance keeps
+    // is held, once, and its place among the held ones keeps the table's order.
+    auto const visit = [&](ModelElement::Impl *element) {
+        ++counts.scanned;
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
+        std::size_t place = none;
         for (std::size_t id = 0; id < instances.size(); ++id) {
             SearchInstance const &instance = instances[id];
-            if (instance.specificElement && !(instance.specificElement == element))
+            if (instance.specificElement && instance.specificElement.get() != element)
                 continue;
             if (filterByClass && !(passing >> id & 1))
                 continue;
             ++counts.tested;
-            if (!passesFrom(instance, filterByClass ? 1 : 0, element))
+            if (!passesFrom(instance, filterByClass ? 1 : 0, *element))
                 continue;
-            sets[id].cells.push_back(at);
+            if (place == none) {
+                place = elements.size();
+                elements.push_back(ModelElement::fromImpl(element));
+            }
+            sets[id].cells.push_back(place);
         }
-    }
+    };
+    // Slot order is random in memory, and a constraint reads past an element's first line:
+    // each element is asked for, its first lines whole, a fixed number of visits before
+    // its own, so that the misses overlap instead of coming one after another.
+    constexpr std::size_t ahead = 16;
+    constexpr std::size_t linesAhead = 3;
+    std::array<ModelElement::Impl *, ahead> pending{};
+    std::size_t seen = 0;
+    kivra::detail::ElementTableAccess::elementsOf(*model.get()).forEach([&](ModelElement::Impl *element) {
+        for (std::size_t line = 0; line < linesAhead; ++line)
+            __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
+        ModelElement::Impl *&slot = pending[seen++ % ahead];
+        if (seen > ahead)
+            visit(slot);
+        slot = element;
+    });
+    for (std::size_t left = seen > ahead ? seen - ahead : 0; left < seen; ++left)
+        visit(pending[left % ahead]);
     return sets;
 }
 
@@ -559,7 +588,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
     // Held for the whole run: the rows name elements by their place here.
-    std::vector<ModelElement> elements = model->getAllElements();
+    std::vector<ModelElement> elements;
     std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
         join(elements, ids, group, sets, counts);
@@ -583,7 +612,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         for (std::size_t row = 0; row < result.rowCount(); ++row) {
             bool passes = false;
             for (std::size_t i = 0; i < columns.size() && !passes; ++i)
-                passes = disjunction->constraints[i]->test(result.at(row, columns[i]));
+                passes = disjunction->constraints[i]->test(*result.at(row, columns[i]).get());
             if (!passes)
                 continue;
             if (kept != row)
@@ -698,7 +727,7 @@ void ReflectiveDisjunctionImpl::finish() {
     finished = true;
 }
 
-bool ReflectiveDisjunctionImpl::SingleObjectDisjunctionConstraint::test(ModelElement const &element) const {
+bool ReflectiveDisjunctionImpl::SingleObjectDisjunctionConstraint::test(ModelElement::Impl const &element) const {
     for (auto const &constraint : group->constraints)
         if (constraint->test(element))
             return true;

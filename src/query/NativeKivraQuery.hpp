@@ -32,7 +32,7 @@ public:
     class SingleObjectDisjunctionConstraint final : public SingleObjectConstraint {
     public:
         explicit SingleObjectDisjunctionConstraint(ReflectiveDisjunctionImpl const *group) : group(group) {}
-        bool test(ModelElement const &element) const override;
+        bool test(ModelElement::Impl const &element) const override;
         /// The group repeats itself, apart from its instances' constraints.
         void replay(std::size_t, ReflectiveQuery &) const override {}
 
@@ -104,8 +104,9 @@ public:
     bool plainEvaluation = false;
 
 private:
-    /// One set per instance, of positions in `elements`, the model's table.
-    std::vector<ResultSet> scan(std::vector<ModelElement> const &elements, RunCounts &counts) const;
+    /// One set per instance, of positions in `elements`, which the scan fills with the
+    /// elements that some instance keeps, in the model's table order.
+    std::vector<ResultSet> scan(std::vector<ModelElement> &elements, RunCounts &counts) const;
     void join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
               std::vector<std::unique_ptr<JoinConstraint>> const &group, std::vector<ResultSet> &sets,
               RunCounts &counts) const;

@@ -8,6 +8,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <kivra/Transaction.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
@@ -341,6 +342,23 @@ TEST_P(QueryEngine, AnIteratorKeepsItsRowsWhateverBecomesOfTheModel) {
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_NE(std::find(seen.begin(), seen.end(), gone), seen.end());
     EXPECT_FALSE(gone);
+}
+
+// Elements made in a transaction still open wait to enter the model's table; a run finds
+// them all the same, and an element destroyed before the run is not among its rows.
+TEST_P(QueryEngine, ARunInAnOpenTransactionSeesWhatItMade) {
+    Transaction transaction = model->beginTransaction(false);
+    stock();
+    auto q = query();
+    std::size_t const b = books(*q);
+    q->addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(400), b);
+    q->sortByProperty(p(lib().book, u"title"), b, SortDirection::Ascending);
+    EXPECT_EQ(rows(*q), (Rows{"Dune", "Rebecca", "Ulysses"}));
+    ulysses->destroy();
+    make(lib().book, u"Anna", 900);
+    EXPECT_EQ(rows(*q), (Rows{"Anna", "Dune", "Rebecca"}));
+    transaction.commit();
+    EXPECT_EQ(q->countResults(), 3u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, QueryEngine, ::testing::Values(&generatedLibrary(), &runtimeLibrary()),

@@ -293,8 +293,8 @@ TEST_F(ReflectiveQueryRecords, SpecificElements) {
     // A subclass is accepted in ExactClass mode; the class test then drops it at the run.
     std::size_t exact = query.addSearchClass(Book::metaClass(), Mode::ExactClass);
     query.setSpecificElement(novel, exact);
-    EXPECT_FALSE(query.instances[exact].constraints[0]->test(novel));
-    EXPECT_TRUE(query.instances[book].constraints[0]->test(novel));
+    EXPECT_FALSE(query.instances[exact].constraints[0]->test(*novel.get()));
+    EXPECT_TRUE(query.instances[book].constraints[0]->test(*novel.get()));
 }
 
 TEST(ReflectiveQuery, RunsNeedInstancesAndAModel) {
