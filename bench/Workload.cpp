@@ -16,6 +16,7 @@
 //
 // The save/load and query steps are left out until serializers and queries exist.
 #include "AllocationCounter.hpp"
+#include "core/ElementPool.hpp"
 #include "core/PageMemory.hpp"
 
 #include <workload/Book.hpp>
@@ -54,10 +55,11 @@ struct Clock {
 };
 using Tag = kivra::ModelElement::Impl::ReflectionPrivateTag;
 
-/// The heap in use, with the large blocks the model maps from the system beside it.
+/// The heap in use, with the large blocks the model maps from the system beside it, less
+/// what pools that went keep for the next.
 std::size_t heapInUse() {
     auto const info = mallinfo2();
-    return info.uordblks + info.hblkhd + kivra::detail::mappedBytes();
+    return info.uordblks + info.hblkhd + kivra::detail::mappedBytes() - kivra::detail::ElementPool::keptHeapBytes();
 }
 
 char const *stopAfter = nullptr;

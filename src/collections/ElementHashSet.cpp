@@ -1,104 +1,149 @@
 #include <kivra/detail/ElementHashSet.hpp>
 
-#include "core/UuidHash.hpp"
-
-#include <cstdint>
-#include <cstring>
+#include <bit>
 #include <memory>
+#include <new>
 
 namespace kivra::detail {
 
 namespace {
-constexpr std::size_t minimumCapacity = 8;
+/// Up to this many entries a pass over the array finds one faster than an index would.
+constexpr std::uint32_t smallSet = 16;
+constexpr std::uint32_t firstCapacity = 4;
 } // namespace
 
-ElementHashSet::ElementHashSet(ElementHashSet const &other) : size_(other.size_) {
-    if (!other.slots_)
+ElementHashSet::ElementHashSet(ElementHashSet const &other) {
+    if (other.size_ == 0)
         return;
-    mask_ = other.mask_;
-    slots_ = new ModelElement[mask_ + 1];
-    std::copy(other.slots_, other.slots_ + mask_ + 1, slots_);
+    entries_ = new ModelElement[other.size_];
+    capacity_ = other.size_;
+    std::copy(other.entries_, other.entries_ + other.size_, entries_);
+    size_ = other.size_;
+    if (size_ > smallSet)
+        buildIndex();
 }
 
 ElementHashSet::~ElementHashSet() {
-    if (!slots_)
-        return;
     // The entries lie anywhere in memory: asking for them all before the first is let go
     // overlaps the misses of a large model's end.
-    for (std::size_t i = 0; i <= mask_; ++i)
-        if (ModelElement::Impl *element = slots_[i].get())
-            __builtin_prefetch(element, 1);
-    delete[] slots_;
+    for (std::uint32_t i = 0; i < size_; ++i)
+        __builtin_prefetch(entries_[i].get(), 1);
+    delete[] entries_;
+    delete[] index_;
 }
 
-std::size_t ElementHashSet::home(ModelElement::Impl const *element) const noexcept {
-    return uuidHash(element->getUuid()) & mask_;
+std::size_t ElementHashSet::positionOf(ModelElement::Impl const *element) const noexcept {
+    if (!index_) {
+        for (std::uint32_t i = 0; i < size_; ++i)
+            if (entries_[i].get() == element)
+                return i;
+        return size_;
+    }
+    std::size_t const mask = indexSize() - 1;
+    for (std::size_t s = home(element);; s = (s + 1) & mask) {
+        std::uint32_t const held = index_[s];
+        if (held == 0)
+            return size_;
+        if (entries_[held - 1].get() == element)
+            return held - 1;
+    }
 }
 
-std::size_t ElementHashSet::probe(ModelElement::Impl const *element) const noexcept {
-    std::size_t at = home(element);
-    while (slots_[at].get() && slots_[at].get() != element)
-        at = (at + 1) & mask_;
-    return at;
+std::size_t ElementHashSet::slotOf(std::size_t position) const noexcept {
+    std::size_t const mask = indexSize() - 1;
+    std::size_t s = home(entries_[position].get());
+    while (index_[s] != position + 1)
+        s = (s + 1) & mask;
+    return s;
 }
 
 ElementHashSet::const_iterator ElementHashSet::find(ModelElement const &element) const noexcept {
-    if (!slots_ || !element.get())
+    if (!element.get())
         return end();
-    std::size_t const at = probe(element.get());
-    return slots_[at].get() ? const_iterator(slots_ + at, slots_ + capacity()) : end();
+    return at(positionOf(element.get()));
 }
 
 std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElement const &element) {
-    if (!slots_ || (size_ + 1) * 4 > capacity() * 3)
-        rehash(slots_ ? capacity() * 2 : minimumCapacity);
-    std::size_t const at = probe(element.get());
-    bool const added = !slots_[at].get();
-    if (added) {
-        slots_[at] = element;
-        ++size_;
+    if (std::size_t const present = positionOf(element.get()); present != size_)
+        return {at(present), false};
+    if (size_ == capacity_)
+        growEntries(); // also rebuilds the index for the new capacity
+    entries_[size_] = element;
+    std::uint32_t const position = size_++;
+    if (index_) {
+        std::size_t const mask = indexSize() - 1;
+        std::size_t s = home(element.get());
+        while (index_[s] != 0)
+            s = (s + 1) & mask;
+        index_[s] = position + 1;
+    } else if (size_ > smallSet) {
+        buildIndex();
     }
-    return {const_iterator(slots_ + at, slots_ + capacity()), added};
+    return {at(position), true};
 }
 
 bool ElementHashSet::erase(ModelElement const &element) noexcept {
-    if (!slots_ || !element.get())
+    if (!element.get())
         return false;
-    std::size_t hole = probe(element.get());
-    if (!slots_[hole].get())
+    std::size_t const position = positionOf(element.get());
+    if (position == size_)
         return false;
-    slots_[hole].reset();
-    --size_;
-    // Entries behind the hole that may not stand before their home move into it.
-    for (std::size_t at = (hole + 1) & mask_; slots_[at].get(); at = (at + 1) & mask_) {
-        std::size_t const wanted = home(slots_[at].get());
-        bool const stays = hole < at ? (wanted > hole && wanted <= at) : (wanted > hole || wanted <= at);
-        if (stays)
-            continue;
-        slots_[hole] = std::move(slots_[at]);
-        hole = at;
+    std::size_t const last = size_ - 1;
+    std::size_t hole = index_ ? slotOf(position) : 0;
+    // Let go of only once the set is whole again: the last handle of an element may end it.
+    ModelElement const leaving = std::move(entries_[position]);
+    if (index_) {
+        // The leaving entry's slot empties; entries behind it that may not stand before
+        // their home move into the hole, which leaves no tombstones.
+        std::size_t const mask = indexSize() - 1;
+        index_[hole] = 0;
+        for (std::size_t s = (hole + 1) & mask; index_[s] != 0; s = (s + 1) & mask) {
+            std::size_t const wanted = home(entries_[index_[s] - 1].get());
+            bool const stays = hole < s ? (wanted > hole && wanted <= s) : (wanted > hole || wanted <= s);
+            if (stays)
+                continue;
+            index_[hole] = std::exchange(index_[s], 0);
+            hole = s;
+        }
+        if (position != last)
+            index_[slotOf(last)] = std::uint32_t(position + 1);
     }
+    if (position != last)
+        entries_[position] = std::move(entries_[last]);
+    size_ = std::uint32_t(last);
     return true;
 }
 
 void ElementHashSet::clear() noexcept {
-    delete[] std::exchange(slots_, nullptr);
-    mask_ = 0;
-    size_ = 0;
+    delete[] std::exchange(entries_, nullptr);
+    delete[] std::exchange(index_, nullptr);
+    size_ = capacity_ = indexShift_ = 0;
 }
 
-void ElementHashSet::rehash(std::size_t capacity) {
-    std::unique_ptr<ModelElement[]> old(std::exchange(slots_, new ModelElement[capacity]));
-    std::size_t const oldCapacity = old ? mask_ + 1 : 0;
-    mask_ = capacity - 1;
-    // The entries are read for their UUIDs, wherever the elements lie: ask for them all
-    // before the first is needed rather than wait for each in turn.
-    for (std::size_t i = 0; i < oldCapacity; ++i)
-        if (old[i].get())
-            __builtin_prefetch(&old[i].get()->getUuid());
-    for (std::size_t i = 0; i < oldCapacity; ++i)
-        if (old[i].get())
-            slots_[probe(old[i].get())] = std::move(old[i]);
+void ElementHashSet::growEntries() {
+    std::uint32_t const capacity = capacity_ == 0 ? firstCapacity : 2 * capacity_;
+    auto grown = std::make_unique<ModelElement[]>(capacity);
+    std::move(entries_, entries_ + size_, grown.get());
+    delete[] std::exchange(entries_, grown.release());
+    capacity_ = capacity;
+    if (index_)
+        buildIndex();
+}
+
+void ElementHashSet::buildIndex() {
+    // Room for twice the capacity of the array: the index stays at most half full until the
+    // array grows again.
+    std::size_t const slots = std::bit_ceil(std::size_t(2) * capacity_);
+    auto built = std::make_unique<std::uint32_t[]>(slots);
+    delete[] std::exchange(index_, built.release());
+    indexShift_ = std::uint32_t(64 - std::countr_zero(slots));
+    std::size_t const mask = slots - 1;
+    for (std::uint32_t i = 0; i < size_; ++i) {
+        std::size_t s = home(entries_[i].get());
+        while (index_[s] != 0)
+            s = (s + 1) & mask;
+        index_[s] = i + 1;
+    }
 }
 
 } // namespace kivra::detail

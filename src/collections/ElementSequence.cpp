@@ -407,9 +407,11 @@ void ElementSequenceBase::basicAdd(ModelElement const &element) {
     Operation operation(*this);
     modifying();
     // Most lists of a model hold a few entries: the first allocation makes room for two,
-    // where growth from one would allocate twice.
-    if (entries_.capacity() == 0)
-        entries_.reserve(2);
+    // where growth from one would allocate twice. A long list grows by half, not double:
+    // a model's largest lists are most of its memory beside the elements, and a handle is
+    // cheap to move.
+    if (std::size_t const capacity = entries_.capacity(); entries_.size() == capacity)
+        entries_.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
     entries_.push_back(element);
     noteAdded(element.get());
     operation.commit();

@@ -1,7 +1,9 @@
 #include "core/ElementPool.hpp"
 #include "core/PageMemory.hpp"
 
+#include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -24,6 +26,8 @@ constexpr std::size_t prefixSize = 16;
 
 ElementPool::~ElementPool() = default;
 
+std::size_t ElementPool::keptHeapBytes() noexcept { return 0; }
+
 void *ElementPool::allocate(std::size_t size) {
     auto *const bytes = static_cast<char *>(::operator new(prefixSize + size));
     *reinterpret_cast<ElementPool **>(bytes) = this;
@@ -41,11 +45,54 @@ Model::Impl *ElementPool::abandon(void *block) noexcept {
 
 #else
 
+namespace {
+/// Heap slabs of pools that went, kept for the next pool: a small model made after another
+/// then writes into memory the system has handed over already, instead of faulting in a
+/// small page at a time (on a virtual machine that can cost more than making the model).
+struct KeptSlabs {
+    static constexpr std::size_t limit = 512; // 16 MiB
+    std::mutex lock;
+    std::size_t count = 0;
+    void *slabs[limit];
+};
+
+KeptSlabs &keptSlabs() {
+    static KeptSlabs *const kept = new KeptSlabs; // never destroyed: models may outlive statics
+    return *kept;
+}
+
+std::atomic<std::size_t> keptSlabCount{0};
+
+void *takeKeptSlab() noexcept {
+    KeptSlabs &kept = keptSlabs();
+    std::lock_guard const lock(kept.lock);
+    if (kept.count == 0)
+        return nullptr;
+    keptSlabCount.store(kept.count - 1, std::memory_order_relaxed);
+    return kept.slabs[--kept.count];
+}
+
+void keepOrFreeSlab(void *slab) noexcept {
+    KeptSlabs &kept = keptSlabs();
+    {
+        std::lock_guard const lock(kept.lock);
+        if (kept.count != KeptSlabs::limit) {
+            kept.slabs[kept.count++] = slab;
+            keptSlabCount.store(kept.count, std::memory_order_relaxed);
+            return;
+        }
+    }
+    std::free(slab);
+}
+} // namespace
+
+std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabCount.load(std::memory_order_relaxed) * slabSize; }
+
 ElementPool::~ElementPool() {
     for (Slab *slab = slabs_; slab;) {
         Slab *const next = slab->next;
         if (slab->kind == SlabKind::heap)
-            std::free(slab);
+            keepOrFreeSlab(slab);
         slab = next;
     }
     for (Slab *run = runs_; run;) {
@@ -95,7 +142,8 @@ void *ElementPool::allocateFromNewSlab(std::size_t bytes) {
 
 ElementPool::Slab *ElementPool::takeSlab() {
     if (slabCount_ < heapSlabs) {
-        auto *const slab = static_cast<Slab *>(newSlab(slabSize));
+        void *const kept = takeKeptSlab();
+        auto *const slab = static_cast<Slab *>(kept ? kept : newSlab(slabSize));
         slab->kind = SlabKind::heap;
         ++slabCount_;
         return slab;
@@ -130,6 +178,8 @@ Model::Impl *ElementPool::deallocate(void *block, std::size_t size) noexcept {
         std::free(slab);
         return pool->model_;
     }
+    if (pool->closing_.load(std::memory_order_relaxed))
+        return pool->model_;
     auto *const freed = static_cast<FreeBlock *>(block);
     std::atomic<FreeBlock *> &list = pool->returned_[classOf(size)];
     FreeBlock *head = list.load(std::memory_order_relaxed);

@@ -37,6 +37,12 @@ public:
     void *allocate(std::size_t size);
     /// Takes back a block of `size` bytes, from any thread; gives the model it belongs to.
     static Model::Impl *deallocate(void *block, std::size_t size) noexcept;
+    /// Heap memory that pools which went keep for the next, for measurements: the heap's
+    /// statistics count it as in use.
+    static std::size_t keptHeapBytes() noexcept;
+    /// Says that the model is going: blocks given back from now on are not kept for reuse,
+    /// since nothing is made in the model any more and the pool goes with all its memory.
+    void close() noexcept { closing_.store(true, std::memory_order_relaxed); }
     /// Takes back a block whose size is not known (its object's constructor failed): a
     /// large block is freed, a small one stays unused until the model goes.
     static Model::Impl *abandon(void *block) noexcept;
@@ -92,6 +98,7 @@ private:
     /// back since the writer last took it.
     FreeBlock *local_[classCount] = {};
     std::atomic<FreeBlock *> returned_[classCount] = {};
+    std::atomic<bool> closing_{false};
 };
 
 } // namespace kivra::detail

@@ -1,6 +1,7 @@
 #include "core/ElementTable.hpp"
 #include "core/Extensions.hpp"
 #include "core/ElementPool.hpp"
+#include "core/PageMemory.hpp"
 #include "core/TransactionImpl.hpp"
 
 #include <kivra/Messages.hpp>
@@ -38,18 +39,37 @@ namespace {
 
 std::atomic<std::uint64_t> modelSerialNumbers{0};
 
-/// Puts `elements` in the order of their addresses: a radix sort over the bits in which
-/// they differ, a few linear passes where a comparison sort of a large model takes a
-/// noticeable share of its destruction.
-void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
-    if (elements.size() < 2)
-        return;
-    auto const [low, high] = std::minmax_element(elements.begin(), elements.end(), std::less<>());
+/// Room for one pointer per element of a large model, for the walks of its end: from huge
+/// pages, since faulting in some megabytes a small page at a time costs more than the walks.
+class ElementScratch {
+public:
+    explicit ElementScratch(std::size_t count)
+        : count_(count), data_(static_cast<ModelElement::Impl **>(detail::allocateZeroed(bytes()))) {}
+    ElementScratch(ElementScratch const &) = delete;
+    ElementScratch &operator=(ElementScratch const &) = delete;
+    ~ElementScratch() { detail::freeZeroed(data_, bytes()); }
+    ModelElement::Impl **data() const noexcept { return data_; }
+
+private:
+    std::size_t bytes() const noexcept { return std::max<std::size_t>(count_, 1) * sizeof(ModelElement::Impl *); }
+    std::size_t count_;
+    ModelElement::Impl **data_;
+};
+
+/// Puts `count` elements in the order of their addresses: a radix sort over the bits in
+/// which they differ, a few linear passes where a comparison sort of a large model takes a
+/// noticeable share of its destruction. `scratch` has room for as many; the result may end
+/// in either array, and the one it is in is returned.
+ModelElement::Impl **sortByAddress(ModelElement::Impl **elements, ModelElement::Impl **scratch, std::size_t count) {
+    if (count < 2)
+        return elements;
+    auto const [low, high] = std::minmax_element(elements, elements + count, std::less<>());
     auto const base = reinterpret_cast<std::uintptr_t>(*low);
     std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 3; // 8-byte aligned
-    constexpr unsigned digitBits = 11;
+    // Pools put elements both low in the heap and high among mapped pages: the span is some
+    // 44 bits, three passes of 16-bit digits, whose counts stay in the second-level cache.
+    constexpr unsigned digitBits = 16;
     constexpr std::size_t buckets = std::size_t(1) << digitBits;
-    std::vector<ModelElement::Impl *> scratch(elements.size());
     std::vector<std::size_t> counts(buckets);
     constexpr unsigned pointerBits = 8 * sizeof(std::uintptr_t);
     for (unsigned shift = 0; shift < pointerBits && (span >> shift) != 0; shift += digitBits) {
@@ -57,15 +77,16 @@ void sortByAddress(std::vector<ModelElement::Impl *> &elements) {
             return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 3 >> shift) & (buckets - 1);
         };
         std::fill(counts.begin(), counts.end(), 0);
-        for (ModelElement::Impl *element : elements)
-            ++counts[digit(element)];
+        for (std::size_t i = 0; i < count; ++i)
+            ++counts[digit(elements[i])];
         std::size_t total = 0;
-        for (std::size_t &count : counts)
-            total += std::exchange(count, total);
-        for (ModelElement::Impl *element : elements)
-            scratch[counts[digit(element)]++] = element;
-        elements.swap(scratch);
+        for (std::size_t &bucket : counts)
+            total += std::exchange(bucket, total);
+        for (std::size_t i = 0; i < count; ++i)
+            scratch[counts[digit(elements[i])]++] = elements[i];
+        std::swap(elements, scratch);
     }
+    return elements;
 }
 
 // Tables start small and never grow past one element per bucket: lookups stay at one
@@ -588,6 +609,10 @@ void Model::Impl::destroy() noexcept {
     if (workQueue_)
         workQueue_->discardWorkQueue();
     validity_ = Destroying;
+    if (pool_)
+        pool_->close();
+    if (sharedPool_)
+        sharedPool_->close();
     // The top-level elements, raw: the model's own references keep them until they are
     // released one by one below. The table is not kept up to date meanwhile (see
     // `elementDestroying`) and names freed elements once destruction begins.
@@ -608,21 +633,24 @@ void Model::Impl::destroy() noexcept {
         // the allocator takes back blocks next to the ones it just took back, instead of
         // chasing a random address for each. The top-level elements come out in the same
         // order.
-        std::vector<ModelElement::Impl *> all;
-        all.reserve(table_->elements.size());
-        table_->elements.forEach([&](ModelElement::Impl *element) { all.push_back(element); });
-        sortByAddress(all);
-        topLevel.reserve(topLevelCount_);
-        for (std::size_t i = 0; i < all.size(); ++i) {
-            if (i + detail::ElementSet::prefetchDistance < all.size())
-                __builtin_prefetch(all[i + detail::ElementSet::prefetchDistance]);
-            ModelElement::Impl *const element = all[i];
-            boost::optional<ProxyId> proxyId;
-            element->convertReferencesToProxies(multi, proxyId);
-            if (element->marks_ & ModelElement::Impl::HeldByModelMark)
-                topLevel.push_back(element);
+        {
+            std::size_t const count = table_->elements.size();
+            ElementScratch walk(count);
+            ElementScratch scratch(count);
+            std::size_t filled = 0;
+            table_->elements.forEach([&](ModelElement::Impl *element) { walk.data()[filled++] = element; });
+            ModelElement::Impl *const *const all = sortByAddress(walk.data(), scratch.data(), count);
+            topLevel.reserve(topLevelCount_);
+            for (std::size_t i = 0; i < count; ++i) {
+                if (i + detail::ElementSet::prefetchDistance < count)
+                    __builtin_prefetch(all[i + detail::ElementSet::prefetchDistance]);
+                ModelElement::Impl *const element = all[i];
+                boost::optional<ProxyId> proxyId;
+                element->convertReferencesToProxies(multi, proxyId);
+                if (element->marks_ & ModelElement::Impl::HeldByModelMark)
+                    topLevel.push_back(element);
+            }
         }
-        all = {};
         collected = true;
         // Each tree goes with its root: once destroyed and released, nothing of it is
         // needed by the trees still to come.

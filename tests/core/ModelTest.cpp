@@ -5,6 +5,7 @@
 #include <library/Book.hpp>
 
 #include <kivra/Messages.hpp>
+#include <kivra/PrimitiveCollection.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/WorkQueue.hpp>
 
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <optional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -269,24 +271,31 @@ TEST(Model, ElementsMadeInATransactionAreThereForEverythingThatFollows) {
     for (int i = 0; i < 2000; ++i)
         books.push_back(Book::create(model));
     {
-        // Readers of the model, frozen inside the transaction, search from several threads.
+        // Readers of the model, frozen inside the transaction, search from several threads,
+        // and each makes the collections of its own half of the books as it reads them: the
+        // model's memory is shared by the readers.
         Model::Freezer const frozen = model->freeze();
         std::vector<std::thread> readers;
         std::atomic<std::size_t> found{0};
-        for (int t = 0; t < 2; ++t)
-            readers.emplace_back([&] { found += expectAllFound(); });
+        std::atomic<std::size_t> entries{0};
+        for (std::size_t t = 0; t < 2; ++t)
+            readers.emplace_back([&, t] {
+                found += expectAllFound();
+                for (std::size_t i = t; i < books.size(); i += 2)
+                    entries += books[i]->getTags().size() + books[i]->getCoauthors().size();
+            });
         for (std::thread &reader : readers)
             reader.join();
         EXPECT_EQ(found.load(), 2 * 2001u);
+        EXPECT_EQ(entries.load(), 0u);
     }
     {
         // Elements made while a freeze is lifted wait until the first reader of the frozen
-        // model asks: several readers at once must settle them once. So many wait that
-        // their backlog spans pieces of more than one kind.
+        // model asks: several readers at once must settle them once.
         Model::Freezer frozen = model->freeze();
         {
             Model::Thawer const thawed = frozen.thaw();
-            for (int i = 0; i < 200000; ++i)
+            for (int i = 0; i < 50000; ++i)
                 books.push_back(Book::create(model));
         }
         std::vector<std::thread> readers;
@@ -295,10 +304,41 @@ TEST(Model, ElementsMadeInATransactionAreThereForEverythingThatFollows) {
             readers.emplace_back([&] { found += expectAllFound(); });
         for (std::thread &reader : readers)
             reader.join();
-        EXPECT_EQ(found.load(), 4 * 202001u);
+        EXPECT_EQ(found.load(), 4 * 52001u);
     }
     transaction.commit();
-    EXPECT_EQ(expectAllFound(), 202001u);
+    EXPECT_EQ(expectAllFound(), 52001u);
+}
+
+TEST(Model, ALargeTransactionsWaitingElementsAreAllEnteredOnce) {
+    // Enough elements to fill the first piece of the waiting list and more than one run
+    // after it, read in the middle, and then either kept or rolled back.
+    Model model = Model::createTransientModel();
+    std::vector<Book> books;
+    for (bool const keep : {false, true}) {
+        books.clear();
+        Transaction transaction = model->beginTransaction(true);
+        for (int i = 0; i < 230000; ++i)
+            books.push_back(Book::create(model));
+        ASSERT_EQ(model->elementCount(), books.size());
+        for (int i = 0; i < 140000; ++i)
+            books.push_back(Book::create(model));
+        std::size_t found = 0;
+        for (Book const &book : books)
+            found += model->findElement(book->getUuid()) == book;
+        EXPECT_EQ(found, books.size());
+        if (keep)
+            transaction.commit();
+        else
+            transaction.rollBack();
+        EXPECT_EQ(model->elementCount(), keep ? books.size() : 0u);
+    }
+    std::vector<ModelElement> walked = model->getAllElements();
+    EXPECT_EQ(walked.size(), books.size());
+    std::set<ModelElement::Impl const *> distinct;
+    for (ModelElement const &element : walked)
+        distinct.insert(element.get());
+    EXPECT_EQ(distinct.size(), books.size());
 }
 
 TEST(Model, MoveAllContentsRefusesAClashBeforeAnythingMoves) {

@@ -1,49 +1,45 @@
 #pragma once
 /// \file
-/// Not API: the open-addressing table behind the hashed element set.
+/// Not API: the set of element handles behind the hashed element set.
 
 #include <kivra/ModelElement.hpp>
 #include <kivra/detail/SlotIterator.hpp>
 
 #include <cstddef>
-#include <iterator>
+#include <cstdint>
 #include <utility>
 
 namespace kivra::detail {
 
-/// A set of element handles in one array of slots, an empty slot a null handle, probed
-/// linearly from a mix of the element's UUID. Entries are told apart by identity, so a
-/// probe reads no element but the one asked for. A leaving entry pulls the rest of its run
-/// back, which leaves no tombstones. At most 3/4 of the slots are used. Slot order, and
-/// with it iteration, depends on nothing but the UUIDs and the sequence of operations.
+/// A set of element handles kept densely in one array, in the order they came, a leaving
+/// entry's place taken by the last one. Entries are told apart by identity: a set of up to
+/// 16 compares pointers in one pass over the array, a larger one keeps an index by the
+/// address of the element beside it. Neither reads an element, and since the index does
+/// not order anything, iteration depends on nothing but the sequence of operations.
 class ElementHashSet {
     struct SlotAccess {
-        static bool used(ModelElement const &slot) noexcept { return slot.get() != nullptr; }
+        static bool used(ModelElement const &) noexcept { return true; }
         static ModelElement const &value(ModelElement const &slot) noexcept { return slot; }
     };
 
 public:
-    /// Walks the used slots in order.
+    /// Walks the entries in order.
     using const_iterator = SlotIterator<ModelElement, ModelElement, SlotAccess>;
     using iterator = const_iterator;
 
     ElementHashSet() noexcept = default;
     ElementHashSet(ElementHashSet const &other);
-    ElementHashSet(ElementHashSet &&other) noexcept
-        : slots_(std::exchange(other.slots_, nullptr)), mask_(std::exchange(other.mask_, 0)),
-          size_(std::exchange(other.size_, 0)) {}
+    ElementHashSet(ElementHashSet &&other) noexcept { swap(other); }
     ElementHashSet &operator=(ElementHashSet other) noexcept {
-        std::swap(slots_, other.slots_);
-        std::swap(mask_, other.mask_);
-        std::swap(size_, other.size_);
+        swap(other);
         return *this;
     }
     ~ElementHashSet();
 
     std::size_t size() const noexcept { return size_; }
     bool empty() const noexcept { return size_ == 0; }
-    const_iterator begin() const noexcept { return {slots_, slots_ + capacity()}; }
-    const_iterator end() const noexcept { return {slots_ + capacity(), slots_ + capacity()}; }
+    const_iterator begin() const noexcept { return {entries_, entries_ + size_}; }
+    const_iterator end() const noexcept { return {entries_ + size_, entries_ + size_}; }
 
     /// The entry that is `element`, or `end()`.
     const_iterator find(ModelElement const &element) const noexcept;
@@ -55,15 +51,32 @@ public:
     void clear() noexcept;
 
 private:
-    std::size_t capacity() const noexcept { return slots_ ? mask_ + 1 : 0; }
-    std::size_t home(ModelElement::Impl const *element) const noexcept;
-    /// The slot of `element`, or the empty slot where it would go.
-    std::size_t probe(ModelElement::Impl const *element) const noexcept;
-    void rehash(std::size_t capacity);
+    void swap(ElementHashSet &other) noexcept {
+        std::swap(entries_, other.entries_);
+        std::swap(size_, other.size_);
+        std::swap(capacity_, other.capacity_);
+        std::swap(index_, other.index_);
+        std::swap(indexShift_, other.indexShift_);
+    }
+    const_iterator at(std::size_t position) const noexcept { return {entries_ + position, entries_ + size_}; }
+    /// The position of `element`, or `size_`.
+    std::size_t positionOf(ModelElement::Impl const *element) const noexcept;
+    std::size_t indexSize() const noexcept { return index_ ? std::size_t(1) << (64 - indexShift_) : 0; }
+    std::size_t home(ModelElement::Impl const *element) const noexcept {
+        return std::size_t((reinterpret_cast<std::uintptr_t>(element) >> 3) * 0x9E3779B97F4A7C15ull >> indexShift_);
+    }
+    /// The index slot that holds `position`, which must be there.
+    std::size_t slotOf(std::size_t position) const noexcept;
+    void growEntries();
+    void buildIndex();
 
-    ModelElement *slots_ = nullptr;
-    std::size_t mask_ = 0;
-    std::size_t size_ = 0;
+    ModelElement *entries_ = nullptr;
+    std::uint32_t size_ = 0;
+    std::uint32_t capacity_ = 0;
+    /// Positions plus one by the element's address, open addressing, at most half full;
+    /// null while the set is small.
+    std::uint32_t *index_ = nullptr;
+    std::uint32_t indexShift_ = 0;
 };
 
 } // namespace kivra::detail
