@@ -611,6 +611,8 @@ void Model::Impl::destroy() noexcept {
     validity_ = Destroying;
     if (pool_)
         pool_->close();
+    if (sharedPool_)
+        sharedPool_->close();
     // The top-level elements, raw: the model's own references keep them until they are
     // released one by one below. The table is not kept up to date meanwhile (see
     // `elementDestroying`) and names freed elements once destruction begins.
