@@ -1,9 +1,7 @@
 #include "core/ElementPool.hpp"
 #include "core/PageMemory.hpp"
 
-#include <atomic>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -46,53 +44,22 @@ Model::Impl *ElementPool::abandon(void *block) noexcept {
 #else
 
 namespace {
-/// Heap slabs of pools that went, kept for the next pool: a small model made after another
-/// then writes into memory the system has handed over already, instead of faulting in a
-/// small page at a time (on a virtual machine that can cost more than making the model).
-struct KeptSlabs {
-    static constexpr std::size_t limit = 512; // 16 MiB
-    std::mutex lock;
-    std::size_t count = 0;
-    void *slabs[limit];
-};
-
-KeptSlabs &keptSlabs() {
-    static KeptSlabs *const kept = new KeptSlabs; // never destroyed: models may outlive statics
+/// Heap slabs of pools that went, kept for the next pool (16 MiB): a small model made after
+/// another then writes into memory the system has handed over already, instead of faulting
+/// in a small page at a time (on a virtual machine that can cost more than making the model).
+KeptBlocks &keptSlabs() {
+    static KeptBlocks *const kept = new KeptBlocks(512); // never destroyed: models may outlive statics
     return *kept;
-}
-
-std::atomic<std::size_t> keptSlabCount{0};
-
-void *takeKeptSlab() noexcept {
-    KeptSlabs &kept = keptSlabs();
-    std::lock_guard const lock(kept.lock);
-    if (kept.count == 0)
-        return nullptr;
-    keptSlabCount.store(kept.count - 1, std::memory_order_relaxed);
-    return kept.slabs[--kept.count];
-}
-
-void keepOrFreeSlab(void *slab) noexcept {
-    KeptSlabs &kept = keptSlabs();
-    {
-        std::lock_guard const lock(kept.lock);
-        if (kept.count != KeptSlabs::limit) {
-            kept.slabs[kept.count++] = slab;
-            keptSlabCount.store(kept.count, std::memory_order_relaxed);
-            return;
-        }
-    }
-    std::free(slab);
 }
 } // namespace
 
-std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabCount.load(std::memory_order_relaxed) * slabSize; }
+std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabs().count() * slabSize; }
 
 ElementPool::~ElementPool() {
     for (Slab *slab = slabs_; slab;) {
         Slab *const next = slab->next;
-        if (slab->kind == SlabKind::heap)
-            keepOrFreeSlab(slab);
+        if (slab->kind == SlabKind::heap && !keptSlabs().keep(slab))
+            std::free(slab);
         slab = next;
     }
     for (Slab *run = runs_; run;) {
@@ -142,7 +109,7 @@ void *ElementPool::allocateFromNewSlab(std::size_t bytes) {
 
 ElementPool::Slab *ElementPool::takeSlab() {
     if (slabCount_ < heapSlabs) {
-        void *const kept = takeKeptSlab();
+        void *const kept = keptSlabs().take();
         auto *const slab = static_cast<Slab *>(kept ? kept : newSlab(slabSize));
         slab->kind = SlabKind::heap;
         ++slabCount_;

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 namespace kivra::detail {
@@ -43,44 +42,49 @@ void unmapHugePages(void *block, std::size_t bytes) noexcept {
     bytesMapped.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
+KeptBlocks::KeptBlocks(std::size_t limit) : blocks_(new void *[limit]), limit_(limit) {}
+
+KeptBlocks::~KeptBlocks() { delete[] blocks_; }
+
+void *KeptBlocks::take() noexcept {
+    std::lock_guard const lock(lock_);
+    std::size_t const held = count_.load(std::memory_order_relaxed);
+    if (held == 0)
+        return nullptr;
+    count_.store(held - 1, std::memory_order_relaxed);
+    return blocks_[held - 1];
+}
+
+bool KeptBlocks::keep(void *block) noexcept {
+    std::lock_guard const lock(lock_);
+    std::size_t const held = count_.load(std::memory_order_relaxed);
+    if (held == limit_)
+        return false;
+    blocks_[held] = block;
+    count_.store(held + 1, std::memory_order_relaxed);
+    return true;
+}
+
 namespace {
-constexpr std::size_t keptRunLimit = 256;
-
-struct KeptRuns {
-    std::mutex lock;
-    std::size_t count = 0;
-    void *runs[keptRunLimit];
-};
-
-KeptRuns &keptRuns() {
-    static KeptRuns *const kept = new KeptRuns; // never destroyed: models may outlive statics
+KeptBlocks &keptRuns() {
+    static KeptBlocks *const kept = new KeptBlocks(256); // 512 MiB; never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace
 
 void *takeHugePageRun() {
-    KeptRuns &kept = keptRuns();
-    {
-        std::lock_guard const lock(kept.lock);
-        if (kept.count != 0) {
-            bytesMapped.fetch_add(hugePageSize, std::memory_order_relaxed);
-            return kept.runs[--kept.count];
-        }
+    if (void *const run = keptRuns().take()) {
+        bytesMapped.fetch_add(hugePageSize, std::memory_order_relaxed);
+        return run;
     }
     return mapHugePages(hugePageSize);
 }
 
 void giveHugePageRun(void *run) noexcept {
-    KeptRuns &kept = keptRuns();
-    {
-        std::lock_guard const lock(kept.lock);
-        if (kept.count != keptRunLimit) {
-            kept.runs[kept.count++] = run;
-            bytesMapped.fetch_sub(hugePageSize, std::memory_order_relaxed);
-            return;
-        }
-    }
-    unmapHugePages(run, hugePageSize);
+    if (keptRuns().keep(run))
+        bytesMapped.fetch_sub(hugePageSize, std::memory_order_relaxed);
+    else
+        unmapHugePages(run, hugePageSize);
 }
 
 std::size_t mappedBytes() noexcept { return bytesMapped.load(std::memory_order_relaxed); }

@@ -1,7 +1,9 @@
 #pragma once
 // Not API: large zeroed blocks straight from the system, on huge pages where it allows.
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 
 namespace kivra::detail {
 
@@ -14,6 +16,29 @@ inline constexpr std::size_t hugePageSize = std::size_t(2) << 20;
 void *mapHugePages(std::size_t bytes);
 /// Gives back a block of `mapHugePages` with the size it was asked with.
 void unmapHugePages(void *block, std::size_t bytes) noexcept;
+
+/// Blocks of one kind that their owners gave back, kept for the next taker up to a bound:
+/// memory the system has handed over already, which a model made after another reuses
+/// instead of faulting in fresh pages. Safe from any thread.
+class KeptBlocks {
+public:
+    explicit KeptBlocks(std::size_t limit);
+    KeptBlocks(KeptBlocks const &) = delete;
+    KeptBlocks &operator=(KeptBlocks const &) = delete;
+    ~KeptBlocks();
+    /// A kept block, or null.
+    void *take() noexcept;
+    /// Keeps `block`; false, and nothing kept, when the bound is reached.
+    bool keep(void *block) noexcept;
+    /// How many are kept now.
+    std::size_t count() const noexcept { return count_.load(std::memory_order_relaxed); }
+
+private:
+    std::mutex lock_;
+    void **blocks_;
+    std::size_t const limit_;
+    std::atomic<std::size_t> count_{0};
+};
 
 /// One huge page of memory whose contents are left to the caller: a run given back before
 /// when there is one, else a fresh `mapHugePages(hugePageSize)`. A model made after another
