@@ -192,7 +192,9 @@ detail::ElementPool &Model::Impl::sharedPool() {
 
 namespace {
 /// Its address tells one thread from another.
-thread_local char const threadToken = 0;
+/// Initial-exec: the library is linked, not loaded late, and every collection made asks for
+/// it, which the general model would answer through a call into the loader.
+[[gnu::tls_model("initial-exec")]] thread_local char const threadToken = 0;
 } // namespace
 
 bool Model::Impl::isWriterThread() const noexcept {
@@ -522,6 +524,11 @@ void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t pr
     if (TransactionImpl const *const transaction = currentTransaction_;
         transaction && freezeCount_ == 0 && !transaction->isInterested())
         return;
+    recordModifying(element, propertyIndex, scalar, size);
+}
+
+void Model::Impl::recordModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar,
+                                  std::size_t size) {
     validateTransaction();
     if (reportsChanges())
         currentTransaction_->elementModifying(element, propertyIndex, scalar, size);
