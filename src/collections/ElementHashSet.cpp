@@ -101,7 +101,10 @@ std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElem
         return {at(present), false};
     if (size_ == capacity_)
         growEntries(owner); // also rebuilds the index for the new capacity
-    new (entries_ + size_) ModelElement(element);
+    // The count is taken before the entry is stored: the store may miss, and a locked
+    // update behind it would wait for it.
+    ModelElement counted = element;
+    new (entries_ + size_) ModelElement(std::move(counted));
     std::uint32_t const position = size_++;
     signature_ |= bitOf(element.get());
     if (index_) {

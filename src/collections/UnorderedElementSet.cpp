@@ -293,6 +293,7 @@ std::vector<ModelElement> ElementSetBase::getAllValuesAndProxies() const {
 void ElementSetBase::basicAdd(ModelElement const &element) {
     if (!element.get())
         return;
+    entries_.prepareInsert();
     Operation operation(*this);
     modifying();
     entries_.insert(element, owner_);
