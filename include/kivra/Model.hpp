@@ -30,6 +30,7 @@ namespace detail {
 class ElementPool;
 struct ElementTable;
 class ElementTableAccess;
+class ModelMemory;
 struct ModelExtensions;
 } // namespace detail
 
@@ -314,6 +315,10 @@ public:
     void elementDestroying(ModelElement::Impl *element);
     void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
                           std::size_t size = 0);
+    /// The part of `elementModifying` that a transaction keeping nothing never reaches: out
+    /// of line so that the common case saves no registers.
+    [[gnu::noinline]] void recordModifying(ModelElement::Impl *element, std::uint64_t propertyIndex,
+                                           void const *scalar, std::size_t size);
     void elementModifying(ModelElement::Impl *element, meta::Extension const &extension);
     void elementMadeTopLevel(ModelElement::Impl *element);
     void elementNoLongerTopLevel(ModelElement::Impl *element);
@@ -344,7 +349,7 @@ private:
     friend class TransactionImpl;
     friend class ModelConstellation::Impl;
     friend class ModelElement::Impl;
-    friend class AbstractOwnedCollection; // its memory comes from the element pool
+    friend class detail::ModelMemory; // what elements keep comes from the element pool
     friend class detail::ElementTableAccess; // the query engine walks the table without handles
 
     Impl(boost::uuids::uuid const &uuid, ModelConstellation::Impl *constellation,

@@ -1,5 +1,7 @@
 #include <kivra/detail/ElementHashSet.hpp>
 
+#include "core/ElementPool.hpp"
+
 #include <bit>
 #include <memory>
 #include <new>
@@ -7,20 +9,41 @@
 namespace kivra::detail {
 
 namespace {
-/// Up to this many entries a pass over the array finds one faster than an index would.
-constexpr std::uint32_t smallSet = 16;
+/// Up to this many entries a pass over the array finds one faster than an index would: the
+/// array is a few lines read in order, where an index costs a line of its own at random.
+constexpr std::uint32_t smallSet = 32;
 constexpr std::uint32_t firstCapacity = 4;
+/// Arrays up to this size come from the owner's model; larger ones are rare and stay on
+/// the heap.
+constexpr std::size_t largestPooled = 2048;
+
+/// Raw memory for an array of `bytes`; `pooled` says where it came from.
+void *allocateArray(std::size_t bytes, ModelElement::Impl *owner, bool &pooled) {
+    pooled = owner && bytes <= largestPooled;
+    return pooled ? ModelMemory::allocate(owner->getModelImpl(), bytes) : ::operator new(bytes);
+}
+
+void freeArray(void *array, std::size_t bytes, bool pooled) noexcept {
+    if (!array)
+        return;
+    if (pooled)
+        ModelMemory::giveBack(array, bytes);
+    else
+        ::operator delete(array);
+}
 } // namespace
 
 ElementHashSet::ElementHashSet(ElementHashSet const &other) {
+    // A copy belongs to no element: its arrays are the heap's.
     if (other.size_ == 0)
         return;
-    entries_ = new ModelElement[other.size_];
+    entries_ = static_cast<ModelElement *>(allocateArray(other.size_ * sizeof(ModelElement), nullptr, entriesPooled_));
     capacity_ = other.size_;
-    std::copy(other.entries_, other.entries_ + other.size_, entries_);
+    std::uninitialized_copy(other.entries_, other.entries_ + other.size_, entries_);
     size_ = other.size_;
+    signature_ = other.signature_;
     if (size_ > smallSet)
-        buildIndex();
+        buildIndex(nullptr);
 }
 
 ElementHashSet::~ElementHashSet() {
@@ -28,11 +51,14 @@ ElementHashSet::~ElementHashSet() {
     // overlaps the misses of a large model's end.
     for (std::uint32_t i = 0; i < size_; ++i)
         __builtin_prefetch(entries_[i].get(), 1);
-    delete[] entries_;
-    delete[] index_;
+    std::destroy_n(entries_, size_);
+    freeArray(entries_, capacity_ * sizeof(ModelElement), entriesPooled_);
+    freeArray(index_, indexSize() * sizeof(std::uint32_t), indexPooled_);
 }
 
 std::size_t ElementHashSet::positionOf(ModelElement::Impl const *element) const noexcept {
+    if ((signature_ & bitOf(element)) == 0)
+        return size_;
     if (!index_) {
         for (std::uint32_t i = 0; i < size_; ++i)
             if (entries_[i].get() == element)
@@ -57,19 +83,30 @@ std::size_t ElementHashSet::slotOf(std::size_t position) const noexcept {
     return s;
 }
 
+void ElementHashSet::recomputeSignature() noexcept {
+    signature_ = 0;
+    for (std::uint32_t i = 0; i < size_; ++i)
+        signature_ |= bitOf(entries_[i].get());
+}
+
 ElementHashSet::const_iterator ElementHashSet::find(ModelElement const &element) const noexcept {
     if (!element.get())
         return end();
     return at(positionOf(element.get()));
 }
 
-std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElement const &element) {
+std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElement const &element,
+                                                                        ModelElement::Impl *owner) {
     if (std::size_t const present = positionOf(element.get()); present != size_)
         return {at(present), false};
     if (size_ == capacity_)
-        growEntries(); // also rebuilds the index for the new capacity
-    entries_[size_] = element;
+        growEntries(owner); // also rebuilds the index for the new capacity
+    // The count is taken before the entry is stored: the store may miss, and a locked
+    // update behind it would wait for it.
+    ModelElement counted = element;
+    new (entries_ + size_) ModelElement(std::move(counted));
     std::uint32_t const position = size_++;
+    signature_ |= bitOf(element.get());
     if (index_) {
         std::size_t const mask = indexSize() - 1;
         std::size_t s = home(element.get());
@@ -77,7 +114,7 @@ std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElem
             s = (s + 1) & mask;
         index_[s] = position + 1;
     } else if (size_ > smallSet) {
-        buildIndex();
+        buildIndex(owner);
     }
     return {at(position), true};
 }
@@ -110,33 +147,48 @@ bool ElementHashSet::erase(ModelElement const &element) noexcept {
     }
     if (position != last)
         entries_[position] = std::move(entries_[last]);
+    std::destroy_at(entries_ + last);
     size_ = std::uint32_t(last);
+    // A small set has just been read whole; its bits are cheap to make exact again.
+    if (!index_)
+        recomputeSignature();
     return true;
 }
 
 void ElementHashSet::clear() noexcept {
-    delete[] std::exchange(entries_, nullptr);
-    delete[] std::exchange(index_, nullptr);
-    size_ = capacity_ = indexShift_ = 0;
+    // The set is empty before the first handle goes, for the same reason as in `erase`.
+    ElementHashSet leaving;
+    swap(leaving);
 }
 
-void ElementHashSet::growEntries() {
+void ElementHashSet::growEntries(ModelElement::Impl *owner) {
     std::uint32_t const capacity = capacity_ == 0 ? firstCapacity : 2 * capacity_;
-    auto grown = std::make_unique<ModelElement[]>(capacity);
-    std::move(entries_, entries_ + size_, grown.get());
-    delete[] std::exchange(entries_, grown.release());
+    bool pooled;
+    auto *const grown = static_cast<ModelElement *>(allocateArray(capacity * sizeof(ModelElement), owner, pooled));
+    // Handles move without a count touched, so nothing here can throw or end an element.
+    std::uninitialized_move(entries_, entries_ + size_, grown);
+    std::destroy_n(entries_, size_);
+    freeArray(std::exchange(entries_, grown), capacity_ * sizeof(ModelElement), entriesPooled_);
+    entriesPooled_ = pooled;
     capacity_ = capacity;
-    if (index_)
-        buildIndex();
+    // A large set's bits may have gone stale through erasures; a small one's never do.
+    if (index_) {
+        recomputeSignature();
+        buildIndex(owner);
+    }
 }
 
-void ElementHashSet::buildIndex() {
+void ElementHashSet::buildIndex(ModelElement::Impl *owner) {
     // Room for twice the capacity of the array: the index stays at most half full until the
     // array grows again.
     std::size_t const slots = std::bit_ceil(std::size_t(2) * capacity_);
-    auto built = std::make_unique<std::uint32_t[]>(slots);
-    delete[] std::exchange(index_, built.release());
-    indexShift_ = std::uint32_t(64 - std::countr_zero(slots));
+    bool pooled;
+    auto *const built = static_cast<std::uint32_t *>(allocateArray(slots * sizeof(std::uint32_t), owner, pooled));
+    std::fill_n(built, slots, 0u);
+    freeArray(index_, indexSize() * sizeof(std::uint32_t), indexPooled_);
+    index_ = built;
+    indexPooled_ = pooled;
+    indexShift_ = std::uint8_t(64 - std::countr_zero(slots));
     std::size_t const mask = slots - 1;
     for (std::uint32_t i = 0; i < size_; ++i) {
         std::size_t s = home(entries_[i].get());

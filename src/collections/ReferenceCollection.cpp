@@ -13,8 +13,6 @@
 
 #include "core/ElementPool.hpp"
 
-#include <mutex>
-
 namespace kivra {
 
 // --- AbstractOwnedCollection -------------------------------------------------------------
@@ -24,27 +22,8 @@ AbstractOwnedCollection::AbstractOwnedCollection(ModelElement::Impl *owner, meta
 
 AbstractOwnedCollection::~AbstractOwnedCollection() = default;
 
-namespace {
-/// Taken by every thread but a model's writer when it makes a collection, as readers of a
-/// frozen model do on several threads; the writer's own pool is not touched then.
-std::mutex sharedAllocation;
-} // namespace
-
-// The collection holds its model, as an element does, so that the pool outlasts the block
-// even when the owner has moved to a model that goes before it.
 void *AbstractOwnedCollection::operator new(std::size_t size, ModelElement::Impl *owner) {
-    if (!owner)
-        return ::operator new(size);
-    Model::Impl *const model = owner->getModelImpl();
-    void *block;
-    if (model->isWriterThread()) {
-        block = model->elementPool().allocate(size);
-    } else {
-        std::lock_guard const lock(sharedAllocation);
-        block = model->sharedPool().allocate(size);
-    }
-    model->hold();
-    return block;
+    return owner ? detail::ModelMemory::allocate(owner->getModelImpl(), size) : ::operator new(size);
 }
 
 void AbstractOwnedCollection::operator delete(void *block, ModelElement::Impl *owner) noexcept {
@@ -62,7 +41,7 @@ void AbstractOwnedCollection::operator delete(AbstractOwnedCollection *collectio
     void *const block = dynamic_cast<void *>(collection);
     collection->~AbstractOwnedCollection();
     if (pooled)
-        detail::ElementPool::deallocate(block, size)->releaseHold();
+        detail::ModelMemory::giveBack(block, size);
     else
         ::operator delete(block);
 }

@@ -234,7 +234,7 @@ std::pair<ElementSetBase::const_iterator, bool> ElementSetBase::insert(ModelElem
         return {found, false};
     Operation operation(*this);
     modifying();
-    entries_.insert(element);
+    entries_.insert(element, owner_);
     associate(element.get());
     operation.commit();
     return {entries_.find(element), true};
@@ -293,9 +293,10 @@ std::vector<ModelElement> ElementSetBase::getAllValuesAndProxies() const {
 void ElementSetBase::basicAdd(ModelElement const &element) {
     if (!element.get())
         return;
+    entries_.prepareInsert();
     Operation operation(*this);
     modifying();
-    entries_.insert(element);
+    entries_.insert(element, owner_);
     operation.commit();
 }
 
@@ -342,7 +343,7 @@ void ElementSetBase::assignFrom(ReferenceCollection const &other) {
 }
 
 bool ElementSetBase::resolveAdd(ModelElement const &element) {
-    return element.get() && entries_.insert(element).second;
+    return element.get() && entries_.insert(element, owner_).second;
 }
 
 // --- The generic view ----------------------------------------------------------------------

@@ -2,6 +2,7 @@
 #include "core/PageMemory.hpp"
 
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -13,6 +14,24 @@
 #endif
 
 namespace kivra::detail {
+
+namespace {
+/// Taken by every thread but a model's writer when it allocates in the model; the writer's
+/// own pool is not touched then.
+std::mutex sharedAllocation;
+} // namespace
+
+void *ModelMemory::allocate(Model::Impl *model, std::size_t size) {
+    void *block;
+    if (model->isWriterThread()) {
+        block = model->elementPool().allocate(size);
+    } else {
+        std::lock_guard const lock(sharedAllocation);
+        block = model->sharedPool().allocate(size);
+    }
+    model->hold();
+    return block;
+}
 
 #ifdef KIVRA_POOL_EACH_OBJECT
 

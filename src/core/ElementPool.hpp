@@ -101,4 +101,18 @@ private:
     std::atomic<bool> closing_{false};
 };
 
+/// Blocks for what an element of a model keeps (a collection, a collection's array): from
+/// the model's pool on its writer's thread, from its second pool under a lock on any other,
+/// as readers of a frozen model make collections on several threads at once. The model is
+/// held until the block comes back, so that the pool outlasts the block even when the
+/// element moves to another model.
+class ModelMemory {
+public:
+    static void *allocate(Model::Impl *model, std::size_t size);
+    /// Takes back a block of `allocate`, from any thread.
+    static void giveBack(void *block, std::size_t size) noexcept {
+        ElementPool::deallocate(block, size)->releaseHold();
+    }
+};
+
 } // namespace kivra::detail

@@ -14,7 +14,18 @@ constexpr std::size_t firstPieceLimit = hugePageSize / 2;
 } // namespace
 
 void ElementSet::growBacklog() {
-    if (pieceCapacity_ * sizeof(Waiting) < firstPieceLimit) {
+    // A run that a model gave back is in memory already: the first piece then costs neither
+    // the faults of fresh heap pages nor the copies of growing, and it goes back at the end
+    // of the transaction, before anything measures the model.
+    if (!backlog_) {
+        if (void *const kept = takeKeptHugePageRun()) {
+            backlog_ = static_cast<Waiting *>(kept);
+            firstPieceIsRun_ = true;
+            pieceCapacity_ = hugePageSize / sizeof(Waiting);
+            return;
+        }
+    }
+    if (!firstPieceIsRun_ && pieceCapacity_ * sizeof(Waiting) < firstPieceLimit) {
         std::size_t const capacity = pieceCapacity_ != 0 ? 2 * pieceCapacity_ : 256;
         auto *const grown = static_cast<Waiting *>(std::realloc(backlog_, capacity * sizeof(Waiting)));
         if (grown == nullptr)
@@ -31,17 +42,21 @@ void ElementSet::growBacklog() {
 }
 
 void ElementSet::dropBacklog() noexcept {
-    // The first piece is the heap's; every later one is a run.
+    // The first piece may be the heap's; every later one is a run.
     Waiting *const first = fullPieces_.empty() ? backlog_ : fullPieces_.front();
     for (Waiting *piece : fullPieces_)
         if (piece != first)
             giveHugePageRun(piece);
     if (backlog_ != first)
         giveHugePageRun(backlog_);
-    std::free(first);
+    if (firstPieceIsRun_)
+        giveHugePageRun(first);
+    else
+        std::free(first);
     std::vector<Waiting *>().swap(fullPieces_);
     backlog_ = nullptr;
     pieceUsed_ = pieceCapacity_ = 0;
+    firstPieceIsRun_ = false;
 }
 
 void ElementSet::settle() noexcept {
@@ -62,7 +77,7 @@ void ElementSet::settle() noexcept {
             place(piece[i].element, piece[i].hash);
         }
     };
-    std::size_t const firstCapacity = firstPieceLimit / sizeof(Waiting);
+    std::size_t const firstCapacity = (firstPieceIsRun_ ? hugePageSize : firstPieceLimit) / sizeof(Waiting);
     for (std::size_t p = 0; p < fullPieces_.size(); ++p)
         enter(fullPieces_[p], p == 0 ? firstCapacity : hugePageSize / sizeof(Waiting));
     enter(backlog_, pieceUsed_);

@@ -299,13 +299,15 @@ private:
     std::size_t mask_ = 0;
     /// Elements in slots; those of the backlog are not counted.
     std::size_t size_ = 0;
-    /// The backlog's piece being filled. The first piece comes from the heap and doubles up
-    /// to half a huge page; beyond, full pieces stand in `fullPieces_` and each further one
-    /// is a run of one huge page, which a model made after another takes back warm.
+    /// The backlog's piece being filled. The first piece is a kept run of one huge page
+    /// when the process has one, else it comes from the heap and doubles up to half a huge
+    /// page; beyond, full pieces stand in `fullPieces_` and each further one is a run.
     Waiting *backlog_ = nullptr;
     std::size_t pieceUsed_ = 0;
     std::size_t pieceCapacity_ = 0;
     std::vector<Waiting *> fullPieces_;
+    /// Whether the first piece is a run rather than the heap's.
+    bool firstPieceIsRun_ = false;
     /// Written by the writer as it defers, and set to 0 by the settling thread once every
     /// entry is in its slot.
     std::atomic<std::size_t> backlogSize_{0};

@@ -191,9 +191,10 @@ detail::ElementPool &Model::Impl::sharedPool() {
 }
 
 namespace {
-/// Its address tells one thread from another. Read at every collection a thread makes:
-/// initial-exec spares the call that looking up the library's own block would cost.
-thread_local char const threadToken __attribute__((tls_model("initial-exec"))) = 0;
+/// Its address tells one thread from another.
+/// Initial-exec: the library is linked, not loaded late, and every collection made asks for
+/// it, which the general model would answer through a call into the loader.
+[[gnu::tls_model("initial-exec")]] thread_local char const threadToken = 0;
 } // namespace
 
 bool Model::Impl::isWriterThread() const noexcept {
@@ -523,6 +524,11 @@ void Model::Impl::elementModifying(ModelElement::Impl *element, std::uint64_t pr
     if (TransactionImpl const *const transaction = currentTransaction_;
         transaction && freezeCount_ == 0 && !transaction->isInterested())
         return;
+    recordModifying(element, propertyIndex, scalar, size);
+}
+
+void Model::Impl::recordModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar,
+                                  std::size_t size) {
     validateTransaction();
     if (reportsChanges())
         currentTransaction_->elementModifying(element, propertyIndex, scalar, size);

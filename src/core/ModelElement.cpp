@@ -357,6 +357,19 @@ void ModelElement::Impl::basicAssociate(ModelElement const &, meta::Property con
     raiseNoSuchProperty(property);
 }
 
+namespace {
+/// This element as a handle for one call to its far end, without touching its count: the
+/// caller holds the element, and on a large model the count's line is a miss, and its
+/// locked update waits for every store before it.
+class UncountedSelf : public ModelElement {
+public:
+    explicit UncountedSelf(ModelElement::Impl *impl) noexcept : ModelElement(impl, /*addReference=*/false) {}
+    UncountedSelf(UncountedSelf const &) = delete;
+    UncountedSelf &operator=(UncountedSelf const &) = delete;
+    ~UncountedSelf() { release(); }
+};
+} // namespace
+
 void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &property, bool force) {
     // A proxy's far end is completed when it resolves; a tombstone has none to keep, and
     // its model may be a shell that must not be asked for a transaction.
@@ -368,17 +381,17 @@ void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &pro
         if (!opposite || !opposite->getIsComposite())
             return;
     }
-    target->inverseAdd(ModelElement(this, true), property);
+    target->inverseAdd(UncountedSelf(this), property);
 }
 
 void ModelElement::Impl::_inverseRemoveThis(Impl *target, meta::Property const &property) {
     if (!target || !target->isValidNonProxy())
         return;
-    target->inverseRemove(ModelElement(this, true), property);
+    target->inverseRemove(UncountedSelf(this), property);
 }
 
 bool ModelElement::Impl::_inverseContainsThis(Impl *target, meta::Property const &property) {
-    return target->inverseContainsProxyTo(ModelElement(this, true), property);
+    return target->inverseContainsProxyTo(UncountedSelf(this), property);
 }
 
 namespace {

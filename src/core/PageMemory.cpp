@@ -72,11 +72,16 @@ KeptBlocks &keptRuns() {
 }
 } // namespace
 
-void *takeHugePageRun() {
-    if (void *const run = keptRuns().take()) {
+void *takeKeptHugePageRun() noexcept {
+    void *const run = keptRuns().take();
+    if (run)
         bytesMapped.fetch_add(hugePageSize, std::memory_order_relaxed);
+    return run;
+}
+
+void *takeHugePageRun() {
+    if (void *const run = takeKeptHugePageRun())
         return run;
-    }
     return mapHugePages(hugePageSize);
 }
 

@@ -44,6 +44,9 @@ private:
 /// when there is one, else a fresh `mapHugePages(hugePageSize)`. A model made after another
 /// so reuses the pages the system handed over already instead of faulting in new ones.
 void *takeHugePageRun();
+/// A run given back before, or null when there is none: for a taker that has a cheaper
+/// way than fresh pages. Given back with `giveHugePageRun`.
+void *takeKeptHugePageRun() noexcept;
 /// Gives back a run of `takeHugePageRun`: kept for the next taker up to a bound (512 MiB in
 /// the whole process), unmapped beyond it.
 void giveHugePageRun(void *run) noexcept;

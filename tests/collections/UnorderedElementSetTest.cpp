@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
 namespace kivra::test::library {
 namespace {
@@ -119,32 +120,38 @@ TEST_F(UnorderedElementSetTest, AParseLeavesTheFarEndOfAManyToManyPairAlone) {
 
 // The array behind the set against a plain model of it, through growth past the size where
 // it keeps an index and removals that move entries: the same members, in the order they
-// came with a leaving entry's place taken by the last.
+// came with a leaving entry's place taken by the last. One set takes its arrays from the
+// heap, one from the model of the element that owns it; a copy of the second, and the
+// second itself, outlive the model.
 TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainModelThroughAnyMixOfChanges) {
     std::vector<Book> pool;
     for (int i = 0; i < 300; ++i)
         pool.push_back(Book::create(model));
     detail::ElementHashSet table;
+    auto owned = std::make_unique<detail::ElementHashSet>();
     std::vector<ModelElement::Impl *> expected;
     std::mt19937 random(7);
+    Transaction transaction = model->beginTransaction(false);
     for (int step = 0; step < 6000; ++step) {
         Book const &book = pool[random() % pool.size()];
         auto const at = std::find(expected.begin(), expected.end(), book.get());
         // Mostly growing in the first half, mostly shrinking in the second.
         if (random() % 4 < (step < 3000 ? 3u : 1u)) {
             EXPECT_EQ(table.insert(book).second, at == expected.end());
+            EXPECT_EQ(owned->insert(book, pool[0].get()).second, at == expected.end());
             if (at == expected.end())
                 expected.push_back(book.get());
         } else {
             EXPECT_EQ(table.erase(book), at != expected.end());
+            EXPECT_EQ(owned->erase(book), at != expected.end());
             if (at != expected.end()) {
                 *at = expected.back();
                 expected.pop_back();
             }
         }
         if (step % 250 == 0) {
-            detail::ElementHashSet const copy = table;
-            for (detail::ElementHashSet const *set : {static_cast<detail::ElementHashSet const *>(&table), &copy}) {
+            detail::ElementHashSet const copy = *owned;
+            for (detail::ElementHashSet const *set : {&std::as_const(table), &std::as_const(*owned), &copy}) {
                 std::vector<ModelElement::Impl *> seen;
                 for (ModelElement const &entry : *set)
                     seen.push_back(entry.get());
@@ -152,10 +159,17 @@ TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainModelThroughAnyMixOfChan
             }
         }
     }
+    transaction.commit();
     for (Book const &book : pool)
         ASSERT_EQ(table.contains(book),
                   std::find(expected.begin(), expected.end(), book.get()) != expected.end());
     EXPECT_EQ(table.size(), expected.size());
+
+    detail::ElementHashSet const copy = *owned;
+    model->destroy();
+    model.reset();
+    EXPECT_EQ(copy.size(), expected.size());
+    owned.reset();
 }
 
 } // namespace

@@ -13,9 +13,11 @@ namespace kivra::detail {
 
 /// A set of element handles kept densely in one array, in the order they came, a leaving
 /// entry's place taken by the last one. Entries are told apart by identity: a set of up to
-/// 16 compares pointers in one pass over the array, a larger one keeps an index by the
-/// address of the element beside it. Neither reads an element, and since the index does
-/// not order anything, iteration depends on nothing but the sequence of operations.
+/// 32 compares pointers in one pass over the array, a larger one keeps an index by the
+/// address of the element beside it, and a word of bits, one per address hash, turns most
+/// absent elements away before either is read. Nothing reads an element, and since neither
+/// the index nor the bits order anything, iteration depends on nothing but the sequence of
+/// operations. The arrays of a set that a model element owns come from that model's memory.
 class ElementHashSet {
     struct SlotAccess {
         static bool used(ModelElement const &) noexcept { return true; }
@@ -44,8 +46,15 @@ public:
     /// The entry that is `element`, or `end()`.
     const_iterator find(ModelElement const &element) const noexcept;
     bool contains(ModelElement const &element) const noexcept { return find(element) != end(); }
-    /// Adds a non-empty handle; gives its position and whether it was new.
-    std::pair<const_iterator, bool> insert(ModelElement const &element);
+    /// Adds a non-empty handle; gives its position and whether it was new. Arrays that grow
+    /// come from the model of `owner`, or from the heap when it is null.
+    std::pair<const_iterator, bool> insert(ModelElement const &element, ModelElement::Impl *owner = nullptr);
+    /// Asks for the line where the next entry goes, ahead of an `insert` that work stands
+    /// before: on a large model it is rarely in cache.
+    void prepareInsert() const noexcept {
+        if (size_ < capacity_)
+            __builtin_prefetch(entries_ + size_, 1);
+    }
     /// Takes `element` out; false when it was not there.
     bool erase(ModelElement const &element) noexcept;
     void clear() noexcept;
@@ -56,19 +65,29 @@ private:
         std::swap(size_, other.size_);
         std::swap(capacity_, other.capacity_);
         std::swap(index_, other.index_);
+        std::swap(signature_, other.signature_);
         std::swap(indexShift_, other.indexShift_);
+        std::swap(entriesPooled_, other.entriesPooled_);
+        std::swap(indexPooled_, other.indexPooled_);
     }
     const_iterator at(std::size_t position) const noexcept { return {entries_ + position, entries_ + size_}; }
     /// The position of `element`, or `size_`.
     std::size_t positionOf(ModelElement::Impl const *element) const noexcept;
     std::size_t indexSize() const noexcept { return index_ ? std::size_t(1) << (64 - indexShift_) : 0; }
-    std::size_t home(ModelElement::Impl const *element) const noexcept {
-        return std::size_t((reinterpret_cast<std::uintptr_t>(element) >> 3) * 0x9E3779B97F4A7C15ull >> indexShift_);
+    static std::uint64_t hash(ModelElement::Impl const *element) noexcept {
+        return (reinterpret_cast<std::uintptr_t>(element) >> 3) * 0x9E3779B97F4A7C15ull;
     }
+    std::size_t home(ModelElement::Impl const *element) const noexcept {
+        return std::size_t(hash(element) >> indexShift_);
+    }
+    static std::uint64_t bitOf(ModelElement::Impl const *element) noexcept {
+        return std::uint64_t(1) << (hash(element) >> 58);
+    }
+    void recomputeSignature() noexcept;
     /// The index slot that holds `position`, which must be there.
     std::size_t slotOf(std::size_t position) const noexcept;
-    void growEntries();
-    void buildIndex();
+    void growEntries(ModelElement::Impl *owner);
+    void buildIndex(ModelElement::Impl *owner);
 
     ModelElement *entries_ = nullptr;
     std::uint32_t size_ = 0;
@@ -76,7 +95,12 @@ private:
     /// Positions plus one by the element's address, open addressing, at most half full;
     /// null while the set is small.
     std::uint32_t *index_ = nullptr;
-    std::uint32_t indexShift_ = 0;
+    /// A bit per hash of each entry's address; erasing may leave bits that no entry needs.
+    std::uint64_t signature_ = 0;
+    std::uint8_t indexShift_ = 0;
+    /// Whether each array came from a model's memory rather than the heap.
+    bool entriesPooled_ = false;
+    bool indexPooled_ = false;
 };
 
 } // namespace kivra::detail
