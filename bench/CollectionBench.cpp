@@ -1,15 +1,16 @@
 // The named costs of element collections: adding distinct elements to a large unique list
 // whose far end is a set, asking a list with a single-valued far end whether it holds an
-// element, and what an untouched collection costs its element.
+// element, what an untouched collection costs its element and what its first use costs.
 #include <library/Author.hpp>
 #include <library/Book.hpp>
 
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 
 #include <benchmark/benchmark.h>
 
-#include <memory>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -83,9 +84,45 @@ void BM_UntouchedCollection(benchmark::State &state) {
         benchmark::DoNotOptimize(author->hasBooks());
     }
     state.counters["bytes per untouched collection"] =
-        double(sizeof(std::unique_ptr<kivra::ElementSequence<Book>>));
+        double(sizeof(kivra::detail::CollectionSlot<kivra::ElementSequence<Book>>));
     state.counters["bytes of a made list"] = double(sizeof(kivra::ElementSequence<Book>));
 }
 BENCHMARK(BM_UntouchedCollection);
+
+// The first use of a collection: made by the writer in its transaction (0), or by a reader
+// of a frozen model (1), which takes a lock while it makes it.
+void BM_FirstUseOfACollection(benchmark::State &state) {
+    bool const reader = state.range(0) == 1;
+    constexpr std::size_t batch = 10'000;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Model model = Model::create(kivra::ModelConstellation());
+        std::vector<Author> authors;
+        {
+            kivra::Transaction transaction = model->beginTransaction(false);
+            for (std::size_t i = 0; i < batch; ++i)
+                authors.push_back(Author::create(model));
+            transaction.commit();
+        }
+        std::optional<kivra::Transaction> writing;
+        std::optional<Model::Freezer> frozen;
+        if (reader)
+            frozen.emplace(model->freeze());
+        else
+            writing.emplace(model->beginTransaction(false));
+        state.ResumeTiming();
+        for (Author const &author : authors)
+            benchmark::DoNotOptimize(&author->getBooks());
+        state.PauseTiming();
+        if (writing)
+            writing->commit();
+        frozen.reset();
+        authors.clear();
+        model->destroy();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(std::int64_t(state.iterations() * batch));
+}
+BENCHMARK(BM_FirstUseOfACollection)->Arg(0)->Arg(1)->Iterations(50);
 
 } // namespace

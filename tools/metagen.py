@@ -1057,6 +1057,8 @@ def write_header(mm, cls, extra_dir):
             std_includes.add("memory")
         if k in VALUE_KINDS:
             includes.add("kivra/Fwd.hpp")
+        if k in COLLECTION_KINDS + VALUE_KINDS:
+            includes.add("kivra/detail/CollectionSlot.hpp")
         if k == "values" and p.type in BUILTIN_DATATYPES:
             includes.add("kivra/meta/VersionInfo.hpp")
     out = [mm.banner, f"#pragma once\n/// \\file\n/// The `{cls.name}` class of `{mm.dotted}`: its handle's implementation.\n\n"]
@@ -1102,7 +1104,7 @@ public:
             out.append(f"    {ctype} const &get{p.cap}() const;\n")
             out.append(f"    {ctype} &get{p.cap}Mutable();\n")
             out.append(f"    /// True when the collection was made and holds anything.\n")
-            out.append(f"    bool has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}\n")
+            out.append(f"    bool has{p.cap}() const noexcept {{ auto const *made = {p.name}_.get(); return made && !made->empty(); }}\n")
         elif k in VALUE_KINDS:
             ctype = values_type(mm, p)
             out.append(f"\n    /// The `{p.name}`, made on first use.\n")
@@ -1174,10 +1176,10 @@ protected:
             out.append(f"    boost::optional<{native(p)}> {p.name}_;\n")
         elif k in COLLECTION_KINDS:
             out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
-            out.append(f"    mutable std::unique_ptr<{collection_type(k, p, mm)}> {p.name}_;\n")
+            out.append(f"    ::kivra::detail::CollectionSlot<{collection_type(k, p, mm)}> {p.name}_;\n")
         elif k in VALUE_KINDS:
             out.append(f"    /// Null until first used: an untouched collection costs this pointer only.\n")
-            out.append(f"    mutable std::unique_ptr<{values_type(mm, p)}> {p.name}_;\n")
+            out.append(f"    ::kivra::detail::CollectionSlot<{values_type(mm, p)}> {p.name}_;\n")
         else:
             out.append(f"    {p.type} {p.name}_;\n")
     out.append("};\n")
@@ -1376,18 +1378,19 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
                 args = (f"[](::kivra::ModelElement::Impl const &entry) -> {mm.key_type(p)} {{ return static_cast<{p.type}::Impl const &>(entry).get{key.cap}(); }}, " + args)
             out.append(f"""
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
-    if (!{p.name}_) [[unlikely]] {{
-        auto *self = const_cast<Impl *>(this);
-        {p.name}_.reset(new (self) {ctype}({args}{p.name}Property().get(), ::kivra::detail::oppositeOf({p.name}Property())));
-        self->_loadCollectionContents(*{p.name}_);
-    }}
-    return *{p.name}_;
+    return {p.name}_.ensure(*this, [](Impl &owner) {{
+        auto *const self = &owner;
+        std::unique_ptr<{ctype}> made(new (self) {ctype}({args}{p.name}Property().get(), ::kivra::detail::oppositeOf({p.name}Property())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    }});
 }}
 
 {ctype} const &{cls.name}::Impl::get{p.cap}() const {{
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensure{p.cap}());
-    return *{p.name}_;
+    {ctype} &collection = ensure{p.cap}();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }}
 
 {ctype} &{cls.name}::Impl::get{p.cap}Mutable() {{ return const_cast<{ctype} &>(get{p.cap}()); }}
@@ -1395,14 +1398,16 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
         elif k in VALUE_KINDS:
             ctype = values_type(mm, p)
             out.append(f"""
-bool {cls.name}::Impl::has{p.cap}() const noexcept {{ return {p.name}_ && !{p.name}_->empty(); }}
+bool {cls.name}::Impl::has{p.cap}() const noexcept {{
+    auto const *made = {p.name}_.get();
+    return made && !made->empty();
+}}
 
 {ctype} &{cls.name}::Impl::ensure{p.cap}() const {{
-    if (!{p.name}_) [[unlikely]] {{
-        auto *self = const_cast<Impl *>(this);
-        {p.name}_.reset(new (self) {ctype}({values_args(mm, p, True)}));
-    }}
-    return *{p.name}_;
+    return {p.name}_.ensure(*this, [](Impl &owner) {{
+        auto *const self = &owner;
+        return new (self) {ctype}({values_args(mm, p, True)});
+    }});
 }}
 
 {ctype} const &{cls.name}::Impl::get{p.cap}() const {{

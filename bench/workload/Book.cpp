@@ -82,18 +82,19 @@ void Book::Impl::setPages(std::int32_t value) { ::kivra::detail::setMember(*this
 void Book::Impl::setCategory(Category value) { ::kivra::detail::setMember(*this, category_, value, categoryIndex); }
 
 ::kivra::ElementSequence<Writer> &Book::Impl::ensureAuthors() const {
-    if (!authors_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        authors_.reset(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, true, authorsProperty().get(), ::kivra::detail::oppositeOf(authorsProperty())));
-        self->_loadCollectionContents(*authors_);
-    }
-    return *authors_;
+    return authors_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Writer>> made(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, true, authorsProperty().get(), ::kivra::detail::oppositeOf(authorsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Writer> const &Book::Impl::getAuthors() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureAuthors());
-    return *authors_;
+    ::kivra::ElementSequence<Writer> &collection = ensureAuthors();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Writer> &Book::Impl::getAuthorsMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getAuthors()); }

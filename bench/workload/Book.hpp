@@ -8,6 +8,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
@@ -55,7 +56,7 @@ public:
     ::kivra::ElementSequence<Writer> const &getAuthors() const;
     ::kivra::ElementSequence<Writer> &getAuthorsMutable();
     /// True when the collection was made and holds anything.
-    bool hasAuthors() const noexcept { return authors_ && !authors_->empty(); }
+    bool hasAuthors() const noexcept { auto const *made = authors_.get(); return made && !made->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -90,7 +91,7 @@ protected:
     std::int32_t pages_{0};
     Category category_{Category::Mystery};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> authors_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Writer>> authors_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.

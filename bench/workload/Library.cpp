@@ -67,35 +67,37 @@ void Library::Impl::basicDisassociateAll() {
 void Library::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
 
 ::kivra::ElementSequence<Book> &Library::Impl::ensureBooks() const {
-    if (!books_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, false, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
-        self->_loadCollectionContents(*books_);
-    }
-    return *books_;
+    return books_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Book>> made(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, false, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Book> const &Library::Impl::getBooks() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
-    return *books_;
+    ::kivra::ElementSequence<Book> &collection = ensureBooks();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Book> &Library::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
 
 ::kivra::ElementSequence<Writer> &Library::Impl::ensureWriters() const {
-    if (!writers_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        writers_.reset(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, false, writersProperty().get(), ::kivra::detail::oppositeOf(writersProperty())));
-        self->_loadCollectionContents(*writers_);
-    }
-    return *writers_;
+    return writers_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Writer>> made(new (self) ::kivra::ElementSequence<Writer>(_privateTag(), self, false, writersProperty().get(), ::kivra::detail::oppositeOf(writersProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Writer> const &Library::Impl::getWriters() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureWriters());
-    return *writers_;
+    ::kivra::ElementSequence<Writer> &collection = ensureWriters();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Writer> &Library::Impl::getWritersMutable() { return const_cast<::kivra::ElementSequence<Writer> &>(getWriters()); }

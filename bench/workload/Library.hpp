@@ -8,6 +8,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
@@ -46,13 +47,13 @@ public:
     ::kivra::ElementSequence<Book> const &getBooks() const;
     ::kivra::ElementSequence<Book> &getBooksMutable();
     /// True when the collection was made and holds anything.
-    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+    bool hasBooks() const noexcept { auto const *made = books_.get(); return made && !made->empty(); }
 
     /// The `writers`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementSequence<Writer> const &getWriters() const;
     ::kivra::ElementSequence<Writer> &getWritersMutable();
     /// True when the collection was made and holds anything.
-    bool hasWriters() const noexcept { return writers_ && !writers_->empty(); }
+    bool hasWriters() const noexcept { auto const *made = writers_.get(); return made && !made->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -85,9 +86,9 @@ protected:
 
     basalt::ustring name_{};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Book>> books_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Writer>> writers_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Writer>> writers_;
 };
 
 /// The old values of `Library`'s own members in a deep transaction.

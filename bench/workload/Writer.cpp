@@ -68,18 +68,19 @@ void Writer::Impl::convertReferencesToProxies(bool multiModel, boost::optional<:
 void Writer::Impl::setName(basalt::ustring const &value) { ::kivra::detail::setMember(*this, name_, value, nameIndex); }
 
 ::kivra::UnorderedElementSet<Book> &Writer::Impl::ensureBooks() const {
-    if (!books_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        books_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
-        self->_loadCollectionContents(*books_);
-    }
-    return *books_;
+    return books_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::UnorderedElementSet<Book>> made(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::UnorderedElementSet<Book> const &Writer::Impl::getBooks() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
-    return *books_;
+    ::kivra::UnorderedElementSet<Book> &collection = ensureBooks();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::UnorderedElementSet<Book> &Writer::Impl::getBooksMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getBooks()); }

@@ -8,6 +8,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <workload/Handles.hpp>
 
@@ -43,7 +44,7 @@ public:
     ::kivra::UnorderedElementSet<Book> const &getBooks() const;
     ::kivra::UnorderedElementSet<Book> &getBooksMutable();
     /// True when the collection was made and holds anything.
-    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+    bool hasBooks() const noexcept { auto const *made = books_.get(); return made && !made->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -76,7 +77,7 @@ protected:
 
     basalt::ustring name_{};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> books_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedElementSet<Book>> books_;
 };
 
 /// The old values of `Writer`'s own members in a deep transaction.

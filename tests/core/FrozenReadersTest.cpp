@@ -4,11 +4,14 @@
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
+#include <library/Shelf.hpp>
 
 #include <kivra/Model.hpp>
 #include <kivra/ElementId.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/PrimitiveCollection.hpp>
+#include <kivra/StringToStringMap.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/services/ModelIdNormalizer.hpp>
 
@@ -17,6 +20,7 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <latch>
@@ -127,6 +131,76 @@ TEST_F(FrozenReaders, ReadEveryReferenceWithoutWritingIt) {
     EXPECT_EQ(storedIn(readers[1], Book::Impl::authorProperty()), authors[1]);
     EXPECT_FALSE(readers[1]->getSequel().get());
     EXPECT_FALSE(storedIn(readers[1], Book::Impl::sequelProperty()).get());
+}
+
+// Readers meeting at the first use of collections that nobody has made yet, one of each
+// kind an element can hold: each is made once, every reader gets that one, and the writer
+// later fills the same one.
+TEST(FrozenCollections, ReadersMeetingAtFirstUseShareOneCollection) {
+    constexpr std::size_t count = 1500;
+    constexpr int threads = 6;
+    Model const model = Model::create(ModelConstellation::create());
+    std::vector<Shelf> shelves;
+    std::vector<Author> authors;
+    {
+        Transaction build = model->beginTransaction();
+        for (std::size_t i = 0; i < count; ++i) {
+            shelves.push_back(Shelf::create(model));
+            authors.push_back(Author::create(model));
+            // Every other author's books exists already, holding one book.
+            if (i % 2 == 1)
+                Book::create(model)->setWriter(authors.back());
+        }
+        build.commit();
+    }
+
+    using Seen = std::array<void const *, 8>;
+    auto const look = [&](std::size_t i) {
+        Shelf const &shelf = shelves[i];
+        Author const &author = authors[i];
+        return Seen{&shelf->getBooks(),  &shelf->getRecommended(), &shelf->getCatalogue(), &shelf->getCodes(),
+                    &shelf->getSources(), &shelf->getLabels(),      &author->getDrafts(),    &author->getBooks()};
+    };
+    auto const holdsWhatWasPut = [&](std::size_t i) {
+        Shelf const &shelf = shelves[i];
+        return shelf->getBooks().empty() && shelf->getRecommended().empty() && shelf->getCatalogue().empty() &&
+               shelf->getCodes().empty() && shelf->getSources().empty() && shelf->getLabels().empty() &&
+               authors[i]->getDrafts().empty() && authors[i]->getBooks().size() == i % 2;
+    };
+
+    std::vector<std::vector<Seen>> seen(threads, std::vector<Seen>(count));
+    std::atomic<std::size_t> wrong{0};
+    {
+        Model::Freezer const frozen = model->freeze();
+        std::latch start(threads);
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&, t] {
+                start.arrive_and_wait();
+                for (std::size_t i = 0; i < count; ++i) {
+                    seen[t][i] = look(i);
+                    if (!holdsWhatWasPut(i))
+                        ++wrong;
+                }
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+    }
+    EXPECT_EQ(wrong.load(), 0u);
+    std::size_t differing = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        for (int t = 0; t < threads; ++t)
+            differing += seen[t][i] != look(i);
+    EXPECT_EQ(differing, 0u);
+
+    Transaction fill = model->beginTransaction();
+    shelves.front()->getBooksMutable().push_back(Book::create(model));
+    shelves.front()->getLabelsMutable().insert(u"floor", u"2", CollisionResolution::Replace);
+    fill.commit();
+    EXPECT_EQ(&shelves.front()->getBooks(), seen[0][0][0]);
+    EXPECT_EQ(shelves.front()->getBooks().size(), 1u);
+    EXPECT_EQ(&shelves.front()->getLabels(), seen[0][0][5]);
+    EXPECT_EQ(shelves.front()->getLabels().size(), 1u);
 }
 
 // Loads "test-frozen:" URIs, counting the loads.

@@ -7,6 +7,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 
 #include <cstddef>
@@ -35,7 +36,7 @@ public:
     ::kivra::ElementMap<basalt::ustring, Attribute> const &getAttributes() const;
     ::kivra::ElementMap<basalt::ustring, Attribute> &getAttributesMutable();
     /// True when the collection was made and holds anything.
-    bool hasAttributes() const noexcept { return attributes_ && !attributes_->empty(); }
+    bool hasAttributes() const noexcept { auto const *made = attributes_.get(); return made && !made->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -65,7 +66,7 @@ protected:
     ::kivra::ElementMap<basalt::ustring, Attribute> &ensureAttributes() const;
 
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Attribute>> attributes_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Attribute>> attributes_;
 };
 
 /// The old values of `AttributeMap`'s own members in a deep transaction.

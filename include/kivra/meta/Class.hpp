@@ -7,6 +7,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/StructuredType.hpp>
 
@@ -46,7 +47,7 @@ public:
     ::kivra::ElementMap<std::uint64_t, DynamicExtensions> const &getExtensions() const;
     ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &getExtensionsMutable();
     /// True when the collection was made and holds anything.
-    bool hasExtensions() const noexcept { return extensions_ && !extensions_->empty(); }
+    bool hasExtensions() const noexcept { auto const *made = extensions_.get(); return made && !made->empty(); }
 
     bool getIsAbstract() const noexcept { return isAbstract_; }
     void setIsAbstract(bool value);
@@ -83,7 +84,7 @@ protected:
 
     Class superclass_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<std::uint64_t, DynamicExtensions>> extensions_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<std::uint64_t, DynamicExtensions>> extensions_;
     bool isAbstract_{false};
 };
 

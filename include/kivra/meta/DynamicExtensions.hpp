@@ -7,6 +7,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 
 #include <cstddef>
@@ -44,7 +45,7 @@ public:
     ::kivra::ElementMap<basalt::ustring, Extension> const &getExtensions() const;
     ::kivra::ElementMap<basalt::ustring, Extension> &getExtensionsMutable();
     /// True when the collection was made and holds anything.
-    bool hasExtensions() const noexcept { return extensions_ && !extensions_->empty(); }
+    bool hasExtensions() const noexcept { auto const *made = extensions_.get(); return made && !made->empty(); }
 
     /// The containing `Class`, when this element is held by its `extensions`.
     Class getOwningClass() const;
@@ -80,7 +81,7 @@ protected:
 
     std::uint64_t modelID_{0};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Extension>> extensions_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Extension>> extensions_;
 };
 
 /// The old values of `DynamicExtensions`'s own members in a deep transaction.

@@ -7,6 +7,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementMap.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
@@ -39,7 +40,7 @@ public:
     ::kivra::ElementMap<basalt::ustring, EnumLiteral> const &getLiterals() const;
     ::kivra::ElementMap<basalt::ustring, EnumLiteral> &getLiteralsMutable();
     /// True when the collection was made and holds anything.
-    bool hasLiterals() const noexcept { return literals_ && !literals_->empty(); }
+    bool hasLiterals() const noexcept { auto const *made = literals_.get(); return made && !made->empty(); }
 
     /// The referenced `PrimitiveType`, resolved when it is a proxy; empty when none.
     PrimitiveType getUnderlyingType() const;
@@ -76,7 +77,7 @@ protected:
     ::kivra::ElementMap<basalt::ustring, EnumLiteral> &ensureLiterals() const;
 
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, EnumLiteral>> literals_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, EnumLiteral>> literals_;
     PrimitiveType underlyingType_;
 };
 

@@ -9,6 +9,7 @@
 #include <kivra/ElementMap.hpp>
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/NamedElement.hpp>
 #include <kivra/meta/VersionInfo.hpp>
@@ -61,19 +62,19 @@ public:
     ::kivra::ElementMap<basalt::ustring, Type> const &getOwnedTypes() const;
     ::kivra::ElementMap<basalt::ustring, Type> &getOwnedTypesMutable();
     /// True when the collection was made and holds anything.
-    bool hasOwnedTypes() const noexcept { return ownedTypes_ && !ownedTypes_->empty(); }
+    bool hasOwnedTypes() const noexcept { auto const *made = ownedTypes_.get(); return made && !made->empty(); }
 
     /// The `nestedPackages`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementMap<basalt::ustring, Package> const &getNestedPackages() const;
     ::kivra::ElementMap<basalt::ustring, Package> &getNestedPackagesMutable();
     /// True when the collection was made and holds anything.
-    bool hasNestedPackages() const noexcept { return nestedPackages_ && !nestedPackages_->empty(); }
+    bool hasNestedPackages() const noexcept { auto const *made = nestedPackages_.get(); return made && !made->empty(); }
 
     /// The `ownedEndpoints`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementMap<basalt::ustring, Endpoint> const &getOwnedEndpoints() const;
     ::kivra::ElementMap<basalt::ustring, Endpoint> &getOwnedEndpointsMutable();
     /// True when the collection was made and holds anything.
-    bool hasOwnedEndpoints() const noexcept { return ownedEndpoints_ && !ownedEndpoints_->empty(); }
+    bool hasOwnedEndpoints() const noexcept { auto const *made = ownedEndpoints_.get(); return made && !made->empty(); }
 
     basalt::ustring const & getUri() const noexcept { return uri_; }
     void setUri(basalt::ustring const &value);
@@ -134,14 +135,14 @@ protected:
     ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &ensureImportedPackages() const;
 
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Type>> ownedTypes_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Type>> ownedTypes_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Package>> nestedPackages_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Package>> nestedPackages_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Endpoint>> ownedEndpoints_;
     basalt::ustring uri_{};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> importedPackages_;
     boost::optional<std::string> defaultVantorCategory_;
     boost::optional<basalt::ustring> cachedQualifiedName_;
 };

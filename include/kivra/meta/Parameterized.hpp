@@ -7,6 +7,7 @@
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/TypedElement.hpp>
 
@@ -36,7 +37,7 @@ public:
     ::kivra::ElementSequence<Argument> const &getArguments() const;
     ::kivra::ElementSequence<Argument> &getArgumentsMutable();
     /// True when the collection was made and holds anything.
-    bool hasArguments() const noexcept { return arguments_ && !arguments_->empty(); }
+    bool hasArguments() const noexcept { auto const *made = arguments_.get(); return made && !made->empty(); }
 
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
@@ -65,7 +66,7 @@ protected:
     ::kivra::ElementSequence<Argument> &ensureArguments() const;
 
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Argument>> arguments_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Argument>> arguments_;
 };
 
 /// The old values of `Parameterized`'s own members in a deep transaction.

@@ -8,6 +8,7 @@
 #include <kivra/ElementMap.hpp>
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/Type.hpp>
 
@@ -53,13 +54,13 @@ public:
     ::kivra::ElementMap<basalt::ustring, Property> const &getOwnedAttributes() const;
     ::kivra::ElementMap<basalt::ustring, Property> &getOwnedAttributesMutable();
     /// True when the collection was made and holds anything.
-    bool hasOwnedAttributes() const noexcept { return ownedAttributes_ && !ownedAttributes_->empty(); }
+    bool hasOwnedAttributes() const noexcept { auto const *made = ownedAttributes_.get(); return made && !made->empty(); }
 
     /// The `ownedOperations`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementMultimap<basalt::ustring, Operation> const &getOwnedOperations() const;
     ::kivra::ElementMultimap<basalt::ustring, Operation> &getOwnedOperationsMutable();
     /// True when the collection was made and holds anything.
-    bool hasOwnedOperations() const noexcept { return ownedOperations_ && !ownedOperations_->empty(); }
+    bool hasOwnedOperations() const noexcept { auto const *made = ownedOperations_.get(); return made && !made->empty(); }
 
     bool getVantorCompactDisplay() const noexcept { return vantorCompactDisplay_; }
     void setVantorCompactDisplay(bool value);
@@ -106,12 +107,12 @@ protected:
 
     std::string vantorName_{};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Property>> ownedAttributes_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Property>> ownedAttributes_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMultimap<basalt::ustring, Operation>> ownedOperations_;
     bool vantorCompactDisplay_{false};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveSequence<std::string>> vantorDispCategories_;
 };
 
 /// The old values of `StructuredType`'s own members in a deep transaction.

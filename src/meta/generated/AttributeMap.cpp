@@ -52,18 +52,19 @@ void AttributeMap::Impl::basicDisassociateAll() {
 }
 
 ::kivra::ElementMap<basalt::ustring, Attribute> &AttributeMap::Impl::ensureAttributes() const {
-    if (!attributes_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        attributes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Attribute>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Attribute::Impl const &>(entry).getKey(); }, _privateTag(), self, attributesProperty().get(), ::kivra::detail::oppositeOf(attributesProperty())));
-        self->_loadCollectionContents(*attributes_);
-    }
-    return *attributes_;
+    return attributes_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Attribute>> made(new (self) ::kivra::ElementMap<basalt::ustring, Attribute>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Attribute::Impl const &>(entry).getKey(); }, _privateTag(), self, attributesProperty().get(), ::kivra::detail::oppositeOf(attributesProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Attribute> const &AttributeMap::Impl::getAttributes() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureAttributes());
-    return *attributes_;
+    ::kivra::ElementMap<basalt::ustring, Attribute> &collection = ensureAttributes();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Attribute> &AttributeMap::Impl::getAttributesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Attribute> &>(getAttributes()); }

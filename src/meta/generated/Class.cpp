@@ -78,18 +78,19 @@ void Class::Impl::setSuperclass(Class const &value) {
 }
 
 ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &Class::Impl::ensureExtensions() const {
-    if (!extensions_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        extensions_.reset(new (self) ::kivra::ElementMap<std::uint64_t, DynamicExtensions>([](::kivra::ModelElement::Impl const &entry) -> std::uint64_t { return static_cast<DynamicExtensions::Impl const &>(entry).getModelID(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
-        self->_loadCollectionContents(*extensions_);
-    }
-    return *extensions_;
+    return extensions_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<std::uint64_t, DynamicExtensions>> made(new (self) ::kivra::ElementMap<std::uint64_t, DynamicExtensions>([](::kivra::ModelElement::Impl const &entry) -> std::uint64_t { return static_cast<DynamicExtensions::Impl const &>(entry).getModelID(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<std::uint64_t, DynamicExtensions> const &Class::Impl::getExtensions() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureExtensions());
-    return *extensions_;
+    ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &collection = ensureExtensions();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<std::uint64_t, DynamicExtensions> &Class::Impl::getExtensionsMutable() { return const_cast<::kivra::ElementMap<std::uint64_t, DynamicExtensions> &>(getExtensions()); }

@@ -78,18 +78,19 @@ void DynamicExtensions::Impl::setModelID(std::uint64_t value) {
 }
 
 ::kivra::ElementMap<basalt::ustring, Extension> &DynamicExtensions::Impl::ensureExtensions() const {
-    if (!extensions_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        extensions_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Extension>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Extension::Impl const &>(entry).getName(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
-        self->_loadCollectionContents(*extensions_);
-    }
-    return *extensions_;
+    return extensions_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Extension>> made(new (self) ::kivra::ElementMap<basalt::ustring, Extension>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Extension::Impl const &>(entry).getName(); }, _privateTag(), self, extensionsProperty().get(), ::kivra::detail::oppositeOf(extensionsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Extension> const &DynamicExtensions::Impl::getExtensions() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureExtensions());
-    return *extensions_;
+    ::kivra::ElementMap<basalt::ustring, Extension> &collection = ensureExtensions();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Extension> &DynamicExtensions::Impl::getExtensionsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Extension> &>(getExtensions()); }

@@ -66,18 +66,19 @@ void Enum::Impl::convertReferencesToProxies(bool multiModel, boost::optional<::k
 }
 
 ::kivra::ElementMap<basalt::ustring, EnumLiteral> &Enum::Impl::ensureLiterals() const {
-    if (!literals_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        literals_.reset(new (self) ::kivra::ElementMap<basalt::ustring, EnumLiteral>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<EnumLiteral::Impl const &>(entry).getName(); }, _privateTag(), self, literalsProperty().get(), ::kivra::detail::oppositeOf(literalsProperty())));
-        self->_loadCollectionContents(*literals_);
-    }
-    return *literals_;
+    return literals_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, EnumLiteral>> made(new (self) ::kivra::ElementMap<basalt::ustring, EnumLiteral>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<EnumLiteral::Impl const &>(entry).getName(); }, _privateTag(), self, literalsProperty().get(), ::kivra::detail::oppositeOf(literalsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, EnumLiteral> const &Enum::Impl::getLiterals() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureLiterals());
-    return *literals_;
+    ::kivra::ElementMap<basalt::ustring, EnumLiteral> &collection = ensureLiterals();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, EnumLiteral> &Enum::Impl::getLiteralsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, EnumLiteral> &>(getLiterals()); }

@@ -111,52 +111,55 @@ void Package::Impl::basicDisassociateAll() {
 }
 
 ::kivra::ElementMap<basalt::ustring, Type> &Package::Impl::ensureOwnedTypes() const {
-    if (!ownedTypes_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        ownedTypes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Type>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Type::Impl const &>(entry).getName(); }, _privateTag(), self, ownedTypesProperty().get(), ::kivra::detail::oppositeOf(ownedTypesProperty())));
-        self->_loadCollectionContents(*ownedTypes_);
-    }
-    return *ownedTypes_;
+    return ownedTypes_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Type>> made(new (self) ::kivra::ElementMap<basalt::ustring, Type>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Type::Impl const &>(entry).getName(); }, _privateTag(), self, ownedTypesProperty().get(), ::kivra::detail::oppositeOf(ownedTypesProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Type> const &Package::Impl::getOwnedTypes() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedTypes());
-    return *ownedTypes_;
+    ::kivra::ElementMap<basalt::ustring, Type> &collection = ensureOwnedTypes();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Type> &Package::Impl::getOwnedTypesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Type> &>(getOwnedTypes()); }
 
 ::kivra::ElementMap<basalt::ustring, Package> &Package::Impl::ensureNestedPackages() const {
-    if (!nestedPackages_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        nestedPackages_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Package>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Package::Impl const &>(entry).getName(); }, _privateTag(), self, nestedPackagesProperty().get(), ::kivra::detail::oppositeOf(nestedPackagesProperty())));
-        self->_loadCollectionContents(*nestedPackages_);
-    }
-    return *nestedPackages_;
+    return nestedPackages_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Package>> made(new (self) ::kivra::ElementMap<basalt::ustring, Package>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Package::Impl const &>(entry).getName(); }, _privateTag(), self, nestedPackagesProperty().get(), ::kivra::detail::oppositeOf(nestedPackagesProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Package> const &Package::Impl::getNestedPackages() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureNestedPackages());
-    return *nestedPackages_;
+    ::kivra::ElementMap<basalt::ustring, Package> &collection = ensureNestedPackages();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Package> &Package::Impl::getNestedPackagesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Package> &>(getNestedPackages()); }
 
 ::kivra::ElementMap<basalt::ustring, Endpoint> &Package::Impl::ensureOwnedEndpoints() const {
-    if (!ownedEndpoints_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        ownedEndpoints_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Endpoint>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Endpoint::Impl const &>(entry).getName(); }, _privateTag(), self, ownedEndpointsProperty().get(), ::kivra::detail::oppositeOf(ownedEndpointsProperty())));
-        self->_loadCollectionContents(*ownedEndpoints_);
-    }
-    return *ownedEndpoints_;
+    return ownedEndpoints_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Endpoint>> made(new (self) ::kivra::ElementMap<basalt::ustring, Endpoint>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Endpoint::Impl const &>(entry).getName(); }, _privateTag(), self, ownedEndpointsProperty().get(), ::kivra::detail::oppositeOf(ownedEndpointsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Endpoint> const &Package::Impl::getOwnedEndpoints() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedEndpoints());
-    return *ownedEndpoints_;
+    ::kivra::ElementMap<basalt::ustring, Endpoint> &collection = ensureOwnedEndpoints();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Endpoint> &Package::Impl::getOwnedEndpointsMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Endpoint> &>(getOwnedEndpoints()); }
@@ -175,14 +178,16 @@ void Package::Impl::setParentPackage(Package const &value) {
     ::kivra::detail::setContainer(*this, value, Package::Impl::nestedPackagesProperty(), parentPackageIndex);
 }
 
-bool Package::Impl::hasImportedPackages() const noexcept { return importedPackages_ && !importedPackages_->empty(); }
+bool Package::Impl::hasImportedPackages() const noexcept {
+    auto const *made = importedPackages_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Package::Impl::ensureImportedPackages() const {
-    if (!importedPackages_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        importedPackages_.reset(new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, importedPackagesProperty().get()));
-    }
-    return *importedPackages_;
+    return importedPackages_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, importedPackagesProperty().get());
+    });
 }
 
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &Package::Impl::getImportedPackages() const {

@@ -40,18 +40,19 @@ void Parameterized::Impl::basicDisassociateAll() {
 }
 
 ::kivra::ElementSequence<Argument> &Parameterized::Impl::ensureArguments() const {
-    if (!arguments_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        arguments_.reset(new (self) ::kivra::ElementSequence<Argument>(_privateTag(), self, true, argumentsProperty().get(), ::kivra::detail::oppositeOf(argumentsProperty())));
-        self->_loadCollectionContents(*arguments_);
-    }
-    return *arguments_;
+    return arguments_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Argument>> made(new (self) ::kivra::ElementSequence<Argument>(_privateTag(), self, true, argumentsProperty().get(), ::kivra::detail::oppositeOf(argumentsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Argument> const &Parameterized::Impl::getArguments() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureArguments());
-    return *arguments_;
+    ::kivra::ElementSequence<Argument> &collection = ensureArguments();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Argument> &Parameterized::Impl::getArgumentsMutable() { return const_cast<::kivra::ElementSequence<Argument> &>(getArguments()); }

@@ -91,49 +91,53 @@ void StructuredType::Impl::basicDisassociateAll() {
 void StructuredType::Impl::setVantorName(std::string const &value) { ::kivra::detail::setMember(*this, vantorName_, value, vantorNameIndex); }
 
 ::kivra::ElementMap<basalt::ustring, Property> &StructuredType::Impl::ensureOwnedAttributes() const {
-    if (!ownedAttributes_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        ownedAttributes_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Property>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Property::Impl const &>(entry).getName(); }, _privateTag(), self, ownedAttributesProperty().get(), ::kivra::detail::oppositeOf(ownedAttributesProperty())));
-        self->_loadCollectionContents(*ownedAttributes_);
-    }
-    return *ownedAttributes_;
+    return ownedAttributes_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Property>> made(new (self) ::kivra::ElementMap<basalt::ustring, Property>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Property::Impl const &>(entry).getName(); }, _privateTag(), self, ownedAttributesProperty().get(), ::kivra::detail::oppositeOf(ownedAttributesProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Property> const &StructuredType::Impl::getOwnedAttributes() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedAttributes());
-    return *ownedAttributes_;
+    ::kivra::ElementMap<basalt::ustring, Property> &collection = ensureOwnedAttributes();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Property> &StructuredType::Impl::getOwnedAttributesMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Property> &>(getOwnedAttributes()); }
 
 ::kivra::ElementMultimap<basalt::ustring, Operation> &StructuredType::Impl::ensureOwnedOperations() const {
-    if (!ownedOperations_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        ownedOperations_.reset(new (self) ::kivra::ElementMultimap<basalt::ustring, Operation>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Operation::Impl const &>(entry).getName(); }, _privateTag(), self, ownedOperationsProperty().get(), ::kivra::detail::oppositeOf(ownedOperationsProperty())));
-        self->_loadCollectionContents(*ownedOperations_);
-    }
-    return *ownedOperations_;
+    return ownedOperations_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMultimap<basalt::ustring, Operation>> made(new (self) ::kivra::ElementMultimap<basalt::ustring, Operation>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Operation::Impl const &>(entry).getName(); }, _privateTag(), self, ownedOperationsProperty().get(), ::kivra::detail::oppositeOf(ownedOperationsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMultimap<basalt::ustring, Operation> const &StructuredType::Impl::getOwnedOperations() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureOwnedOperations());
-    return *ownedOperations_;
+    ::kivra::ElementMultimap<basalt::ustring, Operation> &collection = ensureOwnedOperations();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMultimap<basalt::ustring, Operation> &StructuredType::Impl::getOwnedOperationsMutable() { return const_cast<::kivra::ElementMultimap<basalt::ustring, Operation> &>(getOwnedOperations()); }
 
 void StructuredType::Impl::setVantorCompactDisplay(bool value) { ::kivra::detail::setMember(*this, vantorCompactDisplay_, value, vantorCompactDisplayIndex); }
 
-bool StructuredType::Impl::hasVantorDispCategories() const noexcept { return vantorDispCategories_ && !vantorDispCategories_->empty(); }
+bool StructuredType::Impl::hasVantorDispCategories() const noexcept {
+    auto const *made = vantorDispCategories_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveSequence<std::string> &StructuredType::Impl::ensureVantorDispCategories() const {
-    if (!vantorDispCategories_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        vantorDispCategories_.reset(new (self) ::kivra::PrimitiveSequence<std::string>(_privateTag(), self, vantorDispCategoriesProperty().get(), false));
-    }
-    return *vantorDispCategories_;
+    return vantorDispCategories_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveSequence<std::string>(_privateTag(), self, vantorDispCategoriesProperty().get(), false);
+    });
 }
 
 ::kivra::PrimitiveSequence<std::string> const &StructuredType::Impl::getVantorDispCategories() const {

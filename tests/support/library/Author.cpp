@@ -127,64 +127,69 @@ void Author::Impl::setFavourite(Book const &value) {
 }
 
 ::kivra::ElementSequence<Book> &Author::Impl::ensureBooks() const {
-    if (!books_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
-        self->_loadCollectionContents(*books_);
-    }
-    return *books_;
+    return books_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Book>> made(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Book> const &Author::Impl::getBooks() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
-    return *books_;
+    ::kivra::ElementSequence<Book> &collection = ensureBooks();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Book> &Author::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
 
 ::kivra::UnorderedElementSet<Book> &Author::Impl::ensureCoauthored() const {
-    if (!coauthored_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        coauthored_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, coauthoredProperty().get(), ::kivra::detail::oppositeOf(coauthoredProperty())));
-        self->_loadCollectionContents(*coauthored_);
-    }
-    return *coauthored_;
+    return coauthored_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::UnorderedElementSet<Book>> made(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, coauthoredProperty().get(), ::kivra::detail::oppositeOf(coauthoredProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::UnorderedElementSet<Book> const &Author::Impl::getCoauthored() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCoauthored());
-    return *coauthored_;
+    ::kivra::UnorderedElementSet<Book> &collection = ensureCoauthored();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::UnorderedElementSet<Book> &Author::Impl::getCoauthoredMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getCoauthored()); }
 
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::ensureDrafts() const {
-    if (!drafts_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        drafts_.reset(new (self) ::kivra::UnorderedElementMultimap<std::int32_t, Book>([](::kivra::ModelElement::Impl const &entry) -> std::int32_t { return static_cast<Book::Impl const &>(entry).getPages(); }, _privateTag(), self, draftsProperty().get(), ::kivra::detail::oppositeOf(draftsProperty())));
-        self->_loadCollectionContents(*drafts_);
-    }
-    return *drafts_;
+    return drafts_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> made(new (self) ::kivra::UnorderedElementMultimap<std::int32_t, Book>([](::kivra::ModelElement::Impl const &entry) -> std::int32_t { return static_cast<Book::Impl const &>(entry).getPages(); }, _privateTag(), self, draftsProperty().get(), ::kivra::detail::oppositeOf(draftsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> const &Author::Impl::getDrafts() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureDrafts());
-    return *drafts_;
+    ::kivra::UnorderedElementMultimap<std::int32_t, Book> &collection = ensureDrafts();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::UnorderedElementMultimap<std::int32_t, Book> &Author::Impl::getDraftsMutable() { return const_cast<::kivra::UnorderedElementMultimap<std::int32_t, Book> &>(getDrafts()); }
 
-bool Author::Impl::hasPseudonyms() const noexcept { return pseudonyms_ && !pseudonyms_->empty(); }
+bool Author::Impl::hasPseudonyms() const noexcept {
+    auto const *made = pseudonyms_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveSet<std::string> &Author::Impl::ensurePseudonyms() const {
-    if (!pseudonyms_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        pseudonyms_.reset(new (self) ::kivra::PrimitiveSet<std::string>(_privateTag(), self, pseudonymsProperty().get()));
-    }
-    return *pseudonyms_;
+    return pseudonyms_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveSet<std::string>(_privateTag(), self, pseudonymsProperty().get());
+    });
 }
 
 ::kivra::PrimitiveSet<std::string> const &Author::Impl::getPseudonyms() const {
@@ -194,14 +199,16 @@ bool Author::Impl::hasPseudonyms() const noexcept { return pseudonyms_ && !pseud
 
 ::kivra::PrimitiveSet<std::string> &Author::Impl::getPseudonymsMutable() { return const_cast<::kivra::PrimitiveSet<std::string> &>(getPseudonyms()); }
 
-bool Author::Impl::hasRatings() const noexcept { return ratings_ && !ratings_->empty(); }
+bool Author::Impl::hasRatings() const noexcept {
+    auto const *made = ratings_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveSequence<std::int32_t> &Author::Impl::ensureRatings() const {
-    if (!ratings_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        ratings_.reset(new (self) ::kivra::PrimitiveSequence<std::int32_t>(_privateTag(), self, ratingsProperty().get(), false));
-    }
-    return *ratings_;
+    return ratings_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveSequence<std::int32_t>(_privateTag(), self, ratingsProperty().get(), false);
+    });
 }
 
 ::kivra::PrimitiveSequence<std::int32_t> const &Author::Impl::getRatings() const {
@@ -211,14 +218,16 @@ bool Author::Impl::hasRatings() const noexcept { return ratings_ && !ratings_->e
 
 ::kivra::PrimitiveSequence<std::int32_t> &Author::Impl::getRatingsMutable() { return const_cast<::kivra::PrimitiveSequence<std::int32_t> &>(getRatings()); }
 
-bool Author::Impl::hasVisits() const noexcept { return visits_ && !visits_->empty(); }
+bool Author::Impl::hasVisits() const noexcept {
+    auto const *made = visits_.get();
+    return made && !made->empty();
+}
 
 ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &Author::Impl::ensureVisits() const {
-    if (!visits_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        visits_.reset(new (self) ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>(_privateTag(), self, visitsProperty().get()));
-    }
-    return *visits_;
+    return visits_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>(_privateTag(), self, visitsProperty().get());
+    });
 }
 
 ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> const &Author::Impl::getVisits() const {

@@ -11,6 +11,7 @@
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
@@ -69,19 +70,19 @@ public:
     ::kivra::ElementSequence<Book> const &getBooks() const;
     ::kivra::ElementSequence<Book> &getBooksMutable();
     /// True when the collection was made and holds anything.
-    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+    bool hasBooks() const noexcept { auto const *made = books_.get(); return made && !made->empty(); }
 
     /// The `coauthored`, made on first use; each access resolves the proxies it holds.
     ::kivra::UnorderedElementSet<Book> const &getCoauthored() const;
     ::kivra::UnorderedElementSet<Book> &getCoauthoredMutable();
     /// True when the collection was made and holds anything.
-    bool hasCoauthored() const noexcept { return coauthored_ && !coauthored_->empty(); }
+    bool hasCoauthored() const noexcept { auto const *made = coauthored_.get(); return made && !made->empty(); }
 
     /// The `drafts`, made on first use; each access resolves the proxies it holds.
     ::kivra::UnorderedElementMultimap<std::int32_t, Book> const &getDrafts() const;
     ::kivra::UnorderedElementMultimap<std::int32_t, Book> &getDraftsMutable();
     /// True when the collection was made and holds anything.
-    bool hasDrafts() const noexcept { return drafts_ && !drafts_->empty(); }
+    bool hasDrafts() const noexcept { auto const *made = drafts_.get(); return made && !made->empty(); }
 
     /// The `pseudonyms`, made on first use.
     ::kivra::PrimitiveSet<std::string> const &getPseudonyms() const;
@@ -144,17 +145,17 @@ protected:
     basalt::ustring name_{};
     Book favourite_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Book>> books_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> coauthored_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedElementSet<Book>> coauthored_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedElementMultimap<std::int32_t, Book>> drafts_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveSet<std::string>> pseudonyms_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveSet<std::string>> pseudonyms_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
 };
 
 /// The old values of `Author`'s own members in a deep transaction.

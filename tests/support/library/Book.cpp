@@ -251,18 +251,19 @@ void Book::Impl::setAppendixOf(Book const &value) {
 }
 
 ::kivra::ElementSequence<Book> &Book::Impl::ensureChapters() const {
-    if (!chapters_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        chapters_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, chaptersProperty().get(), ::kivra::detail::oppositeOf(chaptersProperty())));
-        self->_loadCollectionContents(*chapters_);
-    }
-    return *chapters_;
+    return chapters_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Book>> made(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, chaptersProperty().get(), ::kivra::detail::oppositeOf(chaptersProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Book> const &Book::Impl::getChapters() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureChapters());
-    return *chapters_;
+    ::kivra::ElementSequence<Book> &collection = ensureChapters();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Book> &Book::Impl::getChaptersMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getChapters()); }
@@ -280,18 +281,19 @@ void Book::Impl::setChapterOf(Book const &value) {
 }
 
 ::kivra::ElementSequence<Author> &Book::Impl::ensureCoauthors() const {
-    if (!coauthors_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        coauthors_.reset(new (self) ::kivra::ElementSequence<Author>(_privateTag(), self, true, coauthorsProperty().get(), ::kivra::detail::oppositeOf(coauthorsProperty())));
-        self->_loadCollectionContents(*coauthors_);
-    }
-    return *coauthors_;
+    return coauthors_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Author>> made(new (self) ::kivra::ElementSequence<Author>(_privateTag(), self, true, coauthorsProperty().get(), ::kivra::detail::oppositeOf(coauthorsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Author> const &Book::Impl::getCoauthors() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCoauthors());
-    return *coauthors_;
+    ::kivra::ElementSequence<Author> &collection = ensureCoauthors();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Author> &Book::Impl::getCoauthorsMutable() { return const_cast<::kivra::ElementSequence<Author> &>(getCoauthors()); }
@@ -304,14 +306,16 @@ void Book::Impl::setCatalogued(Shelf const &value) {
     ::kivra::detail::setReference(*this, catalogued_, value, cataloguedProperty(), cataloguedIndex);
 }
 
-bool Book::Impl::hasTags() const noexcept { return tags_ && !tags_->empty(); }
+bool Book::Impl::hasTags() const noexcept {
+    auto const *made = tags_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveSequence<basalt::ustring> &Book::Impl::ensureTags() const {
-    if (!tags_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        tags_.reset(new (self) ::kivra::PrimitiveSequence<basalt::ustring>(_privateTag(), self, tagsProperty().get(), true));
-    }
-    return *tags_;
+    return tags_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveSequence<basalt::ustring>(_privateTag(), self, tagsProperty().get(), true);
+    });
 }
 
 ::kivra::PrimitiveSequence<basalt::ustring> const &Book::Impl::getTags() const {

@@ -9,6 +9,7 @@
 #include <kivra/ElementSequence.hpp>
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <library/Handles.hpp>
 
@@ -121,7 +122,7 @@ public:
     ::kivra::ElementSequence<Book> const &getChapters() const;
     ::kivra::ElementSequence<Book> &getChaptersMutable();
     /// True when the collection was made and holds anything.
-    bool hasChapters() const noexcept { return chapters_ && !chapters_->empty(); }
+    bool hasChapters() const noexcept { auto const *made = chapters_.get(); return made && !made->empty(); }
 
     /// The containing `Book`, when this element is held by its `chapters`.
     Book getChapterOf() const;
@@ -132,7 +133,7 @@ public:
     ::kivra::ElementSequence<Author> const &getCoauthors() const;
     ::kivra::ElementSequence<Author> &getCoauthorsMutable();
     /// True when the collection was made and holds anything.
-    bool hasCoauthors() const noexcept { return coauthors_ && !coauthors_->empty(); }
+    bool hasCoauthors() const noexcept { auto const *made = coauthors_.get(); return made && !made->empty(); }
 
     /// The referenced `Shelf`, resolved when it is a proxy; empty when none.
     Shelf getCatalogued() const;
@@ -187,12 +188,12 @@ protected:
     boost::optional<std::string> isbn_;
     Book appendix_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Book>> chapters_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Book>> chapters_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Author>> coauthors_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Author>> coauthors_;
     Shelf catalogued_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveSequence<basalt::ustring>> tags_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveSequence<basalt::ustring>> tags_;
 };
 
 /// The old values of `Book`'s own members in a deep transaction.

@@ -142,66 +142,71 @@ void Shelf::Impl::setFeatured(Book const &value) {
 }
 
 ::kivra::ElementSequence<Book> &Shelf::Impl::ensureBooks() const {
-    if (!books_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        books_.reset(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
-        self->_loadCollectionContents(*books_);
-    }
-    return *books_;
+    return books_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Book>> made(new (self) ::kivra::ElementSequence<Book>(_privateTag(), self, true, booksProperty().get(), ::kivra::detail::oppositeOf(booksProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementSequence<Book> const &Shelf::Impl::getBooks() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureBooks());
-    return *books_;
+    ::kivra::ElementSequence<Book> &collection = ensureBooks();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementSequence<Book> &Shelf::Impl::getBooksMutable() { return const_cast<::kivra::ElementSequence<Book> &>(getBooks()); }
 
 ::kivra::UnorderedElementSet<Book> &Shelf::Impl::ensureRecommended() const {
-    if (!recommended_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        recommended_.reset(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, recommendedProperty().get(), ::kivra::detail::oppositeOf(recommendedProperty())));
-        self->_loadCollectionContents(*recommended_);
-    }
-    return *recommended_;
+    return recommended_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::UnorderedElementSet<Book>> made(new (self) ::kivra::UnorderedElementSet<Book>(_privateTag(), self, recommendedProperty().get(), ::kivra::detail::oppositeOf(recommendedProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::UnorderedElementSet<Book> const &Shelf::Impl::getRecommended() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureRecommended());
-    return *recommended_;
+    ::kivra::UnorderedElementSet<Book> &collection = ensureRecommended();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::UnorderedElementSet<Book> &Shelf::Impl::getRecommendedMutable() { return const_cast<::kivra::UnorderedElementSet<Book> &>(getRecommended()); }
 
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::ensureCatalogue() const {
-    if (!catalogue_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        catalogue_.reset(new (self) ::kivra::ElementMap<basalt::ustring, Book>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Book::Impl const &>(entry).getTitle(); }, _privateTag(), self, catalogueProperty().get(), ::kivra::detail::oppositeOf(catalogueProperty())));
-        self->_loadCollectionContents(*catalogue_);
-    }
-    return *catalogue_;
+    return catalogue_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> made(new (self) ::kivra::ElementMap<basalt::ustring, Book>([](::kivra::ModelElement::Impl const &entry) -> basalt::ustring { return static_cast<Book::Impl const &>(entry).getTitle(); }, _privateTag(), self, catalogueProperty().get(), ::kivra::detail::oppositeOf(catalogueProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
 }
 
 ::kivra::ElementMap<basalt::ustring, Book> const &Shelf::Impl::getCatalogue() const {
     ::kivra::detail::checkCollectionOwner(*this);
-    ::kivra::detail::resolveCollectionOnAccess(*this, ensureCatalogue());
-    return *catalogue_;
+    ::kivra::ElementMap<basalt::ustring, Book> &collection = ensureCatalogue();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
 }
 
 ::kivra::ElementMap<basalt::ustring, Book> &Shelf::Impl::getCatalogueMutable() { return const_cast<::kivra::ElementMap<basalt::ustring, Book> &>(getCatalogue()); }
 
 void Shelf::Impl::setCode(std::string const &value) { ::kivra::detail::setMember(*this, code_, value, codeIndex); }
 
-bool Shelf::Impl::hasCodes() const noexcept { return codes_ && !codes_->empty(); }
+bool Shelf::Impl::hasCodes() const noexcept {
+    auto const *made = codes_.get();
+    return made && !made->empty();
+}
 
 ::kivra::UnorderedPrimitiveSet<std::int32_t> &Shelf::Impl::ensureCodes() const {
-    if (!codes_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        codes_.reset(new (self) ::kivra::UnorderedPrimitiveSet<std::int32_t>(_privateTag(), self, codesProperty().get()));
-    }
-    return *codes_;
+    return codes_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::UnorderedPrimitiveSet<std::int32_t>(_privateTag(), self, codesProperty().get());
+    });
 }
 
 ::kivra::UnorderedPrimitiveSet<std::int32_t> const &Shelf::Impl::getCodes() const {
@@ -211,14 +216,16 @@ bool Shelf::Impl::hasCodes() const noexcept { return codes_ && !codes_->empty();
 
 ::kivra::UnorderedPrimitiveSet<std::int32_t> &Shelf::Impl::getCodesMutable() { return const_cast<::kivra::UnorderedPrimitiveSet<std::int32_t> &>(getCodes()); }
 
-bool Shelf::Impl::hasSources() const noexcept { return sources_ && !sources_->empty(); }
+bool Shelf::Impl::hasSources() const noexcept {
+    auto const *made = sources_.get();
+    return made && !made->empty();
+}
 
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Shelf::Impl::ensureSources() const {
-    if (!sources_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        sources_.reset(new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, sourcesProperty().get()));
-    }
-    return *sources_;
+    return sources_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>([](::kivra::meta::VersionInfo const &entry) { return entry.getFamily(); }, _privateTag(), self, sourcesProperty().get());
+    });
 }
 
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> const &Shelf::Impl::getSources() const {
@@ -228,14 +235,16 @@ bool Shelf::Impl::hasSources() const noexcept { return sources_ && !sources_->em
 
 ::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &Shelf::Impl::getSourcesMutable() { return const_cast<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo> &>(getSources()); }
 
-bool Shelf::Impl::hasLabels() const noexcept { return labels_ && !labels_->empty(); }
+bool Shelf::Impl::hasLabels() const noexcept {
+    auto const *made = labels_.get();
+    return made && !made->empty();
+}
 
 ::kivra::StringToStringMap &Shelf::Impl::ensureLabels() const {
-    if (!labels_) [[unlikely]] {
-        auto *self = const_cast<Impl *>(this);
-        labels_.reset(new (self) ::kivra::StringToStringMap(_privateTag(), self, labelsProperty().get()));
-    }
-    return *labels_;
+    return labels_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        return new (self) ::kivra::StringToStringMap(_privateTag(), self, labelsProperty().get());
+    });
 }
 
 ::kivra::StringToStringMap const &Shelf::Impl::getLabels() const {

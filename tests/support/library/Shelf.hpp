@@ -12,6 +12,7 @@
 #include <kivra/Fwd.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/UnorderedElementSet.hpp>
+#include <kivra/detail/CollectionSlot.hpp>
 #include <kivra/detail/DynamicDefaults.hpp>
 #include <kivra/meta/Handles.hpp>
 #include <kivra/meta/VersionInfo.hpp>
@@ -81,19 +82,19 @@ public:
     ::kivra::ElementSequence<Book> const &getBooks() const;
     ::kivra::ElementSequence<Book> &getBooksMutable();
     /// True when the collection was made and holds anything.
-    bool hasBooks() const noexcept { return books_ && !books_->empty(); }
+    bool hasBooks() const noexcept { auto const *made = books_.get(); return made && !made->empty(); }
 
     /// The `recommended`, made on first use; each access resolves the proxies it holds.
     ::kivra::UnorderedElementSet<Book> const &getRecommended() const;
     ::kivra::UnorderedElementSet<Book> &getRecommendedMutable();
     /// True when the collection was made and holds anything.
-    bool hasRecommended() const noexcept { return recommended_ && !recommended_->empty(); }
+    bool hasRecommended() const noexcept { auto const *made = recommended_.get(); return made && !made->empty(); }
 
     /// The `catalogue`, made on first use; each access resolves the proxies it holds.
     ::kivra::ElementMap<basalt::ustring, Book> const &getCatalogue() const;
     ::kivra::ElementMap<basalt::ustring, Book> &getCatalogueMutable();
     /// True when the collection was made and holds anything.
-    bool hasCatalogue() const noexcept { return catalogue_ && !catalogue_->empty(); }
+    bool hasCatalogue() const noexcept { auto const *made = catalogue_.get(); return made && !made->empty(); }
 
     std::string const & getCode() const noexcept { return code_; }
     void setCode(std::string const &value);
@@ -165,18 +166,18 @@ protected:
     basalt::ustring label_{};
     Book featured_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementSequence<Book>> books_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Book>> books_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedElementSet<Book>> recommended_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedElementSet<Book>> recommended_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
+    ::kivra::detail::CollectionSlot<::kivra::ElementMap<basalt::ustring, Book>> catalogue_;
     std::string code_{};
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<std::int32_t>> codes_;
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedPrimitiveSet<std::int32_t>> codes_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
+    ::kivra::detail::CollectionSlot<::kivra::PrimitiveMap<::basalt::ustring, ::kivra::meta::VersionInfo>> sources_;
     /// Null until first used: an untouched collection costs this pointer only.
-    mutable std::unique_ptr<::kivra::StringToStringMap> labels_;
+    ::kivra::detail::CollectionSlot<::kivra::StringToStringMap> labels_;
     boost::uuids::uuid stamp_{::kivra::detail::randomDefaultUuid()};
     boost::posix_time::ptime opened_{::kivra::detail::currentLocalTime()};
 };
