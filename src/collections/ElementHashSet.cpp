@@ -17,6 +17,10 @@ constexpr std::uint32_t firstCapacity = 4;
 /// the heap.
 constexpr std::size_t largestPooled = 2048;
 
+/// Room for twice the capacity of the array: the index stays at most half full until the
+/// array grows again.
+std::size_t indexSlots(std::size_t capacity) noexcept { return std::bit_ceil(2 * capacity); }
+
 /// Raw memory for an array of `bytes`; `pooled` says where it came from.
 void *allocateArray(std::size_t bytes, ModelElement::Impl *owner, bool &pooled) {
     pooled = owner && bytes <= largestPooled;
@@ -33,7 +37,9 @@ void freeArray(void *array, std::size_t bytes, bool pooled) noexcept {
 }
 } // namespace
 
-ElementHashSet::ElementHashSet(ElementHashSet const &other) {
+// Delegating: once the empty set stands, a failure to build the index goes through the
+// destructor, which lets go of the entries copied so far.
+ElementHashSet::ElementHashSet(ElementHashSet const &other) : ElementHashSet() {
     // A copy belongs to no element: its arrays are the heap's.
     if (other.size_ == 0)
         return;
@@ -99,8 +105,12 @@ std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElem
                                                                         ModelElement::Impl *owner) {
     if (std::size_t const present = positionOf(element.get()); present != size_)
         return {at(present), false};
+    // Everything that may fail comes before the entry is stored: a set that runs out of
+    // memory stays as it was.
     if (size_ == capacity_)
-        growEntries(owner); // also rebuilds the index for the new capacity
+        growEntries(owner); // also builds the index for the new capacity once the set is large
+    else if (!index_ && size_ >= smallSet)
+        buildIndex(owner);
     // The count is taken before the entry is stored: the store may miss, and a locked
     // update behind it would wait for it.
     ModelElement counted = element;
@@ -113,8 +123,6 @@ std::pair<ElementHashSet::const_iterator, bool> ElementHashSet::insert(ModelElem
         while (index_[s] != 0)
             s = (s + 1) & mask;
         index_[s] = position + 1;
-    } else if (size_ > smallSet) {
-        buildIndex(owner);
     }
     return {at(position), true};
 }
@@ -165,25 +173,40 @@ void ElementHashSet::growEntries(ModelElement::Impl *owner) {
     std::uint32_t const capacity = capacity_ == 0 ? firstCapacity : 2 * capacity_;
     bool pooled;
     auto *const grown = static_cast<ModelElement *>(allocateArray(capacity * sizeof(ModelElement), owner, pooled));
+    // The index for the new capacity is taken before anything moves: an index left at the
+    // old one would fill up as the array does, and a lookup in a full one never ends.
+    std::uint32_t *index = nullptr;
+    bool indexPooled = false;
+    std::size_t const slots = indexSlots(capacity);
+    if (index_ || size_ >= smallSet) {
+        try {
+            index = static_cast<std::uint32_t *>(allocateArray(slots * sizeof(std::uint32_t), owner, indexPooled));
+        } catch (...) {
+            freeArray(grown, capacity * sizeof(ModelElement), pooled);
+            throw;
+        }
+    }
     // Handles move without a count touched, so nothing here can throw or end an element.
     std::uninitialized_move(entries_, entries_ + size_, grown);
     std::destroy_n(entries_, size_);
     freeArray(std::exchange(entries_, grown), capacity_ * sizeof(ModelElement), entriesPooled_);
     entriesPooled_ = pooled;
     capacity_ = capacity;
-    // A large set's bits may have gone stale through erasures; a small one's never do.
-    if (index_) {
+    if (index) {
+        // A large set's bits may have gone stale through erasures; a small one's never do.
         recomputeSignature();
-        buildIndex(owner);
+        fillIndex(index, slots, indexPooled);
     }
 }
 
 void ElementHashSet::buildIndex(ModelElement::Impl *owner) {
-    // Room for twice the capacity of the array: the index stays at most half full until the
-    // array grows again.
-    std::size_t const slots = std::bit_ceil(std::size_t(2) * capacity_);
+    std::size_t const slots = indexSlots(capacity_);
     bool pooled;
     auto *const built = static_cast<std::uint32_t *>(allocateArray(slots * sizeof(std::uint32_t), owner, pooled));
+    fillIndex(built, slots, pooled);
+}
+
+void ElementHashSet::fillIndex(std::uint32_t *built, std::size_t slots, bool pooled) noexcept {
     std::fill_n(built, slots, 0u);
     freeArray(index_, indexSize() * sizeof(std::uint32_t), indexPooled_);
     index_ = built;

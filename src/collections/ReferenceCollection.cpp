@@ -209,7 +209,10 @@ meta::Property::Impl *oppositeOf(meta::Property const &property) {
 }
 
 void resolveCollectionOnAccess(ModelElement::Impl const &owner, ReferenceCollection &collection) {
-    if (!owner.getModelImpl()->isParsingInProgress())
+    // Readers of a frozen model, on several threads at once, store nothing: the proxies of
+    // a collection wait for the thaw, as a single reference's do.
+    Model::Impl const *const model = owner.getModelImpl();
+    if (!model->isParsingInProgress() && !model->isFrozen())
         collection.resolveAll();
 }
 

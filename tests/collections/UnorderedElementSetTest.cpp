@@ -16,11 +16,48 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <new>
 #include <random>
 #include <utility>
 
+// Allocations on this thread that still succeed before one fails; none fails while negative.
+// Every allocation of the binary passes here, the library's included.
+namespace {
+thread_local long allocationsBeforeFailure = -1;
+
+void *allocateOrFail(std::size_t size) {
+    if (allocationsBeforeFailure >= 0 && allocationsBeforeFailure-- == 0)
+        throw std::bad_alloc();
+    if (void *const block = std::malloc(size ? size : 1))
+        return block;
+    throw std::bad_alloc();
+}
+} // namespace
+
+void *operator new(std::size_t size) { return allocateOrFail(size); }
+void *operator new(std::size_t size, std::nothrow_t const &) noexcept {
+    try {
+        return allocateOrFail(size);
+    } catch (std::bad_alloc const &) {
+        return nullptr;
+    }
+}
+void operator delete(void *block) noexcept { std::free(block); }
+void operator delete(void *block, std::size_t) noexcept { std::free(block); }
+void operator delete(void *block, std::nothrow_t const &) noexcept { std::free(block); }
+
 namespace kivra::test::library {
 namespace {
+
+/// Makes the allocation after `succeeding` more on this thread fail, while it lives.
+class FailingAllocation {
+public:
+    explicit FailingAllocation(long succeeding) noexcept { allocationsBeforeFailure = succeeding; }
+    FailingAllocation(FailingAllocation const &) = delete;
+    FailingAllocation &operator=(FailingAllocation const &) = delete;
+    ~FailingAllocation() { allocationsBeforeFailure = -1; }
+};
 
 class UnorderedElementSetTest : public ::testing::Test {
 protected:
@@ -170,6 +207,51 @@ TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainModelThroughAnyMixOfChan
     model.reset();
     EXPECT_EQ(copy.size(), expected.size());
     owned.reset();
+}
+
+// Memory running out while the set grows, builds its index or is copied leaves it as it was
+// and usable: the element is not half in, and an index keeps room for all the array takes.
+TEST_F(UnorderedElementSetTest, RunningOutOfMemoryLeavesTheSetAsItWas) {
+    std::vector<Book> books;
+    for (int i = 0; i < 300; ++i)
+        books.push_back(Book::create(model));
+    detail::ElementHashSet set;
+    for (std::size_t i = 0; i < books.size(); ++i) {
+        // The first or the second allocation of the step fails: the array, or the index.
+        for (long succeeding : {0L, 1L}) {
+            bool failed = false;
+            {
+                FailingAllocation const failing(succeeding);
+                try {
+                    set.insert(books[i]);
+                } catch (std::bad_alloc const &) {
+                    failed = true;
+                }
+            }
+            if (failed) {
+                ASSERT_EQ(set.size(), i) << "at " << i;
+                ASSERT_FALSE(set.contains(books[i])) << "at " << i;
+            }
+        }
+        set.insert(books[i]);
+        ASSERT_EQ(set.size(), i + 1);
+        if (i % 20 == 0 || i == 32 || i == 64) {
+            std::vector<std::uint32_t> counts;
+            for (Book const &book : books)
+                counts.push_back(book->referenceCount());
+            for (long succeeding : {0L, 1L}) {
+                FailingAllocation const failing(succeeding);
+                try {
+                    detail::ElementHashSet const copy = set;
+                } catch (std::bad_alloc const &) {
+                }
+            }
+            for (std::size_t j = 0; j < books.size(); ++j)
+                ASSERT_EQ(books[j]->referenceCount(), counts[j]) << "a failed copy keeps " << j;
+        }
+    }
+    for (Book const &book : books)
+        EXPECT_TRUE(set.contains(book));
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <kivra/ModelElement.hpp>
 #include <kivra/PrimitiveCollection.hpp>
 #include <kivra/StringToStringMap.hpp>
+#include <kivra/UnorderedElementSet.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/services/ModelIdNormalizer.hpp>
 
@@ -236,6 +237,39 @@ TEST_F(FrozenReaders, LoadNoModel) {
     EXPECT_TRUE(reader->getSequel()->isProxy()); // loaded, but the element is not there
     EXPECT_EQ(loader->loads, before + 1);
     EXPECT_EQ(constellation->modelsCount(), 3u);
+}
+
+// A set read on several threads of a frozen model resolves none of its proxies into itself:
+// they wait for the thaw, as a single reference's do.
+TEST(FrozenSetReaders, ReadASetWithoutResolvingIntoIt) {
+    constexpr int count = 64;
+    constexpr int threads = 8;
+    Model model = Model::create(ModelConstellation());
+    Shelf const shelf = Shelf::create(model);
+    std::vector<boost::uuids::uuid> ids;
+    for (int i = 0; i < count; ++i) {
+        ids.push_back(ElementImpl::generateNewUuid());
+        shelf->getRecommendedMutable().insert(Book::createProxy(model, ProxyId(u"uuid", textOf(ids.back()), boost::none)));
+    }
+    std::vector<Book> books;
+    for (boost::uuids::uuid const &id : ids)
+        books.push_back(Book::create(model, id));
+    {
+        Model::Freezer const frozen = model->freeze();
+        std::latch start(threads);
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&] {
+                start.arrive_and_wait();
+                for (int pass = 0; pass < 20; ++pass)
+                    (void)shelf->getRecommended().size();
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+        EXPECT_EQ(shelf->getRecommended().unresolvedSize(), std::size_t(count));
+    }
+    EXPECT_EQ(shelf->getRecommended().size(), std::size_t(count));
+    EXPECT_EQ(shelf->getRecommended().unresolvedSize(), 0u);
 }
 
 } // namespace

@@ -88,6 +88,8 @@ private:
     std::size_t slotOf(std::size_t position) const noexcept;
     void growEntries(ModelElement::Impl *owner);
     void buildIndex(ModelElement::Impl *owner);
+    /// Takes `built` as the index and files every entry in it.
+    void fillIndex(std::uint32_t *built, std::size_t slots, bool pooled) noexcept;
 
     ModelElement *entries_ = nullptr;
     std::uint32_t size_ = 0;
