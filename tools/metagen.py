@@ -1124,6 +1124,8 @@ public:
     ::kivra::Value getPropertyValue({META}::Property const &property, {TAG} const &tag) const override;
     void setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) override;
 """)
+    if any(k == "value" for _, k in kinds):
+        out.append(f"    void const *nativeValueAddress({META}::Property::Impl const &property) const noexcept override;\n")
     out.append(f"    {META}::Property getPropertyByIndex(std::uint64_t index) const override;\n")
     out.append(f"    {META}::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;\n")
     if own_storage(mm, cls):
@@ -1436,6 +1438,8 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     out.append(write_builder_source(mm, cls))
     if kinds:
         out.append(write_reflective(mm, cls, kinds, base))
+    if any(k == "value" for _, k in kinds):
+        out.append(write_native_address(cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
     out.append(write_records(mm, cls, base))
     if any(k in ("reference", "composite", "container-end") + COLLECTION_KINDS for _, k in kinds):
@@ -1548,6 +1552,21 @@ bool {cls.name}::Impl::hasPropertyValue({META}::Property const &property, {TAG} 
 
 void {cls.name}::Impl::setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) {{
 {guard.format(base=base, call="setPropertyValue(property, value, tag)")}{"".join(set_)}    {base}::setPropertyValue(property, value, tag);
+}}
+"""
+
+
+def write_native_address(cls, kinds, base):
+    """The members a query reads in place: single values, primitive or enum, always set."""
+    cases = "".join(f"    case {p.index}:\n        if (&property == {p.name}Property().get())\n            return &{p.name}_;\n        break;\n"
+                    for p, k in kinds if k == "value")
+    return f"""
+void const *{cls.name}::Impl::nativeValueAddress({META}::Property::Impl const &property) const noexcept {{
+    switch (property.getPropertyIndex()) {{
+{cases}    default:
+        break;
+    }}
+    return {base}::nativeValueAddress(property);
 }}
 """
 

@@ -194,6 +194,26 @@ void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Book::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == titleProperty().get())
+            return &title_;
+        break;
+    case 2:
+        if (&property == pagesProperty().get())
+            return &pages_;
+        break;
+    case 3:
+        if (&property == categoryProperty().get())
+            return &category_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Book::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

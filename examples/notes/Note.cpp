@@ -150,6 +150,22 @@ void Note::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Note::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == textProperty().get())
+            return &text_;
+        break;
+    case 3:
+        if (&property == starsProperty().get())
+            return &stars_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Note::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

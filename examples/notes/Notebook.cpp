@@ -145,6 +145,18 @@ void Notebook::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Notebook::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == titleProperty().get())
+            return &title_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Notebook::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

@@ -203,6 +203,8 @@ bool ModelElement::Impl::hasPropertyValue(meta::Property const &property, Reflec
     raiseNoSuchProperty(property);
 }
 
+void const *ModelElement::Impl::nativeValueAddress(meta::Property::Impl const &) const noexcept { return nullptr; }
+
 Value ModelElement::Impl::getPropertyValue(meta::Property const &property, ReflectionPrivateTag const &) const {
     // Extensions, which a model adds to a class for itself, answer here once they exist.
     raiseNoSuchProperty(property);

@@ -15,7 +15,9 @@
 #include <boost/optional/optional.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include <functional>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <string_view>
 
@@ -41,7 +43,87 @@ ModelElement const &elementOf(std::span<ModelElement const *const> row, std::vec
     return ids[0] == instance ? *row[0] : *row[1];
 }
 
+// The field of `NativeOperand` that holds a constant of native type `T`.
+template <class T, class Operand> auto &operandOf(Operand &operand) {
+    if constexpr (std::is_same_v<T, bool>)
+        return operand.boolean;
+    else if constexpr (std::is_same_v<T, double>)
+        return operand.real;
+    else if constexpr (std::is_same_v<T, basalt::ustring>)
+        return operand.text;
+    else if constexpr (std::is_same_v<T, std::string>)
+        return operand.stdText;
+    else if constexpr (std::is_signed_v<T>)
+        return operand.integer;
+    else
+        return operand.natural;
+}
+
+template <class T, class Relation> bool compareInPlace(void const *member, NativeOperand const &constant) {
+    return Relation{}(*static_cast<T const *>(member), operandOf<T>(constant));
+}
+
+using NativeTest = bool (*)(void const *, NativeOperand const &);
+
+template <class T> NativeTest nativeTestFor(ValueMatchRelation relation) {
+    switch (relation) {
+    case ValueMatchRelation::equal: return &compareInPlace<T, std::equal_to<>>;
+    case ValueMatchRelation::notEqual: return &compareInPlace<T, std::not_equal_to<>>;
+    case ValueMatchRelation::greater: return &compareInPlace<T, std::greater<>>;
+    case ValueMatchRelation::greaterOrEqual: return &compareInPlace<T, std::greater_equal<>>;
+    case ValueMatchRelation::less: return &compareInPlace<T, std::less<>>;
+    case ValueMatchRelation::lessOrEqual: return &compareInPlace<T, std::less_equal<>>;
+    default: return nullptr;
+    }
+}
+
+// The test for a constant of native type `T`, kept in `operand`; the types without a plain
+// order of their own are left to their comparators.
+template <class T> NativeTest nativeTestFor(ValueMatchRelation relation, Value const &constant, NativeOperand &operand) {
+    if constexpr (std::is_arithmetic_v<T> || std::is_same_v<T, basalt::ustring> || std::is_same_v<T, std::string>) {
+        operandOf<T>(operand) = constant.get<T>();
+        return nativeTestFor<T>(relation);
+    } else {
+        return nullptr;
+    }
+}
+
+// The test of a member read in place that gives what `comparator` gives on its value and
+// `constant`, with the constant stored in `operand`; null where there is none. Both sides
+// are then set, so an optional property's ordering is the plain one; its equality compares
+// values as `Value` does and stays there.
+NativeTest nativeTestFor(meta::Property const &property, ValueMatchRelation relation, Value const &constant,
+                         NativeOperand &operand) {
+    if (!property || property->getUpper() != 1 || constant.getFlags() != ValueFlags::Single ||
+        !constant.hasPayload() || constant.getType() != property->getType())
+        return nullptr;
+    bool const equality = relation == ValueMatchRelation::equal || relation == ValueMatchRelation::notEqual;
+    if (equality && property->getLower() == 0)
+        return nullptr;
+    meta::Type const &type = property->getType();
+    using meta::StandardTypes;
+#define KIVRA_PRIMITIVE(Name, uuid, Native, cppName, vantorName, member)                                              \
+    if (type == StandardTypes::member.get())                                                                           \
+        return nativeTestFor<Native>(relation, constant, operand);
+#include <kivra/meta/PrimitiveTypes.def>
+    // Enum literals travel as their number sign-extended to 64 bits, and live as 32.
+    if (equality && internal::isEnumType(type)) {
+        operand.integer = static_cast<std::int64_t>(constant.get<std::uint64_t>());
+        return nativeTestFor<std::int32_t>(relation);
+    }
+    return nullptr;
+}
+
 } // namespace
+
+PropertyRelationValueConstraint::PropertyRelationValueConstraint(meta::Property property, ValueMatchRelation relation,
+                                                                 Value constant, ValueComparator const *comparator,
+                                                                 std::size_t instance)
+    : property(std::move(property)), relation(relation), constant(std::move(constant)), comparator(comparator),
+      instance(instance) {
+    if (comparator)
+        nativeTest_ = nativeTestFor(this->property, relation, this->constant, nativeConstant_);
+}
 
 ReferenceCollection const *managedReferenceCollection(Value const &value) {
     // As the value reads its own entries: an element's collection is the payload itself.
@@ -99,6 +181,9 @@ bool testPropertyValue(ModelElement::Impl const &element, meta::Property const &
 }
 
 bool PropertyRelationValueConstraint::test(ModelElement::Impl const &element) const {
+    if (nativeTest_)
+        if (void const *const member = element.nativeValueAddress(*property.get()))
+            return nativeTest_(member, nativeConstant_);
     return testPropertyValue(element, property, *comparator, constant);
 }
 

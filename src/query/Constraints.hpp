@@ -9,7 +9,11 @@
 #include <kivra/query/ReflectiveQuery.hpp>
 #include <kivra/query/ValueComparatorRegistry.hpp>
 
+#include <basalt/ustring.hpp>
+
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <span>
 #include <vector>
 
@@ -73,13 +77,23 @@ public:
     virtual std::size_t getInstance() const = 0;
 };
 
+/// A constant converted once to the native type of a property, for comparing with members
+/// read in place: integers and enum literals widened to `integer` (unsigned ones to
+/// `natural`), and the rest in their own field.
+struct NativeOperand {
+    std::int64_t integer = 0;
+    std::uint64_t natural = 0;
+    double real = 0;
+    bool boolean = false;
+    basalt::ustring text;
+    std::string stdText;
+};
+
 /// A property of the element related to a constant.
 class PropertyRelationValueConstraint final : public SingleObjectConstraintWithDisjunction {
 public:
     PropertyRelationValueConstraint(meta::Property property, ValueMatchRelation relation, Value constant,
-                                    ValueComparator const *comparator, std::size_t instance)
-        : property(std::move(property)), relation(relation), constant(std::move(constant)), comparator(comparator),
-          instance(instance) {}
+                                    ValueComparator const *comparator, std::size_t instance);
     bool test(ModelElement::Impl const &element) const override;
     void replay(std::size_t instance, ReflectiveQuery &target) const override;
     void replayInto(ReflectiveDisjunction &target) const override;
@@ -90,6 +104,12 @@ public:
     Value constant;
     ValueComparator const *comparator;
     std::size_t instance;
+
+private:
+    // The comparator's relation on a member that an element shows in place, as the comparator
+    // would judge its value and the constant; null when every element is read as a `Value`.
+    bool (*nativeTest_)(void const *member, NativeOperand const &constant) = nullptr;
+    NativeOperand nativeConstant_;
 };
 
 /// A test of a row: the elements of two or more instances.

@@ -8,15 +8,18 @@
 #include <kivra/Value.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include <optional>
 #include <utility>
 
 namespace kivra::test {
 
-/// An element whose every property reads as `value`.
+/// An element whose every property reads as `value`; given `inPlace`, it also shows that
+/// value's payload as its member, the way a generated element shows its fields.
 class Reading final : public ModelElement::Impl {
 public:
-    static ModelElement create(Model const &model, Value value) {
+    static ModelElement create(Model const &model, Value value, std::optional<Value> inPlace = std::nullopt) {
         auto *impl = new (model) Reading(model, std::move(value));
+        impl->inPlace_ = std::move(inPlace);
         ModelElement element = ModelElement::fromImpl(impl);
         impl->notifyCreated();
         return element;
@@ -24,6 +27,9 @@ public:
 
     meta::Class const &getMetaClass() const override { return ModelElement::metaClass(); }
     Value getPropertyValue(meta::Property const &, ReflectionPrivateTag const &) const override { return value_; }
+    void const *nativeValueAddress(meta::Property::Impl const &) const noexcept override {
+        return inPlace_ ? inPlace_->getPayload() : nullptr;
+    }
     Changes *createChanges() const override { return new Changes(getUuid(), getModelImpl(), getMetaClass(), 0); }
     Storage *createStorage() const override { return new Storage(getUuid(), getModelImpl(), getMetaClass(), 1); }
 
@@ -34,6 +40,7 @@ private:
     }
 
     Value value_;
+    std::optional<Value> inPlace_;
 };
 
 /// A single-valued property of `type`; `lower` 1 makes it required.

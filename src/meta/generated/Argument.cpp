@@ -137,6 +137,18 @@ void Argument::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Argument::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 8:
+        if (&property == isInputProperty().get())
+            return &isInput_;
+        break;
+    default:
+        break;
+    }
+    return TypedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Argument::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 7)
         return TypedElement::Impl::getPropertyByIndex(index);

@@ -114,6 +114,18 @@ void Attribute::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Attribute::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == keyProperty().get())
+            return &key_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Attribute::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

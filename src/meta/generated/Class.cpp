@@ -196,6 +196,18 @@ void Class::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     StructuredType::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Class::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 12:
+        if (&property == isAbstractProperty().get())
+            return &isAbstract_;
+        break;
+    default:
+        break;
+    }
+    return StructuredType::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Class::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 10)
         return StructuredType::Impl::getPropertyByIndex(index);

@@ -101,6 +101,18 @@ void DateTimeAttribute::Impl::setPropertyValue(::kivra::meta::Property const &pr
     Attribute::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *DateTimeAttribute::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 3:
+        if (&property == valueProperty().get())
+            return &value_;
+        break;
+    default:
+        break;
+    }
+    return Attribute::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property DateTimeAttribute::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 3)
         return Attribute::Impl::getPropertyByIndex(index);

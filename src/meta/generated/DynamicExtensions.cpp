@@ -203,6 +203,18 @@ void DynamicExtensions::Impl::setPropertyValue(::kivra::meta::Property const &pr
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *DynamicExtensions::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == modelIDProperty().get())
+            return &modelID_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property DynamicExtensions::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

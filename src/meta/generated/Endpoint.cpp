@@ -138,6 +138,18 @@ void Endpoint::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     Parameterized::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Endpoint::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 9:
+        if (&property == millisecondTimeoutProperty().get())
+            return &millisecondTimeout_;
+        break;
+    default:
+        break;
+    }
+    return Parameterized::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Endpoint::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 8)
         return Parameterized::Impl::getPropertyByIndex(index);

@@ -154,6 +154,18 @@ void EnumLiteral::Impl::setPropertyValue(::kivra::meta::Property const &property
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *EnumLiteral::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 2:
+        if (&property == valueProperty().get())
+            return &value_;
+        break;
+    default:
+        break;
+    }
+    return NamedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property EnumLiteral::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 2)
         return NamedElement::Impl::getPropertyByIndex(index);

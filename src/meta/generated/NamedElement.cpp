@@ -163,6 +163,18 @@ void NamedElement::Impl::setPropertyValue(::kivra::meta::Property const &propert
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *NamedElement::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == nameProperty().get())
+            return &name_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property NamedElement::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);

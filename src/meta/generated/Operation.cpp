@@ -192,6 +192,30 @@ void Operation::Impl::setPropertyValue(::kivra::meta::Property const &property, 
     Parameterized::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Operation::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 9:
+        if (&property == isAbstractProperty().get())
+            return &isAbstract_;
+        break;
+    case 10:
+        if (&property == isStaticProperty().get())
+            return &isStatic_;
+        break;
+    case 11:
+        if (&property == isPublicProperty().get())
+            return &isPublic_;
+        break;
+    case 12:
+        if (&property == isEventProperty().get())
+            return &isEvent_;
+        break;
+    default:
+        break;
+    }
+    return Parameterized::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Operation::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 8)
         return Parameterized::Impl::getPropertyByIndex(index);

@@ -358,6 +358,18 @@ void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Package::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 5:
+        if (&property == uriProperty().get())
+            return &uri_;
+        break;
+    default:
+        break;
+    }
+    return NamedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Package::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 2)
         return NamedElement::Impl::getPropertyByIndex(index);

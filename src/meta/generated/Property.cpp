@@ -490,6 +490,74 @@ void Property::Impl::setPropertyValue(::kivra::meta::Property const &property, :
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Property::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 7:
+        if (&property == isDerivedProperty().get())
+            return &isDerived_;
+        break;
+    case 8:
+        if (&property == isCompositeProperty().get())
+            return &isComposite_;
+        break;
+    case 9:
+        if (&property == isReadOnlyProperty().get())
+            return &isReadOnly_;
+        break;
+    case 10:
+        if (&property == isUniqueProperty().get())
+            return &isUnique_;
+        break;
+    case 12:
+        if (&property == customQualificationProperty().get())
+            return &customQualification_;
+        break;
+    case 13:
+        if (&property == isQualificationUniqueProperty().get())
+            return &isQualificationUnique_;
+        break;
+    case 15:
+        if (&property == propertyIndexProperty().get())
+            return &propertyIndex_;
+        break;
+    case 16:
+        if (&property == isPublicAccessorProperty().get())
+            return &isPublicAccessor_;
+        break;
+    case 17:
+        if (&property == isPublicMutatorProperty().get())
+            return &isPublicMutator_;
+        break;
+    case 18:
+        if (&property == isTransientProperty().get())
+            return &isTransient_;
+        break;
+    case 19:
+        if (&property == isSparseProperty().get())
+            return &isSparse_;
+        break;
+    case 22:
+        if (&property == vantorDispSkipEmptyProperty().get())
+            return &vantorDispSkipEmpty_;
+        break;
+    case 23:
+        if (&property == isSetOnceProperty().get())
+            return &isSetOnce_;
+        break;
+    case 24:
+        if (&property == isVantorHiddenProperty().get())
+            return &isVantorHidden_;
+        break;
+    case 26:
+        if (&property == isQueryIndexProperty().get())
+            return &isQueryIndex_;
+        break;
+    default:
+        break;
+    }
+    return TypedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Property::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 7)
         return TypedElement::Impl::getPropertyByIndex(index);

@@ -101,6 +101,18 @@ void RealAttribute::Impl::setPropertyValue(::kivra::meta::Property const &proper
     Attribute::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *RealAttribute::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 3:
+        if (&property == valueProperty().get())
+            return &value_;
+        break;
+    default:
+        break;
+    }
+    return Attribute::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property RealAttribute::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 3)
         return Attribute::Impl::getPropertyByIndex(index);

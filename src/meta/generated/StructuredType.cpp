@@ -265,6 +265,22 @@ void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &prope
     Type::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *StructuredType::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 5:
+        if (&property == vantorNameProperty().get())
+            return &vantorName_;
+        break;
+    case 8:
+        if (&property == vantorCompactDisplayProperty().get())
+            return &vantorCompactDisplay_;
+        break;
+    default:
+        break;
+    }
+    return Type::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property StructuredType::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 5)
         return Type::Impl::getPropertyByIndex(index);

@@ -154,6 +154,18 @@ void Type::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kiv
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Type::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 2:
+        if (&property == isVantorHiddenProperty().get())
+            return &isVantorHidden_;
+        break;
+    default:
+        break;
+    }
+    return NamedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Type::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 2)
         return NamedElement::Impl::getPropertyByIndex(index);

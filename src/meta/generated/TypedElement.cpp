@@ -198,6 +198,30 @@ void TypedElement::Impl::setPropertyValue(::kivra::meta::Property const &propert
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *TypedElement::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 3:
+        if (&property == lowerProperty().get())
+            return &lower_;
+        break;
+    case 4:
+        if (&property == upperProperty().get())
+            return &upper_;
+        break;
+    case 5:
+        if (&property == isOrderedProperty().get())
+            return &isOrdered_;
+        break;
+    case 6:
+        if (&property == isHashedProperty().get())
+            return &isHashed_;
+        break;
+    default:
+        break;
+    }
+    return NamedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property TypedElement::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 2)
         return NamedElement::Impl::getPropertyByIndex(index);

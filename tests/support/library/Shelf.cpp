@@ -445,6 +445,30 @@ void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::ki
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Shelf::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 1:
+        if (&property == labelProperty().get())
+            return &label_;
+        break;
+    case 6:
+        if (&property == codeProperty().get())
+            return &code_;
+        break;
+    case 10:
+        if (&property == stampProperty().get())
+            return &stamp_;
+        break;
+    case 11:
+        if (&property == openedProperty().get())
+            return &opened_;
+        break;
+    default:
+        break;
+    }
+    return ::kivra::ModelElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Shelf::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 1)
         return ::kivra::ModelElement::Impl::getPropertyByIndex(index);
