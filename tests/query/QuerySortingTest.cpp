@@ -11,6 +11,8 @@
 
 #include <cmath>
 #include <limits>
+#include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -173,6 +175,43 @@ TEST_F(Sorting, EmptyValuesMissingElementsAndNaNHaveTheirPlaces) {
     meta::Property const required = test::makeProperty(model, real, 1);
     EXPECT_EQ(sort(numbers, required, SortDirection::Ascending), (std::vector<int>{3, 1, 0, 2}));
     EXPECT_EQ(sort(numbers, required, SortDirection::Descending), (std::vector<int>{0, 2, 1, 3}));
+}
+
+// Texts with long shared heads, keys that are heads of others, the lowest and highest code
+// units, and many ties: the order of a stable sort by code units, either way.
+TEST_F(Sorting, TextsSortByCodeUnitsWhateverHeadTheyShare) {
+    meta::Type const string = StandardTypes::stringMeta.get();
+    std::mt19937 random(11);
+    std::u16string const units = {u'\0', u'a', u'b', u'\u00e9', u'\xD83D', u'\xFFFF'};
+    for (std::size_t head : {0, 3, 9, 14}) {
+        std::u16string const shared = std::u16string(head, u'B').substr(0, head / 2) + std::u16string(head - head / 2, u'\0');
+        std::vector<std::u16string> texts;
+        std::vector<Value> values;
+        for (int i = 0; i < 300; ++i) {
+            std::u16string text = shared;
+            // One key in a hundred leaves the head early, as a guess from a few keys would miss.
+            if (i % 100 == 42)
+                text.resize(random() % (head + 1));
+            for (std::size_t n = random() % 13; n > 0; --n)
+                text.push_back(units[random() % units.size()]);
+            texts.push_back(text);
+            values.push_back(i % 50 == 7 ? Value(string, boost::none) : Value(string, basalt::ustring(text)));
+        }
+        std::vector<int> expected(texts.size());
+        std::iota(expected.begin(), expected.end(), 0);
+        std::stable_sort(expected.begin(), expected.end(), [&](int a, int b) {
+            bool const setA = values[a].hasPayload(), setB = values[b].hasPayload();
+            return setA != setB ? setB : setA && texts[a] < texts[b];
+        });
+        meta::Property const optional = test::makeProperty(model, string, 0);
+        ResultSet const set = rows(values);
+        EXPECT_EQ(sort(set, optional, SortDirection::Ascending), expected) << "head " << head;
+        std::stable_sort(expected.begin(), expected.end(), [&](int a, int b) {
+            bool const setA = values[a].hasPayload(), setB = values[b].hasPayload();
+            return setA != setB ? setA : setA && texts[b] < texts[a];
+        });
+        EXPECT_EQ(sort(set, optional, SortDirection::Descending), expected) << "head " << head;
+    }
 }
 
 TEST_F(Sorting, WhatCannotBeSorted) {
