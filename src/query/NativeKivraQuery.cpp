@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <optional>
 #include <utility>
 #include <cstddef>
@@ -326,6 +327,7 @@ template <typename Key> struct RowsByKey {
         if (!added)
             next[row] = std::exchange(entry->second, row);
     }
+    void prefetch(Key const &key) const { first.prefetch(key); }
     template <typename Visit> void forEach(Key const &key, Visit visit) const {
         if (auto const found = first.find(key); found != first.end())
             for (std::size_t row = found->second; row != none; row = next[row])
@@ -333,7 +335,10 @@ template <typename Key> struct RowsByKey {
     }
 };
 
-using Pairs = std::vector<std::pair<std::size_t, std::size_t>>;
+// Rows of a join's input, as pairs name them: half the memory of a `std::size_t` pair for
+// the pairs of a large join, which are placed at random once.
+using PairRow = std::uint32_t;
+using Pairs = std::vector<std::pair<PairRow, PairRow>>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
@@ -368,8 +373,35 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
         byHash.add(inFirst[i], i);
     Pairs out;
     for (std::size_t j = 0; j < inSecond.size(); ++j)
-        byHash.forEach(inSecond[j], [&](std::size_t i) { out.emplace_back(j, i); });
+        byHash.forEach(inSecond[j], [&](std::size_t i) { out.emplace_back(PairRow(j), PairRow(i)); });
     return out;
+}
+
+using Placed = std::pair<ModelElement::Impl const *, std::size_t>;
+
+// In the order of the elements' memory, to a cache line; what lies on one line keeps its
+// order. A radix sort of the lines' distance from the lowest: elements of a model lie close
+// together, and two or three passes cover them.
+void sortByLine(std::vector<Placed> &items) {
+    if (items.size() < 2)
+        return;
+    auto const [low, high] = std::minmax_element(items.begin(), items.end());
+    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->first)](Placed const &item) {
+        return (reinterpret_cast<std::uintptr_t>(item.first) - base) >> 6;
+    };
+    std::uintptr_t const lines = lineOf(*high);
+    constexpr unsigned digit = 11;
+    std::vector<Placed> scratch(items.size());
+    for (unsigned shift = 0; shift < 64 && (lines >> shift) != 0; shift += digit) {
+        std::array<std::size_t, (1u << digit) + 1> start{};
+        for (Placed const &item : items)
+            ++start[(lineOf(item) >> shift & ((1u << digit) - 1)) + 1];
+        for (std::size_t b = 1; b < start.size(); ++b)
+            start[b] += start[b - 1];
+        for (Placed const &item : items)
+            scratch[start[lineOf(item) >> shift & ((1u << digit) - 1)]++] = item;
+        items.swap(scratch);
+    }
 }
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
@@ -382,21 +414,32 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     std::size_t const holderColumn = columnOf(holders, association.holderInstance);
     std::size_t const valueColumn = columnOf(values, association.valueInstance);
     RowsByKey<ModelElement::Impl const *> byElement(values.rowCount());
-    for (std::size_t i = 0; i < values.rowCount(); ++i)
-        byElement.add(elements[values.row(i)[valueColumn]].get(), i);
+    bool valuesHoldProxies = false;
+    for (std::size_t i = 0; i < values.rowCount(); ++i) {
+        if (i + 8 < values.rowCount())
+            __builtin_prefetch(elements[values.row(i + 8)[valueColumn]].get());
+        ModelElement const &value = elements[values.row(i)[valueColumn]];
+        byElement.add(value.get(), i);
+        valuesHoldProxies = valuesHoldProxies || (value && value->isProxy());
+    }
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
     Pairs out;
     // Most holders hold something: growing from nothing would copy the pairs again and again.
     out.reserve(holders.rowCount());
     auto const add = [&](std::size_t holder, std::size_t value) {
-        out.push_back(holderInFirst ? std::pair{value, holder} : std::pair{holder, value});
+        out.push_back(holderInFirst ? std::pair{PairRow(value), PairRow(holder)}
+                                    : std::pair{PairRow(holder), PairRow(value)});
     };
-    auto const enter = [&](std::size_t holder, ModelElement const &entry) {
-        if (!entry)
-            return;
-        byElement.forEach(entry.get(), [&](std::size_t value) { add(holder, value); });
-        if (!entry->isProxy())
+    auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
+        // A value row names a live element, and no proxy unless some value is one: an entry
+        // found among them needs no look at the element itself, which lies anywhere.
+        bool found = false;
+        byElement.forEach(entry, [&](std::size_t value) {
+            add(holder, value);
+            found = true;
+        });
+        if ((found && !valuesHoldProxies) || !entry || !entry->isValid() || !entry->isProxy())
             return;
         boost::optional<ProxyId> const id = entry->getProxyId();
         if (!id || id->getIdentifierType() != u"uuid")
@@ -414,17 +457,38 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // The pairs are put in order afterwards, so the holders are read in the order of their
     // memory, where elements made one after another lie side by side, and not in the
     // table's order, which sends each read, and the reads of its collection, to a new place.
-    std::vector<std::pair<ModelElement::Impl const *, std::size_t>> byPlace(holders.rowCount());
+    std::vector<Placed> byPlace(holders.rowCount());
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
         byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
-    std::sort(byPlace.begin(), byPlace.end());
+    sortByLine(byPlace);
+    // The entries of sequences, the common collection, are looked up a few entries after
+    // they are read, their place in the table asked for meanwhile. The sequences keep them.
+    constexpr std::size_t ahead = 16;
+    std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
+    std::size_t queued = 0, entered = 0;
     for (auto const &[holder, h] : byPlace) {
         Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        ReferenceCollection const *const collection =
+            single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
+        if (ElementSequenceBase const *const sequence = collection ? asElementSequence(*collection) : nullptr) {
+            for (std::size_t i = 0; i < sequence->size(); ++i) {
+                ModelElement::Impl const *const entry = sequence->rawAt(i).get();
+                byElement.prefetch(entry);
+                if (queued - entered == ahead) {
+                    auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
+                    enter(earlierHolder, earlierEntry);
+                }
+                waiting[queued++ % ahead] = {h, entry};
+            }
+            continue;
+        }
         anyHeldElement(value, single, [&](ModelElement const &entry) {
-            enter(h, entry);
+            enter(h, entry.get());
             return false;
         });
     }
+    for (; entered < queued; ++entered)
+        enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
     return out;
 }
 
@@ -560,7 +624,9 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     // still tests each of them in full.
     std::optional<Pairs> candidates;
     bool exact = false;
-    if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0)
+    constexpr std::size_t pairRows = std::numeric_limits<PairRow>::max();
+    if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0 &&
+        inputs[0].rowCount() <= pairRows && inputs[1].rowCount() <= pairRows)
         candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact);
     if (!candidates) {
         sets.push_back(product(inputs, passes));
@@ -570,6 +636,18 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     firstToTest = exact ? 1 : 0;
     std::size_t const split = inputs[0].width();
     std::vector<std::size_t> row(out.width());
+    // Two single columns and nothing left to test, the common join: the pairs are the rows.
+    if (firstToTest == group.size() && out.width() == 2) {
+        counts.combined += candidates->size();
+        out.cells.resize(2 * candidates->size());
+        std::size_t *cell = out.cells.data();
+        for (auto const &[j, i] : *candidates) {
+            *cell++ = inputs[0].cells[i];
+            *cell++ = inputs[1].cells[j];
+        }
+        sets.push_back(std::move(out));
+        return;
+    }
     out.cells.reserve(candidates->size() * row.size());
     for (auto const &[j, i] : *candidates) {
         std::copy_n(inputs[0].row(i), split, row.begin());

@@ -391,6 +391,24 @@ TEST(QueryEngineGenerated, CollectionsOfValuesAndProxiesOfElements) {
     joined->addAssociatedObject(Book::Impl::coauthorsProperty(), book, author);
     EXPECT_EQ(joined->getFirstResult(), (std::vector<ModelElement>{emma, ann}));
     EXPECT_TRUE(proxy->isProxy());
+    // Every row of the join, as in the plain walk: the proxy is no author of the table.
+    NativeKivraQuery both;
+    both.setModel(model);
+    std::size_t const holder = both.addSearchClass(Book::metaClass(), Mode::ExactClass);
+    both.addAssociatedObject(Book::Impl::coauthorsProperty(), holder,
+                             both.addSearchClass(Author::metaClass(), Mode::ExactClass));
+    auto const rowsOf = [&](bool plain) {
+        both.plainEvaluation = plain;
+        ResultSet const result = both.evaluate();
+        std::vector<std::vector<ModelElement>> out;
+        // Columns by instance id, whatever order the join left them in.
+        std::size_t const bookColumn = result.instanceIds[0] == 0 ? 0 : 1;
+        for (std::size_t row = 0; row < result.rowCount(); ++row)
+            out.push_back({result.at(row, bookColumn), result.at(row, 1 - bookColumn)});
+        return out;
+    };
+    EXPECT_EQ(rowsOf(false), (std::vector<std::vector<ModelElement>>{{emma, ann}}));
+    EXPECT_EQ(rowsOf(true), rowsOf(false));
 
     // A collection of texts holds no elements to relate, whichever way the join walks.
     NativeKivraQuery tags;
