@@ -58,6 +58,8 @@ BUILTIN_DATATYPES = {"VersionInfo": "::kivra::meta::VersionInfo"}
 STRING_MAP = "StringToStringMap"
 # The kinds of properties whose member is a collection of values made on first use.
 VALUE_KINDS = ("values", "stringmap")
+# The kinds of properties whose member a query may read where it lies.
+IN_PLACE_KINDS = ("value", "sequence", "set")
 
 
 @dataclass
@@ -1124,7 +1126,7 @@ public:
     ::kivra::Value getPropertyValue({META}::Property const &property, {TAG} const &tag) const override;
     void setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) override;
 """)
-    if any(k == "value" for _, k in kinds):
+    if any(k in IN_PLACE_KINDS for _, k in kinds):
         out.append(f"    void const *nativeValueAddress({META}::Property::Impl const &property) const noexcept override;\n")
     out.append(f"    {META}::Property getPropertyByIndex(std::uint64_t index) const override;\n")
     out.append(f"    {META}::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;\n")
@@ -1438,7 +1440,7 @@ void {cls.name}::Impl::set{p.cap}({p.type} const &value) {{
     out.append(write_builder_source(mm, cls))
     if kinds:
         out.append(write_reflective(mm, cls, kinds, base))
-    if any(k == "value" for _, k in kinds):
+    if any(k in IN_PLACE_KINDS for _, k in kinds):
         out.append(write_native_address(cls, kinds, base))
     out.append(write_by_index(mm, cls, base))
     out.append(write_records(mm, cls, base))
@@ -1557,9 +1559,14 @@ void {cls.name}::Impl::setPropertyValue({META}::Property const &property, ::kivr
 
 
 def write_native_address(cls, kinds, base):
-    """The members a query reads in place: single values, primitive or enum, always set."""
-    cases = "".join(f"    case {p.index}:\n        if (&property == {p.name}Property().get())\n            return &{p.name}_;\n        break;\n"
-                    for p, k in kinds if k == "value")
+    """The members a query reads in place: single values, primitive or enum, always set, and
+    the collections of elements that are made, as `ReferenceCollection`s."""
+    def member(p, k):
+        if k == "value":
+            return f"&{p.name}_"
+        return f"static_cast<::kivra::ReferenceCollection const *>({p.name}_.get())"
+    cases = "".join(f"    case {p.index}:\n        if (&property == {p.name}Property().get())\n            return {member(p, k)};\n        break;\n"
+                    for p, k in kinds if k in IN_PLACE_KINDS)
     return f"""
 void const *{cls.name}::Impl::nativeValueAddress({META}::Property::Impl const &property) const noexcept {{
     switch (property.getPropertyIndex()) {{

@@ -208,6 +208,10 @@ void const *Book::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &
         if (&property == categoryProperty().get())
             return &category_;
         break;
+    case 4:
+        if (&property == authorsProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(authors_.get());
+        break;
     default:
         break;
     }

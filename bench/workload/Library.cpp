@@ -201,6 +201,14 @@ void const *Library::Impl::nativeValueAddress(::kivra::meta::Property::Impl cons
         if (&property == nameProperty().get())
             return &name_;
         break;
+    case 2:
+        if (&property == booksProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(books_.get());
+        break;
+    case 3:
+        if (&property == writersProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(writers_.get());
+        break;
     default:
         break;
     }

@@ -166,6 +166,10 @@ void const *Writer::Impl::nativeValueAddress(::kivra::meta::Property::Impl const
         if (&property == nameProperty().get())
             return &name_;
         break;
+    case 2:
+        if (&property == booksProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(books_.get());
+        break;
     default:
         break;
     }

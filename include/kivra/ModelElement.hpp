@@ -104,8 +104,9 @@ public:
     /// `CannotSetReadOnlyProperty`, or what the setter raises.
     virtual void setPropertyValue(meta::Property const &property, Value const &value, ReflectionPrivateTag const &tag);
     /// Where a privileged read of the single-valued primitive or enum `property` would find
-    /// its value in place, as the type's native value (an enum's as `std::int32_t`); null
-    /// when the value is to be read through `getPropertyValue`.
+    /// its value in place, as the type's native value (an enum's as `std::int32_t`); for a
+    /// many-valued property of elements, its collection as a `ReferenceCollection`, once
+    /// made. Null when the value is to be read through `getPropertyValue`.
     virtual void const *nativeValueAddress(meta::Property::Impl const &property) const noexcept;
     /// The property with that change-tracking index along the class chain; empty when none.
     virtual meta::Property getPropertyByIndex(std::uint64_t index) const;

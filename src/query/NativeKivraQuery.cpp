@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -335,10 +336,20 @@ template <typename Key> struct RowsByKey {
     }
 };
 
-// Rows of a join's input, as pairs name them: half the memory of a `std::size_t` pair for
-// the pairs of a large join, which are placed at random once.
-using PairRow = std::uint32_t;
-using Pairs = std::vector<std::pair<PairRow, PairRow>>;
+// A pair of rows, j of the second input and i of the first, as one number with j above i:
+// numbers order as the plain walk visits pairs, and a large join's pairs are put in that
+// order by a radix sort of plain numbers.
+struct PairCode {
+    unsigned shift; ///< the bits of a row of the first input
+
+    explicit PairCode(std::size_t firstRows) : shift(static_cast<unsigned>(std::bit_width(firstRows - 1))) {}
+    std::uint64_t operator()(std::size_t j, std::size_t i) const noexcept { return std::uint64_t{j} << shift | i; }
+    std::size_t second(std::uint64_t code) const noexcept { return static_cast<std::size_t>(code >> shift); }
+    std::size_t first(std::uint64_t code) const noexcept {
+        return static_cast<std::size_t>(code & ((std::uint64_t{1} << shift) - 1));
+    }
+};
+using Pairs = std::vector<std::uint64_t>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
@@ -371,9 +382,10 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
     RowsByKey<std::uint64_t> byHash(inFirst.size());
     for (std::size_t i = 0; i < inFirst.size(); ++i)
         byHash.add(inFirst[i], i);
+    PairCode const code(first.rowCount());
     Pairs out;
     for (std::size_t j = 0; j < inSecond.size(); ++j)
-        byHash.forEach(inSecond[j], [&](std::size_t i) { out.emplace_back(PairRow(j), PairRow(i)); });
+        byHash.forEach(inSecond[j], [&](std::size_t i) { out.push_back(code(j, i)); });
     return out;
 }
 
@@ -424,12 +436,13 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     }
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
+    PairCode const code(first.rowCount());
     Pairs out;
-    // Most holders hold something: growing from nothing would copy the pairs again and again.
-    out.reserve(holders.rowCount());
+    // Most holders hold something, often more than one: growing from nothing would copy the
+    // pairs again and again. Memory reserved and never written costs no page.
+    out.reserve(2 * holders.rowCount());
     auto const add = [&](std::size_t holder, std::size_t value) {
-        out.push_back(holderInFirst ? std::pair{PairRow(value), PairRow(holder)}
-                                    : std::pair{PairRow(holder), PairRow(value)});
+        out.push_back(holderInFirst ? code(value, holder) : code(holder, value));
     };
     auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
         // A value row names a live element, and no proxy unless some value is one: an entry
@@ -466,10 +479,17 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     constexpr std::size_t ahead = 16;
     std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
     std::size_t queued = 0, entered = 0;
+    meta::Property::Impl const &described = *property.get();
     for (auto const &[holder, h] : byPlace) {
-        Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
-        ReferenceCollection const *const collection =
-            single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
+        // A generated holder shows a collection it has made where it lies: no value is made
+        // to read it.
+        auto const *collection =
+            single ? nullptr : static_cast<ReferenceCollection const *>(holder->nativeValueAddress(described));
+        std::optional<Value> value;
+        if (!collection) {
+            value.emplace(holder->getPropertyValue(property, ReflectiveQuery::privilegedTag));
+            collection = single || !value->hasPayload() ? nullptr : managedReferenceCollection(*value);
+        }
         if (ElementSequenceBase const *const sequence = collection ? asElementSequence(*collection) : nullptr) {
             for (std::size_t i = 0; i < sequence->size(); ++i) {
                 ModelElement::Impl const *const entry = sequence->rawAt(i).get();
@@ -482,7 +502,12 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
             }
             continue;
         }
-        anyHeldElement(value, single, [&](ModelElement const &entry) {
+        if (collection) {
+            for (ModelElement const &entry : collection->getAllValuesAndProxies())
+                enter(h, entry.get());
+            continue;
+        }
+        anyHeldElement(*value, single, [&](ModelElement const &entry) {
             enter(h, entry.get());
             return false;
         });
@@ -493,25 +518,29 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
 }
 
 // The pairs in the plain walk's order, each once: by row of second, then by row of first.
-// A count per row of second places them; only a run that came out of order is sorted.
-void orderPairs(Pairs &pairs, std::size_t secondRows) {
-    std::vector<std::size_t> end(secondRows + 1, 0);
-    for (auto const &pair : pairs)
-        ++end[pair.first + 1];
-    for (std::size_t j = 0; j < secondRows; ++j)
-        end[j + 1] += end[j];
-    Pairs placed(pairs.size());
-    for (auto const &pair : pairs)
-        placed[end[pair.first]++] = pair;
-    auto begin = placed.begin();
-    for (std::size_t j = 0; j < secondRows; ++j) {
-        auto const last = placed.begin() + static_cast<std::ptrdiff_t>(end[j]);
-        if (!std::is_sorted(begin, last))
-            std::sort(begin, last);
-        begin = last;
+// A least-significant-digit radix sort over the bits that the codes use: each pass writes
+// to a few thousand places in turn, where a count per row of second would write each pair
+// to a place of its own.
+void orderPairs(Pairs &pairs) {
+    if (pairs.size() < 256) {
+        std::sort(pairs.begin(), pairs.end());
+    } else {
+        std::uint64_t const highest = *std::max_element(pairs.begin(), pairs.end());
+        constexpr unsigned digit = 11;
+        constexpr std::uint64_t mask = (1u << digit) - 1;
+        Pairs scratch(pairs.size());
+        for (unsigned shift = 0; shift < 64 && (highest >> shift) != 0; shift += digit) {
+            std::array<std::size_t, (1u << digit) + 1> start{};
+            for (std::uint64_t const code : pairs)
+                ++start[(code >> shift & mask) + 1];
+            for (std::size_t b = 1; b < start.size(); ++b)
+                start[b] += start[b - 1];
+            for (std::uint64_t const code : pairs)
+                scratch[start[code >> shift & mask]++] = code;
+            pairs.swap(scratch);
+        }
     }
-    placed.erase(std::unique(placed.begin(), placed.end()), placed.end());
-    pairs = std::move(placed);
+    pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
 }
 
 // `exact` tells that every pair passes `constraint`, not only those that may.
@@ -624,7 +653,8 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     // still tests each of them in full.
     std::optional<Pairs> candidates;
     bool exact = false;
-    constexpr std::size_t pairRows = std::numeric_limits<PairRow>::max();
+    // A pair's code holds both rows.
+    constexpr std::size_t pairRows = std::numeric_limits<std::uint32_t>::max();
     if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0 &&
         inputs[0].rowCount() <= pairRows && inputs[1].rowCount() <= pairRows)
         candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact);
@@ -632,7 +662,8 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
         sets.push_back(product(inputs, passes));
         return;
     }
-    orderPairs(*candidates, inputs[1].rowCount());
+    orderPairs(*candidates);
+    PairCode const code(inputs[0].rowCount());
     firstToTest = exact ? 1 : 0;
     std::size_t const split = inputs[0].width();
     std::vector<std::size_t> row(out.width());
@@ -641,17 +672,17 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
         counts.combined += candidates->size();
         out.cells.resize(2 * candidates->size());
         std::size_t *cell = out.cells.data();
-        for (auto const &[j, i] : *candidates) {
-            *cell++ = inputs[0].cells[i];
-            *cell++ = inputs[1].cells[j];
+        for (std::uint64_t const pair : *candidates) {
+            *cell++ = inputs[0].cells[code.first(pair)];
+            *cell++ = inputs[1].cells[code.second(pair)];
         }
         sets.push_back(std::move(out));
         return;
     }
     out.cells.reserve(candidates->size() * row.size());
-    for (auto const &[j, i] : *candidates) {
-        std::copy_n(inputs[0].row(i), split, row.begin());
-        std::copy_n(inputs[1].row(j), inputs[1].width(), row.begin() + static_cast<std::ptrdiff_t>(split));
+    for (std::uint64_t const pair : *candidates) {
+        std::copy_n(inputs[0].row(code.first(pair)), split, row.begin());
+        std::copy_n(inputs[1].row(code.second(pair)), inputs[1].width(), row.begin() + static_cast<std::ptrdiff_t>(split));
         if (passes(row.data()))
             out.cells.insert(out.cells.end(), row.begin(), row.end());
     }

@@ -30,7 +30,8 @@ class RandomQueries : public ::testing::TestWithParam<Flavour const *> {
 protected:
     Flavour const &lib() const { return *GetParam(); }
     meta::Property p(std::u16string_view name) const {
-        return (name == u"name" ? lib().author : lib().book)->getPropertyByName(basalt::ustring(name));
+        bool const ofAuthor = name == u"name" || name == u"books" || name == u"coauthored";
+        return (ofAuthor ? lib().author : lib().book)->getPropertyByName(basalt::ustring(name));
     }
     std::size_t pick(std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(random); }
 
@@ -100,7 +101,7 @@ protected:
             return;
         if (xAuthor || yAuthor) {
             std::size_t const book = xAuthor ? y : x, author = xAuthor ? x : y;
-            switch (pick(3)) {
+            switch (pick(5)) {
             case 0:
                 q->addAssociatedObject(p(u"writer"), book, author);
                 conditions.push_back([=](Row const &r) { return element(r[book], u"writer") == r[author]; });
@@ -108,6 +109,15 @@ protected:
             case 1:
                 q->addAssociatedObject(p(u"coauthors"), book, author);
                 conditions.push_back([=](Row const &r) { return many(r[book], u"coauthors").genericContains(r[author]); });
+                break;
+            case 2:
+                // The far ends, held by the author: a sequence and a set.
+                q->addAssociatedObject(p(u"books"), author, book);
+                conditions.push_back([=](Row const &r) { return many(r[author], u"books").genericContains(r[book]); });
+                break;
+            case 3:
+                q->addAssociatedObject(p(u"coauthored"), author, book);
+                conditions.push_back([=](Row const &r) { return many(r[author], u"coauthored").genericContains(r[book]); });
                 break;
             default:
                 q->addPropertyRelationProperty(p(u"title"), book, R::equal, p(u"name"), author);

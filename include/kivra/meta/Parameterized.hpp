@@ -42,6 +42,7 @@ public:
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
+    void const *nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept override;
     ::kivra::meta::Property getPropertyByIndex(std::uint64_t index) const override;
     ::kivra::meta::Property::Impl *propertyImplByIndex(std::uint64_t index) const override;
 

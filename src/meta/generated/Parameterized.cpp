@@ -100,6 +100,18 @@ void Parameterized::Impl::setPropertyValue(::kivra::meta::Property const &proper
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 
+void const *Parameterized::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &property) const noexcept {
+    switch (property.getPropertyIndex()) {
+    case 7:
+        if (&property == argumentsProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(arguments_.get());
+        break;
+    default:
+        break;
+    }
+    return TypedElement::Impl::nativeValueAddress(property);
+}
+
 ::kivra::meta::Property Parameterized::Impl::getPropertyByIndex(std::uint64_t index) const {
     if (index < 7)
         return TypedElement::Impl::getPropertyByIndex(index);

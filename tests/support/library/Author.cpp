@@ -406,6 +406,14 @@ void const *Author::Impl::nativeValueAddress(::kivra::meta::Property::Impl const
         if (&property == nameProperty().get())
             return &name_;
         break;
+    case 3:
+        if (&property == booksProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(books_.get());
+        break;
+    case 4:
+        if (&property == coauthoredProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(coauthored_.get());
+        break;
     default:
         break;
     }

@@ -572,6 +572,14 @@ void const *Book::Impl::nativeValueAddress(::kivra::meta::Property::Impl const &
         if (&property == pagesProperty().get())
             return &pages_;
         break;
+    case 11:
+        if (&property == chaptersProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(chapters_.get());
+        break;
+    case 13:
+        if (&property == coauthorsProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(coauthors_.get());
+        break;
     default:
         break;
     }

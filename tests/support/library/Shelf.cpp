@@ -451,6 +451,14 @@ void const *Shelf::Impl::nativeValueAddress(::kivra::meta::Property::Impl const 
         if (&property == labelProperty().get())
             return &label_;
         break;
+    case 3:
+        if (&property == booksProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(books_.get());
+        break;
+    case 4:
+        if (&property == recommendedProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(recommended_.get());
+        break;
     case 6:
         if (&property == codeProperty().get())
             return &code_;
