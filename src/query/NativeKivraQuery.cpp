@@ -670,11 +670,10 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     // Two single columns and nothing left to test, the common join: the pairs are the rows.
     if (firstToTest == group.size() && out.width() == 2) {
         counts.combined += candidates->size();
-        out.cells.resize(2 * candidates->size());
-        std::size_t *cell = out.cells.data();
+        out.cells.reserve(2 * candidates->size());
         for (std::uint64_t const pair : *candidates) {
-            *cell++ = inputs[0].cells[code.first(pair)];
-            *cell++ = inputs[1].cells[code.second(pair)];
+            out.cells.push_back(inputs[0].cells[code.first(pair)]);
+            out.cells.push_back(inputs[1].cells[code.second(pair)]);
         }
         sets.push_back(std::move(out));
         return;
