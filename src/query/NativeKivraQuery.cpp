@@ -7,6 +7,7 @@
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/ReferenceCollection.hpp>
+#include <kivra/detail/Collections.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
@@ -482,9 +483,12 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     meta::Property::Impl const &described = *property.get();
     for (auto const &[holder, h] : byPlace) {
         // A generated holder shows a collection it has made where it lies: no value is made
-        // to read it.
+        // to read it. Its proxies are resolved first, as the holder's own read does, or an
+        // entry that resolves to a value by an id other than its UUID would be missed.
         auto const *collection =
             single ? nullptr : static_cast<ReferenceCollection const *>(holder->nativeValueAddress(described));
+        if (collection)
+            kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
         std::optional<Value> value;
         if (!collection) {
             value.emplace(holder->getPropertyValue(property, ReflectiveQuery::privilegedTag));

@@ -11,6 +11,7 @@
 #include <kivra/Transaction.hpp>
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
+#include <kivra/services/ElementIdResolver.hpp>
 
 #include <library/Author.hpp>
 #include <library/Book.hpp>
@@ -25,6 +26,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -418,6 +420,56 @@ TEST(QueryEngineGenerated, CollectionsOfValuesAndProxiesOfElements) {
     for (bool const plain : {false, true}) {
         tags.plainEvaluation = plain;
         EXPECT_THROW(tags.countResults(), Error<messages::CannotCastIncompatibleTypes>);
+    }
+}
+
+// Finds the elements that a test names by alias, as a store of another kind of ids would.
+class AliasResolver final : public services::ElementIdResolver {
+public:
+    std::vector<std::pair<basalt::ustring, ModelElement>> named;
+
+    ModelElement resolve(Model const &, meta::Class const &cls, io::ElementId const &id) override {
+        for (auto const &[alias, element] : named)
+            if (alias == id.getIdentifier() && element->getMetaClass() == cls)
+                return element;
+        return {};
+    }
+};
+
+TEST(QueryEngineGenerated, AJoinResolvesTheProxiesOfMadeCollectionsAsThePlainWalkDoes) {
+    using namespace kivra::test::library;
+    static std::shared_ptr<AliasResolver> const aliases = [] {
+        auto made = std::make_shared<AliasResolver>();
+        services::registerElementIdResolver(u"alias", made);
+        return made;
+    }();
+    // Whether a join through `property`, in a fresh model where a book and an author hold
+    // a proxy of each other that no UUID names and that a read resolves, gives the one
+    // row of the two, holder first.
+    auto const joinsThePair = [&](meta::Property const &property, bool plain) {
+        Model const model = Model::create(ModelConstellation::create());
+        Book const emma = Book::create(model);
+        Author const ann = Author::create(model);
+        emma->getCoauthorsMutable().push_back(Author::createProxy(model, ProxyId(u"alias", u"ann", boost::none)));
+        ann->getCoauthoredMutable().insert(Book::createProxy(model, ProxyId(u"alias", u"emma", boost::none)));
+        aliases->named = {{u"emma", emma}, {u"ann", ann}};
+        bool const ofBook = property == Book::Impl::coauthorsProperty();
+        NativeKivraQuery q;
+        q.setModel(model);
+        std::size_t const holder = q.addSearchClass(ofBook ? Book::metaClass() : Author::metaClass(), Mode::ExactClass);
+        q.addAssociatedObject(property, holder,
+                              q.addSearchClass(ofBook ? Author::metaClass() : Book::metaClass(), Mode::ExactClass));
+        q.plainEvaluation = plain;
+        ResultSet const result = q.evaluate();
+        aliases->named.clear();
+        std::size_t const holderColumn = result.instanceIds[0] == holder ? 0 : 1;
+        return result.rowCount() == 1 && result.at(0, holderColumn) == (ofBook ? ModelElement(emma) : ModelElement(ann)) &&
+               result.at(0, 1 - holderColumn) == (ofBook ? ModelElement(ann) : ModelElement(emma));
+    };
+    // The native join reads made collections where they lie, a sequence and a set.
+    for (bool const plain : {false, true}) {
+        EXPECT_TRUE(joinsThePair(Book::Impl::coauthorsProperty(), plain)) << plain;
+        EXPECT_TRUE(joinsThePair(Author::Impl::coauthoredProperty(), plain)) << plain;
     }
 }
 
