@@ -620,6 +620,8 @@ void Model::Impl::destroy() noexcept {
     if (workQueue_)
         workQueue_->discardWorkQueue();
     validity_ = Destroying;
+    // Every block of the model that goes now would drop its hold on the model one by one.
+    detail::BulkHoldRelease const holds(this);
     if (pool_)
         pool_->close();
     if (sharedPool_)
