@@ -1,3 +1,4 @@
+#include "core/DeferredReleases.hpp"
 #include "core/ElementTable.hpp"
 #include "core/Extensions.hpp"
 #include "core/ElementPool.hpp"
@@ -659,6 +660,8 @@ void Model::Impl::destroy() noexcept {
             } const release{all};
             sortByAddress(all.elements, all.count);
             try {
+                // Dropped by the end of the walk, before the first element is destroyed.
+                detail::DeferredReleases const releases(this);
                 for (std::size_t i = 0; i < all.count; ++i) {
                     if (i + detail::ElementSet::prefetchDistance < all.count)
                         __builtin_prefetch(all.elements[i + detail::ElementSet::prefetchDistance]);
