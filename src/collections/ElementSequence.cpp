@@ -47,8 +47,9 @@ ElementSequenceBase::ElementSequenceBase(ModelElement::Impl *owner, bool unique,
 ElementSequenceBase::~ElementSequenceBase() {
     // A model that goes as a whole takes the entries' references over, to drop in batches.
     if (owner_)
-        for (ModelElement &entry : entries_)
-            detail::DeferredReleases::take(owner_->getModelImpl(), entry);
+        if (detail::DeferredReleases *const batch = detail::DeferredReleases::forModel(owner_->getModelImpl()))
+            for (ModelElement &entry : entries_)
+                batch->take(entry);
     // As for a set: the entries are asked for before the first is let go.
     for (ModelElement const &entry : entries_)
         if (ModelElement::Impl *element = entry.get())

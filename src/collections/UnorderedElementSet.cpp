@@ -223,8 +223,9 @@ ElementSetBase::~ElementSetBase() {
     // A model that goes as a whole takes the entries' references over, to drop in batches.
     // The set goes with this object: entries left empty there are never looked up.
     if (owner_)
-        for (ModelElement const &entry : entries_)
-            detail::DeferredReleases::take(owner_->getModelImpl(), const_cast<ModelElement &>(entry));
+        if (detail::DeferredReleases *const batch = detail::DeferredReleases::forModel(owner_->getModelImpl()))
+            for (ModelElement const &entry : entries_)
+                batch->take(const_cast<ModelElement &>(entry));
 }
 
 meta::Type ElementSetBase::getCollectionType() const { return entryClass_(); }

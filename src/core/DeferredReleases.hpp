@@ -12,8 +12,9 @@ namespace kivra::detail {
 /// While it stands, the collections of `model` that this thread frees hand their entries
 /// over instead of dropping each reference as they go. An entry may lie anywhere in memory,
 /// and a collection of a few entries cannot ask for them early enough to hide the misses;
-/// a batch of them can. The references are dropped by the batch, ahead of the count, and
-/// all before the object goes: nothing lives longer than the walk that frees the collections.
+/// a batch of them can. A full batch, and the rest when the batch goes, drops them in turn,
+/// asking for each element some places ahead: nothing lives longer than the walk that
+/// frees the collections.
 class DeferredReleases {
 public:
     explicit DeferredReleases(Model::Impl const *model) noexcept : model_(model), outer_(std::exchange(active, this)) {}
@@ -24,15 +25,20 @@ public:
         active = outer_;
     }
 
-    /// Takes over the reference of `entry`, a handle held by a collection of `model`, when
-    /// a batch for that model stands on this thread; else leaves it.
-    static void take(Model::Impl const *model, ModelElement &entry) noexcept {
+    /// The batch that stands for `model` on this thread, or null: the collections of that
+    /// model hand their entries to it with `take`.
+    static DeferredReleases *forModel(Model::Impl const *model) noexcept {
         DeferredReleases *const batch = active;
-        if (!batch || batch->model_ != model || !entry.get())
+        return batch && batch->model_ == model ? batch : nullptr;
+    }
+
+    /// Takes over the reference of `entry`.
+    void take(ModelElement &entry) noexcept {
+        if (!entry.get())
             return;
-        if (batch->count_ == capacity)
-            batch->flush();
-        batch->held_[batch->count_++] = entry.release();
+        if (count_ == capacity)
+            flush();
+        held_[count_++] = entry.release();
     }
 
     /// Drops every reference taken so far.
