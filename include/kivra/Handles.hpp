@@ -14,6 +14,10 @@
 
 namespace kivra {
 
+namespace detail {
+class DeferredReleases;
+} // namespace detail
+
 /// A counted handle on a model. Converts to false when null or destroyed.
 class Model : protected detail::HandleBase {
 public:
@@ -153,6 +157,7 @@ protected:
     Impl *release() noexcept;
 
     friend class Model;
+    friend class detail::DeferredReleases;
     friend struct std::hash<ModelElement>;
 };
 

@@ -109,8 +109,10 @@ public:
     /// Keeps the object in memory, not alive: taken by every element object and report.
     void hold() noexcept { holds_.fetch_add(1, std::memory_order_relaxed); }
     /// Drops a hold; the last one frees the shell of a destroyed model.
-    void releaseHold() noexcept {
-        if (holds_.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    void releaseHold() noexcept { releaseHolds(1); }
+    /// Drops `count` holds at once.
+    void releaseHolds(std::uint32_t count) noexcept {
+        if (count != 0 && holds_.fetch_sub(count, std::memory_order_acq_rel) == count)
             delete this;
     }
 

@@ -1,5 +1,7 @@
 #include <kivra/ElementSequence.hpp>
 
+#include "core/DeferredReleases.hpp"
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -43,6 +45,11 @@ ElementSequenceBase::ElementSequenceBase(ModelElement::Impl *owner, bool unique,
     : ReferenceCollection(owner, property, opposite, &view_), entryClass_(entryClass), unique_(unique) {}
 
 ElementSequenceBase::~ElementSequenceBase() {
+    // A model that goes as a whole takes the entries' references over, to drop in batches.
+    if (owner_)
+        if (detail::DeferredReleases *const batch = detail::DeferredReleases::forModel(owner_->getModelImpl()))
+            for (ModelElement &entry : entries_)
+                batch->take(entry);
     // As for a set: the entries are asked for before the first is let go.
     for (ModelElement const &entry : entries_)
         if (ModelElement::Impl *element = entry.get())

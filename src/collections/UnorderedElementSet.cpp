@@ -1,5 +1,6 @@
 #include <kivra/UnorderedElementSet.hpp>
 
+#include "core/DeferredReleases.hpp"
 #include "core/UuidHash.hpp"
 
 #include <kivra/ElementId.hpp>
@@ -218,7 +219,14 @@ ElementSetBase::ElementSetBase(ModelElement::Impl *owner, meta::Property::Impl *
                                meta::Property::Impl *opposite, EntryClass entryClass)
     : ReferenceCollectionWithProxies(owner, property, opposite, &view_), entryClass_(entryClass) {}
 
-ElementSetBase::~ElementSetBase() = default;
+ElementSetBase::~ElementSetBase() {
+    // A model that goes as a whole takes the entries' references over, to drop in batches.
+    // The set goes with this object: entries left empty there are never looked up.
+    if (owner_)
+        if (detail::DeferredReleases *const batch = detail::DeferredReleases::forModel(owner_->getModelImpl()))
+            for (ModelElement const &entry : entries_)
+                batch->take(const_cast<ModelElement &>(entry));
+}
 
 meta::Type ElementSetBase::getCollectionType() const { return entryClass_(); }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace kivra::detail {
 
@@ -101,6 +102,35 @@ private:
     std::atomic<bool> closing_{false};
 };
 
+/// Gives up the hold that a block of `model` took on it. While this thread destroys that
+/// model (`BulkHoldRelease`), the holds are only counted, and dropped together at the end:
+/// the model keeps a hold of its own until then, so none of these can be its last.
+class BulkHoldRelease {
+public:
+    explicit BulkHoldRelease(Model::Impl *model) noexcept : outer_(current) { current = {model, 0}; }
+    BulkHoldRelease(BulkHoldRelease const &) = delete;
+    BulkHoldRelease &operator=(BulkHoldRelease const &) = delete;
+    ~BulkHoldRelease() {
+        Pending const done = std::exchange(current, outer_);
+        done.model->releaseHolds(done.count);
+    }
+
+    static void release(Model::Impl *model) noexcept {
+        if (model == current.model)
+            ++current.count;
+        else
+            model->releaseHold();
+    }
+
+private:
+    struct Pending {
+        Model::Impl *model;
+        std::uint32_t count;
+    };
+    [[gnu::tls_model("initial-exec")]] static inline thread_local Pending current{nullptr, 0};
+    Pending outer_;
+};
+
 /// Blocks for what an element of a model keeps (a collection, a collection's array): from
 /// the model's pool on its writer's thread, from its second pool under a lock on any other,
 /// as readers of a frozen model make collections on several threads at once. The model is
@@ -111,7 +141,7 @@ public:
     static void *allocate(Model::Impl *model, std::size_t size);
     /// Takes back a block of `allocate`, from any thread.
     static void giveBack(void *block, std::size_t size) noexcept {
-        ElementPool::deallocate(block, size)->releaseHold();
+        BulkHoldRelease::release(ElementPool::deallocate(block, size));
     }
 };
 

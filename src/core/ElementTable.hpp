@@ -178,6 +178,39 @@ public:
         backlogSize_.store(0, std::memory_order_relaxed);
     }
 
+    /// The elements, moved to the front of the table's own memory, which the caller now
+    /// owns and gives back with `freeZeroed(elements, bytes)`; the set is left empty. For a
+    /// model that goes as a whole: it walks its elements once more in an order of its own,
+    /// and a copy of a large table would cost fresh pages that the walk does not repay.
+    struct Detached {
+        Element **elements = nullptr;
+        std::size_t count = 0;
+        std::size_t bytes = 0;
+    };
+    Detached detach() noexcept {
+        settle();
+        Detached taken;
+        if (!chunks_)
+            return taken;
+        taken.bytes = (mask_ + 1) * sizeof(Chunk);
+        auto **const out = reinterpret_cast<Element **>(static_cast<void *>(chunks_));
+        std::size_t filled = 0;
+        // A chunk is read whole before anything is written: the entries written so far end
+        // below the chunk's last word, but may reach its first ones.
+        for (std::size_t c = 0; c <= mask_; ++c) {
+            Chunk chunk;
+            std::memcpy(static_cast<void *>(&chunk), &chunks_[c], sizeof chunk);
+            for (int i = 0; i < slotsPerChunk; ++i)
+                if (chunk.tags[i] != 0)
+                    out[filled++] = chunk.slots[i];
+        }
+        taken.elements = out;
+        taken.count = filled;
+        chunks_ = nullptr;
+        mask_ = size_ = 0;
+        return taken;
+    }
+
     /// Calls `f` with every element, in slot order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
         settleWaiting();

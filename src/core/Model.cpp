@@ -1,3 +1,4 @@
+#include "core/DeferredReleases.hpp"
 #include "core/ElementTable.hpp"
 #include "core/Extensions.hpp"
 #include "core/ElementPool.hpp"
@@ -31,6 +32,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <atomic>
 
 namespace kivra {
@@ -39,54 +41,57 @@ namespace {
 
 std::atomic<std::uint64_t> modelSerialNumbers{0};
 
-/// Room for one pointer per element of a large model, for the walks of its end: from huge
-/// pages, since faulting in some megabytes a small page at a time costs more than the walks.
-class ElementScratch {
-public:
-    explicit ElementScratch(std::size_t count)
-        : count_(count), data_(static_cast<ModelElement::Impl **>(detail::allocateZeroed(bytes()))) {}
-    ElementScratch(ElementScratch const &) = delete;
-    ElementScratch &operator=(ElementScratch const &) = delete;
-    ~ElementScratch() { detail::freeZeroed(data_, bytes()); }
-    ModelElement::Impl **data() const noexcept { return data_; }
-
-private:
-    std::size_t bytes() const noexcept { return std::max<std::size_t>(count_, 1) * sizeof(ModelElement::Impl *); }
-    std::size_t count_;
-    ModelElement::Impl **data_;
-};
-
-/// Puts `count` elements in the order of their addresses: a radix sort over the bits in
-/// which they differ, a few linear passes where a comparison sort of a large model takes a
-/// noticeable share of its destruction. `scratch` has room for as many; the result may end
-/// in either array, and the one it is in is returned.
-ModelElement::Impl **sortByAddress(ModelElement::Impl **elements, ModelElement::Impl **scratch, std::size_t count) {
-    if (count < 2)
-        return elements;
-    auto const [low, high] = std::minmax_element(elements, elements + count, std::less<>());
-    auto const base = reinterpret_cast<std::uintptr_t>(*low);
-    std::uintptr_t const span = (reinterpret_cast<std::uintptr_t>(*high) - base) >> 3; // 8-byte aligned
-    // Pools put elements both low in the heap and high among mapped pages: the span is some
-    // 44 bits, three passes of 16-bit digits, whose counts stay in the second-level cache.
-    constexpr unsigned digitBits = 16;
+/// Puts `count` elements in the order of their addresses: a radix sort in place, from the
+/// highest bit in which the addresses differ down, that needs no memory beyond a few counts
+/// on the stack. (A walk that kept only to each page, in any order inside it, measured
+/// slower: the blocks it frees go back out of the order they were taken in.)
+void sortByAddress(ModelElement::Impl **elements, std::size_t count) noexcept {
+    constexpr unsigned granuleBits = 3; // elements are 8-byte aligned
+    constexpr unsigned digitBits = 8;
     constexpr std::size_t buckets = std::size_t(1) << digitBits;
-    std::vector<std::size_t> counts(buckets);
-    constexpr unsigned pointerBits = 8 * sizeof(std::uintptr_t);
-    for (unsigned shift = 0; shift < pointerBits && (span >> shift) != 0; shift += digitBits) {
-        auto const digit = [&](ModelElement::Impl *element) {
-            return ((reinterpret_cast<std::uintptr_t>(element) - base) >> 3 >> shift) & (buckets - 1);
-        };
-        std::fill(counts.begin(), counts.end(), 0);
-        for (std::size_t i = 0; i < count; ++i)
-            ++counts[digit(elements[i])];
-        std::size_t total = 0;
-        for (std::size_t &bucket : counts)
-            total += std::exchange(bucket, total);
-        for (std::size_t i = 0; i < count; ++i)
-            scratch[counts[digit(elements[i])]++] = elements[i];
-        std::swap(elements, scratch);
+    auto const address = [](ModelElement::Impl *element) { return reinterpret_cast<std::uintptr_t>(element); };
+    if (count <= 64) {
+        // The counts below would cost more than the sort.
+        std::sort(elements, elements + count, std::less<>());
+        return;
     }
-    return elements;
+    std::uintptr_t low = address(elements[0]);
+    std::uintptr_t high = low;
+    for (std::size_t i = 1; i < count; ++i) {
+        low = std::min(low, address(elements[i]));
+        high = std::max(high, address(elements[i]));
+    }
+    // Above the highest differing bit every address is the same.
+    std::uintptr_t const differing = (low ^ high) >> granuleBits;
+    if (differing == 0)
+        return;
+    unsigned const top = granuleBits + unsigned(std::bit_width(differing));
+    unsigned const shift = top > granuleBits + digitBits ? top - digitBits : granuleBits;
+    auto const digit = [&](ModelElement::Impl *element) { return (address(element) >> shift) & (buckets - 1); };
+    std::size_t next[buckets] = {};
+    for (std::size_t i = 0; i < count; ++i)
+        ++next[digit(elements[i])];
+    std::size_t end[buckets];
+    std::size_t total = 0;
+    for (std::size_t b = 0; b < buckets; ++b) {
+        total += next[b];
+        end[b] = total;
+        next[b] = total - next[b];
+    }
+    // Each element moves once, straight to its bucket, displacing one that moves on.
+    for (std::size_t b = 0; b < buckets; ++b) {
+        while (next[b] < end[b]) {
+            ModelElement::Impl *element = elements[next[b]];
+            for (std::size_t d = digit(element); d != b; d = digit(element))
+                std::swap(element, elements[next[d]++]);
+            elements[next[b]++] = element;
+        }
+    }
+    if (shift == granuleBits)
+        return;
+    for (std::size_t b = 0, start = 0; b < buckets; start = end[b], ++b)
+        if (end[b] - start > 1)
+            sortByAddress(elements + start, end[b] - start);
 }
 
 // Tables start small and never grow past one element per bucket: lookups stay at one
@@ -616,13 +621,15 @@ void Model::Impl::destroy() noexcept {
     if (workQueue_)
         workQueue_->discardWorkQueue();
     validity_ = Destroying;
+    // Every block of the model that goes now would drop its hold on the model one by one.
+    detail::BulkHoldRelease const holds(this);
     if (pool_)
         pool_->close();
     if (sharedPool_)
         sharedPool_->close();
     // The top-level elements, raw: the model's own references keep them until they are
-    // released one by one below. The table is not kept up to date meanwhile (see
-    // `elementDestroying`) and names freed elements once destruction begins.
+    // released one by one below. The table is left empty as the walk begins: its memory
+    // becomes the walk's list (see `elementDestroying`, which leaves it alone meanwhile).
     std::vector<ModelElement::Impl *> topLevel;
     std::size_t released = 0;
     bool collected = false;
@@ -639,23 +646,40 @@ void Model::Impl::destroy() noexcept {
         // and the collections it made as it was filled, then follow their neighbours, and
         // the allocator takes back blocks next to the ones it just took back, instead of
         // chasing a random address for each. The top-level elements come out in the same
-        // order.
+        // order. The list lives in the table's own memory: fresh pages for a copy would
+        // cost a large model more than the walk gains.
+        topLevel.reserve(topLevelCount_);
         {
-            std::size_t const count = table_->elements.size();
-            ElementScratch walk(count);
-            ElementScratch scratch(count);
-            std::size_t filled = 0;
-            table_->elements.forEach([&](ModelElement::Impl *element) { walk.data()[filled++] = element; });
-            ModelElement::Impl *const *const all = sortByAddress(walk.data(), scratch.data(), count);
-            topLevel.reserve(topLevelCount_);
-            for (std::size_t i = 0; i < count; ++i) {
-                if (i + detail::ElementSet::prefetchDistance < count)
-                    __builtin_prefetch(all[i + detail::ElementSet::prefetchDistance]);
-                ModelElement::Impl *const element = all[i];
-                boost::optional<ProxyId> proxyId;
-                element->convertReferencesToProxies(multi, proxyId);
-                if (element->marks_ & ModelElement::Impl::HeldByModelMark)
-                    topLevel.push_back(element);
+            detail::ElementSet::Detached const all = table_->elements.detach();
+            struct Release {
+                detail::ElementSet::Detached const &all;
+                ~Release() {
+                    if (all.elements)
+                        detail::freeZeroed(all.elements, all.bytes);
+                }
+            } const release{all};
+            sortByAddress(all.elements, all.count);
+            try {
+                // Dropped by the end of the walk, before the first element is destroyed.
+                detail::DeferredReleases const releases(this);
+                for (std::size_t i = 0; i < all.count; ++i) {
+                    if (i + detail::ElementSet::prefetchDistance < all.count)
+                        __builtin_prefetch(all.elements[i + detail::ElementSet::prefetchDistance]);
+                    ModelElement::Impl *const element = all.elements[i];
+                    boost::optional<ProxyId> proxyId;
+                    element->convertReferencesToProxies(multi, proxyId);
+                    if (element->marks_ & ModelElement::Impl::HeldByModelMark)
+                        topLevel.push_back(element);
+                }
+            } catch (...) {
+                // Nothing is destroyed yet and every element lives: the trees all stay
+                // standing, to be released below.
+                topLevel.clear();
+                for (std::size_t i = 0; i < all.count; ++i)
+                    if (all.elements[i]->marks_ & ModelElement::Impl::HeldByModelMark)
+                        topLevel.push_back(all.elements[i]);
+                collected = true;
+                throw;
             }
         }
         collected = true;

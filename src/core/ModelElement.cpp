@@ -72,7 +72,7 @@ void ModelElement::Impl::operator delete(void *block, Model const &) noexcept {
 }
 
 void ModelElement::Impl::operator delete(void *block, std::size_t size) noexcept {
-    detail::ElementPool::deallocate(block, size)->releaseHold();
+    detail::BulkHoldRelease::release(detail::ElementPool::deallocate(block, size));
 }
 
 ModelElement::Impl::Impl(Model const &model, boost::uuids::uuid const &uuid)

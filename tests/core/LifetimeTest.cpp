@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace kivra {
 namespace {
 
@@ -186,6 +188,42 @@ TEST(Lifetime, AMovedElementKeepsTheShellOfTheModelItWentTo) {
         EXPECT_FALSE(author->getModel());
         EXPECT_TRUE(author->getBooks().empty());
         EXPECT_TRUE(author->getRatings().empty());
+    }
+}
+
+// The end of a model large enough to walk its elements in batches: what the user still
+// holds stays as a shell that only the user's handle keeps, every reference among the
+// elements having let go, and everything else is freed (which the sanitizers check).
+TEST(Lifetime, ElementsHeldAcrossTheEndOfALargeModelKeepOnlyTheUsersReference) {
+    using test::library::Author;
+    using test::library::Book;
+    std::vector<Book> keptBooks;
+    std::vector<Author> keptAuthors;
+    {
+        Model model = Model::createTransientModel();
+        Transaction transaction = model->beginTransaction();
+        std::vector<Author> authors;
+        for (int i = 0; i < 150; ++i)
+            authors.push_back(Author::create(model));
+        for (int i = 0; i < 3000; ++i) {
+            Book book = Book::create(model);
+            book->getCoauthorsMutable().push_back(authors[i % 150]);
+            book->getCoauthorsMutable().push_back(authors[(i * 7 + 3) % 150]);
+            authors[(i * 11) % 150]->getBooksMutable().push_back(book);
+            if (i % 500 == 0)
+                keptBooks.push_back(book);
+        }
+        transaction.commit();
+        for (int i = 0; i < 150; i += 50)
+            keptAuthors.push_back(authors[i]);
+    }
+    for (Book const &book : keptBooks) {
+        EXPECT_FALSE(book);
+        EXPECT_EQ(book->referenceCount(), 1u);
+    }
+    for (Author const &author : keptAuthors) {
+        EXPECT_FALSE(author);
+        EXPECT_EQ(author->referenceCount(), 1u);
     }
 }
 
