@@ -392,29 +392,35 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
 
 using Placed = std::pair<ModelElement::Impl const *, std::size_t>;
 
+// Orders `items` by `keyOf` (at most `highest`) with a least-significant-digit radix sort:
+// stable, a few linear passes that each write to a few thousand places in turn.
+template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std::uint64_t highest, KeyOf keyOf) {
+    constexpr unsigned digit = 11;
+    constexpr std::uint64_t mask = (1u << digit) - 1;
+    std::vector<Item> scratch(items.size());
+    for (unsigned shift = 0; shift < 64 && (highest >> shift) != 0; shift += digit) {
+        std::array<std::size_t, (1u << digit) + 1> start{};
+        for (Item const &item : items)
+            ++start[(keyOf(item) >> shift & mask) + 1];
+        for (std::size_t b = 1; b < start.size(); ++b)
+            start[b] += start[b - 1];
+        for (Item const &item : items)
+            scratch[start[keyOf(item) >> shift & mask]++] = item;
+        items.swap(scratch);
+    }
+}
+
 // In the order of the elements' memory, to a cache line; what lies on one line keeps its
-// order. A radix sort of the lines' distance from the lowest: elements of a model lie close
-// together, and two or three passes cover them.
+// order. Elements of a model lie close together: their lines' distances from the lowest
+// take two or three digits.
 void sortByLine(std::vector<Placed> &items) {
     if (items.size() < 2)
         return;
     auto const [low, high] = std::minmax_element(items.begin(), items.end());
-    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->first)](Placed const &item) {
+    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->first)](Placed const &item) -> std::uint64_t {
         return (reinterpret_cast<std::uintptr_t>(item.first) - base) >> 6;
     };
-    std::uintptr_t const lines = lineOf(*high);
-    constexpr unsigned digit = 11;
-    std::vector<Placed> scratch(items.size());
-    for (unsigned shift = 0; shift < 64 && (lines >> shift) != 0; shift += digit) {
-        std::array<std::size_t, (1u << digit) + 1> start{};
-        for (Placed const &item : items)
-            ++start[(lineOf(item) >> shift & ((1u << digit) - 1)) + 1];
-        for (std::size_t b = 1; b < start.size(); ++b)
-            start[b] += start[b - 1];
-        for (Placed const &item : items)
-            scratch[start[lineOf(item) >> shift & ((1u << digit) - 1)]++] = item;
-        items.swap(scratch);
-    }
+    radixSort(items, lineOf(*high), lineOf);
 }
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
@@ -522,28 +528,11 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
 }
 
 // The pairs in the plain walk's order, each once: by row of second, then by row of first.
-// A least-significant-digit radix sort over the bits that the codes use: each pass writes
-// to a few thousand places in turn, where a count per row of second would write each pair
-// to a place of its own.
 void orderPairs(Pairs &pairs) {
-    if (pairs.size() < 256) {
+    if (pairs.size() < 256)
         std::sort(pairs.begin(), pairs.end());
-    } else {
-        std::uint64_t const highest = *std::max_element(pairs.begin(), pairs.end());
-        constexpr unsigned digit = 11;
-        constexpr std::uint64_t mask = (1u << digit) - 1;
-        Pairs scratch(pairs.size());
-        for (unsigned shift = 0; shift < 64 && (highest >> shift) != 0; shift += digit) {
-            std::array<std::size_t, (1u << digit) + 1> start{};
-            for (std::uint64_t const code : pairs)
-                ++start[(code >> shift & mask) + 1];
-            for (std::size_t b = 1; b < start.size(); ++b)
-                start[b] += start[b - 1];
-            for (std::uint64_t const code : pairs)
-                scratch[start[code >> shift & mask]++] = code;
-            pairs.swap(scratch);
-        }
-    }
+    else
+        radixSort(pairs, *std::max_element(pairs.begin(), pairs.end()), [](std::uint64_t code) { return code; });
     pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
 }
 

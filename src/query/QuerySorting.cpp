@@ -59,7 +59,7 @@ template <class T> struct KeyedRows {
             else
                 entries.push_back({keys[i], rows[i]});
         }
-        auto const &key = [](Entry const &entry) -> T const & {
+        auto const key = [](Entry const &entry) -> T const & {
             if constexpr (copied)
                 return entry.key;
             else
