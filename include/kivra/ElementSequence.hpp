@@ -4,6 +4,7 @@
 
 #include <kivra/ReferenceCollection.hpp>
 #include <kivra/SaturatedBloomFilter.hpp>
+#include <kivra/detail/EntryAllocator.hpp>
 
 #include <compare>
 #include <cstddef>
@@ -30,7 +31,8 @@ class MembershipIndex;
 /// vector.
 class ElementSequenceBase : public ReferenceCollection {
 public:
-    using Container = std::vector<ModelElement>;
+    /// The entries of an element's sequence live in its model's memory while they are few.
+    using Container = std::vector<ModelElement, detail::EntryAllocator<ModelElement>>;
 
     ~ElementSequenceBase() override;
 
@@ -86,7 +88,9 @@ public:
     ModelElement const &rawAt(std::size_t index) const noexcept { return entries_[index]; }
 
     std::vector<ModelElement> getAllValues() const override;
-    std::vector<ModelElement> getAllValuesAndProxies() const override { return entries_; }
+    std::vector<ModelElement> getAllValuesAndProxies() const override {
+        return std::vector<ModelElement>(entries_.begin(), entries_.end());
+    }
     /// Empties the sequence as `basicClear` does and gives its entries with their
     /// references: the children of a destroyed owner leave without being copied.
     Container basicTakeAll();

@@ -203,7 +203,7 @@ public:
     /// Takes the element out of its container, telling the container, in a transaction.
     void makeUncontained();
     /// Raises `CircularContainment` when `newContainer` is this element or lies in its subtree.
-    void checkCircularContainment(ModelElement const &newContainer) const;
+    void checkCircularContainment(Impl const *newContainer) const;
     /// Raises `CannotCreateCrossModelAssociation` (or `CircularContainment`) when this
     /// element may not refer to `target` through `property`.
     void checkCompatibleModel(Impl const *target, meta::Property const &property) const;

@@ -42,7 +42,9 @@ bool isProxy(ModelElement const &element) { return element.get() && element->isP
 
 ElementSequenceBase::ElementSequenceBase(ModelElement::Impl *owner, bool unique, meta::Property::Impl *property,
                                          meta::Property::Impl *opposite, EntryClass entryClass)
-    : ReferenceCollection(owner, property, opposite, &view_), entryClass_(entryClass), unique_(unique) {}
+    : ReferenceCollection(owner, property, opposite, &view_),
+      entries_(Container::allocator_type(owner ? owner->getModelImpl() : nullptr)), entryClass_(entryClass),
+      unique_(unique) {}
 
 ElementSequenceBase::~ElementSequenceBase() {
     // A model that goes as a whole takes the entries' references over, to drop in batches.
@@ -441,14 +443,14 @@ void ElementSequenceBase::basicRemove(ModelElement const &element) {
 void ElementSequenceBase::basicAssign(std::vector<ModelElement> const &elements) {
     Operation operation(*this);
     modifying();
-    entries_ = elements;
+    entries_.assign(elements.begin(), elements.end());
     rebuildMembership();
     operation.commit();
 }
 
 ElementSequenceBase::Container ElementSequenceBase::basicTakeAll() {
     modifying();
-    Container taken = std::exchange(entries_, Container());
+    Container taken = std::exchange(entries_, Container(entries_.get_allocator()));
     index_.reset();
     mayHoldProxies_ = false;
     return taken;

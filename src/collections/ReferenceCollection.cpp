@@ -83,7 +83,7 @@ void ReferenceCollection::checkCompatibleModel(ModelElement::Impl const *element
     owner_->checkCompatibleModel(element, property_);
     // A child may not contain its new container.
     if (element && element->isValidNonProxy() && isComposite())
-        element->checkCircularContainment(ModelElement::fromImpl(owner_));
+        element->checkCircularContainment(owner_);
 }
 
 ModelElement ReferenceCollection::resolveProxy(ModelElement const &proxy) const {
@@ -234,16 +234,18 @@ void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection,
     owner.notifyModifying(index);
     // The entries leave the collection before the children go, and their references go
     // with them: a sequence, the common case, hands its vector over without a copy.
-    std::vector<ModelElement> children;
+    auto const destroy = [&](auto const &children) {
+        for (ModelElement const &child : children)
+            if (child.get() && !child->isProxy())
+                child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
+    };
     if (auto *sequence = dynamic_cast<ElementSequenceBase *>(&collection)) {
-        children = sequence->basicTakeAll();
-    } else {
-        children = collection.getAllValuesAndProxies();
-        ModelElement::Impl::_basicClear(collection);
+        destroy(sequence->basicTakeAll());
+        return;
     }
-    for (ModelElement const &child : children)
-        if (child.get() && !child->isProxy())
-            child->destroyRecursively(modelDestroying, /*removeFromContainer=*/false, multiModel);
+    std::vector<ModelElement> const children = collection.getAllValuesAndProxies();
+    ModelElement::Impl::_basicClear(collection);
+    destroy(children);
 }
 
 } // namespace kivra::detail

@@ -310,8 +310,8 @@ void ModelElement::Impl::makeUncontained() {
     transaction.commit();
 }
 
-void ModelElement::Impl::checkCircularContainment(ModelElement const &newContainer) const {
-    for (Impl const *ancestor = newContainer.get(); ancestor; ancestor = ancestor->containerImpl())
+void ModelElement::Impl::checkCircularContainment(Impl const *newContainer) const {
+    for (Impl const *ancestor = newContainer; ancestor; ancestor = ancestor->containerImpl())
         if (ancestor == this)
             raise<messages::CircularContainment>();
 }
@@ -325,7 +325,7 @@ void ModelElement::Impl::checkCompatibleModel(Impl const *target, meta::Property
     if (p && p->getIsComposite()) {
         if (ProxyId const *id = target->isProxy() ? target->model_->proxyIdOf(target) : nullptr; id && id->getModelId())
             raise<messages::CannotCreateCrossModelAssociation>();
-        target->checkCircularContainment(ModelElement(const_cast<Impl *>(this), true));
+        target->checkCircularContainment(this);
     }
     bool const twoWay = p && p->getOpposite();
     if (model_->isRegistryModel())

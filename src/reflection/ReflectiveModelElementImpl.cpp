@@ -424,11 +424,11 @@ void ReflectiveModelElementImpl::setPropertyValue(meta::Property const &property
             checkUniqueness(incoming, meta::Property::fromImpl(const_cast<meta::Property::Impl *>(opposite)),
                             unwrapKey(getPropertyValue(key, Tag::PRIVILEGED_ACCESS)));
     if (p->getIsComposite() && incoming) {
-        incoming->checkCircularContainment(ModelElement::fromImpl(this));
+        incoming->checkCircularContainment(this);
     } else if (s->kind == SlotKind::ContainerEnd) {
         if (!incoming && containmentFeatureImpl() != opposite)
             return;
-        checkCircularContainment(incoming);
+        checkCircularContainment(incoming.get());
     }
 
     // Converted before anything changes: a converter that fails leaves the element, and the

@@ -78,7 +78,7 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
     if (value.get()) {
         if (value->getModelImpl() != element.getModelImpl())
             raise<messages::CannotChangeModel>();
-        value->checkCircularContainment(ModelElement::fromImpl(&element));
+        value->checkCircularContainment(&element);
     }
     auto transaction = element.beginModification(index);
     if (value.get())
@@ -106,7 +106,7 @@ void setContainer(ModelElement::Impl &element, H const &container, meta::Propert
         raise<messages::InvalidValue>();
     if (container.get() && container->getModelImpl() != element.getModelImpl())
         raise<messages::CannotChangeModel>();
-    element.checkCircularContainment(container);
+    element.checkCircularContainment(container.get());
     auto transaction = element.beginModification(index);
     if (!element.isTopLevel())
         element.makeUncontained();
