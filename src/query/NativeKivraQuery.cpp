@@ -393,17 +393,30 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
 using Placed = std::pair<ModelElement::Impl const *, std::size_t>;
 
 // Orders `items` by `keyOf` (at most `highest`) with a least-significant-digit radix sort:
-// stable, a few linear passes that each write to a few thousand places in turn.
+// stable, one pass that counts every digit at once, then one pass per digit that writes to a
+// few thousand places in turn; a digit that all keys share is passed over.
 template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std::uint64_t highest, KeyOf keyOf) {
     constexpr unsigned digit = 11;
-    constexpr std::uint64_t mask = (1u << digit) - 1;
+    constexpr std::size_t buckets = std::size_t{1} << digit;
+    constexpr std::uint64_t mask = buckets - 1;
+    unsigned const digits = (static_cast<unsigned>(std::bit_width(highest)) + digit - 1) / digit;
+    if (digits == 0 || items.size() < 2)
+        return;
+    std::vector<std::array<std::size_t, buckets>> starts(digits);
+    for (Item const &item : items) {
+        std::uint64_t const key = keyOf(item);
+        for (unsigned d = 0; d < digits; ++d)
+            ++starts[d][key >> (d * digit) & mask];
+    }
     std::vector<Item> scratch(items.size());
-    for (unsigned shift = 0; shift < 64 && (highest >> shift) != 0; shift += digit) {
-        std::array<std::size_t, (1u << digit) + 1> start{};
-        for (Item const &item : items)
-            ++start[(keyOf(item) >> shift & mask) + 1];
-        for (std::size_t b = 1; b < start.size(); ++b)
-            start[b] += start[b - 1];
+    for (unsigned d = 0; d < digits; ++d) {
+        auto &start = starts[d];
+        if (std::find(start.begin(), start.end(), items.size()) != start.end())
+            continue;
+        std::size_t sum = 0;
+        for (std::size_t &count : start)
+            sum += std::exchange(count, sum);
+        unsigned const shift = d * digit;
         for (Item const &item : items)
             scratch[start[keyOf(item) >> shift & mask]++] = item;
         items.swap(scratch);
@@ -663,10 +676,11 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     // Two single columns and nothing left to test, the common join: the pairs are the rows.
     if (firstToTest == group.size() && out.width() == 2) {
         counts.combined += candidates->size();
-        out.cells.reserve(2 * candidates->size());
+        out.cells.resize(2 * candidates->size());
+        std::size_t *cell = out.cells.data();
         for (std::uint64_t const pair : *candidates) {
-            out.cells.push_back(inputs[0].cells[code.first(pair)]);
-            out.cells.push_back(inputs[1].cells[code.second(pair)]);
+            *cell++ = inputs[0].cells[code.first(pair)];
+            *cell++ = inputs[1].cells[code.second(pair)];
         }
         sets.push_back(std::move(out));
         return;

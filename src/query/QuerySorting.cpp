@@ -291,10 +291,10 @@ void ByPropertySorting::sort(ResultSet &rows) const {
     }
 
     std::size_t const width = rows.width();
-    std::vector<std::size_t> sorted;
-    sorted.reserve(rows.cells.size());
+    Cells sorted(rows.cells.size());
+    std::size_t *to = sorted.data();
     for (std::size_t const index : order)
-        sorted.insert(sorted.end(), rows.row(index), rows.row(index) + width);
+        to = std::copy_n(rows.row(index), width, to);
     rows.cells = std::move(sorted);
 }
 

@@ -4,9 +4,32 @@
 #include <kivra/Handles.hpp>
 
 #include <cstddef>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace kivra::query {
+
+/// Leaves what `resize` adds unwritten: a table of rows is written whole right after it
+/// grows, and zeroing a large one first is a pass over fresh memory for nothing.
+template <class T> struct UnwrittenAllocator : std::allocator<T> {
+    template <class U> struct rebind {
+        using other = UnwrittenAllocator<U>;
+    };
+    UnwrittenAllocator() noexcept = default;
+    template <class U> UnwrittenAllocator(UnwrittenAllocator<U> const &) noexcept {}
+    template <class U> void construct(U *at) noexcept(std::is_nothrow_default_constructible_v<U>) {
+        ::new (static_cast<void *>(at)) U;
+    }
+    template <class U, class... A> void construct(U *at, A &&...arguments) {
+        ::new (static_cast<void *>(at)) U(std::forward<A>(arguments)...);
+    }
+};
+
+/// Positions of elements, row after row.
+using Cells = std::vector<std::size_t, UnwrittenAllocator<std::size_t>>;
 
 /// Rows of elements, one entry per column; `instanceIds` names the instance of each column.
 /// The rows lie flat, one after another, as positions in `elements`: a row costs no
@@ -16,7 +39,7 @@ struct ResultSet {
     /// What the rows name; the table keeps it alive.
     std::vector<ModelElement> elements;
     /// Row after row, one position in `elements` per column.
-    std::vector<std::size_t> cells;
+    Cells cells;
 
     std::size_t width() const noexcept { return instanceIds.size(); }
     std::size_t rowCount() const noexcept { return instanceIds.empty() ? 0 : cells.size() / instanceIds.size(); }
