@@ -6,7 +6,6 @@
 #include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ReportData.hpp>
-#include <kivra/WorkQueue.hpp>
 #include <kivra/services/ModelIdNormalizer.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
@@ -229,38 +228,6 @@ TEST(Constellation, ListenersHearOfMembersAndOfTheirOwnRemoval) {
         model->destroy();
     }
     EXPECT_EQ(membership.events, (std::vector<std::string>{"added", "removed", "listener removed"}));
-}
-
-TEST(Constellation, LastOutsideHandleFreesEverything) {
-    int freed = 0;
-    struct TracedQueue : WorkQueue {
-        int &freed;
-        TracedQueue(TransactionCoordinator const *owner, int &freed) : WorkQueue(owner, {}), freed(freed) {}
-        ~TracedQueue() override { ++freed; }
-    };
-    Book kept;
-    {
-        ModelConstellation constellation =
-            ModelConstellation::create([&](TransactionCoordinator const *owner, log::Span) {
-                return std::make_shared<TracedQueue>(owner, freed);
-            });
-        Model a = Model::create(constellation);
-        Model b = Model::create(constellation);
-        Transaction transaction = a->beginTransaction();
-        Book one = Book::create(a);
-        Book two = Book::create(b);
-        Author author = Author::create(b);
-        one->setSequel(two);
-        two->setSequel(one);
-        one->setAuthor(author); // both ends, across the models
-        transaction.commit();
-        kept = one;
-    }
-    // An element handle is no hold on its model: everything went with the last outside
-    // handle, in spite of the references between the models, and the element is a tombstone.
-    EXPECT_EQ(freed, 1);
-    EXPECT_FALSE(kept);
-    kept.reset();
 }
 
 } // namespace
