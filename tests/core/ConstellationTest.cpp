@@ -8,13 +8,14 @@
 #include <kivra/ReportData.hpp>
 #include <kivra/services/ModelIdNormalizer.hpp>
 
+#include <basalt/except/Exception.hpp>
 #include <basalt/i18n/Unicode.hpp>
 
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
-
 #include <string>
 #include <vector>
 
@@ -65,24 +66,6 @@ TEST(Constellation, MembersCommitAsOne) {
     EXPECT_EQ(b->elementCount(), 1u);
     removeListener(a, onA);
     removeListener(b, onB);
-}
-
-TEST(Constellation, ModelJoinsOnlyADeepGroup) {
-    ModelConstellation constellation = ModelConstellation::create();
-    Model first = Model::create(constellation);
-    {
-        Transaction shallow = first->beginTransaction();
-        EXPECT_THROW(Model::create(constellation), Error<messages::CannotJoinShallowTransaction>);
-        EXPECT_EQ(constellation->modelsCount(), 1u);
-        shallow.commit();
-    }
-    Transaction deep = first->beginRevertibleTransaction();
-    Model second = Model::create(constellation);
-    EXPECT_TRUE(second->isTransactionInProgress()); // it joined the running group
-    Book::create(second);
-    EXPECT_EQ(deep.commit(), R::Committed);
-    EXPECT_FALSE(second->isTransactionInProgress());
-    EXPECT_EQ(second->elementCount(), 1u);
 }
 
 TEST(Constellation, UriHistoryFollowsRenamesAndDestruction) {
@@ -230,14 +213,6 @@ TEST(Constellation, ListenersHearOfMembersAndOfTheirOwnRemoval) {
     EXPECT_EQ(membership.events, (std::vector<std::string>{"added", "removed", "listener removed"}));
 }
 
-} // namespace
-} // namespace kivra::test::library
-
-#include <basalt/except/Exception.hpp>
-
-namespace kivra::test::library {
-namespace {
-
 // Listeners that do awkward things in the middle of a group's end.
 struct Hook : Listener {
     std::function<void()> onModify = [] {};
@@ -364,12 +339,6 @@ TEST(ConstellationGroup, AReadThatLoadsAModelFailsInAShallowGroup) {
     EXPECT_EQ(constellation->modelsCount(), 2u);
 }
 
-} // namespace
-} // namespace kivra::test::library
-
-namespace kivra::test::library {
-namespace {
-
 TEST(ElementIds, FindTheElementOfExactlyThatClass) {
     Model model = Model::createTransientModel();
     Book book = Book::create(model);
@@ -379,12 +348,6 @@ TEST(ElementIds, FindTheElementOfExactlyThatClass) {
     EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"uuid", u"not a uuid")));
     EXPECT_FALSE(model->findElement(Book::metaClass(), ElementId(u"isbn", u"978-0")));
 }
-
-} // namespace
-} // namespace kivra::test::library
-
-namespace kivra::test::library {
-namespace {
 
 // A proxy that a client keeps after its model is gone stays harmless: it names no id, and
 // letting it go touches nothing of the model.
@@ -403,9 +366,9 @@ TEST(Proxy, OutlivesItsModel) {
     proxy.reset();
 }
 
-// Listeners hear of a newcomer before it joins the running group; one that fails keeps it
-// neither out of the group nor out of the URI history.
-TEST(Constellation, ListenersHearOfANewcomerBeforeItJoinsTheGroup) {
+// A newcomer joins a running group only if it is deep. Listeners hear of it before it
+// joins; one that fails keeps it neither out of the group nor out of the URI history.
+TEST(Constellation, ANewcomerJoinsOnlyADeepGroupAfterItsListenersHearOfIt) {
     struct Watcher : ConstellationListener {
         std::vector<bool> inGroup;
         bool fail = false;
@@ -419,15 +382,24 @@ TEST(Constellation, ListenersHearOfANewcomerBeforeItJoinsTheGroup) {
     ModelConstellation constellation = ModelConstellation::create();
     constellation->addConstellationListener(&watcher);
     Model first = Model::create(constellation);
+    {
+        Transaction shallow = first->beginTransaction();
+        EXPECT_THROW(Model::create(constellation), Error<messages::CannotJoinShallowTransaction>);
+        EXPECT_EQ(constellation->modelsCount(), 1u);
+        shallow.commit();
+    }
     Transaction deep = first->beginRevertibleTransaction();
     Model second = Model::create(constellation);
-    EXPECT_EQ(watcher.inGroup, (std::vector<bool>{false, false}));
+    EXPECT_EQ(watcher.inGroup, (std::vector<bool>{false, false})); // the refused one is not heard of
     EXPECT_TRUE(second->isTransactionInProgress());
+    Book::create(second);
 
     watcher.fail = true;
     EXPECT_THROW(Model::create(constellation), std::runtime_error);
     EXPECT_EQ(constellation->modelsCount(), 3u);
     EXPECT_EQ(deep.commit(), R::Committed);
+    EXPECT_FALSE(second->isTransactionInProgress());
+    EXPECT_EQ(second->elementCount(), 1u);
     constellation->removeConstellationListener(&watcher);
 }
 
