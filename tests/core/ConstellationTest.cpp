@@ -173,7 +173,7 @@ std::shared_ptr<LoadingNormalizer> loadingNormalizer() {
     return normalizer;
 }
 
-TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
+TEST(Proxy, ResolvingLoadsTheNamedModelPeekingOrAFrozenReadDoesNot) {
     auto const normalizer = loadingNormalizer();
     ModelConstellation constellation = ModelConstellation::create();
     Model model = Model::create(constellation);
@@ -182,11 +182,15 @@ TEST(Proxy, ResolvingLoadsTheNamedModelPeekingDoesNot) {
 
     int const before = normalizer->loads;
     EXPECT_TRUE(model->peekResolveProxy(book.get(), proxy)->isProxy());
-    EXPECT_EQ(normalizer->loads, before);
-
     Transaction transaction = model->beginTransaction();
     book->setSequel(proxy);
     transaction.commit();
+    {
+        // A load would change the constellation under the feet of the other readers.
+        Model::Freezer const frozen = model->freeze();
+        EXPECT_TRUE(book->getSequel()->isProxy());
+    }
+    EXPECT_EQ(normalizer->loads, before);
     Book const loaded = book->getSequel();
     EXPECT_EQ(normalizer->loads, before + 1);
     ASSERT_FALSE(loaded->isProxy());
