@@ -29,16 +29,19 @@ static_assert(sizeof(Model) == sizeof(void *) && sizeof(Book) == sizeof(void *),
 
 boost::uuids::uuid uuidOf(char const *text) { return boost::uuids::string_generator()(text); }
 
-TEST(ElementImpl, NilUuidDrawsAVersionFourIdentity) {
+TEST(ElementImpl, UuidsAreDrawnAsVersionFourOrKeptBitForBit) {
     Model model = Model::createTransientModel();
     std::set<boost::uuids::uuid> seen;
     for (int i = 0; i < 100; ++i) {
-        Book book = Book::create(model);
-        auto const id = book->getUuid();
+        auto const id = Book::create(model)->getUuid();
         EXPECT_EQ(id.version(), boost::uuids::uuid::version_random_number_based);
         EXPECT_EQ(id.variant(), boost::uuids::uuid::variant_rfc_4122);
         EXPECT_TRUE(seen.insert(id).second);
     }
+    // A given UUID, even of another version, is kept as it is.
+    auto const id = uuidOf("a559b870-6892-3eec-8508-6ce5485e9784");
+    EXPECT_EQ(Model::createTransientModel(id)->getUuid(), id);
+    EXPECT_EQ(Book::create(model, id)->getUuid(), id);
 }
 
 TEST(ElementImpl, ThreadsAndForkedChildrenDrawDifferentUuids) {
@@ -68,14 +71,6 @@ TEST(ElementImpl, ThreadsAndForkedChildrenDrawDifferentUuids) {
     close(pipeEnds[0]);
     close(pipeEnds[1]);
     EXPECT_NE(parentId, childId);
-}
-
-TEST(ElementImpl, GivenUuidIsKeptBitForBit) {
-    // Not a version 4 UUID: still kept as it is.
-    auto const id = uuidOf("a559b870-6892-3eec-8508-6ce5485e9784");
-    Model model = Model::createTransientModel(id);
-    EXPECT_EQ(model->getUuid(), id);
-    EXPECT_EQ(Book::create(model, id)->getUuid(), id);
 }
 
 TEST(ElementImpl, HashesOfUuidsAndTexts) {
