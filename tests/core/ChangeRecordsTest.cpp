@@ -118,9 +118,8 @@ TEST_F(ChangeRecordsTest, ChangedPropertiesStartAtTheElementsOwnClass) {
 }
 
 // The first change of an element that sets one scalar is kept as that scalar's bytes alone;
-// whatever comes after it in the transaction, a report sees the value from before the
-// transaction, and the element keeps its present value once the report is read. (Roll-backs
-// of such changes are among the random work of the transaction tests.)
+// whatever comes after it in the transaction, a report and a roll-back see the value from
+// before the transaction, and the element keeps its present value once a report is read.
 TEST_F(ChangeRecordsTest, AScalarKeepsItsFirstOldValueWhateverFollows) {
     struct Case {
         char const *name;
@@ -158,6 +157,23 @@ TEST_F(ChangeRecordsTest, AScalarKeepsItsFirstOldValueWhateverFollows) {
         if (book) {
             EXPECT_EQ(book->getPages(), std::string_view(each.name) == "set again" ? 9 : 8);
         }
+
+        book = Novel::create(model);
+        book->setPages(7);
+        book->setTitle(u"Dune");
+        other = Book::create(model);
+        other->setPages(3);
+        Novel const kept = book;
+        {
+            Transaction transaction = model->beginRevertibleTransaction();
+            book->setPages(8);
+            each.then(book, other);
+            EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+        }
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(kept->getPages(), 7);
+        EXPECT_EQ(kept->getTitle(), u"Dune");
+        EXPECT_EQ(other->getPages(), 3);
     }
 }
 
