@@ -1,5 +1,3 @@
-#include "ModelSnapshot.hpp"
-
 #include <library/Author.hpp>
 #include <library/Book.hpp>
 #include <library/Novel.hpp>
@@ -115,30 +113,6 @@ TEST_F(ElementMapTest, ChangingAKeyMovesTheEntryOrIsRefusedBeforeAnythingChanges
     }
     EXPECT_EQ(shelf->getCatalogue().at(u"Arrakis"), dune);
     EXPECT_FALSE(shelf->getCatalogue().at(u"Dune").get());
-}
-
-TEST_F(ElementMapTest, RollBackRestoresEntriesAndSideTable) {
-    Shelf shelf = Shelf::create(model);
-    std::vector<Book> books;
-    for (char16_t c = u'a'; c < u'k'; ++c)
-        shelf->getCatalogueMutable().insert(books.emplace_back(book(std::u16string(1, c))));
-    shelf->getCatalogueMutable().insert(proxyOf(ElementImpl::generateNewUuid()));
-    ModelSnapshot const before = snapshot(model, Identity::Object);
-    {
-        Transaction transaction = model->beginRevertibleTransaction();
-        auto &catalogue = shelf->getCatalogueMutable();
-        catalogue.insert(book(u"a"), CollisionResolution::Replace);
-        catalogue.erase(books[3]);
-        books[4]->setTitle(u"z");
-        books[5]->destroy();
-        catalogue.clear();
-        catalogue.insert(proxyOf(ElementImpl::generateNewUuid()));
-        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
-    }
-    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
-    EXPECT_EQ(shelf->getCatalogue().unresolvedSize(), 1u);
-    EXPECT_EQ(shelf->getCatalogue().at(u"a"), books[0]);
-    EXPECT_EQ(books[3]->getCatalogued(), shelf);
 }
 
 // Outside a transaction a refused insert leaves the old contents; a good one commits alone.

@@ -249,17 +249,27 @@ TEST_F(ElementSequenceTest, AMutationOutsideATransactionIsOneOfItsOwn) {
     removeListener(model, veto);
 }
 
-// A roll-back gives back each list exactly: order, proxies in place, far ends.
-TEST_F(ElementSequenceTest, RollBackRestoresOrderProxiesAndFarEnds) {
+// A roll-back gives back each kind of reference collection exactly: a list's order and its
+// proxies in place, a set's and a map's proxies in their side tables, a map's keys, the far
+// ends, and the index a long unique list keeps.
+TEST_F(ElementSequenceTest, RollBackRestoresListsSetsAndMapsWithTheirProxiesAndFarEnds) {
     Author author = Author::create(model);
     Shelf shelf = Shelf::create(model);
+    auto const proxy = [&] { return Book::createProxy(model, idOf(ElementImpl::generateNewUuid())); };
     std::vector<Book> books;
     for (int i = 0; i < 60; ++i) {
         books.push_back(Book::create(model));
+        books.back()->setTitle(std::u16string(1, char16_t(u'A' + i))); // its key in the catalogue
         author->getBooksMutable().push_back(books.back());
         books.back()->getCoauthorsMutable().push_back(author);
+        if (i < 10) {
+            shelf->getRecommendedMutable().insert(books.back());
+            shelf->getCatalogueMutable().insert(books.back());
+        }
     }
-    author->getBooksMutable().push_back(Book::createProxy(model, idOf(ElementImpl::generateNewUuid())));
+    author->getBooksMutable().push_back(proxy());
+    shelf->getRecommendedMutable().insert(proxy());
+    shelf->getCatalogueMutable().insert(proxy());
     shelf->getBooksMutable().push_back(books[0]);
     // A list long enough to keep an index of its entries.
     Book hub = Book::create(model);
@@ -280,9 +290,28 @@ TEST_F(ElementSequenceTest, RollBackRestoresOrderProxiesAndFarEnds) {
         author->getCoauthoredMutable().erase(books[50]);
         auto &coauthors = hub->getCoauthorsMutable();
         coauthors.erase(coauthors.begin(), coauthors.begin() + 30);
+
+        shelf->getRecommendedMutable().clear();
+        shelf->getRecommendedMutable().insert(proxy());
+        author->getCoauthoredMutable().erase(books[3]);
+        books[4]->destroy();
+
+        auto &catalogue = shelf->getCatalogueMutable();
+        Book const rival = Book::create(model);
+        rival->setTitle(u"A");
+        catalogue.insert(rival, CollisionResolution::Replace);
+        catalogue.erase(books[3]);
+        books[5]->setTitle(u"z");
+        books[6]->destroy();
+        catalogue.clear();
+        catalogue.insert(proxy());
         EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
     }
     EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+    EXPECT_EQ(shelf->getRecommended().unresolvedSize(), 1u);
+    EXPECT_EQ(shelf->getCatalogue().unresolvedSize(), 1u);
+    EXPECT_EQ(shelf->getCatalogue().at(u"A"), books[0]);
+    EXPECT_EQ(shelf->getCatalogue().at(u"F"), books[5]);
     for (Author const &each : authors)
         hub->getCoauthorsMutable().push_back(each);
     EXPECT_EQ(hub->getCoauthors().size(), 60u);

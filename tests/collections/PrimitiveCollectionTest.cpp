@@ -93,9 +93,6 @@ TEST_F(PrimitiveCollectionTest, TheRegistryMakesTheCollectionThePropertyFlagsAsk
     EXPECT_EQ(author->getVisits().getCollectionType(), meta::StandardTypes::uuidMeta.get());
     EXPECT_EQ(shelf->getLabels().getCollectionType(), meta::StandardTypes::stringToStringMapMeta.get());
     EXPECT_EQ(shelf->getSources().getCollectionType(), VersionInfo::dataType());
-    EXPECT_FALSE(author->getRatings().isUnique());
-    EXPECT_TRUE(book->getTags().isUnique());
-    EXPECT_EQ(author->getPseudonyms().getCollectionProperty(), Author::Impl::pseudonymsProperty());
     // Sets have no indexed or keyed view.
     EXPECT_EQ(author->getPseudonyms().getGenericInterface(), nullptr);
     EXPECT_NE(dynamic_cast<GenericPrimitiveSequenceInterface *>(author->getRatings().getGenericInterface()), nullptr);

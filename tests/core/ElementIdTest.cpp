@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -63,20 +62,6 @@ TEST(ProxyId, EqualityTellsNoModelFromAnEmptyOne) {
     }
 }
 
-TEST(ProxyId, InStdSet) {
-    std::set<ProxyId> ids{{u"id", u"b", boost::none},
-                          {u"id", u"a", ustring(u"m:1")},
-                          {u"id", u"a", boost::none},
-                          {u"id", u"a", ustring(u"m:1")}};
-    std::vector<ProxyId> const expected{
-        {u"id", u"a", boost::none}, {u"id", u"a", ustring(u"m:1")}, {u"id", u"b", boost::none}};
-    EXPECT_EQ(std::vector<ProxyId>(ids.begin(), ids.end()), expected);
-
-    // An ordered set cannot tell no model id from an empty one: the first one stays.
-    EXPECT_FALSE(ids.insert(ProxyId(u"id", u"a", ustring())).second);
-    EXPECT_FALSE(ids.find(ProxyId(u"id", u"a", ustring()))->getModelId().has_value());
-}
-
 TEST(ElementId, IoIdReadsOnlyCanonicalUuidText) {
     ustring const canonical = u"0f8fad5b-d9cb-469f-a165-70867728950e";
     boost::optional<boost::uuids::uuid> const uuid = io::ElementId(u"uuid", canonical).getUuid();
@@ -95,9 +80,6 @@ TEST(ElementId, IoIdReadsOnlyCanonicalUuidText) {
     }
     EXPECT_FALSE(io::ElementId(u"id", canonical).getUuid());
     EXPECT_FALSE(io::ElementId(u"UUID", canonical).getUuid());
-
-    EXPECT_EQ(io::ElementId::DEFAULT_IDENTIFIER_TYPE, u"uuid");
-    EXPECT_EQ(io::ElementId::INTRINSIC_IDENTIFIER_TYPE, u"id");
     EXPECT_EQ(io::ElementId(), io::ElementId(u"", u""));
     EXPECT_EQ(io::ElementId(ElementId(u"id", u"7")), io::ElementId(u"id", u"7"));
 }

@@ -14,7 +14,6 @@
 #include <kivra/StringToStringMap.hpp>
 #include <kivra/UnorderedElementSet.hpp>
 #include <kivra/Value.hpp>
-#include <kivra/services/ModelIdNormalizer.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
 
@@ -202,41 +201,6 @@ TEST(FrozenCollections, ReadersMeetingAtFirstUseShareOneCollection) {
     EXPECT_EQ(shelves.front()->getBooks().size(), 1u);
     EXPECT_EQ(&shelves.front()->getLabels(), seen[0][0][5]);
     EXPECT_EQ(shelves.front()->getLabels().size(), 1u);
-}
-
-// Loads "test-frozen:" URIs, counting the loads.
-struct CountingLoader : services::ModelIdNormalizer {
-    std::atomic<int> loads{0};
-    boost::optional<basalt::ustring> toLocationModelId(basalt::ustring const &) override { return boost::none; }
-    boost::optional<basalt::ustring> toExternalModelId(basalt::ustring const &) override { return boost::none; }
-    Model loadModel(basalt::ustring const &location, services::ModelLoadOptions const &) override {
-        if (location.rfind(u"test-frozen:", 0) != 0)
-            return {};
-        ++loads;
-        return Model::create(ModelConstellation::create());
-    }
-    bool saveModel(Model const &, basalt::ustring const &, SaveModelMode) override { return false; }
-};
-
-TEST_F(FrozenReaders, LoadNoModel) {
-    static auto const loader = std::make_shared<CountingLoader>();
-    static bool const registered = (services::registerModelIdNormalizer(loader), true);
-    (void)registered;
-    Transaction transaction = a->beginTransaction();
-    Book const reader = Book::create(a);
-    reader->setSequel(Book::createProxy(a, ProxyId(u"uuid", textOf(ElementImpl::generateNewUuid()),
-                                                   basalt::ustring(u"test-frozen:elsewhere"))));
-    transaction.commit();
-    int const before = loader->loads;
-    {
-        // Loading would change the constellation under the other readers' feet.
-        Model::Freezer const frozen = a->freeze();
-        EXPECT_TRUE(reader->getSequel()->isProxy());
-        EXPECT_EQ(loader->loads, before);
-    }
-    EXPECT_TRUE(reader->getSequel()->isProxy()); // loaded, but the element is not there
-    EXPECT_EQ(loader->loads, before + 1);
-    EXPECT_EQ(constellation->modelsCount(), 3u);
 }
 
 // A set read on several threads of a frozen model resolves none of its proxies into itself:

@@ -232,30 +232,6 @@ TEST_F(ListenerTest, InterruptsPassThroughObservers) {
     EXPECT_FALSE(model->isTransactionInProgress()); // the transaction stays committed
 }
 
-TEST(ListenerHolder, OwnedListenersAreDeletedOnceWithTheModel) {
-    struct Counted : Listener {
-        int *removed;
-        int *deleted;
-        Counted(int *removed, int *deleted) : removed(removed), deleted(deleted) {}
-        ~Counted() override { ++*deleted; }
-        void transactionCommitted(Report const &) {}
-        void listenerRemoved() override { ++*removed; }
-    };
-    int removed = 0, deleted = 0;
-    {
-        Model model = Model::createTransientModel();
-        addOwnedListener<ListenerRole::Observer>(model, std::make_unique<Counted>(&removed, &deleted));
-    }
-    EXPECT_EQ(removed, 1);
-    EXPECT_EQ(deleted, 1);
-}
-
-} // namespace
-} // namespace kivra::test::library
-
-namespace kivra::test::library {
-namespace {
-
 struct Counted : Listener {
     static inline int alive = 0;
     static inline int removals = 0;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <set>
 #include <string>
 
@@ -34,15 +33,6 @@ std::set<std::size_t> placeholdersIn(std::u16string_view text) {
         if (text[i] == u'{' && text[i + 1] >= u'0' && text[i + 1] <= u'9' && text[i + 2] == u'}')
             found.insert(text[i + 1] - u'0');
     return found;
-}
-
-TEST(Messages, CataloguesHaveTheirSizes) {
-    std::map<std::string, int> sizes;
-    for (auto const &line : catalogueLines)
-        ++sizes[line.catalogue];
-    EXPECT_EQ(sizes["kivra:messages"], 41);
-    EXPECT_EQ(sizes["kivra:io"], 12);
-    EXPECT_EQ(sizes["kivra:query"], 13);
 }
 
 TEST(Messages, EveryIdHasATextUsingEachArgumentOnce) {

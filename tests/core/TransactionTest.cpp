@@ -72,6 +72,16 @@ TEST_F(TransactionTest, VotesOfNestedAndOuterHandles) {
         { Transaction dropped = model->beginTransaction(); }
         EXPECT_EQ(outer.commit(), R::RolledBack);
     }
+    Book book = Book::create(model);
+    book->setTitle(u"Dune");
+    {
+        // So is a dropped outer handle; the first old value comes back.
+        Transaction dropped = model->beginRevertibleTransaction();
+        book->setTitle(u"Emma");
+        book->setTitle(u"Ulysses");
+    }
+    EXPECT_EQ(book->getTitle(), u"Dune");
+    EXPECT_FALSE(model->isTransactionInProgress());
 }
 
 TEST_F(TransactionTest, ShallowTransactionsCannotRevert) {
@@ -92,18 +102,6 @@ TEST_F(TransactionTest, ShallowTransactionsCannotRevert) {
     EXPECT_EQ(firstChanges, 1);
     EXPECT_EQ(observed.rollBack(), R::CannotRevert);
     EXPECT_EQ(model->elementCount(), 3u); // the changes stay
-}
-
-TEST_F(TransactionTest, DroppedOuterHandleRollsBack) {
-    Book book = Book::create(model);
-    book->setTitle(u"Dune");
-    {
-        Transaction transaction = model->beginRevertibleTransaction();
-        book->setTitle(u"Emma");
-        book->setTitle(u"Ulysses");
-    }
-    EXPECT_EQ(book->getTitle(), u"Dune"); // the first old value came back
-    EXPECT_FALSE(model->isTransactionInProgress());
 }
 
 TEST_F(TransactionTest, EveryChangeCountsAsALevelWhetherItIsRecordedOrNot) {
@@ -188,15 +186,11 @@ TEST_F(TransactionTest, RollBackRestoresIdentityContainmentAndBothEnds) {
     author->setFavourite(created); // a far end moved to a new element
     EXPECT_EQ(transaction.rollBack(), R::RolledBack);
 
+    // Both ends and the containers are in the picture; the destroyed book is back as the
+    // same object, and handles taken before are valid again.
     EXPECT_EQ(describeDifference(before, snapshot(model)), "");
-    EXPECT_EQ(before, snapshot(model));
-    // The destroyed book is back as the same object; handles taken before are valid again.
     EXPECT_TRUE(book);
     EXPECT_EQ(model->findElement(bookId).get(), bookObject);
-    EXPECT_EQ(shelf->getFeatured(), book);
-    EXPECT_EQ(book->getShelf(), shelf);
-    EXPECT_EQ(author->getFavourite(), book);
-    EXPECT_TRUE(loose->isTopLevel());
     // The created element is gone, and its UUID is free again.
     EXPECT_FALSE(created);
     EXPECT_NO_THROW(Book::create(model, createdId));
@@ -807,12 +801,6 @@ TEST(TransactionRollBack, CommittedWorkEqualsTheSameWorkDoneDirectly) {
     }
 }
 
-} // namespace
-} // namespace kivra::test::library
-
-namespace kivra::test::library {
-namespace {
-
 // An element destroyed and another made with its UUID in one transaction are two elements:
 // the roll-back gives back the first, in its container, and forgets the second.
 TEST_F(TransactionTest, RollBackTellsApartTwoElementsOfOneUuid) {
@@ -820,7 +808,7 @@ TEST_F(TransactionTest, RollBackTellsApartTwoElementsOfOneUuid) {
     Book original = Book::create(model);
     shelf->setFeatured(original);
     auto const id = original->getUuid();
-    ModelSnapshot const before = snapshot(model);
+    ModelSnapshot const before = snapshot(model, Identity::Object);
 
     Transaction transaction = model->beginRevertibleTransaction();
     original->destroy();
@@ -828,13 +816,10 @@ TEST_F(TransactionTest, RollBackTellsApartTwoElementsOfOneUuid) {
     shelf->setFeatured(namesake);
     EXPECT_EQ(transaction.rollBack(), R::RolledBack);
 
-    EXPECT_EQ(describeDifference(before, snapshot(model)), "");
+    // By object, the picture tells the two apart: in the table, the container and its end.
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
     EXPECT_TRUE(original);
     EXPECT_FALSE(namesake);
-    EXPECT_EQ(model->findElement(id).get(), original.get());
-    EXPECT_EQ(shelf->getFeatured(), original);
-    EXPECT_EQ(original->getShelf(), shelf);
-    EXPECT_FALSE(original->isTopLevel());
 }
 
 // The usage account comes back with the elements: a model never holds both kinds.

@@ -260,12 +260,6 @@ TEST_F(ValueTest, UnmanagedCollectionsOwnTheirContainer) {
     EXPECT_THROW(Value::createEmptyUnmanagedCollectionValue(property(cls(), 0, many)), Error<messages::InvalidValue>);
 }
 
-} // namespace
-} // namespace kivra
-
-namespace kivra {
-namespace {
-
 TEST_F(ValueTest, ManagedCollectionValuesAreViews) {
     // Only the address matters to the value: it neither reads nor frees the collection.
     alignas(std::max_align_t) unsigned char storage[64];

@@ -2,6 +2,7 @@
 
 #include <library/Book.hpp>
 
+#include <kivra/Messages.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/WorkQueue.hpp>
 
@@ -80,14 +81,6 @@ TEST(WorkQueue, DestroyedModelDropsItsWork) {
     model->addToWorkQueue([&](Model const &) { ++ran; });
     EXPECT_EQ(ran, 0);
 }
-
-} // namespace
-} // namespace kivra
-
-#include <kivra/Messages.hpp>
-
-namespace kivra {
-namespace {
 
 TEST(Freezer, FreezesAddUpAndThawsNestOnce) {
     Model model = Model::createTransientModel();
