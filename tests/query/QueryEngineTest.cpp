@@ -158,19 +158,10 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
               5u);
 }
 
+// Joins of every association and pairs of them are left to the random queries; here what
+// they do not reach: three instances with columns picked, and a required read of nothing.
 TEST_P(QueryEngine, JoinsRelateInstances) {
     stock();
-    {
-        auto q = query();
-        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
-        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
-        EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Emma+Bob", "Rebecca+Bob", "Ulysses+Ann"}));
-        // The value instance may come first in the ids; a collection passes by any entry.
-        auto c = query();
-        std::size_t const who = c->addSearchClass(lib().author, Mode::ExactClass), what = books(*c);
-        c->addAssociatedObject(p(lib().book, u"coauthors"), what, who);
-        EXPECT_EQ(sorted(*c), (Rows{"Bob+Dune", "Cid+Dune", "Cid+Emma"}));
-    }
     {
         // Three instances: two books of one writer, the pair ordered by title.
         auto q = query();
@@ -191,15 +182,6 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         r->setSpecificElement(dune, t);
         r->addPropertyRelationProperty(p(lib().book, u"title"), t, R::equal, p(lib().book, u"subtitle"), s);
         EXPECT_THROW(r->countResults(), Error<messages::InvalidValue>);
-    }
-    {
-        // Every constraint of a pair holds: books whose writer is also a coauthor.
-        many(emma, u"coauthors").genericAdd(bob);
-        auto q = query();
-        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
-        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
-        q->addAssociatedObject(p(lib().book, u"coauthors"), b, a);
-        EXPECT_EQ(rows(*q), (Rows{"Emma+Bob"}));
     }
 }
 
@@ -236,7 +218,8 @@ TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
 TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
     stock();
     auto q = query();
-    std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+    std::size_t const b = books(*q);
+    q->addSearchClass(lib().author, Mode::ExactClass);
     q->addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(500), b);
     EXPECT_EQ(q->countResults(), 6u);
     Rows const all = rows(*q);
@@ -255,14 +238,6 @@ TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
     q->setResultLimit(1);
     std::vector<ModelElement> const first = q->getFirstResult();
     EXPECT_EQ(label(first[0]) + "+" + label(first[1]), all[0]);
-
-    // A disjunction over both instances keeps the rows where one of its alternatives holds.
-    q->setResultLimit(0);
-    ReflectiveDisjunction *const any = q->createDisjunction();
-    any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Dune"), b);
-    any->addPropertyRelationValue(p(lib().author, u"name"), R::equal, text(u"Cid"), a);
-    any->finish();
-    EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Dune+Bob", "Dune+Cid", "Ulysses+Cid"}));
 }
 
 TEST_P(QueryEngine, SortOffsetAndLimitComeLastInThatOrder) {
