@@ -111,6 +111,8 @@ protected:
     ModelElement ann, bob, cid, dune, emma, ulysses, rebecca, notes;
 };
 
+// Plain relations on titles, pages and names, the class modes and finished groups are left
+// to the random queries; here the kinds of value they do not reach.
 TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     stock();
     auto const run = [&](auto constrain, Mode mode = Mode::ClassOrSubclass) {
@@ -120,11 +122,8 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     };
     Value const ref_ann = ref(ann);
     EXPECT_EQ(run([](auto &, auto) {}), (Rows{"Dune", "Emma", "Notes", "Rebecca", "Ulysses"}));
-    EXPECT_EQ(run([](auto &, auto) {}, Mode::ExactClass), (Rows{"Dune", "Emma", "Notes", "Ulysses"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(450), b); }),
               (Rows{"Dune", "Ulysses"}));
-    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::lessOrEqual, Value(450), b); }),
-              (Rows{"Emma", "Notes", "Rebecca"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"title"), R::like, text(u"%e%"), b); }),
               (Rows{"Dune", "Notes", "Rebecca", "Ulysses"}));
     // An unset optional stands below every value and equals only another unset one.
@@ -144,13 +143,6 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     EXPECT_EQ(run([&](auto &q, auto b) { q.requireTopLevelElement(b); }), (Rows{"Dune", "Emma", "Rebecca", "Ulysses"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }), (Rows{"Rebecca"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }, Mode::ExactClass), (Rows{}));
-    EXPECT_EQ(run([&](auto &q, auto b) {
-                  ReflectiveDisjunction *const any = q.createDisjunction();
-                  any->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
-                  any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Emma"), b);
-                  any->finish();
-              }),
-              (Rows{"Emma", "Notes"}));
     // A group that is never finished takes no part.
     EXPECT_EQ(run([&](auto &q, auto b) {
                   q.createDisjunction()->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
