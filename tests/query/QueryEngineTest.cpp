@@ -150,8 +150,8 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
               5u);
 }
 
-// Joins of every association and pairs of them are left to the random queries; here what
-// they do not reach: three instances with columns picked, and a required read of nothing.
+// Joins of the sequences and sets and pairs of them are left to the random queries; here what
+// they do not reach: three instances with columns picked, a required read of nothing, a map.
 TEST_P(QueryEngine, JoinsRelateInstances) {
     stock();
     {
@@ -174,6 +174,16 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         r->setSpecificElement(dune, t);
         r->addPropertyRelationProperty(p(lib().book, u"title"), t, R::equal, p(lib().book, u"subtitle"), s);
         EXPECT_THROW(r->countResults(), Error<messages::InvalidValue>);
+    }
+    {
+        // A map holds its entries under their keys: a join through it meets every one.
+        ModelElement const shelf = lib().shelf->instantiate(model);
+        many(shelf, u"catalogue").genericAdd(dune);
+        many(shelf, u"catalogue").genericAdd(emma);
+        auto q = query();
+        std::size_t const s = q->addSearchClass(lib().shelf, Mode::ExactClass), b = books(*q);
+        q->addAssociatedObject(p(lib().shelf, u"catalogue"), s, b);
+        EXPECT_EQ(q->countResults(), 2u);
     }
 }
 
