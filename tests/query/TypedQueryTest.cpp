@@ -232,11 +232,6 @@ TEST_F(TypedQuery, SortsAndTheRootInstance) {
     reflective.sortIntrinsic(0, SortDirection::Ascending);
     reflective.sortByProperty(Shelf::Impl::labelProperty(), 1, SortDirection::Ascending);
     expectSameQuery(typed.recorded(), reflective);
-
-    // The one sort left in each is the last asked for.
-    typed.sortIntrinsic(shelves, SortDirection::Descending);
-    reflective.sortIntrinsic(1, SortDirection::Descending);
-    expectSameQuery(typed.recorded(), reflective);
 }
 
 TEST_F(TypedQuery, EnumConstantsAreTheNumbersThatReadersGive) {
