@@ -12,7 +12,6 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
-#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/VersionInfo.hpp>
 
@@ -197,13 +196,6 @@ TEST_F(BuilderTest, UuidsAreKeptOrDrawn) {
     Book const fresh = builder.createBook();
     EXPECT_FALSE(fresh->getUuid().is_nil());
     EXPECT_NE(fresh->getUuid(), given);
-    // The registry hands out the same builders for a class known only by its handle.
-    auto generic = meta::MetaRegistry::getInstance()->instantiateBuilder(Novel::metaClass(), model);
-    ASSERT_TRUE(generic);
-    generic->setOrAdd(Book::Impl::titleProperty(), Value(basalt::ustring(u"Dune")));
-    ModelElement const novel = generic->create();
-    EXPECT_EQ(novel->getMetaClass(), Novel::metaClass());
-    EXPECT_EQ(Novel::fromImpl(static_cast<Novel::Impl *>(novel.get()))->getTitle(), u"Dune");
 }
 
 // setOrAdd takes each kind of property as its typed setter would, sets its bit, and is
