@@ -1,5 +1,4 @@
 #include "QueryFixtures.hpp"
-#include "query/NativeKivraQuery.hpp"
 
 #include <kivra/Messages.hpp>
 #include <kivra/meta/Class.hpp>
@@ -17,16 +16,10 @@
 #include <library/Shelf.hpp>
 #include <library/ShelfConstrainables.hpp>
 
-#include <basalt/i18n/Unicode.hpp>
-
-#include <boost/uuid/uuid_io.hpp>
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <type_traits>
-#include <typeinfo>
-#include <vector>
 
 namespace kivra::query {
 namespace {
