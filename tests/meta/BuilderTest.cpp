@@ -12,7 +12,6 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Class.hpp>
-#include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/VersionInfo.hpp>
 
@@ -197,13 +196,6 @@ TEST_F(BuilderTest, UuidsAreKeptOrDrawn) {
     Book const fresh = builder.createBook();
     EXPECT_FALSE(fresh->getUuid().is_nil());
     EXPECT_NE(fresh->getUuid(), given);
-    // The registry hands out the same builders for a class known only by its handle.
-    auto generic = meta::MetaRegistry::getInstance()->instantiateBuilder(Novel::metaClass(), model);
-    ASSERT_TRUE(generic);
-    generic->setOrAdd(Book::Impl::titleProperty(), Value(basalt::ustring(u"Dune")));
-    ModelElement const novel = generic->create();
-    EXPECT_EQ(novel->getMetaClass(), Novel::metaClass());
-    EXPECT_EQ(Novel::fromImpl(static_cast<Novel::Impl *>(novel.get()))->getTitle(), u"Dune");
 }
 
 // setOrAdd takes each kind of property as its typed setter would, sets its bit, and is
@@ -403,11 +395,6 @@ TEST_F(BuilderTest, ReflectiveAccessAgreesWithTypedAccessors) {
     EXPECT_EQ(shelf->getFeatured(), book);
     book->setPropertyValue(Book::Impl::coauthorsProperty(), Value(Author::metaClass(), author), Tag::PUBLIC_ACCESS);
     EXPECT_EQ(book->getCoauthors().size(), 1u);
-    // Without a public mutator, only privileged callers write.
-    EXPECT_THROW(book->setPropertyValue(Book::Impl::isbnProperty(), Value(std::string("1")), Tag::PUBLIC_ACCESS),
-                 Error<messages::NoSuchProperty>);
-    book->setPropertyValue(Book::Impl::isbnProperty(), Value(std::string("1")), Tag::PRIVILEGED_ACCESS);
-    EXPECT_EQ(book->getIsbn().value_or(""), "1");
 
     // A read-only property reads but refuses reflective writes, naming itself in full.
     shelf->setCode("A1");

@@ -1,5 +1,3 @@
-#include <kivra/Messages.hpp>
-#include <kivra/ModelConstellation.hpp>
 #include <library/LibraryPackage.hpp>
 
 #include <kivra/PrimitiveCollection.hpp>
@@ -28,19 +26,6 @@ static_assert(Property::Impl::propertyCount == 26 && Class::Impl::propertyCount 
                   Package::Impl::propertyCount == 9,
               "indices continue along the class chain");
 
-TEST(GeneratedMetaclass, SettingTheSameValueChangesNothing) {
-    // A frozen model refuses every change, so a setter that goes through is seen to have
-    // made none.
-    Model model = Model::createTransientModel();
-    Property property = Property::create(model);
-    property->setName(u"title");
-    auto freezer = model->freeze();
-    EXPECT_NO_THROW(property->setName(u"title"));
-    EXPECT_NO_THROW(property->setIsQualificationUnique(true)); // the default
-    EXPECT_THROW(property->setName(u"subtitle"), Error<messages::ModelFrozen>);
-    EXPECT_EQ(property->getName(), u"title");
-}
-
 // The descriptive closure of a model takes in the packages that its packages import, by
 // family, as far as the registry knows them.
 TEST(GeneratedMetaclass, ThePackageClosureFollowsImports) {
@@ -64,42 +49,6 @@ TEST(GeneratedMetaclass, ThePackageClosureFollowsImports) {
     model->setUsageProvider(std::move(uses));
     EXPECT_EQ(model->getDescriptivePackageURIClosure(),
               (std::set<std::u16string>{u"urn:importer", u"urn:plain", std::u16string(library)}));
-}
-
-TEST(GeneratedMetaclass, DefaultsAndOptionals) {
-    Model model = Model::createTransientModel();
-    Property property = Property::create(model);
-    EXPECT_TRUE(property->getIsPublicAccessor());
-    EXPECT_FALSE(property->getIsUnique());
-    EXPECT_FALSE(property->hasDefaultValue());
-    property->setDefaultValue(basalt::ustring(u"42"));
-    EXPECT_EQ(property->getDefaultValue().value_or(u""), u"42");
-    property->setDefaultValue(boost::none);
-    EXPECT_FALSE(property->hasDefaultValue());
-    Property other = Property::create(model);
-    property->setOpposite(other);
-    EXPECT_EQ(property->getOpposite(), other);
-}
-
-TEST(GeneratedMetaclass, ClassIsAFollowsSuperclasses) {
-    Model model = Model::createTransientModel();
-    Class base = Class::create(model);
-    Class derived = Class::create(model);
-    Class unrelated = Class::create(model);
-    derived->setSuperclass(base);
-    EXPECT_TRUE(derived->isA(base));
-    EXPECT_TRUE(derived->isA(derived));
-    EXPECT_FALSE(base->isA(derived));
-    EXPECT_FALSE(derived->isA(unrelated));
-    EXPECT_FALSE(derived->isA(Type()));
-}
-
-TEST(GeneratedMetaclass, TypeWithoutPackageIsQualifiedByItsName) {
-    Model model = Model::createTransientModel();
-    Class cls = Class::create(model);
-    cls->setName(u"Book");
-    EXPECT_EQ(cls->getQualifiedName(), u"Book");
-    EXPECT_FALSE(cls->getOwningPackage());
 }
 
 } // namespace

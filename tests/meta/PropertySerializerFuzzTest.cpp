@@ -2,6 +2,8 @@
 // or raise outside what a failed parse raises, and whatever parses must write a text that
 // reads back to the same text.
 
+#include "RegistryFixtures.hpp"
+
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Enum.hpp>
@@ -28,6 +30,7 @@ namespace {
 
 using basalt::ustring;
 using S = StandardTypes;
+using test::Colours;
 
 /// Which exceptions a failed parse may raise: the lexical casts' for every parser, and
 /// for dates and UUIDs what the Boost parsers behind them raise.
@@ -81,17 +84,8 @@ bool allowed(std::exception const &error, Allowed allowed) {
 }
 
 TEST(PropertySerializerFuzz, RandomTextNeverCrashesAndWhatParsesRereadsAlike) {
-    Model model = Model::createTransientModel();
-    Enum const colour = Enum::create(model);
-    std::vector<EnumLiteral> literals;
-    Property const holder = Property::create(model);
-    for (auto const &[name, number] : {std::pair{u"red", -1}, std::pair{u"green", 2}}) {
-        EnumLiteral const literal = EnumLiteral::create(model);
-        literal->setName(name);
-        literal->setValue(number);
-        literal->basicSetContainer(colour.get(), Enum::Impl::literalsProperty() ? Enum::Impl::literalsProperty() : holder, 0);
-        literals.push_back(literal);
-    }
+    Colours const colours; // red -1 "R", green 2, blue 7 "B"
+    Type const colour = colours.colour;
 
     std::vector<Parser> parsers = {
         {S::stdstringMeta.get(), "", Allowed::Casts},     {S::integerMeta.get(), "", Allowed::Casts},

@@ -1,10 +1,13 @@
 #include "RegistryFixtures.hpp"
 
+#include <library/Handles.hpp>
+
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/meta/Enum.hpp>
 #include <kivra/meta/EnumLiteral.hpp>
+#include <kivra/meta/EnumPropertySerializers.hpp>
 #include <kivra/meta/PrimitiveType.hpp>
 #include <kivra/meta/Property.hpp>
 #include <kivra/meta/PropertySerializer.hpp>
@@ -316,60 +319,56 @@ TEST(PropertySerializer, CombinesEntriesIntoFreeStandingCollections) {
                  Error<messages::CannotCastIncompatibleTypes>);
 }
 
-// --- Enums of models loaded at run time ----------------------------------------------------------
+// --- Enums ---------------------------------------------------------------------------------------
 
-/// An enum with literals in a model of its own: green 2, red -1 "R", blue 7 "B".
-struct Colours {
-    Colours() {
-        auto literal = [this](char16_t const *name, std::int32_t number, boost::optional<ustring> publicId) {
-            EnumLiteral const literal = EnumLiteral::create(model);
-            literal->setName(name);
-            literal->setValue(number);
-            literal->setPublicIdentifier(publicId);
-            Property const &literals = Enum::Impl::literalsProperty();
-            literal->basicSetContainer(colour.get(), literals ? literals : holder, 0);
-            held.push_back(literal);
-        };
-        holder->setName(u"literals");
-        literal(u"red", -1, ustring(u"R"));
-        literal(u"green", 2, boost::none);
-        literal(u"blue", 7, ustring(u"B"));
-    }
-    Model model = Model::createTransientModel();
-    Enum colour = Enum::create(model);
-    Property holder = Property::create(model);
-    /// The enum's map of literals would keep them; a test keeps its own handles.
-    std::vector<EnumLiteral> held;
-};
-
-TEST(ReflectiveEnumSerializer, WritesAndReadsByNameNumberAndPublicIdentifier) {
-    Colours colours;
+// Generated enums and one described at run time read and write their literals by name, by
+// number and by public identifier, where a literal without one goes by its name.
+TEST(EnumSerializer, WritesAndReadsByNameNumberAndPublicIdentifier) {
+    test::Colours colours;
     Type const colour = colours.colour;
+    Type const language = metaEnum(Language::Unknown);
+    Type const binding = metaEnum(::kivra::test::library::Binding::Hardcover);
     struct Case {
+        Type type;
         char const *flavour;
         char16_t const *text;
-        std::int64_t number;
+        std::int64_t number = 0;
     };
     Case const cases[] = {
-        {"", u"red", -1}, {"", u"green", 2},  {"ID", u"-1", -1},      {"ID", u"7", 7},
-        {"PublicID", u"R", -1}, {"PublicID", u"B", 7}, {"PublicID", u"green", 2},
+        {language, "", u"CPlusPlus", std::int64_t(Language::CPlusPlus)},
+        {language, "ID", u"2", std::int64_t(Language::JavaScript)},
+        {language, "PublicID", u"JavaScript", std::int64_t(Language::JavaScript)},
+        {binding, "", u"Paperback", 1}, {binding, "PublicID", u"HC", 0},    {binding, "PublicID", u"Leather", 2},
+        {colour, "", u"red", -1},       {colour, "", u"green", 2},          {colour, "ID", u"-1", -1},
+        {colour, "ID", u"7", 7},        {colour, "PublicID", u"R", -1},     {colour, "PublicID", u"B", 7},
+        {colour, "PublicID", u"green", 2},
     };
     for (Case const &c : cases) {
-        SCOPED_TRACE(std::string(c.flavour) + " " + narrow(c.text));
-        PropertySerializer const &serializer = serializerOf(colour, c.flavour);
-        Value const value = serializer.parseValue(c.text, colour);
-        EXPECT_EQ(value.getType(), colour);
+        SCOPED_TRACE(narrow(c.type->getName()) + " '" + c.flavour + "' " + narrow(c.text));
+        PropertySerializer const &serializer = serializerOf(c.type, c.flavour);
+        Value const value = serializer.parseValue(c.text, c.type);
+        EXPECT_EQ(value.getType(), c.type);
         EXPECT_EQ(static_cast<std::int64_t>(value.get<std::uint64_t>()), c.number);
         EXPECT_EQ(serializer.serializeValue(value), c.text);
     }
-    char16_t const *const unknown[][2] = {{u"", u"Red"}, {u"ID", u"3"}, {u"PublicID", u"red"}};
-    for (auto const &[flavour, text] : unknown) {
-        std::string const name = narrow(flavour);
-        EXPECT_THROW(serializerOf(colour, name.c_str()).parseValue(text, colour), std::bad_cast) << name;
-    }
+    // Texts that name no literal in that flavour.
+    Case const unknown[] = {{language, "", u"cplusplus"}, {language, "ID", u"3"}, {binding, "", u"PB"},
+                            {binding, "PublicID", u"Paperback"}, {colour, "", u"Red"}, {colour, "ID", u"3"},
+                            {colour, "PublicID", u"red"}};
+    for (Case const &c : unknown)
+        EXPECT_THROW(serializerOf(c.type, c.flavour).parseValue(c.text, c.type), std::bad_cast)
+            << narrow(c.type->getName()) << " '" << c.flavour << "' " << narrow(c.text);
+    EXPECT_THROW(serializerOf(language, "ID").parseValue(u"one", language), boost::bad_lexical_cast);
+    // A number that is no literal writes as nothing by name and as itself by number.
+    EXPECT_EQ(serializerOf(language).serializeValue(Value(language, std::uint64_t(9))), u"");
+    EXPECT_EQ(serializerOf(language, "ID").serializeValue(Value(language, std::uint64_t(9))), u"9");
     EXPECT_EQ(serializerOf(colour).serializeValue(Value(colour, std::uint64_t(5))), u"");
+    EXPECT_NE(dynamic_cast<GeneratedEnumPropertySerializer const *>(&serializerOf(language, "PublicID")), nullptr);
 
-    // The first literal by name is the default; empty values are integers without payload.
+    // A generated enum starts at its zero literal; a described one at its first literal by
+    // name, and its empty values are integers without payload.
+    EXPECT_EQ(Value::createEmptyValue(language, true).get<std::uint64_t>(), 0u);
+    EXPECT_EQ(serializers().parseDefaultValue(binding, u"HC")->get<std::uint64_t>(), 0u);
     EXPECT_EQ(static_cast<std::int64_t>(Value::createEmptyValue(colour, true).get<std::uint64_t>()), 7);
     Value const empty = Value::createEmptyValue(colour, false);
     EXPECT_FALSE(empty.hasPayload());

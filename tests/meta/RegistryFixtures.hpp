@@ -1,13 +1,17 @@
 #pragma once
 // Small metamodels that the registry's tests describe at run time, each under names of
-// its own, since all tests share the one registry of the process.
+// its own, since all tests share the one registry of the process; and an enum described
+// in a model of its own.
 
 #include <kivra/meta/AbstractMetaPackage.hpp>
 #include <kivra/meta/Class.hpp>
+#include <kivra/meta/Enum.hpp>
+#include <kivra/meta/EnumLiteral.hpp>
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include <boost/optional/optional.hpp>
 #include <boost/uuid/uuid.hpp>
 
 #include <atomic>
@@ -99,6 +103,30 @@ private:
         if (options.made)
             options.made->push_back(element->getUuid());
     }
+};
+
+/// An enum with literals in a model of its own: green 2, red -1 "R", blue 7 "B".
+struct Colours {
+    Colours() {
+        auto literal = [this](char16_t const *name, std::int32_t number, boost::optional<basalt::ustring> publicId) {
+            EnumLiteral const literal = EnumLiteral::create(model);
+            literal->setName(name);
+            literal->setValue(number);
+            literal->setPublicIdentifier(publicId);
+            Property const &literals = Enum::Impl::literalsProperty();
+            literal->basicSetContainer(colour.get(), literals ? literals : holder, 0);
+            held.push_back(literal);
+        };
+        holder->setName(u"literals");
+        literal(u"red", -1, basalt::ustring(u"R"));
+        literal(u"green", 2, boost::none);
+        literal(u"blue", 7, basalt::ustring(u"B"));
+    }
+    Model model = Model::createTransientModel();
+    Enum colour = Enum::create(model);
+    Property holder = Property::create(model);
+    /// The enum's map of literals would keep them; a test keeps its own handles.
+    std::vector<EnumLiteral> held;
 };
 
 } // namespace kivra::meta::test

@@ -127,12 +127,9 @@ TEST_F(InPlace, SortsMixingMembersValuesEmptiesAndMissingRows) {
         }
     }
     meta::Property const optional = test::makeProperty(model, string, 0);
+    // The plain order itself is the sorting tests' concern.
     for (SortDirection direction : {SortDirection::Ascending, SortDirection::Descending})
         EXPECT_EQ(sorted(mixedRows, mixed, optional, direction), sorted(plainRows, plain, optional, direction));
-    EXPECT_EQ(sorted(mixedRows, mixed, optional, SortDirection::Ascending),
-              (std::vector<int>{-1, 2, 6, 1, 4, 0, 5, 3}));
-    EXPECT_EQ(sorted(mixedRows, mixed, optional, SortDirection::Descending),
-              (std::vector<int>{3, 0, 5, 4, 1, 6, 2, -1}));
 }
 
 TEST_F(InPlace, GeneratedElementsShowTheirOwnAndInheritedPlainMembers) {

@@ -111,6 +111,8 @@ protected:
     ModelElement ann, bob, cid, dune, emma, ulysses, rebecca, notes;
 };
 
+// Plain relations on titles, pages and names, the class modes and finished groups are left
+// to the random queries; here the kinds of value they do not reach.
 TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     stock();
     auto const run = [&](auto constrain, Mode mode = Mode::ClassOrSubclass) {
@@ -120,11 +122,8 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     };
     Value const ref_ann = ref(ann);
     EXPECT_EQ(run([](auto &, auto) {}), (Rows{"Dune", "Emma", "Notes", "Rebecca", "Ulysses"}));
-    EXPECT_EQ(run([](auto &, auto) {}, Mode::ExactClass), (Rows{"Dune", "Emma", "Notes", "Ulysses"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(450), b); }),
               (Rows{"Dune", "Ulysses"}));
-    EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"pages"), R::lessOrEqual, Value(450), b); }),
-              (Rows{"Emma", "Notes", "Rebecca"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.addPropertyRelationValue(p(lib().book, u"title"), R::like, text(u"%e%"), b); }),
               (Rows{"Dune", "Notes", "Rebecca", "Ulysses"}));
     // An unset optional stands below every value and equals only another unset one.
@@ -144,13 +143,6 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
     EXPECT_EQ(run([&](auto &q, auto b) { q.requireTopLevelElement(b); }), (Rows{"Dune", "Emma", "Rebecca", "Ulysses"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }), (Rows{"Rebecca"}));
     EXPECT_EQ(run([&](auto &q, auto b) { q.setSpecificElement(rebecca, b); }, Mode::ExactClass), (Rows{}));
-    EXPECT_EQ(run([&](auto &q, auto b) {
-                  ReflectiveDisjunction *const any = q.createDisjunction();
-                  any->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
-                  any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Emma"), b);
-                  any->finish();
-              }),
-              (Rows{"Emma", "Notes"}));
     // A group that is never finished takes no part.
     EXPECT_EQ(run([&](auto &q, auto b) {
                   q.createDisjunction()->addPropertyRelationValue(p(lib().book, u"pages"), R::less, Value(200), b);
@@ -158,19 +150,10 @@ TEST_P(QueryEngine, SingleObjectConstraintsNarrowAnInstance) {
               5u);
 }
 
+// Joins of the sequences and sets and pairs of them are left to the random queries; here what
+// they do not reach: three instances with columns picked, a required read of nothing, a map.
 TEST_P(QueryEngine, JoinsRelateInstances) {
     stock();
-    {
-        auto q = query();
-        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
-        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
-        EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Emma+Bob", "Rebecca+Bob", "Ulysses+Ann"}));
-        // The value instance may come first in the ids; a collection passes by any entry.
-        auto c = query();
-        std::size_t const who = c->addSearchClass(lib().author, Mode::ExactClass), what = books(*c);
-        c->addAssociatedObject(p(lib().book, u"coauthors"), what, who);
-        EXPECT_EQ(sorted(*c), (Rows{"Bob+Dune", "Cid+Dune", "Cid+Emma"}));
-    }
     {
         // Three instances: two books of one writer, the pair ordered by title.
         auto q = query();
@@ -193,13 +176,14 @@ TEST_P(QueryEngine, JoinsRelateInstances) {
         EXPECT_THROW(r->countResults(), Error<messages::InvalidValue>);
     }
     {
-        // Every constraint of a pair holds: books whose writer is also a coauthor.
-        many(emma, u"coauthors").genericAdd(bob);
+        // A map holds its entries under their keys: a join through it meets every one.
+        ModelElement const shelf = lib().shelf->instantiate(model);
+        many(shelf, u"catalogue").genericAdd(dune);
+        many(shelf, u"catalogue").genericAdd(emma);
         auto q = query();
-        std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
-        q->addAssociatedObject(p(lib().book, u"writer"), b, a);
-        q->addAssociatedObject(p(lib().book, u"coauthors"), b, a);
-        EXPECT_EQ(rows(*q), (Rows{"Emma+Bob"}));
+        std::size_t const s = q->addSearchClass(lib().shelf, Mode::ExactClass), b = books(*q);
+        q->addAssociatedObject(p(lib().shelf, u"catalogue"), s, b);
+        EXPECT_EQ(q->countResults(), 2u);
     }
 }
 
@@ -236,7 +220,8 @@ TEST_P(QueryEngine, WhatCannotMatchIsNotVisited) {
 TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
     stock();
     auto q = query();
-    std::size_t const b = books(*q), a = q->addSearchClass(lib().author, Mode::ExactClass);
+    std::size_t const b = books(*q);
+    q->addSearchClass(lib().author, Mode::ExactClass);
     q->addPropertyRelationValue(p(lib().book, u"pages"), R::greater, Value(500), b);
     EXPECT_EQ(q->countResults(), 6u);
     Rows const all = rows(*q);
@@ -255,14 +240,6 @@ TEST_P(QueryEngine, InstancesWithoutJoinGiveTheCrossProductInScanOrder) {
     q->setResultLimit(1);
     std::vector<ModelElement> const first = q->getFirstResult();
     EXPECT_EQ(label(first[0]) + "+" + label(first[1]), all[0]);
-
-    // A disjunction over both instances keeps the rows where one of its alternatives holds.
-    q->setResultLimit(0);
-    ReflectiveDisjunction *const any = q->createDisjunction();
-    any->addPropertyRelationValue(p(lib().book, u"title"), R::equal, text(u"Dune"), b);
-    any->addPropertyRelationValue(p(lib().author, u"name"), R::equal, text(u"Cid"), a);
-    any->finish();
-    EXPECT_EQ(sorted(*q), (Rows{"Dune+Ann", "Dune+Bob", "Dune+Cid", "Ulysses+Cid"}));
 }
 
 TEST_P(QueryEngine, SortOffsetAndLimitComeLastInThatOrder) {
