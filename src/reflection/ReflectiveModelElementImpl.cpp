@@ -1,4 +1,5 @@
 #include <kivra/reflection/ReflectiveModelElementImpl.hpp>
+#include <kivra/detail/Setter.hpp>
 
 #include "reflection/ClassLayout.hpp"
 #include "reflection/ReflectiveDataTypeCollections.hpp"
@@ -821,3 +822,21 @@ ModelElement ModelElement::createReflective(Model const &model, meta::Class cons
 }
 
 } // namespace kivra
+
+namespace kivra::detail {
+
+// Generated setters ask the same question as the run-time elements before a change.
+void checkKeyFree(ModelElement::Impl const &element, ModelElement::Impl const &holder, meta::Property const &opposite) {
+    using reflection::ReflectiveModelElementImpl;
+    if (!opposite->getIsQualificationUnique())
+        return;
+    meta::Property const key = opposite->getQualifiedBy();
+    if (!key)
+        return;
+    ReflectiveModelElementImpl::checkUniqueness(
+        ModelElement::fromImpl(const_cast<ModelElement::Impl *>(&holder)), opposite,
+        ReflectiveModelElementImpl::unwrapKey(
+            element.getPropertyValue(key, ModelElement::Impl::ReflectionPrivateTag::PRIVILEGED_ACCESS)));
+}
+
+} // namespace kivra::detail

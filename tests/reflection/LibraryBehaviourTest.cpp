@@ -178,6 +178,10 @@ TEST_P(LibraryBehaviour, AKeyThatChangesMovesItsElementInTheMap) {
     catalogue.genericAdd(emma);
     EXPECT_EQ(element(dune, u"catalogued"), shelf);
     EXPECT_THROW(catalogue.genericAdd(twin), Error<messages::UniquenessConstraint>);
+    // From the single-valued end the key is taken as well: refused, and neither end changes.
+    EXPECT_THROW(set(twin, u"catalogued", ref(shelf)), Error<messages::UniquenessConstraint>);
+    EXPECT_FALSE(element(twin, u"catalogued"));
+    EXPECT_EQ(catalogue.genericAt(text(u"Dune")), dune);
 
     EXPECT_THROW(set(emma, u"title", text(u"Dune")), Error<messages::UniquenessConstraint>);
     EXPECT_EQ(get(emma, u"title").get<basalt::ustring>(), u"Emma");

@@ -44,6 +44,11 @@ void setMember(ModelElement::Impl &element, T &member, U const &value, std::uint
     transaction.commit();
 }
 
+/// Raises `UniquenessConstraint` when `holder` keeps its `opposite` as a map whose keys are
+/// unique and another element holds the key of `element` there: the map would keep that
+/// entry and the two ends would disagree.
+void checkKeyFree(ModelElement::Impl const &element, ModelElement::Impl const &holder, meta::Property const &opposite);
+
 /// A single reference: with an opposite, the far ends are told too. The present value is
 /// read as the getter reads it, so that a held proxy counts as the element it stands for.
 template <class H>
@@ -53,9 +58,12 @@ void setReference(ModelElement::Impl &element, H &member, H const &value, meta::
     if (readReference(element, member) == value)
         return;
     element.checkCompatibleModel(value.get(), property);
+    meta::Property const opposite = property ? property->getOpposite() : meta::Property();
+    if (opposite && value.get() && !value->isProxy())
+        checkKeyFree(element, *value.get(), opposite);
     auto transaction = element.beginModification(index);
     H const old = std::exchange(member, value);
-    if (meta::Property const opposite = property ? property->getOpposite() : meta::Property()) {
+    if (opposite) {
         element._inverseRemoveThis(old.get(), opposite);
         element._inverseAddThis(value.get(), opposite, /*force=*/false);
     }
