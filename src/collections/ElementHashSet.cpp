@@ -13,9 +13,6 @@ namespace {
 /// array is a few lines read in order, where an index costs a line of its own at random.
 constexpr std::uint32_t smallSet = 32;
 constexpr std::uint32_t firstCapacity = 4;
-/// Arrays up to this size come from the owner's model; larger ones are rare and stay on
-/// the heap.
-constexpr std::size_t largestPooled = 2048;
 
 /// Room for twice the capacity of the array: the index stays at most half full until the
 /// array grows again.
@@ -23,7 +20,7 @@ std::size_t indexSlots(std::size_t capacity) noexcept { return std::bit_ceil(2 *
 
 /// Raw memory for an array of `bytes`; `pooled` says where it came from.
 void *allocateArray(std::size_t bytes, ModelElement::Impl *owner, bool &pooled) {
-    pooled = owner && bytes <= largestPooled;
+    pooled = owner && bytes <= ElementPool::largestPooled;
     return pooled ? ModelMemory::allocate(owner->getModelImpl(), bytes) : ::operator new(bytes);
 }
 

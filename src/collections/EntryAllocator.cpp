@@ -7,10 +7,7 @@
 namespace kivra::detail {
 
 namespace {
-/// Larger lists are few, and a model's pool would keep their blocks for lists of that size.
-constexpr std::size_t largestPooled = 2048;
-
-bool pooled(Model::Impl *model, std::size_t bytes) noexcept { return model && bytes <= largestPooled; }
+bool pooled(Model::Impl *model, std::size_t bytes) noexcept { return model && bytes <= ElementPool::largestPooled; }
 } // namespace
 
 void *allocateEntries(Model::Impl *model, std::size_t bytes) {

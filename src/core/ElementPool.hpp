@@ -25,6 +25,9 @@ namespace kivra::detail {
 /// memory leaves in a few calls.
 class ElementPool {
 public:
+    /// The largest block served from a size class; larger ones take slabs of their own, and
+    /// the collections keep their rare large arrays on the heap instead.
+    static constexpr std::size_t largestPooled = 2048;
     static constexpr std::size_t slabSize = 32 * 1024;
 
     explicit ElementPool(Model::Impl *model) noexcept : model_(model) {}
@@ -70,7 +73,6 @@ private:
 
     static constexpr std::size_t granule = 8;
     static constexpr std::size_t headerSize = (sizeof(Slab) + granule - 1) / granule * granule;
-    static constexpr std::size_t largestPooled = 2048;
     static constexpr std::size_t classCount = largestPooled / granule;
     /// Slabs a pool takes from the heap before it takes runs of huge pages: a run is worth
     /// its size only to a model that has filled as much already.
