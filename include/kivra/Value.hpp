@@ -58,7 +58,10 @@ public:
     ValueType(ValueType &&other) noexcept;
     ValueType &operator=(ValueType other) noexcept;
     ValueType &operator=(meta::Type const &type) noexcept { return *this = ValueType(type); }
-    ~ValueType();
+    ~ValueType() {
+        if (!counted_)
+            (void)release();
+    }
 
 private:
     bool counted_ = true;
@@ -187,7 +190,12 @@ public:
     Value(Value &&other) noexcept;
     Value &operator=(Value const &other);
     Value &operator=(Value &&other) noexcept;
-    ~Value();
+    ~Value() {
+        // A number or an enum literal inside the value has nothing to end: a reflective
+        // read of one costs no call here.
+        if (payload_ && functions_ && (isInline() ? functions_->destroyInPlace : functions_->deleter))
+            freePayload();
+    }
 
     /// An empty element reference of `cls`.
     static Value createEmptyValue(meta::Class const &cls);

@@ -82,10 +82,6 @@ ValueType &ValueType::operator=(ValueType other) noexcept {
     std::swap(counted_, other.counted_);
     return *this;
 }
-ValueType::~ValueType() {
-    if (!counted_)
-        (void)release();
-}
 
 } // namespace detail
 
@@ -205,8 +201,6 @@ Value &Value::operator=(Value &&other) noexcept {
     takePayload(other, true);
     return *this;
 }
-
-Value::~Value() { freePayload(); }
 
 void Value::takePayload(Value const &other, bool steal) {
     functions_ = other.functions_;
