@@ -1289,7 +1289,9 @@ Class const &{cls.name}::Impl::getMetaClass() const {{ return {cls.name}::metaCl
     if not cls.abstract:
         out.append(f"""
 {cls.name} {cls.name}::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {{
-    {cls.name} element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    {cls.name} element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }}
@@ -1500,60 +1502,78 @@ def visible(p, mutator):
     return "" if note not in p.notes else " && tag.isPrivileged()"
 
 
+def by_index(tests):
+    """The tests of a reflective access, found by the property's index in one jump instead of
+    comparing the property with each of the class's in turn; the test itself still compares,
+    as another class's property may carry the same index. Properties without an index are
+    compared one by one after it."""
+    indexed = [(p, text) for p, text in tests if p.index]
+    rest = "".join(text for p, text in tests if not p.index)
+    if not indexed:
+        return rest
+    cases = "".join(f"    case {p.index}:\n" + "".join("    " + line + "\n" for line in text.rstrip("\n").split("\n")) +
+                    "        break;\n" for p, text in indexed)
+    return f"""    switch (property->getPropertyIndex()) {{
+{cases}    default:
+        break;
+    }}
+{rest}"""
+
+
 def write_reflective(mm, cls, kinds, base):
     has, get, set_ = [], [], []
     for p, k in kinds:
         guard = f"property == {p.name}Property(){visible(p, False)}"
         if k == "value":
-            has.append(f"    if ({guard})\n        return true;\n")
+            has.append((p, f"    if ({guard})\n        return true;\n"))
             # Typed by the standard type of the member: no handle of the property's type is read.
-            get.append(f"    if ({guard})\n        return {to_value(p, p.name + '_')};\n")
+            get.append((p, f"    if ({guard})\n        return {to_value(p, p.name + '_')};\n"))
         elif k == "optional":
-            has.append(f"    if ({guard})\n        return {p.name}_.has_value();\n")
-            get.append(f"    if ({guard})\n        return {p.name}_ ? ::kivra::Value(*{p.name}_) : ::kivra::Value(property->getType(), boost::none);\n")
+            has.append((p, f"    if ({guard})\n        return {p.name}_.has_value();\n"))
+            get.append((p, f"    if ({guard})\n        return {p.name}_ ? ::kivra::Value(*{p.name}_) : ::kivra::Value(property->getType(), boost::none);\n"))
         elif k in ("reference", "composite"):
-            has.append(f"    if ({guard})\n        return {p.name}_.get() != nullptr;\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(get{p.cap}()) : ::kivra::ModelElement({p.name}_));\n")
+            has.append((p, f"    if ({guard})\n        return {p.name}_.get() != nullptr;\n"))
+            get.append((p, f"    if ({guard})\n        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(get{p.cap}()) : ::kivra::ModelElement({p.name}_));\n"))
         elif k in COLLECTION_KINDS:
-            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n")
+            has.append((p, f"    if ({guard})\n        return has{p.cap}();\n"))
+            get.append((p, f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n"))
         elif k == "values":
-            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n")
+            has.append((p, f"    if ({guard})\n        return has{p.cap}();\n"))
+            get.append((p, f"    if ({guard})\n        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->get{p.cap}Mutable() : ensure{p.cap}(), property);\n"))
         elif k == "stringmap":
-            has.append(f"    if ({guard})\n        return has{p.cap}();\n")
-            get.append(f"    if ({guard})\n        return ensure{p.cap}().toValue();\n")
+            has.append((p, f"    if ({guard})\n        return has{p.cap}();\n"))
+            get.append((p, f"    if ({guard})\n        return ensure{p.cap}().toValue();\n"))
         else:
-            has.append(f"    if ({guard})\n        return get{p.cap}().get() != nullptr;\n")
-            get.append(f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement(get{p.cap}()));\n")
+            has.append((p, f"    if ({guard})\n        return get{p.cap}().get() != nullptr;\n"))
+            get.append((p, f"    if ({guard})\n        return ::kivra::Value(property->getType(), ::kivra::ModelElement(get{p.cap}()));\n"))
         mguard = f"property == {p.name}Property(){visible(p, True)}"
         if "readOnly" in p.notes:
-            set_.append(f"    if ({mguard})\n        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u\"{mm.dotted}.{cls.name}.{p.name}\");\n")
+            set_.append((p, f"    if ({mguard})\n        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u\"{mm.dotted}.{cls.name}.{p.name}\");\n"))
         elif k == "value":
-            set_.append(f"    if ({mguard})\n        return set{p.cap}({from_value(p, 'value')});\n")
+            set_.append((p, f"    if ({mguard})\n        return set{p.cap}({from_value(p, 'value')});\n"))
         elif k == "optional":
-            set_.append(f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n")
+            set_.append((p, f"    if ({mguard})\n        return set{p.cap}(value.hasPayload() ? boost::make_optional(value.get<{native(p)}>()) : boost::none);\n"))
         elif k in COLLECTION_KINDS:
-            set_.append(f"    if ({mguard})\n        return ::kivra::detail::assignCollection(get{p.cap}Mutable(), value);\n")
+            set_.append((p, f"    if ({mguard})\n        return ::kivra::detail::assignCollection(get{p.cap}Mutable(), value);\n"))
         elif k == "values":
-            set_.append(f"    if ({mguard})\n        return ::kivra::detail::assignValues(get{p.cap}Mutable(), value);\n")
+            set_.append((p, f"    if ({mguard})\n        return ::kivra::detail::assignValues(get{p.cap}Mutable(), value);\n"))
         elif k == "stringmap":
-            set_.append(f"    if ({mguard})\n        return get{p.cap}Mutable().assign(::kivra::StringToStringMap::fromValue(value));\n")
+            set_.append((p, f"    if ({mguard})\n        return get{p.cap}Mutable().assign(::kivra::StringToStringMap::fromValue(value));\n"))
         elif k in ("reference", "composite") or (k == "container-end" and mm.settable_container_end(p)):
-            set_.append(f"    if ({mguard})\n        return set{p.cap}({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value)));\n")
+            set_.append((p, f"    if ({mguard})\n        return set{p.cap}({p.type}::fromImpl(::kivra::detail::elementAs<{p.type}::Impl>(value)));\n"))
     # An empty handle must not match a description that is not there yet.
     guard = "    if (!property.get())\n        return {base}::{call};\n"
     return f"""
 bool {cls.name}::Impl::hasPropertyValue({META}::Property const &property, {TAG} const &tag) const {{
-{guard.format(base=base, call="hasPropertyValue(property, tag)")}{"".join(has)}    return {base}::hasPropertyValue(property, tag);
+{guard.format(base=base, call="hasPropertyValue(property, tag)")}{by_index(has)}    return {base}::hasPropertyValue(property, tag);
 }}
 
 ::kivra::Value {cls.name}::Impl::getPropertyValue({META}::Property const &property, {TAG} const &tag) const {{
-{guard.format(base=base, call="getPropertyValue(property, tag)")}{"".join(get)}    return {base}::getPropertyValue(property, tag);
+{guard.format(base=base, call="getPropertyValue(property, tag)")}{by_index(get)}    return {base}::getPropertyValue(property, tag);
 }}
 
 void {cls.name}::Impl::setPropertyValue({META}::Property const &property, ::kivra::Value const &value, {TAG} const &tag) {{
-{guard.format(base=base, call="setPropertyValue(property, value, tag)")}{"".join(set_)}    {base}::setPropertyValue(property, value, tag);
+{guard.format(base=base, call="setPropertyValue(property, value, tag)")}{by_index(set_)}    {base}::setPropertyValue(property, value, tag);
 }}
 """
 

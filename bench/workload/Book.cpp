@@ -42,7 +42,9 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
 }
 
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Book element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Book element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -155,42 +157,78 @@ Book Book::Builder::createBook(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == titleProperty())
-        return true;
-    if (property == pagesProperty())
-        return true;
-    if (property == categoryProperty())
-        return true;
-    if (property == authorsProperty())
-        return hasAuthors();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return true;
+        break;
+    case 2:
+        if (property == pagesProperty())
+            return true;
+        break;
+    case 3:
+        if (property == categoryProperty())
+            return true;
+        break;
+    case 4:
+        if (property == authorsProperty())
+            return hasAuthors();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Book::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == titleProperty())
-        return ::kivra::Value(title_);
-    if (property == pagesProperty())
-        return ::kivra::Value(pages_);
-    if (property == categoryProperty())
-        return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
-    if (property == authorsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAuthorsMutable() : ensureAuthors(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return ::kivra::Value(title_);
+        break;
+    case 2:
+        if (property == pagesProperty())
+            return ::kivra::Value(pages_);
+        break;
+    case 3:
+        if (property == categoryProperty())
+            return ::kivra::Value(property->getType(), static_cast<std::uint64_t>(static_cast<std::int64_t>(category_)));
+        break;
+    case 4:
+        if (property == authorsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAuthorsMutable() : ensureAuthors(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == titleProperty())
-        return setTitle(value.get<basalt::ustring>());
-    if (property == pagesProperty())
-        return setPages(value.get<std::int32_t>());
-    if (property == categoryProperty())
-        return setCategory(static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>())));
-    if (property == authorsProperty())
-        return ::kivra::detail::assignCollection(getAuthorsMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return setTitle(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == pagesProperty())
+            return setPages(value.get<std::int32_t>());
+        break;
+    case 3:
+        if (property == categoryProperty())
+            return setCategory(static_cast<Category>(static_cast<std::int64_t>(value.get<std::uint64_t>())));
+        break;
+    case 4:
+        if (property == authorsProperty())
+            return ::kivra::detail::assignCollection(getAuthorsMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

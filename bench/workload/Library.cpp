@@ -38,7 +38,9 @@ Class const &Library::Impl::getMetaClass() const { return Library::metaClass(); 
 }
 
 Library Library::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Library element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Library element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -162,36 +164,66 @@ Library Library::Builder::createLibrary(bool noCascade, boost::uuids::uuid const
 bool Library::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == nameProperty())
-        return true;
-    if (property == booksProperty())
-        return hasBooks();
-    if (property == writersProperty())
-        return hasWriters();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return true;
+        break;
+    case 2:
+        if (property == booksProperty())
+            return hasBooks();
+        break;
+    case 3:
+        if (property == writersProperty())
+            return hasWriters();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Library::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == nameProperty())
-        return ::kivra::Value(name_);
-    if (property == booksProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
-    if (property == writersProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getWritersMutable() : ensureWriters(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return ::kivra::Value(name_);
+        break;
+    case 2:
+        if (property == booksProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+        break;
+    case 3:
+        if (property == writersProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getWritersMutable() : ensureWriters(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Library::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == nameProperty())
-        return setName(value.get<basalt::ustring>());
-    if (property == booksProperty())
-        return ::kivra::detail::assignCollection(getBooksMutable(), value);
-    if (property == writersProperty())
-        return ::kivra::detail::assignCollection(getWritersMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return setName(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == booksProperty())
+            return ::kivra::detail::assignCollection(getBooksMutable(), value);
+        break;
+    case 3:
+        if (property == writersProperty())
+            return ::kivra::detail::assignCollection(getWritersMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -32,7 +32,9 @@ Class const &Writer::Impl::getMetaClass() const { return Writer::metaClass(); }
 }
 
 Writer Writer::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Writer element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Writer element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -133,30 +135,54 @@ Writer Writer::Builder::createWriter(bool noCascade, boost::uuids::uuid const &u
 bool Writer::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == nameProperty())
-        return true;
-    if (property == booksProperty())
-        return hasBooks();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return true;
+        break;
+    case 2:
+        if (property == booksProperty())
+            return hasBooks();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Writer::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == nameProperty())
-        return ::kivra::Value(name_);
-    if (property == booksProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return ::kivra::Value(name_);
+        break;
+    case 2:
+        if (property == booksProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Writer::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == nameProperty())
-        return setName(value.get<basalt::ustring>());
-    if (property == booksProperty())
-        return ::kivra::detail::assignCollection(getBooksMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return setName(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == booksProperty())
+            return ::kivra::detail::assignCollection(getBooksMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

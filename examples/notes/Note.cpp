@@ -36,7 +36,9 @@ Class const &Note::Impl::getMetaClass() const { return Note::metaClass(); }
 }
 
 Note Note::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Note element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Note element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -117,36 +119,66 @@ Note Note::Builder::createNote(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Note::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == textProperty())
-        return true;
-    if (property == notebookProperty())
-        return getNotebook().get() != nullptr;
-    if (property == starsProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == textProperty())
+            return true;
+        break;
+    case 2:
+        if (property == notebookProperty())
+            return getNotebook().get() != nullptr;
+        break;
+    case 3:
+        if (property == starsProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Note::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == textProperty())
-        return ::kivra::Value(text_);
-    if (property == notebookProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getNotebook()));
-    if (property == starsProperty())
-        return ::kivra::Value(stars_);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == textProperty())
+            return ::kivra::Value(text_);
+        break;
+    case 2:
+        if (property == notebookProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getNotebook()));
+        break;
+    case 3:
+        if (property == starsProperty())
+            return ::kivra::Value(stars_);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Note::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == textProperty())
-        return setText(value.get<basalt::ustring>());
-    if (property == notebookProperty())
-        return setNotebook(Notebook::fromImpl(::kivra::detail::elementAs<Notebook::Impl>(value)));
-    if (property == starsProperty())
-        return setStars(value.get<std::int32_t>());
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == textProperty())
+            return setText(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == notebookProperty())
+            return setNotebook(Notebook::fromImpl(::kivra::detail::elementAs<Notebook::Impl>(value)));
+        break;
+    case 3:
+        if (property == starsProperty())
+            return setStars(value.get<std::int32_t>());
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

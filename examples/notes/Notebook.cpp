@@ -31,7 +31,9 @@ Class const &Notebook::Impl::getMetaClass() const { return Notebook::metaClass()
 }
 
 Notebook Notebook::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Notebook element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Notebook element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -118,30 +120,54 @@ Notebook Notebook::Builder::createNotebook(bool noCascade, boost::uuids::uuid co
 bool Notebook::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == titleProperty())
-        return true;
-    if (property == pinnedProperty())
-        return pinned_.get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return true;
+        break;
+    case 2:
+        if (property == pinnedProperty())
+            return pinned_.get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Notebook::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == titleProperty())
-        return ::kivra::Value(title_);
-    if (property == pinnedProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getPinned()) : ::kivra::ModelElement(pinned_));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return ::kivra::Value(title_);
+        break;
+    case 2:
+        if (property == pinnedProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getPinned()) : ::kivra::ModelElement(pinned_));
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Notebook::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == titleProperty())
-        return setTitle(value.get<basalt::ustring>());
-    if (property == pinnedProperty())
-        return setPinned(Note::fromImpl(::kivra::detail::elementAs<Note::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return setTitle(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == pinnedProperty())
+            return setPinned(Note::fromImpl(::kivra::detail::elementAs<Note::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

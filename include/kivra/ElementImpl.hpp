@@ -54,6 +54,11 @@ public:
 
     /// Takes one counted reference.
     void addRef() noexcept { refCount_.fetch_add(1); }
+    /// As `addRef`, for an object that no other thread can reach yet because it is being
+    /// made: a plain store, where `addRef` costs a locked instruction.
+    void addRefWhileUnshared() noexcept {
+        refCount_.store(refCount_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
     /// Drops one counted reference; at zero the object is deleted, unless a subclass
     /// decides otherwise (models and constellations keep each other).
     virtual void removeRef();

@@ -108,10 +108,13 @@ public:
 
     /// Keeps the object in memory, not alive: taken by every element object and report.
     void hold() noexcept { holds_.fetch_add(1, std::memory_order_relaxed); }
+    /// As `hold`, on the thread that writes the model (`isWriterThread`), which counts its
+    /// holds without a locked instruction: they join the others when the model retires.
+    void holdAsWriter() noexcept { ++writerHolds_; }
     /// Drops a hold; the last one frees the shell of a destroyed model.
     void releaseHold() noexcept { releaseHolds(1); }
     /// Drops `count` holds at once.
-    void releaseHolds(std::uint32_t count) noexcept {
+    void releaseHolds(std::uint64_t count) noexcept {
         if (count != 0 && holds_.fetch_sub(count, std::memory_order_acq_rel) == count)
             delete this;
     }
@@ -312,8 +315,9 @@ public:
     /// Raises `ModelFrozen` or `NoOpenTransaction` when the model may not change now.
     void validateTransaction() const;
     /// Enters a new element; raises `UUIDConflict` (and clears the element's UUID) when
-    /// the UUID is taken.
-    void elementCreated(ModelElement::Impl *element, bool topLevel);
+    /// the UUID is taken. `unshared`: the element is being made, and no other thread can
+    /// reach it yet.
+    void elementCreated(ModelElement::Impl *element, bool topLevel, bool unshared = false);
     void elementDestroying(ModelElement::Impl *element);
     void elementModifying(ModelElement::Impl *element, std::uint64_t propertyIndex, void const *scalar = nullptr,
                           std::size_t size = 0);
@@ -366,7 +370,7 @@ private:
     /// The end of the last handle: destroys the model and gives up its own hold.
     void retire() noexcept;
     /// The model's reference on a top-level element, taken and dropped with its mark.
-    void holdTopLevel(ModelElement::Impl *element) noexcept;
+    void holdTopLevel(ModelElement::Impl *element, bool unshared = false) noexcept;
     void releaseTopLevel(ModelElement::Impl *element) noexcept;
     void releaseAllTopLevel() noexcept;
     /// Frees the extension values of an element that goes; the model has extensions.
@@ -397,9 +401,15 @@ private:
     template <class V>
     using UuidMap = std::unordered_map<boost::uuids::uuid, V, services::hashers::KivraHasher<boost::uuids::uuid>>;
 
-    /// One for the live model, one per element object or collection in its memory (moved
-    /// ones too), one per element moved in from another model and per report that names it.
-    std::atomic<std::uint32_t> holds_{1};
+    /// The live model's own hold: larger than any count of holds given back while it lives,
+    /// as the writer's holds are not in `holds_` until then.
+    static constexpr std::uint64_t liveHold = std::uint64_t(1) << 62;
+    /// `liveHold` for the live model, one per element object or collection in its memory
+    /// (moved ones too), one per element moved in from another model and per report that
+    /// names it; less those given back.
+    std::atomic<std::uint64_t> holds_{liveHold};
+    /// The holds taken by the writer's thread while the model lives.
+    std::uint64_t writerHolds_ = 0;
     /// Every live element; top-level ones carry a mark and a reference of the model.
     std::unique_ptr<detail::ElementTable> table_;
     std::unique_ptr<detail::ElementPool> pool_;

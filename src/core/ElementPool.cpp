@@ -25,11 +25,12 @@ void *ModelMemory::allocate(Model::Impl *model, std::size_t size) {
     void *block;
     if (model->isWriterThread()) {
         block = model->elementPool().allocate(size);
+        model->holdAsWriter();
     } else {
         std::lock_guard const lock(sharedAllocation);
         block = model->sharedPool().allocate(size);
+        model->hold();
     }
-    model->hold();
     return block;
 }
 

@@ -214,7 +214,11 @@ void Model::Impl::retire() noexcept {
     if (validity_ != Invalid)
         destroy();
     dropListeners();
-    releaseHold();
+    // From here on every hold is counted in `holds_`: a transaction may still be open on
+    // the shell, and its thread then holds as any other.
+    writer_.store(nullptr, std::memory_order_relaxed);
+    holds_.fetch_add(std::exchange(writerHolds_, 0), std::memory_order_relaxed);
+    releaseHolds(liveHold);
 }
 
 // --- Proxies ---------------------------------------------------------------------------
@@ -427,11 +431,14 @@ std::vector<ModelElement> Model::Impl::getTopLevelElements() const {
     return result;
 }
 
-void Model::Impl::holdTopLevel(ModelElement::Impl *element) noexcept {
+void Model::Impl::holdTopLevel(ModelElement::Impl *element, bool unshared) noexcept {
     if (element->marks_ & ModelElement::Impl::HeldByModelMark)
         return;
     element->marks_ |= ModelElement::Impl::HeldByModelMark;
-    element->addRef();
+    if (unshared)
+        element->addRefWhileUnshared();
+    else
+        element->addRef();
     ++topLevelCount_;
 }
 
@@ -481,7 +488,7 @@ void Model::Impl::validateTransaction() const {
         raise<messages::NoOpenTransaction>();
 }
 
-void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
+void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel, bool unshared) {
     validateTransaction();
     // A random UUID needs no search for a namesake, and inside a transaction its element
     // can wait to be entered with the others the transaction makes.
@@ -506,7 +513,7 @@ void Model::Impl::elementCreated(ModelElement::Impl *element, bool topLevel) {
         throw;
     }
     if (topLevel)
-        holdTopLevel(element);
+        holdTopLevel(element, unshared);
 }
 
 void Model::Impl::elementDestroying(ModelElement::Impl *element) {

@@ -63,7 +63,12 @@ void *ModelElement::Impl::operator new(std::size_t size, Model const &model) {
     if (!model)
         raise<messages::CannotCreateWithoutModel>();
     void *const block = model->elementPool().allocate(size);
-    model->hold();
+    // Elements are made by the model's writer, which holds without a locked instruction
+    // inside its transaction; outside one, `isWriterThread` is false.
+    if (model->isWriterThread())
+        model->holdAsWriter();
+    else
+        model->hold();
     return block;
 }
 
@@ -227,7 +232,7 @@ basalt::ustring ModelElement::Impl::identifier() const { return {}; }
 
 void ModelElement::Impl::notifyCreated() {
     validity_ = Valid;
-    model_->elementCreated(this, /*topLevel=*/true);
+    model_->elementCreated(this, /*topLevel=*/true, /*unshared=*/true);
     didCreate();
 }
 

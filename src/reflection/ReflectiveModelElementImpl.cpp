@@ -816,7 +816,9 @@ ModelElement ModelElement::createReflective(Model const &model, meta::Class cons
     // As a builder refuses to create an instance of an abstract class.
     if (cls && cls->getIsAbstract())
         raise<messages::NoSuchOperation>(u"create", cls->getQualifiedName());
-    ModelElement element = fromImpl(new (model) reflection::ReflectiveModelElementImpl(model, cls, uuid));
+    auto *const made = new (model) reflection::ReflectiveModelElementImpl(model, cls, uuid);
+    made->addRefWhileUnshared();
+    ModelElement element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }

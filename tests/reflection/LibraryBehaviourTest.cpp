@@ -62,6 +62,15 @@ TEST_P(LibraryBehaviour, PlainValuesStartAtTheirDefaultsAndTakeOnlyTheirOwnType)
 
     ModelElement const shelf = make(lib().shelf);
     EXPECT_THROW(get(shelf, u"title"), Error<messages::NoSuchProperty>);
+    // A book's title has the index of a shelf's label: the index finds a candidate, not
+    // the answer.
+    meta::Property const title = prop(dune, u"title");
+    ASSERT_EQ(title->getPropertyIndex(), prop(shelf, u"label")->getPropertyIndex());
+    set(shelf, u"label", text(u"Fiction"));
+    EXPECT_THROW(shelf->getPropertyValue(title, Access::PUBLIC_ACCESS), Error<messages::NoSuchProperty>);
+    EXPECT_THROW(shelf->hasPropertyValue(title, Access::PUBLIC_ACCESS), Error<messages::NoSuchProperty>);
+    EXPECT_THROW(shelf->setPropertyValue(title, text(u"Dune"), Access::PUBLIC_ACCESS), Error<messages::NoSuchProperty>);
+    EXPECT_EQ(get(shelf, u"label").get<basalt::ustring>(), u"Fiction");
 }
 
 TEST_P(LibraryBehaviour, AnEqualValueOpensNoTransaction) {

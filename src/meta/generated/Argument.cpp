@@ -33,7 +33,9 @@ Class const &Argument::Impl::getMetaClass() const { return Argument::metaClass()
 }
 
 Argument Argument::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Argument element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Argument element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -110,30 +112,54 @@ Argument Argument::Builder::createArgument(bool noCascade, boost::uuids::uuid co
 bool Argument::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);
-    if (property == operationProperty())
-        return getOperation().get() != nullptr;
-    if (property == isInputProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == operationProperty())
+            return getOperation().get() != nullptr;
+        break;
+    case 8:
+        if (property == isInputProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Argument::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::getPropertyValue(property, tag);
-    if (property == operationProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOperation()));
-    if (property == isInputProperty())
-        return ::kivra::Value(isInput_);
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == operationProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOperation()));
+        break;
+    case 8:
+        if (property == isInputProperty())
+            return ::kivra::Value(isInput_);
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::getPropertyValue(property, tag);
 }
 
 void Argument::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return TypedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == operationProperty())
-        return setOperation(Parameterized::fromImpl(::kivra::detail::elementAs<Parameterized::Impl>(value)));
-    if (property == isInputProperty())
-        return setIsInput(value.get<bool>());
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == operationProperty())
+            return setOperation(Parameterized::fromImpl(::kivra::detail::elementAs<Parameterized::Impl>(value)));
+        break;
+    case 8:
+        if (property == isInputProperty())
+            return setIsInput(value.get<bool>());
+        break;
+    default:
+        break;
+    }
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -87,30 +87,54 @@ void Attribute::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &
 bool Attribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == keyProperty())
-        return true;
-    if (property == ownerProperty())
-        return getOwner().get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == keyProperty())
+            return true;
+        break;
+    case 2:
+        if (property == ownerProperty())
+            return getOwner().get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Attribute::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == keyProperty())
-        return ::kivra::Value(key_);
-    if (property == ownerProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwner()));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == keyProperty())
+            return ::kivra::Value(key_);
+        break;
+    case 2:
+        if (property == ownerProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwner()));
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Attribute::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == keyProperty())
-        return setKey(value.get<basalt::ustring>());
-    if (property == ownerProperty())
-        return setOwner(AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == keyProperty())
+            return setKey(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == ownerProperty())
+            return setOwner(AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

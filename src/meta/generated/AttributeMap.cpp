@@ -28,7 +28,9 @@ Class const &AttributeMap::Impl::getMetaClass() const { return AttributeMap::met
 }
 
 AttributeMap AttributeMap::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    AttributeMap element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    AttributeMap element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -112,24 +114,42 @@ AttributeMap AttributeMap::Builder::createAttributeMap(bool noCascade, boost::uu
 bool AttributeMap::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == attributesProperty())
-        return hasAttributes();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == attributesProperty())
+            return hasAttributes();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value AttributeMap::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == attributesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAttributesMutable() : ensureAttributes(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == attributesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getAttributesMutable() : ensureAttributes(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void AttributeMap::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == attributesProperty())
-        return ::kivra::detail::assignCollection(getAttributesMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == attributesProperty())
+            return ::kivra::detail::assignCollection(getAttributesMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -27,7 +27,9 @@ Class const &AttributeMapAttribute::Impl::getMetaClass() const { return Attribut
 }
 
 AttributeMapAttribute AttributeMapAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    AttributeMapAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    AttributeMapAttribute element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -103,24 +105,42 @@ AttributeMapAttribute AttributeMapAttribute::Builder::createAttributeMapAttribut
 bool AttributeMapAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);
-    if (property == valueProperty())
-        return value_.get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return value_.get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value AttributeMapAttribute::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::getPropertyValue(property, tag);
-    if (property == valueProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getValue()) : ::kivra::ModelElement(value_));
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getValue()) : ::kivra::ModelElement(value_));
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::getPropertyValue(property, tag);
 }
 
 void AttributeMapAttribute::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Attribute::Impl::setPropertyValue(property, value, tag);
-    if (property == valueProperty())
-        return setValue(AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return setValue(AttributeMap::fromImpl(::kivra::detail::elementAs<AttributeMap::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     Attribute::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -39,7 +39,9 @@ Class const &Class::Impl::getMetaClass() const { return Class::metaClass(); }
 }
 
 Class Class::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Class element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Class element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -163,36 +165,66 @@ Class Class::Builder::createClass(bool noCascade, boost::uuids::uuid const &uuid
 bool Class::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return StructuredType::Impl::hasPropertyValue(property, tag);
-    if (property == superclassProperty())
-        return superclass_.get() != nullptr;
-    if (property == extensionsProperty())
-        return hasExtensions();
-    if (property == isAbstractProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 10:
+        if (property == superclassProperty())
+            return superclass_.get() != nullptr;
+        break;
+    case 11:
+        if (property == extensionsProperty())
+            return hasExtensions();
+        break;
+    case 12:
+        if (property == isAbstractProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return StructuredType::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Class::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return StructuredType::Impl::getPropertyValue(property, tag);
-    if (property == superclassProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSuperclass()) : ::kivra::ModelElement(superclass_));
-    if (property == extensionsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
-    if (property == isAbstractProperty())
-        return ::kivra::Value(isAbstract_);
+    switch (property->getPropertyIndex()) {
+    case 10:
+        if (property == superclassProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSuperclass()) : ::kivra::ModelElement(superclass_));
+        break;
+    case 11:
+        if (property == extensionsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
+        break;
+    case 12:
+        if (property == isAbstractProperty())
+            return ::kivra::Value(isAbstract_);
+        break;
+    default:
+        break;
+    }
     return StructuredType::Impl::getPropertyValue(property, tag);
 }
 
 void Class::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return StructuredType::Impl::setPropertyValue(property, value, tag);
-    if (property == superclassProperty())
-        return setSuperclass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
-    if (property == extensionsProperty())
-        return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
-    if (property == isAbstractProperty())
-        return setIsAbstract(value.get<bool>());
+    switch (property->getPropertyIndex()) {
+    case 10:
+        if (property == superclassProperty())
+            return setSuperclass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
+        break;
+    case 11:
+        if (property == extensionsProperty())
+            return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
+        break;
+    case 12:
+        if (property == isAbstractProperty())
+            return setIsAbstract(value.get<bool>());
+        break;
+    default:
+        break;
+    }
     StructuredType::Impl::setPropertyValue(property, value, tag);
 }
 

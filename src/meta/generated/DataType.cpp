@@ -20,7 +20,9 @@ Class const &DataType::metaClass() {
 Class const &DataType::Impl::getMetaClass() const { return DataType::metaClass(); }
 
 DataType DataType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    DataType element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    DataType element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }

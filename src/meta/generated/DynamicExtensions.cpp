@@ -40,7 +40,9 @@ Class const &DynamicExtensions::Impl::getMetaClass() const { return DynamicExten
 }
 
 DynamicExtensions DynamicExtensions::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    DynamicExtensions element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    DynamicExtensions element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -170,36 +172,66 @@ DynamicExtensions DynamicExtensions::Builder::createDynamicExtensions(bool noCas
 bool DynamicExtensions::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == modelIDProperty())
-        return true;
-    if (property == extensionsProperty())
-        return hasExtensions();
-    if (property == owningClassProperty())
-        return getOwningClass().get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == modelIDProperty())
+            return true;
+        break;
+    case 2:
+        if (property == extensionsProperty())
+            return hasExtensions();
+        break;
+    case 3:
+        if (property == owningClassProperty())
+            return getOwningClass().get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value DynamicExtensions::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == modelIDProperty())
-        return ::kivra::Value(modelID_);
-    if (property == extensionsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
-    if (property == owningClassProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningClass()));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == modelIDProperty())
+            return ::kivra::Value(modelID_);
+        break;
+    case 2:
+        if (property == extensionsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getExtensionsMutable() : ensureExtensions(), property);
+        break;
+    case 3:
+        if (property == owningClassProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningClass()));
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void DynamicExtensions::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == modelIDProperty() && tag.isPrivileged())
-        return setModelID(value.get<std::uint64_t>());
-    if (property == extensionsProperty())
-        return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
-    if (property == owningClassProperty())
-        return setOwningClass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == modelIDProperty() && tag.isPrivileged())
+            return setModelID(value.get<std::uint64_t>());
+        break;
+    case 2:
+        if (property == extensionsProperty())
+            return ::kivra::detail::assignCollection(getExtensionsMutable(), value);
+        break;
+    case 3:
+        if (property == owningClassProperty())
+            return setOwningClass(Class::fromImpl(::kivra::detail::elementAs<Class::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

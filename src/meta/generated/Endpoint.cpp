@@ -33,7 +33,9 @@ Class const &Endpoint::Impl::getMetaClass() const { return Endpoint::metaClass()
 }
 
 Endpoint Endpoint::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Endpoint element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Endpoint element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -111,30 +113,54 @@ Endpoint Endpoint::Builder::createEndpoint(bool noCascade, boost::uuids::uuid co
 bool Endpoint::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::hasPropertyValue(property, tag);
-    if (property == owningPackageProperty())
-        return getOwningPackage().get() != nullptr;
-    if (property == millisecondTimeoutProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningPackageProperty())
+            return getOwningPackage().get() != nullptr;
+        break;
+    case 9:
+        if (property == millisecondTimeoutProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return Parameterized::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Endpoint::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::getPropertyValue(property, tag);
-    if (property == owningPackageProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
-    if (property == millisecondTimeoutProperty())
-        return ::kivra::Value(millisecondTimeout_);
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningPackageProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
+        break;
+    case 9:
+        if (property == millisecondTimeoutProperty())
+            return ::kivra::Value(millisecondTimeout_);
+        break;
+    default:
+        break;
+    }
     return Parameterized::Impl::getPropertyValue(property, tag);
 }
 
 void Endpoint::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Parameterized::Impl::setPropertyValue(property, value, tag);
-    if (property == owningPackageProperty())
-        return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
-    if (property == millisecondTimeoutProperty())
-        return setMillisecondTimeout(value.get<std::int32_t>());
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningPackageProperty())
+            return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
+        break;
+    case 9:
+        if (property == millisecondTimeoutProperty())
+            return setMillisecondTimeout(value.get<std::int32_t>());
+        break;
+    default:
+        break;
+    }
     Parameterized::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -35,7 +35,9 @@ Class const &Enum::Impl::getMetaClass() const { return Enum::metaClass(); }
 }
 
 Enum Enum::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Enum element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Enum element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -152,30 +154,54 @@ Enum Enum::Builder::createEnum(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Enum::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::hasPropertyValue(property, tag);
-    if (property == literalsProperty())
-        return hasLiterals();
-    if (property == underlyingTypeProperty())
-        return underlyingType_.get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == literalsProperty())
+            return hasLiterals();
+        break;
+    case 6:
+        if (property == underlyingTypeProperty())
+            return underlyingType_.get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return Type::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Enum::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::getPropertyValue(property, tag);
-    if (property == literalsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getLiteralsMutable() : ensureLiterals(), property);
-    if (property == underlyingTypeProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getUnderlyingType()) : ::kivra::ModelElement(underlyingType_));
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == literalsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getLiteralsMutable() : ensureLiterals(), property);
+        break;
+    case 6:
+        if (property == underlyingTypeProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getUnderlyingType()) : ::kivra::ModelElement(underlyingType_));
+        break;
+    default:
+        break;
+    }
     return Type::Impl::getPropertyValue(property, tag);
 }
 
 void Enum::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Type::Impl::setPropertyValue(property, value, tag);
-    if (property == literalsProperty())
-        return ::kivra::detail::assignCollection(getLiteralsMutable(), value);
-    if (property == underlyingTypeProperty())
-        return setUnderlyingType(PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == literalsProperty())
+            return ::kivra::detail::assignCollection(getLiteralsMutable(), value);
+        break;
+    case 6:
+        if (property == underlyingTypeProperty())
+            return setUnderlyingType(PrimitiveType::fromImpl(::kivra::detail::elementAs<PrimitiveType::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     Type::Impl::setPropertyValue(property, value, tag);
 }
 

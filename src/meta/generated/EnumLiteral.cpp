@@ -39,7 +39,9 @@ Class const &EnumLiteral::Impl::getMetaClass() const { return EnumLiteral::metaC
 }
 
 EnumLiteral EnumLiteral::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    EnumLiteral element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    EnumLiteral element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -121,36 +123,66 @@ EnumLiteral EnumLiteral::Builder::createEnumLiteral(bool noCascade, boost::uuids
 bool EnumLiteral::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);
-    if (property == valueProperty())
-        return true;
-    if (property == parentEnumProperty())
-        return getParentEnum().get() != nullptr;
-    if (property == publicIdentifierProperty())
-        return publicIdentifier_.has_value();
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == valueProperty())
+            return true;
+        break;
+    case 3:
+        if (property == parentEnumProperty())
+            return getParentEnum().get() != nullptr;
+        break;
+    case 4:
+        if (property == publicIdentifierProperty())
+            return publicIdentifier_.has_value();
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value EnumLiteral::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
-    if (property == valueProperty())
-        return ::kivra::Value(value_);
-    if (property == parentEnumProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentEnum()));
-    if (property == publicIdentifierProperty())
-        return publicIdentifier_ ? ::kivra::Value(*publicIdentifier_) : ::kivra::Value(property->getType(), boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == valueProperty())
+            return ::kivra::Value(value_);
+        break;
+    case 3:
+        if (property == parentEnumProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentEnum()));
+        break;
+    case 4:
+        if (property == publicIdentifierProperty())
+            return publicIdentifier_ ? ::kivra::Value(*publicIdentifier_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 
 void EnumLiteral::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return NamedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == valueProperty())
-        return setValue(value.get<std::int32_t>());
-    if (property == parentEnumProperty())
-        return setParentEnum(Enum::fromImpl(::kivra::detail::elementAs<Enum::Impl>(value)));
-    if (property == publicIdentifierProperty())
-        return setPublicIdentifier(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == valueProperty())
+            return setValue(value.get<std::int32_t>());
+        break;
+    case 3:
+        if (property == parentEnumProperty())
+            return setParentEnum(Enum::fromImpl(::kivra::detail::elementAs<Enum::Impl>(value)));
+        break;
+    case 4:
+        if (property == publicIdentifierProperty())
+            return setPublicIdentifier(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    default:
+        break;
+    }
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 

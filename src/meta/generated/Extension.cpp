@@ -27,7 +27,9 @@ Class const &Extension::Impl::getMetaClass() const { return Extension::metaClass
 }
 
 Extension Extension::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Extension element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Extension element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -99,24 +101,42 @@ Extension Extension::Builder::createExtension(bool noCascade, boost::uuids::uuid
 bool Extension::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Property::Impl::hasPropertyValue(property, tag);
-    if (property == ownerProperty())
-        return getOwner().get() != nullptr;
+    switch (property->getPropertyIndex()) {
+    case 27:
+        if (property == ownerProperty())
+            return getOwner().get() != nullptr;
+        break;
+    default:
+        break;
+    }
     return Property::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Extension::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Property::Impl::getPropertyValue(property, tag);
-    if (property == ownerProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwner()));
+    switch (property->getPropertyIndex()) {
+    case 27:
+        if (property == ownerProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwner()));
+        break;
+    default:
+        break;
+    }
     return Property::Impl::getPropertyValue(property, tag);
 }
 
 void Extension::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Property::Impl::setPropertyValue(property, value, tag);
-    if (property == ownerProperty())
-        return setOwner(DynamicExtensions::fromImpl(::kivra::detail::elementAs<DynamicExtensions::Impl>(value)));
+    switch (property->getPropertyIndex()) {
+    case 27:
+        if (property == ownerProperty())
+            return setOwner(DynamicExtensions::fromImpl(::kivra::detail::elementAs<DynamicExtensions::Impl>(value)));
+        break;
+    default:
+        break;
+    }
     Property::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -35,7 +35,9 @@ Class const &NamedElement::Impl::getMetaClass() const { return NamedElement::met
 }
 
 NamedElement NamedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    NamedElement element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    NamedElement element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -142,24 +144,42 @@ NamedElement NamedElement::Builder::createNamedElement(bool noCascade, boost::uu
 bool NamedElement::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == nameProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value NamedElement::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == nameProperty())
-        return ::kivra::Value(name_);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return ::kivra::Value(name_);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void NamedElement::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == nameProperty())
-        return setName(value.get<basalt::ustring>());
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return setName(value.get<basalt::ustring>());
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

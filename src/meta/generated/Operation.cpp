@@ -51,7 +51,9 @@ Class const &Operation::Impl::getMetaClass() const { return Operation::metaClass
 }
 
 Operation Operation::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Operation element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Operation element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -147,48 +149,90 @@ Operation Operation::Builder::createOperation(bool noCascade, boost::uuids::uuid
 bool Operation::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::hasPropertyValue(property, tag);
-    if (property == owningTypeProperty())
-        return getOwningType().get() != nullptr;
-    if (property == isAbstractProperty())
-        return true;
-    if (property == isStaticProperty())
-        return true;
-    if (property == isPublicProperty())
-        return true;
-    if (property == isEventProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningTypeProperty())
+            return getOwningType().get() != nullptr;
+        break;
+    case 9:
+        if (property == isAbstractProperty())
+            return true;
+        break;
+    case 10:
+        if (property == isStaticProperty())
+            return true;
+        break;
+    case 11:
+        if (property == isPublicProperty())
+            return true;
+        break;
+    case 12:
+        if (property == isEventProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return Parameterized::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Operation::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Parameterized::Impl::getPropertyValue(property, tag);
-    if (property == owningTypeProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
-    if (property == isAbstractProperty())
-        return ::kivra::Value(isAbstract_);
-    if (property == isStaticProperty())
-        return ::kivra::Value(isStatic_);
-    if (property == isPublicProperty())
-        return ::kivra::Value(isPublic_);
-    if (property == isEventProperty())
-        return ::kivra::Value(isEvent_);
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningTypeProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
+        break;
+    case 9:
+        if (property == isAbstractProperty())
+            return ::kivra::Value(isAbstract_);
+        break;
+    case 10:
+        if (property == isStaticProperty())
+            return ::kivra::Value(isStatic_);
+        break;
+    case 11:
+        if (property == isPublicProperty())
+            return ::kivra::Value(isPublic_);
+        break;
+    case 12:
+        if (property == isEventProperty())
+            return ::kivra::Value(isEvent_);
+        break;
+    default:
+        break;
+    }
     return Parameterized::Impl::getPropertyValue(property, tag);
 }
 
 void Operation::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Parameterized::Impl::setPropertyValue(property, value, tag);
-    if (property == owningTypeProperty())
-        return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
-    if (property == isAbstractProperty())
-        return setIsAbstract(value.get<bool>());
-    if (property == isStaticProperty())
-        return setIsStatic(value.get<bool>());
-    if (property == isPublicProperty())
-        return setIsPublic(value.get<bool>());
-    if (property == isEventProperty())
-        return setIsEvent(value.get<bool>());
+    switch (property->getPropertyIndex()) {
+    case 8:
+        if (property == owningTypeProperty())
+            return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
+        break;
+    case 9:
+        if (property == isAbstractProperty())
+            return setIsAbstract(value.get<bool>());
+        break;
+    case 10:
+        if (property == isStaticProperty())
+            return setIsStatic(value.get<bool>());
+        break;
+    case 11:
+        if (property == isPublicProperty())
+            return setIsPublic(value.get<bool>());
+        break;
+    case 12:
+        if (property == isEventProperty())
+            return setIsEvent(value.get<bool>());
+        break;
+    default:
+        break;
+    }
     Parameterized::Impl::setPropertyValue(property, value, tag);
 }
 

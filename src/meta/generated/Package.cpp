@@ -72,7 +72,9 @@ Class const &Package::Impl::getMetaClass() const { return Package::metaClass(); 
 }
 
 Package Package::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Package element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Package element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -295,66 +297,126 @@ Package Package::Builder::createPackage(bool noCascade, boost::uuids::uuid const
 bool Package::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);
-    if (property == ownedTypesProperty())
-        return hasOwnedTypes();
-    if (property == nestedPackagesProperty())
-        return hasNestedPackages();
-    if (property == ownedEndpointsProperty())
-        return hasOwnedEndpoints();
-    if (property == uriProperty())
-        return true;
-    if (property == parentPackageProperty())
-        return getParentPackage().get() != nullptr;
-    if (property == importedPackagesProperty())
-        return hasImportedPackages();
-    if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
-        return defaultVantorCategory_.has_value();
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return cachedQualifiedName_.has_value();
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == ownedTypesProperty())
+            return hasOwnedTypes();
+        break;
+    case 3:
+        if (property == nestedPackagesProperty())
+            return hasNestedPackages();
+        break;
+    case 4:
+        if (property == ownedEndpointsProperty())
+            return hasOwnedEndpoints();
+        break;
+    case 5:
+        if (property == uriProperty())
+            return true;
+        break;
+    case 6:
+        if (property == parentPackageProperty())
+            return getParentPackage().get() != nullptr;
+        break;
+    case 7:
+        if (property == importedPackagesProperty())
+            return hasImportedPackages();
+        break;
+    case 8:
+        if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
+            return defaultVantorCategory_.has_value();
+        break;
+    case 9:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return cachedQualifiedName_.has_value();
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Package::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
-    if (property == ownedTypesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedTypesMutable() : ensureOwnedTypes(), property);
-    if (property == nestedPackagesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getNestedPackagesMutable() : ensureNestedPackages(), property);
-    if (property == ownedEndpointsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedEndpointsMutable() : ensureOwnedEndpoints(), property);
-    if (property == uriProperty())
-        return ::kivra::Value(uri_);
-    if (property == parentPackageProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentPackage()));
-    if (property == importedPackagesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getImportedPackagesMutable() : ensureImportedPackages(), property);
-    if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
-        return defaultVantorCategory_ ? ::kivra::Value(*defaultVantorCategory_) : ::kivra::Value(property->getType(), boost::none);
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == ownedTypesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedTypesMutable() : ensureOwnedTypes(), property);
+        break;
+    case 3:
+        if (property == nestedPackagesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getNestedPackagesMutable() : ensureNestedPackages(), property);
+        break;
+    case 4:
+        if (property == ownedEndpointsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedEndpointsMutable() : ensureOwnedEndpoints(), property);
+        break;
+    case 5:
+        if (property == uriProperty())
+            return ::kivra::Value(uri_);
+        break;
+    case 6:
+        if (property == parentPackageProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getParentPackage()));
+        break;
+    case 7:
+        if (property == importedPackagesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getImportedPackagesMutable() : ensureImportedPackages(), property);
+        break;
+    case 8:
+        if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
+            return defaultVantorCategory_ ? ::kivra::Value(*defaultVantorCategory_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    case 9:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 
 void Package::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return NamedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == ownedTypesProperty())
-        return ::kivra::detail::assignCollection(getOwnedTypesMutable(), value);
-    if (property == nestedPackagesProperty())
-        return ::kivra::detail::assignCollection(getNestedPackagesMutable(), value);
-    if (property == ownedEndpointsProperty())
-        return ::kivra::detail::assignCollection(getOwnedEndpointsMutable(), value);
-    if (property == uriProperty())
-        return setUri(value.get<basalt::ustring>());
-    if (property == parentPackageProperty())
-        return setParentPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
-    if (property == importedPackagesProperty())
-        return ::kivra::detail::assignValues(getImportedPackagesMutable(), value);
-    if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
-        return setDefaultVantorCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return setCachedQualifiedName(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == ownedTypesProperty())
+            return ::kivra::detail::assignCollection(getOwnedTypesMutable(), value);
+        break;
+    case 3:
+        if (property == nestedPackagesProperty())
+            return ::kivra::detail::assignCollection(getNestedPackagesMutable(), value);
+        break;
+    case 4:
+        if (property == ownedEndpointsProperty())
+            return ::kivra::detail::assignCollection(getOwnedEndpointsMutable(), value);
+        break;
+    case 5:
+        if (property == uriProperty())
+            return setUri(value.get<basalt::ustring>());
+        break;
+    case 6:
+        if (property == parentPackageProperty())
+            return setParentPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
+        break;
+    case 7:
+        if (property == importedPackagesProperty())
+            return ::kivra::detail::assignValues(getImportedPackagesMutable(), value);
+        break;
+    case 8:
+        if (property == defaultVantorCategoryProperty() && tag.isPrivileged())
+            return setDefaultVantorCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
+        break;
+    case 9:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return setCachedQualifiedName(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    default:
+        break;
+    }
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 

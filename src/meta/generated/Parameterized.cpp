@@ -79,24 +79,42 @@ void Parameterized::Impl::BuilderImpl::cascadeCreation(::kivra::ModelElement::Im
 bool Parameterized::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);
-    if (property == argumentsProperty())
-        return hasArguments();
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == argumentsProperty())
+            return hasArguments();
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Parameterized::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::getPropertyValue(property, tag);
-    if (property == argumentsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getArgumentsMutable() : ensureArguments(), property);
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == argumentsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getArgumentsMutable() : ensureArguments(), property);
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::getPropertyValue(property, tag);
 }
 
 void Parameterized::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return TypedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == argumentsProperty())
-        return ::kivra::detail::assignCollection(getArgumentsMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == argumentsProperty())
+            return ::kivra::detail::assignCollection(getArgumentsMutable(), value);
+        break;
+    default:
+        break;
+    }
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 

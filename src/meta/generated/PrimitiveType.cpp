@@ -20,7 +20,9 @@ Class const &PrimitiveType::metaClass() {
 Class const &PrimitiveType::Impl::getMetaClass() const { return PrimitiveType::metaClass(); }
 
 PrimitiveType PrimitiveType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    PrimitiveType element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    PrimitiveType element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }

@@ -140,7 +140,9 @@ Class const &Property::Impl::getMetaClass() const { return Property::metaClass()
 }
 
 Property Property::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Property element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Property element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -355,138 +357,270 @@ Property Property::Builder::createProperty(bool noCascade, boost::uuids::uuid co
 bool Property::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::hasPropertyValue(property, tag);
-    if (property == isDerivedProperty())
-        return true;
-    if (property == isCompositeProperty())
-        return true;
-    if (property == isReadOnlyProperty())
-        return true;
-    if (property == isUniqueProperty())
-        return true;
-    if (property == qualifiedByProperty())
-        return qualifiedBy_.get() != nullptr;
-    if (property == customQualificationProperty())
-        return true;
-    if (property == isQualificationUniqueProperty())
-        return true;
-    if (property == oppositeProperty())
-        return opposite_.get() != nullptr;
-    if (property == propertyIndexProperty())
-        return true;
-    if (property == isPublicAccessorProperty())
-        return true;
-    if (property == isPublicMutatorProperty())
-        return true;
-    if (property == isTransientProperty())
-        return true;
-    if (property == isSparseProperty())
-        return true;
-    if (property == owningTypeProperty())
-        return getOwningType().get() != nullptr;
-    if (property == vantorDispCategoryProperty() && tag.isPrivileged())
-        return vantorDispCategory_.has_value();
-    if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
-        return true;
-    if (property == isSetOnceProperty())
-        return true;
-    if (property == isVantorHiddenProperty())
-        return true;
-    if (property == defaultValueProperty())
-        return defaultValue_.has_value();
-    if (property == isQueryIndexProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == isDerivedProperty())
+            return true;
+        break;
+    case 8:
+        if (property == isCompositeProperty())
+            return true;
+        break;
+    case 9:
+        if (property == isReadOnlyProperty())
+            return true;
+        break;
+    case 10:
+        if (property == isUniqueProperty())
+            return true;
+        break;
+    case 11:
+        if (property == qualifiedByProperty())
+            return qualifiedBy_.get() != nullptr;
+        break;
+    case 12:
+        if (property == customQualificationProperty())
+            return true;
+        break;
+    case 13:
+        if (property == isQualificationUniqueProperty())
+            return true;
+        break;
+    case 14:
+        if (property == oppositeProperty())
+            return opposite_.get() != nullptr;
+        break;
+    case 15:
+        if (property == propertyIndexProperty())
+            return true;
+        break;
+    case 16:
+        if (property == isPublicAccessorProperty())
+            return true;
+        break;
+    case 17:
+        if (property == isPublicMutatorProperty())
+            return true;
+        break;
+    case 18:
+        if (property == isTransientProperty())
+            return true;
+        break;
+    case 19:
+        if (property == isSparseProperty())
+            return true;
+        break;
+    case 20:
+        if (property == owningTypeProperty())
+            return getOwningType().get() != nullptr;
+        break;
+    case 21:
+        if (property == vantorDispCategoryProperty() && tag.isPrivileged())
+            return vantorDispCategory_.has_value();
+        break;
+    case 22:
+        if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
+            return true;
+        break;
+    case 23:
+        if (property == isSetOnceProperty())
+            return true;
+        break;
+    case 24:
+        if (property == isVantorHiddenProperty())
+            return true;
+        break;
+    case 25:
+        if (property == defaultValueProperty())
+            return defaultValue_.has_value();
+        break;
+    case 26:
+        if (property == isQueryIndexProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Property::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return TypedElement::Impl::getPropertyValue(property, tag);
-    if (property == isDerivedProperty())
-        return ::kivra::Value(isDerived_);
-    if (property == isCompositeProperty())
-        return ::kivra::Value(isComposite_);
-    if (property == isReadOnlyProperty())
-        return ::kivra::Value(isReadOnly_);
-    if (property == isUniqueProperty())
-        return ::kivra::Value(isUnique_);
-    if (property == qualifiedByProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getQualifiedBy()) : ::kivra::ModelElement(qualifiedBy_));
-    if (property == customQualificationProperty())
-        return ::kivra::Value(customQualification_);
-    if (property == isQualificationUniqueProperty())
-        return ::kivra::Value(isQualificationUnique_);
-    if (property == oppositeProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getOpposite()) : ::kivra::ModelElement(opposite_));
-    if (property == propertyIndexProperty())
-        return ::kivra::Value(propertyIndex_);
-    if (property == isPublicAccessorProperty())
-        return ::kivra::Value(isPublicAccessor_);
-    if (property == isPublicMutatorProperty())
-        return ::kivra::Value(isPublicMutator_);
-    if (property == isTransientProperty())
-        return ::kivra::Value(isTransient_);
-    if (property == isSparseProperty())
-        return ::kivra::Value(isSparse_);
-    if (property == owningTypeProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
-    if (property == vantorDispCategoryProperty() && tag.isPrivileged())
-        return vantorDispCategory_ ? ::kivra::Value(*vantorDispCategory_) : ::kivra::Value(property->getType(), boost::none);
-    if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
-        return ::kivra::Value(vantorDispSkipEmpty_);
-    if (property == isSetOnceProperty())
-        return ::kivra::Value(isSetOnce_);
-    if (property == isVantorHiddenProperty())
-        return ::kivra::Value(isVantorHidden_);
-    if (property == defaultValueProperty())
-        return defaultValue_ ? ::kivra::Value(*defaultValue_) : ::kivra::Value(property->getType(), boost::none);
-    if (property == isQueryIndexProperty())
-        return ::kivra::Value(isQueryIndex_);
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == isDerivedProperty())
+            return ::kivra::Value(isDerived_);
+        break;
+    case 8:
+        if (property == isCompositeProperty())
+            return ::kivra::Value(isComposite_);
+        break;
+    case 9:
+        if (property == isReadOnlyProperty())
+            return ::kivra::Value(isReadOnly_);
+        break;
+    case 10:
+        if (property == isUniqueProperty())
+            return ::kivra::Value(isUnique_);
+        break;
+    case 11:
+        if (property == qualifiedByProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getQualifiedBy()) : ::kivra::ModelElement(qualifiedBy_));
+        break;
+    case 12:
+        if (property == customQualificationProperty())
+            return ::kivra::Value(customQualification_);
+        break;
+    case 13:
+        if (property == isQualificationUniqueProperty())
+            return ::kivra::Value(isQualificationUnique_);
+        break;
+    case 14:
+        if (property == oppositeProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getOpposite()) : ::kivra::ModelElement(opposite_));
+        break;
+    case 15:
+        if (property == propertyIndexProperty())
+            return ::kivra::Value(propertyIndex_);
+        break;
+    case 16:
+        if (property == isPublicAccessorProperty())
+            return ::kivra::Value(isPublicAccessor_);
+        break;
+    case 17:
+        if (property == isPublicMutatorProperty())
+            return ::kivra::Value(isPublicMutator_);
+        break;
+    case 18:
+        if (property == isTransientProperty())
+            return ::kivra::Value(isTransient_);
+        break;
+    case 19:
+        if (property == isSparseProperty())
+            return ::kivra::Value(isSparse_);
+        break;
+    case 20:
+        if (property == owningTypeProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningType()));
+        break;
+    case 21:
+        if (property == vantorDispCategoryProperty() && tag.isPrivileged())
+            return vantorDispCategory_ ? ::kivra::Value(*vantorDispCategory_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    case 22:
+        if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
+            return ::kivra::Value(vantorDispSkipEmpty_);
+        break;
+    case 23:
+        if (property == isSetOnceProperty())
+            return ::kivra::Value(isSetOnce_);
+        break;
+    case 24:
+        if (property == isVantorHiddenProperty())
+            return ::kivra::Value(isVantorHidden_);
+        break;
+    case 25:
+        if (property == defaultValueProperty())
+            return defaultValue_ ? ::kivra::Value(*defaultValue_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    case 26:
+        if (property == isQueryIndexProperty())
+            return ::kivra::Value(isQueryIndex_);
+        break;
+    default:
+        break;
+    }
     return TypedElement::Impl::getPropertyValue(property, tag);
 }
 
 void Property::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return TypedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == isDerivedProperty())
-        return setIsDerived(value.get<bool>());
-    if (property == isCompositeProperty())
-        return setIsComposite(value.get<bool>());
-    if (property == isReadOnlyProperty())
-        return setIsReadOnly(value.get<bool>());
-    if (property == isUniqueProperty())
-        return setIsUnique(value.get<bool>());
-    if (property == qualifiedByProperty())
-        return setQualifiedBy(Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value)));
-    if (property == customQualificationProperty())
-        return setCustomQualification(value.get<bool>());
-    if (property == isQualificationUniqueProperty())
-        return setIsQualificationUnique(value.get<bool>());
-    if (property == oppositeProperty())
-        return setOpposite(Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value)));
-    if (property == propertyIndexProperty() && tag.isPrivileged())
-        return setPropertyIndex(value.get<std::int32_t>());
-    if (property == isPublicAccessorProperty())
-        return setIsPublicAccessor(value.get<bool>());
-    if (property == isPublicMutatorProperty())
-        return setIsPublicMutator(value.get<bool>());
-    if (property == isTransientProperty())
-        return setIsTransient(value.get<bool>());
-    if (property == isSparseProperty())
-        return setIsSparse(value.get<bool>());
-    if (property == owningTypeProperty())
-        return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
-    if (property == vantorDispCategoryProperty() && tag.isPrivileged())
-        return setVantorDispCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
-    if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
-        return setVantorDispSkipEmpty(value.get<bool>());
-    if (property == isSetOnceProperty())
-        return setIsSetOnce(value.get<bool>());
-    if (property == isVantorHiddenProperty())
-        return setIsVantorHidden(value.get<bool>());
-    if (property == defaultValueProperty())
-        return setDefaultValue(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
-    if (property == isQueryIndexProperty())
-        return setIsQueryIndex(value.get<bool>());
+    switch (property->getPropertyIndex()) {
+    case 7:
+        if (property == isDerivedProperty())
+            return setIsDerived(value.get<bool>());
+        break;
+    case 8:
+        if (property == isCompositeProperty())
+            return setIsComposite(value.get<bool>());
+        break;
+    case 9:
+        if (property == isReadOnlyProperty())
+            return setIsReadOnly(value.get<bool>());
+        break;
+    case 10:
+        if (property == isUniqueProperty())
+            return setIsUnique(value.get<bool>());
+        break;
+    case 11:
+        if (property == qualifiedByProperty())
+            return setQualifiedBy(Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value)));
+        break;
+    case 12:
+        if (property == customQualificationProperty())
+            return setCustomQualification(value.get<bool>());
+        break;
+    case 13:
+        if (property == isQualificationUniqueProperty())
+            return setIsQualificationUnique(value.get<bool>());
+        break;
+    case 14:
+        if (property == oppositeProperty())
+            return setOpposite(Property::fromImpl(::kivra::detail::elementAs<Property::Impl>(value)));
+        break;
+    case 15:
+        if (property == propertyIndexProperty() && tag.isPrivileged())
+            return setPropertyIndex(value.get<std::int32_t>());
+        break;
+    case 16:
+        if (property == isPublicAccessorProperty())
+            return setIsPublicAccessor(value.get<bool>());
+        break;
+    case 17:
+        if (property == isPublicMutatorProperty())
+            return setIsPublicMutator(value.get<bool>());
+        break;
+    case 18:
+        if (property == isTransientProperty())
+            return setIsTransient(value.get<bool>());
+        break;
+    case 19:
+        if (property == isSparseProperty())
+            return setIsSparse(value.get<bool>());
+        break;
+    case 20:
+        if (property == owningTypeProperty())
+            return setOwningType(StructuredType::fromImpl(::kivra::detail::elementAs<StructuredType::Impl>(value)));
+        break;
+    case 21:
+        if (property == vantorDispCategoryProperty() && tag.isPrivileged())
+            return setVantorDispCategory(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
+        break;
+    case 22:
+        if (property == vantorDispSkipEmptyProperty() && tag.isPrivileged())
+            return setVantorDispSkipEmpty(value.get<bool>());
+        break;
+    case 23:
+        if (property == isSetOnceProperty())
+            return setIsSetOnce(value.get<bool>());
+        break;
+    case 24:
+        if (property == isVantorHiddenProperty())
+            return setIsVantorHidden(value.get<bool>());
+        break;
+    case 25:
+        if (property == defaultValueProperty())
+            return setDefaultValue(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    case 26:
+        if (property == isQueryIndexProperty())
+            return setIsQueryIndex(value.get<bool>());
+        break;
+    default:
+        break;
+    }
     TypedElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -26,7 +26,9 @@ Class const &StringAttribute::Impl::getMetaClass() const { return StringAttribut
 }
 
 StringAttribute StringAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    StringAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    StringAttribute element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -80,24 +82,42 @@ StringAttribute StringAttribute::Builder::createStringAttribute(bool noCascade, 
 bool StringAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);
-    if (property == valueProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value StringAttribute::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::getPropertyValue(property, tag);
-    if (property == valueProperty())
-        return ::kivra::Value(value_);
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return ::kivra::Value(value_);
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::getPropertyValue(property, tag);
 }
 
 void StringAttribute::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Attribute::Impl::setPropertyValue(property, value, tag);
-    if (property == valueProperty())
-        return setValue(value.get<basalt::ustring>());
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return setValue(value.get<basalt::ustring>());
+        break;
+    default:
+        break;
+    }
     Attribute::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -53,7 +53,9 @@ Class const &StructuredType::Impl::getMetaClass() const { return StructuredType:
 }
 
 StructuredType StructuredType::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    StructuredType element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    StructuredType element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -220,48 +222,90 @@ StructuredType StructuredType::Builder::createStructuredType(bool noCascade, boo
 bool StructuredType::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::hasPropertyValue(property, tag);
-    if (property == vantorNameProperty())
-        return true;
-    if (property == ownedAttributesProperty())
-        return hasOwnedAttributes();
-    if (property == ownedOperationsProperty())
-        return hasOwnedOperations();
-    if (property == vantorCompactDisplayProperty())
-        return true;
-    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
-        return hasVantorDispCategories();
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == vantorNameProperty())
+            return true;
+        break;
+    case 6:
+        if (property == ownedAttributesProperty())
+            return hasOwnedAttributes();
+        break;
+    case 7:
+        if (property == ownedOperationsProperty())
+            return hasOwnedOperations();
+        break;
+    case 8:
+        if (property == vantorCompactDisplayProperty())
+            return true;
+        break;
+    case 9:
+        if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+            return hasVantorDispCategories();
+        break;
+    default:
+        break;
+    }
     return Type::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value StructuredType::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Type::Impl::getPropertyValue(property, tag);
-    if (property == vantorNameProperty())
-        return ::kivra::Value(vantorName_);
-    if (property == ownedAttributesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedAttributesMutable() : ensureOwnedAttributes(), property);
-    if (property == ownedOperationsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedOperationsMutable() : ensureOwnedOperations(), property);
-    if (property == vantorCompactDisplayProperty())
-        return ::kivra::Value(vantorCompactDisplay_);
-    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVantorDispCategoriesMutable() : ensureVantorDispCategories(), property);
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == vantorNameProperty())
+            return ::kivra::Value(vantorName_);
+        break;
+    case 6:
+        if (property == ownedAttributesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedAttributesMutable() : ensureOwnedAttributes(), property);
+        break;
+    case 7:
+        if (property == ownedOperationsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getOwnedOperationsMutable() : ensureOwnedOperations(), property);
+        break;
+    case 8:
+        if (property == vantorCompactDisplayProperty())
+            return ::kivra::Value(vantorCompactDisplay_);
+        break;
+    case 9:
+        if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVantorDispCategoriesMutable() : ensureVantorDispCategories(), property);
+        break;
+    default:
+        break;
+    }
     return Type::Impl::getPropertyValue(property, tag);
 }
 
 void StructuredType::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Type::Impl::setPropertyValue(property, value, tag);
-    if (property == vantorNameProperty() && tag.isPrivileged())
-        return setVantorName(value.get<std::string>());
-    if (property == ownedAttributesProperty())
-        return ::kivra::detail::assignCollection(getOwnedAttributesMutable(), value);
-    if (property == ownedOperationsProperty())
-        return ::kivra::detail::assignCollection(getOwnedOperationsMutable(), value);
-    if (property == vantorCompactDisplayProperty() && tag.isPrivileged())
-        return setVantorCompactDisplay(value.get<bool>());
-    if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
-        return ::kivra::detail::assignValues(getVantorDispCategoriesMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 5:
+        if (property == vantorNameProperty() && tag.isPrivileged())
+            return setVantorName(value.get<std::string>());
+        break;
+    case 6:
+        if (property == ownedAttributesProperty())
+            return ::kivra::detail::assignCollection(getOwnedAttributesMutable(), value);
+        break;
+    case 7:
+        if (property == ownedOperationsProperty())
+            return ::kivra::detail::assignCollection(getOwnedOperationsMutable(), value);
+        break;
+    case 8:
+        if (property == vantorCompactDisplayProperty() && tag.isPrivileged())
+            return setVantorCompactDisplay(value.get<bool>());
+        break;
+    case 9:
+        if (property == vantorDispCategoriesProperty() && tag.isPrivileged())
+            return ::kivra::detail::assignValues(getVantorDispCategoriesMutable(), value);
+        break;
+    default:
+        break;
+    }
     Type::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -39,7 +39,9 @@ Class const &Type::Impl::getMetaClass() const { return Type::metaClass(); }
 }
 
 Type Type::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Type element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Type element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -121,36 +123,66 @@ Type Type::Builder::createType(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Type::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);
-    if (property == isVantorHiddenProperty())
-        return true;
-    if (property == owningPackageProperty())
-        return getOwningPackage().get() != nullptr;
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return cachedQualifiedName_.has_value();
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == isVantorHiddenProperty())
+            return true;
+        break;
+    case 3:
+        if (property == owningPackageProperty())
+            return getOwningPackage().get() != nullptr;
+        break;
+    case 4:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return cachedQualifiedName_.has_value();
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Type::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
-    if (property == isVantorHiddenProperty())
-        return ::kivra::Value(isVantorHidden_);
-    if (property == owningPackageProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == isVantorHiddenProperty())
+            return ::kivra::Value(isVantorHidden_);
+        break;
+    case 3:
+        if (property == owningPackageProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getOwningPackage()));
+        break;
+    case 4:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return cachedQualifiedName_ ? ::kivra::Value(*cachedQualifiedName_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 
 void Type::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return NamedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == isVantorHiddenProperty())
-        return setIsVantorHidden(value.get<bool>());
-    if (property == owningPackageProperty())
-        return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
-    if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
-        return setCachedQualifiedName(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == isVantorHiddenProperty())
+            return setIsVantorHidden(value.get<bool>());
+        break;
+    case 3:
+        if (property == owningPackageProperty())
+            return setOwningPackage(Package::fromImpl(::kivra::detail::elementAs<Package::Impl>(value)));
+        break;
+    case 4:
+        if (property == cachedQualifiedNameProperty() && tag.isPrivileged())
+            return setCachedQualifiedName(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    default:
+        break;
+    }
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 

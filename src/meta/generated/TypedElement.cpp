@@ -51,7 +51,9 @@ Class const &TypedElement::Impl::getMetaClass() const { return TypedElement::met
 }
 
 TypedElement TypedElement::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    TypedElement element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    TypedElement element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -153,48 +155,90 @@ TypedElement TypedElement::Builder::createTypedElement(bool noCascade, boost::uu
 bool TypedElement::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::hasPropertyValue(property, tag);
-    if (property == typeProperty())
-        return type_.get() != nullptr;
-    if (property == lowerProperty())
-        return true;
-    if (property == upperProperty())
-        return true;
-    if (property == isOrderedProperty())
-        return true;
-    if (property == isHashedProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == typeProperty())
+            return type_.get() != nullptr;
+        break;
+    case 3:
+        if (property == lowerProperty())
+            return true;
+        break;
+    case 4:
+        if (property == upperProperty())
+            return true;
+        break;
+    case 5:
+        if (property == isOrderedProperty())
+            return true;
+        break;
+    case 6:
+        if (property == isHashedProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value TypedElement::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return NamedElement::Impl::getPropertyValue(property, tag);
-    if (property == typeProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getType()) : ::kivra::ModelElement(type_));
-    if (property == lowerProperty())
-        return ::kivra::Value(lower_);
-    if (property == upperProperty())
-        return ::kivra::Value(upper_);
-    if (property == isOrderedProperty())
-        return ::kivra::Value(isOrdered_);
-    if (property == isHashedProperty())
-        return ::kivra::Value(isHashed_);
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == typeProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getType()) : ::kivra::ModelElement(type_));
+        break;
+    case 3:
+        if (property == lowerProperty())
+            return ::kivra::Value(lower_);
+        break;
+    case 4:
+        if (property == upperProperty())
+            return ::kivra::Value(upper_);
+        break;
+    case 5:
+        if (property == isOrderedProperty())
+            return ::kivra::Value(isOrdered_);
+        break;
+    case 6:
+        if (property == isHashedProperty())
+            return ::kivra::Value(isHashed_);
+        break;
+    default:
+        break;
+    }
     return NamedElement::Impl::getPropertyValue(property, tag);
 }
 
 void TypedElement::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return NamedElement::Impl::setPropertyValue(property, value, tag);
-    if (property == typeProperty())
-        return setType(Type::fromImpl(::kivra::detail::elementAs<Type::Impl>(value)));
-    if (property == lowerProperty())
-        return setLower(value.get<std::uint32_t>());
-    if (property == upperProperty())
-        return setUpper(value.get<std::uint32_t>());
-    if (property == isOrderedProperty())
-        return setIsOrdered(value.get<bool>());
-    if (property == isHashedProperty())
-        return setIsHashed(value.get<bool>());
+    switch (property->getPropertyIndex()) {
+    case 2:
+        if (property == typeProperty())
+            return setType(Type::fromImpl(::kivra::detail::elementAs<Type::Impl>(value)));
+        break;
+    case 3:
+        if (property == lowerProperty())
+            return setLower(value.get<std::uint32_t>());
+        break;
+    case 4:
+        if (property == upperProperty())
+            return setUpper(value.get<std::uint32_t>());
+        break;
+    case 5:
+        if (property == isOrderedProperty())
+            return setIsOrdered(value.get<bool>());
+        break;
+    case 6:
+        if (property == isHashedProperty())
+            return setIsHashed(value.get<bool>());
+        break;
+    default:
+        break;
+    }
     NamedElement::Impl::setPropertyValue(property, value, tag);
 }
 

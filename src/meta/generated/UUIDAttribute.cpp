@@ -26,7 +26,9 @@ Class const &UUIDAttribute::Impl::getMetaClass() const { return UUIDAttribute::m
 }
 
 UUIDAttribute UUIDAttribute::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    UUIDAttribute element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    UUIDAttribute element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -80,24 +82,42 @@ UUIDAttribute UUIDAttribute::Builder::createUUIDAttribute(bool noCascade, boost:
 bool UUIDAttribute::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::hasPropertyValue(property, tag);
-    if (property == valueProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value UUIDAttribute::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Attribute::Impl::getPropertyValue(property, tag);
-    if (property == valueProperty())
-        return ::kivra::Value(value_);
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return ::kivra::Value(value_);
+        break;
+    default:
+        break;
+    }
     return Attribute::Impl::getPropertyValue(property, tag);
 }
 
 void UUIDAttribute::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Attribute::Impl::setPropertyValue(property, value, tag);
-    if (property == valueProperty())
-        return setValue(value.get<boost::uuids::uuid>());
+    switch (property->getPropertyIndex()) {
+    case 3:
+        if (property == valueProperty())
+            return setValue(value.get<boost::uuids::uuid>());
+        break;
+    default:
+        break;
+    }
     Attribute::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -63,7 +63,9 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
 }
 
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Author element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Author element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -337,66 +339,126 @@ Author Author::Builder::createAuthor(bool noCascade, boost::uuids::uuid const &u
 bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == nameProperty())
-        return true;
-    if (property == favouriteProperty())
-        return favourite_.get() != nullptr;
-    if (property == booksProperty())
-        return hasBooks();
-    if (property == coauthoredProperty())
-        return hasCoauthored();
-    if (property == draftsProperty())
-        return hasDrafts();
-    if (property == pseudonymsProperty())
-        return hasPseudonyms();
-    if (property == ratingsProperty())
-        return hasRatings();
-    if (property == visitsProperty())
-        return hasVisits();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return true;
+        break;
+    case 2:
+        if (property == favouriteProperty())
+            return favourite_.get() != nullptr;
+        break;
+    case 3:
+        if (property == booksProperty())
+            return hasBooks();
+        break;
+    case 4:
+        if (property == coauthoredProperty())
+            return hasCoauthored();
+        break;
+    case 5:
+        if (property == draftsProperty())
+            return hasDrafts();
+        break;
+    case 6:
+        if (property == pseudonymsProperty())
+            return hasPseudonyms();
+        break;
+    case 7:
+        if (property == ratingsProperty())
+            return hasRatings();
+        break;
+    case 8:
+        if (property == visitsProperty())
+            return hasVisits();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Author::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == nameProperty())
-        return ::kivra::Value(name_);
-    if (property == favouriteProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFavourite()) : ::kivra::ModelElement(favourite_));
-    if (property == booksProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
-    if (property == coauthoredProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthoredMutable() : ensureCoauthored(), property);
-    if (property == draftsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getDraftsMutable() : ensureDrafts(), property);
-    if (property == pseudonymsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getPseudonymsMutable() : ensurePseudonyms(), property);
-    if (property == ratingsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRatingsMutable() : ensureRatings(), property);
-    if (property == visitsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVisitsMutable() : ensureVisits(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return ::kivra::Value(name_);
+        break;
+    case 2:
+        if (property == favouriteProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFavourite()) : ::kivra::ModelElement(favourite_));
+        break;
+    case 3:
+        if (property == booksProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+        break;
+    case 4:
+        if (property == coauthoredProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthoredMutable() : ensureCoauthored(), property);
+        break;
+    case 5:
+        if (property == draftsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getDraftsMutable() : ensureDrafts(), property);
+        break;
+    case 6:
+        if (property == pseudonymsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getPseudonymsMutable() : ensurePseudonyms(), property);
+        break;
+    case 7:
+        if (property == ratingsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRatingsMutable() : ensureRatings(), property);
+        break;
+    case 8:
+        if (property == visitsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVisitsMutable() : ensureVisits(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == nameProperty())
-        return setName(value.get<basalt::ustring>());
-    if (property == favouriteProperty())
-        return setFavourite(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == booksProperty())
-        return ::kivra::detail::assignCollection(getBooksMutable(), value);
-    if (property == coauthoredProperty())
-        return ::kivra::detail::assignCollection(getCoauthoredMutable(), value);
-    if (property == draftsProperty())
-        return ::kivra::detail::assignCollection(getDraftsMutable(), value);
-    if (property == pseudonymsProperty())
-        return ::kivra::detail::assignValues(getPseudonymsMutable(), value);
-    if (property == ratingsProperty())
-        return ::kivra::detail::assignValues(getRatingsMutable(), value);
-    if (property == visitsProperty())
-        return ::kivra::detail::assignValues(getVisitsMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == nameProperty())
+            return setName(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == favouriteProperty())
+            return setFavourite(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 3:
+        if (property == booksProperty())
+            return ::kivra::detail::assignCollection(getBooksMutable(), value);
+        break;
+    case 4:
+        if (property == coauthoredProperty())
+            return ::kivra::detail::assignCollection(getCoauthoredMutable(), value);
+        break;
+    case 5:
+        if (property == draftsProperty())
+            return ::kivra::detail::assignCollection(getDraftsMutable(), value);
+        break;
+    case 6:
+        if (property == pseudonymsProperty())
+            return ::kivra::detail::assignValues(getPseudonymsMutable(), value);
+        break;
+    case 7:
+        if (property == ratingsProperty())
+            return ::kivra::detail::assignValues(getRatingsMutable(), value);
+        break;
+    case 8:
+        if (property == visitsProperty())
+            return ::kivra::detail::assignValues(getVisitsMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

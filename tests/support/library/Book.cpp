@@ -99,7 +99,9 @@ Class const &Book::Impl::getMetaClass() const { return Book::metaClass(); }
 }
 
 Book Book::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Book element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Book element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -457,108 +459,210 @@ Book Book::Builder::createBook(bool noCascade, boost::uuids::uuid const &uuid) {
 bool Book::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == titleProperty())
-        return true;
-    if (property == subtitleProperty())
-        return subtitle_.has_value();
-    if (property == shelfProperty())
-        return getShelf().get() != nullptr;
-    if (property == authorProperty())
-        return author_.get() != nullptr;
-    if (property == pagesProperty())
-        return true;
-    if (property == sequelProperty())
-        return sequel_.get() != nullptr;
-    if (property == writerProperty())
-        return writer_.get() != nullptr;
-    if (property == isbnProperty() && tag.isPrivileged())
-        return isbn_.has_value();
-    if (property == appendixProperty())
-        return appendix_.get() != nullptr;
-    if (property == appendixOfProperty())
-        return getAppendixOf().get() != nullptr;
-    if (property == chaptersProperty())
-        return hasChapters();
-    if (property == chapterOfProperty())
-        return getChapterOf().get() != nullptr;
-    if (property == coauthorsProperty())
-        return hasCoauthors();
-    if (property == cataloguedProperty())
-        return catalogued_.get() != nullptr;
-    if (property == tagsProperty())
-        return hasTags();
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return true;
+        break;
+    case 2:
+        if (property == subtitleProperty())
+            return subtitle_.has_value();
+        break;
+    case 3:
+        if (property == shelfProperty())
+            return getShelf().get() != nullptr;
+        break;
+    case 4:
+        if (property == authorProperty())
+            return author_.get() != nullptr;
+        break;
+    case 5:
+        if (property == pagesProperty())
+            return true;
+        break;
+    case 6:
+        if (property == sequelProperty())
+            return sequel_.get() != nullptr;
+        break;
+    case 7:
+        if (property == writerProperty())
+            return writer_.get() != nullptr;
+        break;
+    case 8:
+        if (property == isbnProperty() && tag.isPrivileged())
+            return isbn_.has_value();
+        break;
+    case 9:
+        if (property == appendixProperty())
+            return appendix_.get() != nullptr;
+        break;
+    case 10:
+        if (property == appendixOfProperty())
+            return getAppendixOf().get() != nullptr;
+        break;
+    case 11:
+        if (property == chaptersProperty())
+            return hasChapters();
+        break;
+    case 12:
+        if (property == chapterOfProperty())
+            return getChapterOf().get() != nullptr;
+        break;
+    case 13:
+        if (property == coauthorsProperty())
+            return hasCoauthors();
+        break;
+    case 14:
+        if (property == cataloguedProperty())
+            return catalogued_.get() != nullptr;
+        break;
+    case 15:
+        if (property == tagsProperty())
+            return hasTags();
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Book::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == titleProperty())
-        return ::kivra::Value(title_);
-    if (property == subtitleProperty())
-        return subtitle_ ? ::kivra::Value(*subtitle_) : ::kivra::Value(property->getType(), boost::none);
-    if (property == shelfProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getShelf()));
-    if (property == authorProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAuthor()) : ::kivra::ModelElement(author_));
-    if (property == pagesProperty())
-        return ::kivra::Value(pages_);
-    if (property == sequelProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSequel()) : ::kivra::ModelElement(sequel_));
-    if (property == writerProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getWriter()) : ::kivra::ModelElement(writer_));
-    if (property == isbnProperty() && tag.isPrivileged())
-        return isbn_ ? ::kivra::Value(*isbn_) : ::kivra::Value(property->getType(), boost::none);
-    if (property == appendixProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAppendix()) : ::kivra::ModelElement(appendix_));
-    if (property == appendixOfProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getAppendixOf()));
-    if (property == chaptersProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getChaptersMutable() : ensureChapters(), property);
-    if (property == chapterOfProperty())
-        return ::kivra::Value(property->getType(), ::kivra::ModelElement(getChapterOf()));
-    if (property == coauthorsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthorsMutable() : ensureCoauthors(), property);
-    if (property == cataloguedProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getCatalogued()) : ::kivra::ModelElement(catalogued_));
-    if (property == tagsProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getTagsMutable() : ensureTags(), property);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return ::kivra::Value(title_);
+        break;
+    case 2:
+        if (property == subtitleProperty())
+            return subtitle_ ? ::kivra::Value(*subtitle_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    case 3:
+        if (property == shelfProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getShelf()));
+        break;
+    case 4:
+        if (property == authorProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAuthor()) : ::kivra::ModelElement(author_));
+        break;
+    case 5:
+        if (property == pagesProperty())
+            return ::kivra::Value(pages_);
+        break;
+    case 6:
+        if (property == sequelProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getSequel()) : ::kivra::ModelElement(sequel_));
+        break;
+    case 7:
+        if (property == writerProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getWriter()) : ::kivra::ModelElement(writer_));
+        break;
+    case 8:
+        if (property == isbnProperty() && tag.isPrivileged())
+            return isbn_ ? ::kivra::Value(*isbn_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    case 9:
+        if (property == appendixProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getAppendix()) : ::kivra::ModelElement(appendix_));
+        break;
+    case 10:
+        if (property == appendixOfProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getAppendixOf()));
+        break;
+    case 11:
+        if (property == chaptersProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getChaptersMutable() : ensureChapters(), property);
+        break;
+    case 12:
+        if (property == chapterOfProperty())
+            return ::kivra::Value(property->getType(), ::kivra::ModelElement(getChapterOf()));
+        break;
+    case 13:
+        if (property == coauthorsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCoauthorsMutable() : ensureCoauthors(), property);
+        break;
+    case 14:
+        if (property == cataloguedProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getCatalogued()) : ::kivra::ModelElement(catalogued_));
+        break;
+    case 15:
+        if (property == tagsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getTagsMutable() : ensureTags(), property);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Book::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == titleProperty())
-        return setTitle(value.get<basalt::ustring>());
-    if (property == subtitleProperty())
-        return setSubtitle(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
-    if (property == shelfProperty())
-        return setShelf(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
-    if (property == authorProperty())
-        return setAuthor(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
-    if (property == pagesProperty())
-        return setPages(value.get<std::int32_t>());
-    if (property == sequelProperty())
-        return setSequel(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == writerProperty())
-        return setWriter(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
-    if (property == isbnProperty() && tag.isPrivileged())
-        return setIsbn(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
-    if (property == appendixProperty())
-        return setAppendix(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == appendixOfProperty())
-        return setAppendixOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == chaptersProperty())
-        return ::kivra::detail::assignCollection(getChaptersMutable(), value);
-    if (property == chapterOfProperty())
-        return setChapterOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == coauthorsProperty())
-        return ::kivra::detail::assignCollection(getCoauthorsMutable(), value);
-    if (property == cataloguedProperty())
-        return setCatalogued(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
-    if (property == tagsProperty())
-        return ::kivra::detail::assignValues(getTagsMutable(), value);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == titleProperty())
+            return setTitle(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == subtitleProperty())
+            return setSubtitle(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    case 3:
+        if (property == shelfProperty())
+            return setShelf(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
+        break;
+    case 4:
+        if (property == authorProperty())
+            return setAuthor(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
+        break;
+    case 5:
+        if (property == pagesProperty())
+            return setPages(value.get<std::int32_t>());
+        break;
+    case 6:
+        if (property == sequelProperty())
+            return setSequel(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 7:
+        if (property == writerProperty())
+            return setWriter(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
+        break;
+    case 8:
+        if (property == isbnProperty() && tag.isPrivileged())
+            return setIsbn(value.hasPayload() ? boost::make_optional(value.get<std::string>()) : boost::none);
+        break;
+    case 9:
+        if (property == appendixProperty())
+            return setAppendix(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 10:
+        if (property == appendixOfProperty())
+            return setAppendixOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 11:
+        if (property == chaptersProperty())
+            return ::kivra::detail::assignCollection(getChaptersMutable(), value);
+        break;
+    case 12:
+        if (property == chapterOfProperty())
+            return setChapterOf(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 13:
+        if (property == coauthorsProperty())
+            return ::kivra::detail::assignCollection(getCoauthorsMutable(), value);
+        break;
+    case 14:
+        if (property == cataloguedProperty())
+            return setCatalogued(Shelf::fromImpl(::kivra::detail::elementAs<Shelf::Impl>(value)));
+        break;
+    case 15:
+        if (property == tagsProperty())
+            return ::kivra::detail::assignValues(getTagsMutable(), value);
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -25,7 +25,9 @@ Class const &Novel::Impl::getMetaClass() const { return Novel::metaClass(); }
 }
 
 Novel Novel::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Novel element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Novel element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -79,24 +81,42 @@ Novel Novel::Builder::createNovel(bool noCascade, boost::uuids::uuid const &uuid
 bool Novel::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Book::Impl::hasPropertyValue(property, tag);
-    if (property == genreProperty())
-        return genre_.has_value();
+    switch (property->getPropertyIndex()) {
+    case 16:
+        if (property == genreProperty())
+            return genre_.has_value();
+        break;
+    default:
+        break;
+    }
     return Book::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Novel::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return Book::Impl::getPropertyValue(property, tag);
-    if (property == genreProperty())
-        return genre_ ? ::kivra::Value(*genre_) : ::kivra::Value(property->getType(), boost::none);
+    switch (property->getPropertyIndex()) {
+    case 16:
+        if (property == genreProperty())
+            return genre_ ? ::kivra::Value(*genre_) : ::kivra::Value(property->getType(), boost::none);
+        break;
+    default:
+        break;
+    }
     return Book::Impl::getPropertyValue(property, tag);
 }
 
 void Novel::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return Book::Impl::setPropertyValue(property, value, tag);
-    if (property == genreProperty())
-        return setGenre(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+    switch (property->getPropertyIndex()) {
+    case 16:
+        if (property == genreProperty())
+            return setGenre(value.hasPayload() ? boost::make_optional(value.get<basalt::ustring>()) : boost::none);
+        break;
+    default:
+        break;
+    }
     Book::Impl::setPropertyValue(property, value, tag);
 }
 

@@ -79,7 +79,9 @@ Class const &Shelf::Impl::getMetaClass() const { return Shelf::metaClass(); }
 }
 
 Shelf Shelf::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
-    Shelf element(new (model) Impl(model, uuid), /*addReference=*/true);
+    Impl *const made = new (model) Impl(model, uuid);
+    made->addRefWhileUnshared();
+    Shelf element(made, /*addReference=*/false);
     element->notifyCreated();
     return element;
 }
@@ -364,84 +366,162 @@ Shelf Shelf::Builder::createShelf(bool noCascade, boost::uuids::uuid const &uuid
 bool Shelf::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
-    if (property == labelProperty())
-        return true;
-    if (property == featuredProperty())
-        return featured_.get() != nullptr;
-    if (property == booksProperty())
-        return hasBooks();
-    if (property == recommendedProperty())
-        return hasRecommended();
-    if (property == catalogueProperty())
-        return hasCatalogue();
-    if (property == codeProperty())
-        return true;
-    if (property == codesProperty())
-        return hasCodes();
-    if (property == sourcesProperty())
-        return hasSources();
-    if (property == labelsProperty())
-        return hasLabels();
-    if (property == stampProperty())
-        return true;
-    if (property == openedProperty())
-        return true;
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == labelProperty())
+            return true;
+        break;
+    case 2:
+        if (property == featuredProperty())
+            return featured_.get() != nullptr;
+        break;
+    case 3:
+        if (property == booksProperty())
+            return hasBooks();
+        break;
+    case 4:
+        if (property == recommendedProperty())
+            return hasRecommended();
+        break;
+    case 5:
+        if (property == catalogueProperty())
+            return hasCatalogue();
+        break;
+    case 6:
+        if (property == codeProperty())
+            return true;
+        break;
+    case 7:
+        if (property == codesProperty())
+            return hasCodes();
+        break;
+    case 8:
+        if (property == sourcesProperty())
+            return hasSources();
+        break;
+    case 9:
+        if (property == labelsProperty())
+            return hasLabels();
+        break;
+    case 10:
+        if (property == stampProperty())
+            return true;
+        break;
+    case 11:
+        if (property == openedProperty())
+            return true;
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::hasPropertyValue(property, tag);
 }
 
 ::kivra::Value Shelf::Impl::getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const {
     if (!property.get())
         return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
-    if (property == labelProperty())
-        return ::kivra::Value(label_);
-    if (property == featuredProperty())
-        return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFeatured()) : ::kivra::ModelElement(featured_));
-    if (property == booksProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
-    if (property == recommendedProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
-    if (property == catalogueProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
-    if (property == codeProperty())
-        return ::kivra::Value(code_);
-    if (property == codesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCodesMutable() : ensureCodes(), property);
-    if (property == sourcesProperty())
-        return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getSourcesMutable() : ensureSources(), property);
-    if (property == labelsProperty())
-        return ensureLabels().toValue();
-    if (property == stampProperty())
-        return ::kivra::Value(stamp_);
-    if (property == openedProperty())
-        return ::kivra::Value(opened_);
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == labelProperty())
+            return ::kivra::Value(label_);
+        break;
+    case 2:
+        if (property == featuredProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getFeatured()) : ::kivra::ModelElement(featured_));
+        break;
+    case 3:
+        if (property == booksProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getBooksMutable() : ensureBooks(), property);
+        break;
+    case 4:
+        if (property == recommendedProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getRecommendedMutable() : ensureRecommended(), property);
+        break;
+    case 5:
+        if (property == catalogueProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCatalogueMutable() : ensureCatalogue(), property);
+        break;
+    case 6:
+        if (property == codeProperty())
+            return ::kivra::Value(code_);
+        break;
+    case 7:
+        if (property == codesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getCodesMutable() : ensureCodes(), property);
+        break;
+    case 8:
+        if (property == sourcesProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getSourcesMutable() : ensureSources(), property);
+        break;
+    case 9:
+        if (property == labelsProperty())
+            return ensureLabels().toValue();
+        break;
+    case 10:
+        if (property == stampProperty())
+            return ::kivra::Value(stamp_);
+        break;
+    case 11:
+        if (property == openedProperty())
+            return ::kivra::Value(opened_);
+        break;
+    default:
+        break;
+    }
     return ::kivra::ModelElement::Impl::getPropertyValue(property, tag);
 }
 
 void Shelf::Impl::setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) {
     if (!property.get())
         return ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
-    if (property == labelProperty())
-        return setLabel(value.get<basalt::ustring>());
-    if (property == featuredProperty())
-        return setFeatured(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
-    if (property == booksProperty())
-        return ::kivra::detail::assignCollection(getBooksMutable(), value);
-    if (property == recommendedProperty())
-        return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
-    if (property == catalogueProperty())
-        return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
-    if (property == codeProperty())
-        ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u"library.Shelf.code");
-    if (property == codesProperty())
-        return ::kivra::detail::assignValues(getCodesMutable(), value);
-    if (property == sourcesProperty())
-        return ::kivra::detail::assignValues(getSourcesMutable(), value);
-    if (property == labelsProperty())
-        return getLabelsMutable().assign(::kivra::StringToStringMap::fromValue(value));
-    if (property == stampProperty())
-        return setStamp(value.get<boost::uuids::uuid>());
-    if (property == openedProperty())
-        return setOpened(value.get<boost::posix_time::ptime>());
+    switch (property->getPropertyIndex()) {
+    case 1:
+        if (property == labelProperty())
+            return setLabel(value.get<basalt::ustring>());
+        break;
+    case 2:
+        if (property == featuredProperty())
+            return setFeatured(Book::fromImpl(::kivra::detail::elementAs<Book::Impl>(value)));
+        break;
+    case 3:
+        if (property == booksProperty())
+            return ::kivra::detail::assignCollection(getBooksMutable(), value);
+        break;
+    case 4:
+        if (property == recommendedProperty())
+            return ::kivra::detail::assignCollection(getRecommendedMutable(), value);
+        break;
+    case 5:
+        if (property == catalogueProperty())
+            return ::kivra::detail::assignCollection(getCatalogueMutable(), value);
+        break;
+    case 6:
+        if (property == codeProperty())
+            ::kivra::raise<::kivra::messages::CannotSetReadOnlyProperty>(u"library.Shelf.code");
+        break;
+    case 7:
+        if (property == codesProperty())
+            return ::kivra::detail::assignValues(getCodesMutable(), value);
+        break;
+    case 8:
+        if (property == sourcesProperty())
+            return ::kivra::detail::assignValues(getSourcesMutable(), value);
+        break;
+    case 9:
+        if (property == labelsProperty())
+            return getLabelsMutable().assign(::kivra::StringToStringMap::fromValue(value));
+        break;
+    case 10:
+        if (property == stampProperty())
+            return setStamp(value.get<boost::uuids::uuid>());
+        break;
+    case 11:
+        if (property == openedProperty())
+            return setOpened(value.get<boost::posix_time::ptime>());
+        break;
+    default:
+        break;
+    }
     ::kivra::ModelElement::Impl::setPropertyValue(property, value, tag);
 }
 
