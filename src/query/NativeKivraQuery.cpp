@@ -350,7 +350,7 @@ struct PairCode {
         return static_cast<std::size_t>(code & ((std::uint64_t{1} << shift) - 1));
     }
 };
-using Pairs = std::vector<std::uint64_t>;
+using Pairs = std::vector<std::uint64_t, UnwrittenAllocator<std::uint64_t>>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
@@ -390,12 +390,16 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
     return out;
 }
 
-using Placed = std::pair<ModelElement::Impl const *, std::size_t>;
+// A holder and its row; left unwritten when made, as a table of them is filled right after.
+struct Placed {
+    ModelElement::Impl const *element;
+    std::size_t row;
+};
 
 // Orders `items` by `keyOf` (at most `highest`) with a least-significant-digit radix sort:
 // stable, one pass that counts every digit at once, then one pass per digit that writes to a
 // few thousand places in turn; a digit that all keys share is passed over.
-template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std::uint64_t highest, KeyOf keyOf) {
+template <class Items, class KeyOf> void radixSort(Items &items, std::uint64_t highest, KeyOf keyOf) {
     constexpr unsigned digit = 11;
     constexpr std::size_t buckets = std::size_t{1} << digit;
     constexpr std::uint64_t mask = buckets - 1;
@@ -403,12 +407,12 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
     if (digits == 0 || items.size() < 2)
         return;
     std::vector<std::array<std::size_t, buckets>> starts(digits);
-    for (Item const &item : items) {
+    for (auto const &item : items) {
         std::uint64_t const key = keyOf(item);
         for (unsigned d = 0; d < digits; ++d)
             ++starts[d][key >> (d * digit) & mask];
     }
-    std::vector<Item> scratch(items.size());
+    Items scratch(items.size());
     for (unsigned d = 0; d < digits; ++d) {
         auto &start = starts[d];
         if (std::find(start.begin(), start.end(), items.size()) != start.end())
@@ -417,7 +421,7 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
         for (std::size_t &count : start)
             sum += std::exchange(count, sum);
         unsigned const shift = d * digit;
-        for (Item const &item : items)
+        for (auto const &item : items)
             scratch[start[keyOf(item) >> shift & mask]++] = item;
         items.swap(scratch);
     }
@@ -426,12 +430,13 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
 // In the order of the elements' memory, to a cache line; what lies on one line keeps its
 // order. Elements of a model lie close together: their lines' distances from the lowest
 // take two or three digits.
-void sortByLine(std::vector<Placed> &items) {
+void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
     if (items.size() < 2)
         return;
-    auto const [low, high] = std::minmax_element(items.begin(), items.end());
-    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->first)](Placed const &item) -> std::uint64_t {
-        return (reinterpret_cast<std::uintptr_t>(item.first) - base) >> 6;
+    auto const [low, high] = std::minmax_element(
+        items.begin(), items.end(), [](Placed const &a, Placed const &b) { return a.element < b.element; });
+    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->element)](Placed const &item) -> std::uint64_t {
+        return (reinterpret_cast<std::uintptr_t>(item.element) - base) >> 6;
     };
     radixSort(items, lineOf(*high), lineOf);
 }
@@ -490,7 +495,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // The pairs are put in order afterwards, so the holders are read in the order of their
     // memory, where elements made one after another lie side by side, and not in the
     // table's order, which sends each read, and the reads of its collection, to a new place.
-    std::vector<Placed> byPlace(holders.rowCount());
+    std::vector<Placed, UnwrittenAllocator<Placed>> byPlace(holders.rowCount());
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
         byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
     sortByLine(byPlace);
