@@ -212,24 +212,26 @@ namespace {
 
 constexpr std::size_t none = ~std::size_t{0};
 
+// Holds what its rows name: the caller may change the model while it reads them.
 class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
 public:
-    explicit NativeResultIterator(ResultSet rows) : rows_(std::move(rows)) {}
+    NativeResultIterator(std::size_t width, Cells cells, std::vector<ModelElement> elements)
+        : width_(width), cells_(std::move(cells)), elements_(std::move(elements)) {}
     bool next(std::vector<ModelElement> &row) override {
-        std::size_t const width = rows_.width();
-        if (position_ >= rows_.rowCount()) {
-            row.assign(width, ModelElement());
+        if (width_ == 0 || position_ >= cells_.size()) {
+            row.assign(width_, ModelElement());
             return false;
         }
-        row.resize(width);
-        for (std::size_t column = 0; column < width; ++column)
-            row[column] = rows_.at(position_, column);
-        ++position_;
+        row.resize(width_);
+        for (std::size_t column = 0; column < width_; ++column)
+            row[column] = elements_[cells_[position_++]];
         return true;
     }
 
 private:
-    ResultSet rows_;
+    std::size_t width_;
+    Cells cells_;
+    std::vector<ModelElement> elements_;
     std::size_t position_ = 0;
 };
 
@@ -356,7 +358,7 @@ using Pairs = std::vector<std::uint64_t, UnwrittenAllocator<std::uint64_t>>;
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
 // on either side, since only the plain walk raises where the comparator would.
 std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
-                                   std::vector<ModelElement> const &elements, ResultSet const &first,
+                                   std::vector<ModelElement::Impl *> const &elements, ResultSet const &first,
                                    ResultSet const &second) {
     bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
     // The comparator is the one of property A; elements compare empty or not.
@@ -443,7 +445,7 @@ void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
-Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement> const &elements,
+Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement::Impl *> const &elements,
                        ResultSet const &first, ResultSet const &second) {
     bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
     ResultSet const &holders = holderInFirst ? first : second;
@@ -454,10 +456,10 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     bool valuesHoldProxies = false;
     for (std::size_t i = 0; i < values.rowCount(); ++i) {
         if (i + 8 < values.rowCount())
-            __builtin_prefetch(elements[values.row(i + 8)[valueColumn]].get());
-        ModelElement const &value = elements[values.row(i)[valueColumn]];
-        byElement.add(value.get(), i);
-        valuesHoldProxies = valuesHoldProxies || (value && value->isProxy());
+            __builtin_prefetch(elements[values.row(i + 8)[valueColumn]]);
+        ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
+        byElement.add(value, i);
+        valuesHoldProxies = valuesHoldProxies || (value && value->isValid() && value->isProxy());
     }
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
@@ -485,7 +487,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         if (!byUuidText) {
             byUuidText.emplace(values.rowCount());
             for (std::size_t i = 0; i < values.rowCount(); ++i)
-                if (ModelElement const &value = elements[values.row(i)[valueColumn]])
+                if (ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
+                    value && value->isValid())
                     byUuidText->add(basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid())), i);
         }
         byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
@@ -497,7 +500,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // table's order, which sends each read, and the reads of its collection, to a new place.
     std::vector<Placed, UnwrittenAllocator<Placed>> byPlace(holders.rowCount());
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
-        byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
+        byPlace[h] = {elements[holders.row(h)[holderColumn]], h};
     sortByLine(byPlace);
     // The entries of sequences, the common collection, are looked up a few entries after
     // they are read, their place in the table asked for meanwhile. The sequences keep them.
@@ -555,7 +558,7 @@ void orderPairs(Pairs &pairs) {
 }
 
 // `exact` tells that every pair passes `constraint`, not only those that may.
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement> const &elements,
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement::Impl *> const &elements,
                                     ResultSet const &first, ResultSet const &second, bool &exact) {
     exact = false;
     if (hashableEquality(constraint))
@@ -571,14 +574,15 @@ std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vecto
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &elements, RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
     bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
     ClassFilter filter(instances);
-    // The walk takes no count on what it visits; only an element that some instance keeps
-    // is held, once, and its place among the held ones keeps the table's order.
+    // The walk takes no count on what it visits, nor on what it keeps, since the model keeps
+    // it: an element that some instance keeps is listed once, and its place in the list
+    // keeps the table's order.
     auto const visit = [&](ModelElement::Impl *element) {
         ++counts.scanned;
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
@@ -594,7 +598,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &element
                 continue;
             if (place == none) {
                 place = elements.size();
-                elements.push_back(ModelElement::fromImpl(element));
+                elements.push_back(element);
             }
             sets[id].cells.push_back(place);
         }
@@ -619,7 +623,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &element
     return sets;
 }
 
-void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
+void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, std::vector<std::size_t> const &ids,
                             std::vector<std::unique_ptr<JoinConstraint>> const &group,
                             std::vector<ResultSet> &sets, RunCounts &counts) const {
     // The sets that hold the ids, each once, in order of first meeting.
@@ -645,14 +649,14 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     std::vector<std::size_t> at; // the column of each id in the concatenated row
     for (std::size_t const id : ids)
         at.push_back(columnOf(out, id));
-    std::vector<ModelElement const *> arguments(ids.size());
+    std::vector<ModelElement::Impl const *> arguments(ids.size());
     std::size_t firstToTest = 0;
     auto const passes = [&](std::size_t const *row) {
         ++counts.combined;
         if (firstToTest == group.size())
             return true;
         for (std::size_t i = 0; i < ids.size(); ++i)
-            arguments[i] = &elements[row[at[i]]];
+            arguments[i] = elements[row[at[i]]];
         for (std::size_t c = firstToTest; c < group.size(); ++c)
             if (!group[c]->test(arguments, ids))
                 return false;
@@ -707,8 +711,8 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         raise<NoModel>();
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
-    // Held for the whole run: the rows name elements by their place here.
-    std::vector<ModelElement> elements;
+    // The rows name elements by their place here.
+    std::vector<ModelElement::Impl *> elements;
     std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
         join(elements, ids, group, sets, counts);
@@ -732,7 +736,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         for (std::size_t row = 0; row < result.rowCount(); ++row) {
             bool passes = false;
             for (std::size_t i = 0; i < columns.size() && !passes; ++i)
-                passes = disjunction->constraints[i]->test(*result.at(row, columns[i]).get());
+                passes = disjunction->constraints[i]->test(*result.element(row, columns[i]));
             if (!passes)
                 continue;
             if (kept != row)
@@ -774,21 +778,21 @@ std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::
     for (std::size_t const id : wanted)
         from.push_back(columnOf(result, id));
     // The iterator keeps the wanted columns and only the elements that they name, each once.
-    ResultSet kept;
-    kept.instanceIds = std::move(wanted);
-    kept.cells.reserve(result.rowCount() * from.size());
+    Cells cells;
+    cells.reserve(result.rowCount() * from.size());
+    std::vector<ModelElement> kept;
     std::vector<std::size_t> place(result.elements.size(), none);
     for (std::size_t row = 0; row < result.rowCount(); ++row) {
         for (std::size_t const column : from) {
             std::size_t const element = result.row(row)[column];
             if (place[element] == none) {
-                place[element] = kept.elements.size();
-                kept.elements.push_back(std::move(result.elements[element]));
+                place[element] = kept.size();
+                kept.push_back(ModelElement::fromImpl(result.elements[element]));
             }
-            kept.cells.push_back(place[element]);
+            cells.push_back(place[element]);
         }
     }
-    return std::make_unique<NativeResultIterator>(std::move(kept));
+    return std::make_unique<NativeResultIterator>(from.size(), std::move(cells), std::move(kept));
 }
 
 std::vector<ModelElement> NativeKivraQuery::getFirstResult() {
