@@ -610,7 +610,11 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     constexpr std::size_t linesAhead = 3;
     std::array<ModelElement::Impl *, ahead> pending{};
     std::size_t seen = 0;
-    kivra::detail::ElementTableAccess::elementsOf(*model.get()).forEach([&](ModelElement::Impl *element) {
+    kivra::detail::ElementSet const &table = kivra::detail::ElementTableAccess::elementsOf(*model.get());
+    // Room for every element, so that the list is never copied as it grows; memory reserved
+    // and never written costs no page.
+    elements.reserve(table.size());
+    table.forEach([&](ModelElement::Impl *element) {
         for (std::size_t line = 0; line < linesAhead; ++line)
             __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
         ModelElement::Impl *&slot = pending[seen++ % ahead];
