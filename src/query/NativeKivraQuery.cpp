@@ -24,6 +24,7 @@
 #include <bit>
 #include <limits>
 #include <optional>
+#include <typeinfo>
 #include <utility>
 #include <cstddef>
 
@@ -507,6 +508,28 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     constexpr std::size_t ahead = 16;
     std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
     std::size_t queued = 0, entered = 0;
+    auto const queue = [&](std::size_t h, ElementSequenceBase const &sequence) {
+        for (std::size_t i = 0; i < sequence.size(); ++i) {
+            ModelElement::Impl const *const entry = sequence.rawAt(i).get();
+            byElement.prefetch(entry);
+            if (queued - entered == ahead) {
+                auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
+                enter(earlierHolder, earlierEntry);
+            }
+            waiting[queued++ % ahead] = {h, entry};
+        }
+    };
+    // The holders of one property share one kind of collection: whether it is a sequence is
+    // asked again only of another kind.
+    std::type_info const *lastKind = nullptr;
+    bool lastIsSequence = false;
+    auto const sequenceOf = [&](ReferenceCollection const &collection) -> ElementSequenceBase const * {
+        if (std::type_info const &kind = typeid(collection); &kind != lastKind) {
+            lastKind = &kind;
+            lastIsSequence = asElementSequence(collection) != nullptr;
+        }
+        return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
+    };
     meta::Property::Impl const &described = *property.get();
     for (auto const &[holder, h] : byPlace) {
         // A generated holder shows a collection it has made where it lies: no value is made
@@ -514,23 +537,22 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         // entry that resolves to a value by an id other than its UUID would be missed.
         auto const *collection =
             single ? nullptr : static_cast<ReferenceCollection const *>(holder->nativeValueAddress(described));
-        if (collection)
+        if (collection) {
             kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
-        std::optional<Value> value;
-        if (!collection) {
-            value.emplace(holder->getPropertyValue(property, ReflectiveQuery::privilegedTag));
-            collection = single || !value->hasPayload() ? nullptr : managedReferenceCollection(*value);
-        }
-        if (ElementSequenceBase const *const sequence = collection ? asElementSequence(*collection) : nullptr) {
-            for (std::size_t i = 0; i < sequence->size(); ++i) {
-                ModelElement::Impl const *const entry = sequence->rawAt(i).get();
-                byElement.prefetch(entry);
-                if (queued - entered == ahead) {
-                    auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
-                    enter(earlierHolder, earlierEntry);
-                }
-                waiting[queued++ % ahead] = {h, entry};
+            if (ElementSequenceBase const *const sequence = sequenceOf(*collection)) {
+                queue(h, *sequence);
+                continue;
             }
+            for (ModelElement const &entry : collection->getAllValuesAndProxies())
+                enter(h, entry.get());
+            continue;
+        }
+        // Only a holder that shows no collection makes a value: an empty one made for every
+        // holder was a clear of its bytes each time.
+        Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        collection = single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
+        if (ElementSequenceBase const *const sequence = collection ? sequenceOf(*collection) : nullptr) {
+            queue(h, *sequence);
             continue;
         }
         if (collection) {
@@ -538,7 +560,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
                 enter(h, entry.get());
             continue;
         }
-        anyHeldElement(*value, single, [&](ModelElement const &entry) {
+        anyHeldElement(value, single, [&](ModelElement const &entry) {
             enter(h, entry.get());
             return false;
         });
