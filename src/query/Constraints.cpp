@@ -38,9 +38,9 @@ Value readScalar(ModelElement::Impl const &element, meta::Property const &proper
 }
 
 // The element of `instance` in a row that holds the elements of `ids`.
-ModelElement const &elementOf(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids,
-                              std::size_t instance) {
-    return ids[0] == instance ? *row[0] : *row[1];
+ModelElement::Impl const *elementOf(std::span<ModelElement::Impl const *const> row,
+                                    std::vector<std::size_t> const &ids, std::size_t instance) {
+    return ids[0] == instance ? row[0] : row[1];
 }
 
 // The field of `NativeOperand` that holds a constant of native type `T`.
@@ -195,17 +195,17 @@ void PropertyRelationValueConstraint::replayInto(ReflectiveDisjunction &target) 
     target.addPropertyRelationValue(property, relation, constant, instance);
 }
 
-bool AssociatedObjectConstraint::test(std::span<ModelElement const *const> row,
+bool AssociatedObjectConstraint::test(std::span<ModelElement::Impl const *const> row,
                                       std::vector<std::size_t> const &ids) const {
-    ModelElement const &holder = elementOf(row, ids, holderInstance);
-    ModelElement const &target = ids[0] == holderInstance ? *row[1] : *row[0];
-    if (!holder || !target)
+    ModelElement::Impl const *const holder = elementOf(row, ids, holderInstance);
+    ModelElement::Impl const *const target = ids[0] == holderInstance ? row[1] : row[0];
+    if (!holder || !holder->isValid() || !target || !target->isValid())
         return false;
     Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
     // A proxy of the target names it by UUID; the text is made once, and only if needed.
     boost::optional<basalt::ustring> targetUuid;
     auto const matches = [&](ModelElement const &entry) {
-        if (entry == target)
+        if (entry.get() == target)
             return true;
         if (!entry || !entry->isProxy())
             return false;
@@ -224,7 +224,7 @@ void AssociatedObjectConstraint::replay(ReflectiveQuery &target) const {
     target.addAssociatedObject(property, holderInstance, valueInstance);
 }
 
-bool PropertyRelationPropertyJoinConstraint::test(std::span<ModelElement const *const> row,
+bool PropertyRelationPropertyJoinConstraint::test(std::span<ModelElement::Impl const *const> row,
                                                   std::vector<std::size_t> const &ids) const {
     return (*comparator)(elementOf(row, ids, instanceA)->getPropertyValue(propertyA, tag()),
                          elementOf(row, ids, instanceB)->getPropertyValue(propertyB, tag()));

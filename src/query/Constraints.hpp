@@ -118,7 +118,7 @@ public:
     virtual ~JoinConstraint();
     virtual std::vector<std::size_t> getInstances() const = 0;
     /// `row` holds the elements of the instances `ids`, in that order.
-    virtual bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const = 0;
+    virtual bool test(std::span<ModelElement::Impl const *const> row, std::vector<std::size_t> const &ids) const = 0;
     virtual void replay(ReflectiveQuery &target) const = 0;
 };
 
@@ -128,7 +128,7 @@ public:
     AssociatedObjectConstraint(meta::Property property, std::size_t holderInstance, std::size_t valueInstance)
         : property(std::move(property)), holderInstance(holderInstance), valueInstance(valueInstance) {}
     std::vector<std::size_t> getInstances() const override { return {holderInstance, valueInstance}; }
-    bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const override;
+    bool test(std::span<ModelElement::Impl const *const> row, std::vector<std::size_t> const &ids) const override;
     void replay(ReflectiveQuery &target) const override;
 
     meta::Property property;
@@ -144,7 +144,7 @@ public:
         : propertyA(std::move(a)), instanceA(instanceA), relation(relation), propertyB(std::move(b)),
           instanceB(instanceB), comparator(comparator) {}
     std::vector<std::size_t> getInstances() const override { return {instanceA, instanceB}; }
-    bool test(std::span<ModelElement const *const> row, std::vector<std::size_t> const &ids) const override;
+    bool test(std::span<ModelElement::Impl const *const> row, std::vector<std::size_t> const &ids) const override;
     void replay(ReflectiveQuery &target) const override;
 
     meta::Property propertyA;

@@ -24,6 +24,7 @@
 #include <bit>
 #include <limits>
 #include <optional>
+#include <typeinfo>
 #include <utility>
 #include <cstddef>
 
@@ -212,24 +213,26 @@ namespace {
 
 constexpr std::size_t none = ~std::size_t{0};
 
+// Holds what its rows name: the caller may change the model while it reads them.
 class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
 public:
-    explicit NativeResultIterator(ResultSet rows) : rows_(std::move(rows)) {}
+    NativeResultIterator(std::size_t width, Cells cells, std::vector<ModelElement> elements)
+        : width_(width), cells_(std::move(cells)), elements_(std::move(elements)) {}
     bool next(std::vector<ModelElement> &row) override {
-        std::size_t const width = rows_.width();
-        if (position_ >= rows_.rowCount()) {
-            row.assign(width, ModelElement());
+        if (width_ == 0 || position_ >= cells_.size()) {
+            row.assign(width_, ModelElement());
             return false;
         }
-        row.resize(width);
-        for (std::size_t column = 0; column < width; ++column)
-            row[column] = rows_.at(position_, column);
-        ++position_;
+        row.resize(width_);
+        for (std::size_t column = 0; column < width_; ++column)
+            row[column] = elements_[cells_[position_++]];
         return true;
     }
 
 private:
-    ResultSet rows_;
+    std::size_t width_;
+    Cells cells_;
+    std::vector<ModelElement> elements_;
     std::size_t position_ = 0;
 };
 
@@ -350,13 +353,13 @@ struct PairCode {
         return static_cast<std::size_t>(code & ((std::uint64_t{1} << shift) - 1));
     }
 };
-using Pairs = std::vector<std::uint64_t>;
+using Pairs = std::vector<std::uint64_t, UnwrittenAllocator<std::uint64_t>>;
 
 // Pairs (row of second, row of first) whose values of an equality may be equal: their
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
 // on either side, since only the plain walk raises where the comparator would.
 std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
-                                   std::vector<ModelElement> const &elements, ResultSet const &first,
+                                   std::vector<ModelElement::Impl *> const &elements, ResultSet const &first,
                                    ResultSet const &second) {
     bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
     // The comparator is the one of property A; elements compare empty or not.
@@ -390,12 +393,16 @@ std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const 
     return out;
 }
 
-using Placed = std::pair<ModelElement::Impl const *, std::size_t>;
+// A holder and its row; left unwritten when made, as a table of them is filled right after.
+struct Placed {
+    ModelElement::Impl const *element;
+    std::size_t row;
+};
 
 // Orders `items` by `keyOf` (at most `highest`) with a least-significant-digit radix sort:
 // stable, one pass that counts every digit at once, then one pass per digit that writes to a
 // few thousand places in turn; a digit that all keys share is passed over.
-template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std::uint64_t highest, KeyOf keyOf) {
+template <class Items, class KeyOf> void radixSort(Items &items, std::uint64_t highest, KeyOf keyOf) {
     constexpr unsigned digit = 11;
     constexpr std::size_t buckets = std::size_t{1} << digit;
     constexpr std::uint64_t mask = buckets - 1;
@@ -403,12 +410,12 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
     if (digits == 0 || items.size() < 2)
         return;
     std::vector<std::array<std::size_t, buckets>> starts(digits);
-    for (Item const &item : items) {
+    for (auto const &item : items) {
         std::uint64_t const key = keyOf(item);
         for (unsigned d = 0; d < digits; ++d)
             ++starts[d][key >> (d * digit) & mask];
     }
-    std::vector<Item> scratch(items.size());
+    Items scratch(items.size());
     for (unsigned d = 0; d < digits; ++d) {
         auto &start = starts[d];
         if (std::find(start.begin(), start.end(), items.size()) != start.end())
@@ -417,7 +424,7 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
         for (std::size_t &count : start)
             sum += std::exchange(count, sum);
         unsigned const shift = d * digit;
-        for (Item const &item : items)
+        for (auto const &item : items)
             scratch[start[keyOf(item) >> shift & mask]++] = item;
         items.swap(scratch);
     }
@@ -426,19 +433,20 @@ template <class Item, class KeyOf> void radixSort(std::vector<Item> &items, std:
 // In the order of the elements' memory, to a cache line; what lies on one line keeps its
 // order. Elements of a model lie close together: their lines' distances from the lowest
 // take two or three digits.
-void sortByLine(std::vector<Placed> &items) {
+void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
     if (items.size() < 2)
         return;
-    auto const [low, high] = std::minmax_element(items.begin(), items.end());
-    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->first)](Placed const &item) -> std::uint64_t {
-        return (reinterpret_cast<std::uintptr_t>(item.first) - base) >> 6;
+    auto const [low, high] = std::minmax_element(
+        items.begin(), items.end(), [](Placed const &a, Placed const &b) { return a.element < b.element; });
+    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->element)](Placed const &item) -> std::uint64_t {
+        return (reinterpret_cast<std::uintptr_t>(item.element) - base) >> 6;
     };
     radixSort(items, lineOf(*high), lineOf);
 }
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
-Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement> const &elements,
+Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement::Impl *> const &elements,
                        ResultSet const &first, ResultSet const &second) {
     bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
     ResultSet const &holders = holderInFirst ? first : second;
@@ -449,10 +457,10 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     bool valuesHoldProxies = false;
     for (std::size_t i = 0; i < values.rowCount(); ++i) {
         if (i + 8 < values.rowCount())
-            __builtin_prefetch(elements[values.row(i + 8)[valueColumn]].get());
-        ModelElement const &value = elements[values.row(i)[valueColumn]];
-        byElement.add(value.get(), i);
-        valuesHoldProxies = valuesHoldProxies || (value && value->isProxy());
+            __builtin_prefetch(elements[values.row(i + 8)[valueColumn]]);
+        ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
+        byElement.add(value, i);
+        valuesHoldProxies = valuesHoldProxies || (value && value->isValid() && value->isProxy());
     }
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
@@ -480,7 +488,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         if (!byUuidText) {
             byUuidText.emplace(values.rowCount());
             for (std::size_t i = 0; i < values.rowCount(); ++i)
-                if (ModelElement const &value = elements[values.row(i)[valueColumn]])
+                if (ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
+                    value && value->isValid())
                     byUuidText->add(basalt::i18n::utf8_to_ustring(boost::uuids::to_string(value->getUuid())), i);
         }
         byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
@@ -490,15 +499,37 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     // The pairs are put in order afterwards, so the holders are read in the order of their
     // memory, where elements made one after another lie side by side, and not in the
     // table's order, which sends each read, and the reads of its collection, to a new place.
-    std::vector<Placed> byPlace(holders.rowCount());
+    std::vector<Placed, UnwrittenAllocator<Placed>> byPlace(holders.rowCount());
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
-        byPlace[h] = {elements[holders.row(h)[holderColumn]].get(), h};
+        byPlace[h] = {elements[holders.row(h)[holderColumn]], h};
     sortByLine(byPlace);
     // The entries of sequences, the common collection, are looked up a few entries after
     // they are read, their place in the table asked for meanwhile. The sequences keep them.
     constexpr std::size_t ahead = 16;
     std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
     std::size_t queued = 0, entered = 0;
+    auto const queue = [&](std::size_t h, ElementSequenceBase const &sequence) {
+        for (std::size_t i = 0; i < sequence.size(); ++i) {
+            ModelElement::Impl const *const entry = sequence.rawAt(i).get();
+            byElement.prefetch(entry);
+            if (queued - entered == ahead) {
+                auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
+                enter(earlierHolder, earlierEntry);
+            }
+            waiting[queued++ % ahead] = {h, entry};
+        }
+    };
+    // The holders of one property share one kind of collection: whether it is a sequence is
+    // asked again only of another kind.
+    std::type_info const *lastKind = nullptr;
+    bool lastIsSequence = false;
+    auto const sequenceOf = [&](ReferenceCollection const &collection) -> ElementSequenceBase const * {
+        if (std::type_info const &kind = typeid(collection); &kind != lastKind) {
+            lastKind = &kind;
+            lastIsSequence = asElementSequence(collection) != nullptr;
+        }
+        return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
+    };
     meta::Property::Impl const &described = *property.get();
     for (auto const &[holder, h] : byPlace) {
         // A generated holder shows a collection it has made where it lies: no value is made
@@ -506,23 +537,22 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         // entry that resolves to a value by an id other than its UUID would be missed.
         auto const *collection =
             single ? nullptr : static_cast<ReferenceCollection const *>(holder->nativeValueAddress(described));
-        if (collection)
+        if (collection) {
             kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
-        std::optional<Value> value;
-        if (!collection) {
-            value.emplace(holder->getPropertyValue(property, ReflectiveQuery::privilegedTag));
-            collection = single || !value->hasPayload() ? nullptr : managedReferenceCollection(*value);
-        }
-        if (ElementSequenceBase const *const sequence = collection ? asElementSequence(*collection) : nullptr) {
-            for (std::size_t i = 0; i < sequence->size(); ++i) {
-                ModelElement::Impl const *const entry = sequence->rawAt(i).get();
-                byElement.prefetch(entry);
-                if (queued - entered == ahead) {
-                    auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
-                    enter(earlierHolder, earlierEntry);
-                }
-                waiting[queued++ % ahead] = {h, entry};
+            if (ElementSequenceBase const *const sequence = sequenceOf(*collection)) {
+                queue(h, *sequence);
+                continue;
             }
+            for (ModelElement const &entry : collection->getAllValuesAndProxies())
+                enter(h, entry.get());
+            continue;
+        }
+        // Only a holder that shows no collection makes a value: an empty one made for every
+        // holder was a clear of its bytes each time.
+        Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
+        collection = single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
+        if (ElementSequenceBase const *const sequence = collection ? sequenceOf(*collection) : nullptr) {
+            queue(h, *sequence);
             continue;
         }
         if (collection) {
@@ -530,7 +560,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
                 enter(h, entry.get());
             continue;
         }
-        anyHeldElement(*value, single, [&](ModelElement const &entry) {
+        anyHeldElement(value, single, [&](ModelElement const &entry) {
             enter(h, entry.get());
             return false;
         });
@@ -550,7 +580,7 @@ void orderPairs(Pairs &pairs) {
 }
 
 // `exact` tells that every pair passes `constraint`, not only those that may.
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement> const &elements,
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement::Impl *> const &elements,
                                     ResultSet const &first, ResultSet const &second, bool &exact) {
     exact = false;
     if (hashableEquality(constraint))
@@ -566,14 +596,15 @@ std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vecto
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &elements, RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
     bool const filterByClass = !plainEvaluation && instances.size() <= ClassFilter::maxInstances;
     ClassFilter filter(instances);
-    // The walk takes no count on what it visits; only an element that some instance keeps
-    // is held, once, and its place among the held ones keeps the table's order.
+    // The walk takes no count on what it visits, nor on what it keeps, since the model keeps
+    // it: an element that some instance keeps is listed once, and its place in the list
+    // keeps the table's order.
     auto const visit = [&](ModelElement::Impl *element) {
         ++counts.scanned;
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
@@ -589,7 +620,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &element
                 continue;
             if (place == none) {
                 place = elements.size();
-                elements.push_back(ModelElement::fromImpl(element));
+                elements.push_back(element);
             }
             sets[id].cells.push_back(place);
         }
@@ -601,7 +632,11 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &element
     constexpr std::size_t linesAhead = 3;
     std::array<ModelElement::Impl *, ahead> pending{};
     std::size_t seen = 0;
-    kivra::detail::ElementTableAccess::elementsOf(*model.get()).forEach([&](ModelElement::Impl *element) {
+    kivra::detail::ElementSet const &table = kivra::detail::ElementTableAccess::elementsOf(*model.get());
+    // Room for every element, so that the list is never copied as it grows; memory reserved
+    // and never written costs no page.
+    elements.reserve(table.size());
+    table.forEach([&](ModelElement::Impl *element) {
         for (std::size_t line = 0; line < linesAhead; ++line)
             __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
         ModelElement::Impl *&slot = pending[seen++ % ahead];
@@ -614,7 +649,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement> &element
     return sets;
 }
 
-void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vector<std::size_t> const &ids,
+void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, std::vector<std::size_t> const &ids,
                             std::vector<std::unique_ptr<JoinConstraint>> const &group,
                             std::vector<ResultSet> &sets, RunCounts &counts) const {
     // The sets that hold the ids, each once, in order of first meeting.
@@ -640,14 +675,14 @@ void NativeKivraQuery::join(std::vector<ModelElement> const &elements, std::vect
     std::vector<std::size_t> at; // the column of each id in the concatenated row
     for (std::size_t const id : ids)
         at.push_back(columnOf(out, id));
-    std::vector<ModelElement const *> arguments(ids.size());
+    std::vector<ModelElement::Impl const *> arguments(ids.size());
     std::size_t firstToTest = 0;
     auto const passes = [&](std::size_t const *row) {
         ++counts.combined;
         if (firstToTest == group.size())
             return true;
         for (std::size_t i = 0; i < ids.size(); ++i)
-            arguments[i] = &elements[row[at[i]]];
+            arguments[i] = elements[row[at[i]]];
         for (std::size_t c = firstToTest; c < group.size(); ++c)
             if (!group[c]->test(arguments, ids))
                 return false;
@@ -702,8 +737,8 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         raise<NoModel>();
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
-    // Held for the whole run: the rows name elements by their place here.
-    std::vector<ModelElement> elements;
+    // The rows name elements by their place here.
+    std::vector<ModelElement::Impl *> elements;
     std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
         join(elements, ids, group, sets, counts);
@@ -727,7 +762,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
         for (std::size_t row = 0; row < result.rowCount(); ++row) {
             bool passes = false;
             for (std::size_t i = 0; i < columns.size() && !passes; ++i)
-                passes = disjunction->constraints[i]->test(*result.at(row, columns[i]).get());
+                passes = disjunction->constraints[i]->test(*result.element(row, columns[i]));
             if (!passes)
                 continue;
             if (kept != row)
@@ -769,21 +804,21 @@ std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::
     for (std::size_t const id : wanted)
         from.push_back(columnOf(result, id));
     // The iterator keeps the wanted columns and only the elements that they name, each once.
-    ResultSet kept;
-    kept.instanceIds = std::move(wanted);
-    kept.cells.reserve(result.rowCount() * from.size());
+    Cells cells;
+    cells.reserve(result.rowCount() * from.size());
+    std::vector<ModelElement> kept;
     std::vector<std::size_t> place(result.elements.size(), none);
     for (std::size_t row = 0; row < result.rowCount(); ++row) {
         for (std::size_t const column : from) {
             std::size_t const element = result.row(row)[column];
             if (place[element] == none) {
-                place[element] = kept.elements.size();
-                kept.elements.push_back(std::move(result.elements[element]));
+                place[element] = kept.size();
+                kept.push_back(ModelElement::fromImpl(result.elements[element]));
             }
-            kept.cells.push_back(place[element]);
+            cells.push_back(place[element]);
         }
     }
-    return std::make_unique<NativeResultIterator>(std::move(kept));
+    return std::make_unique<NativeResultIterator>(from.size(), std::move(cells), std::move(kept));
 }
 
 std::vector<ModelElement> NativeKivraQuery::getFirstResult() {

@@ -184,10 +184,10 @@ bool sortNatively(ResultSet const &rows, std::size_t column, meta::Property cons
     constexpr std::size_t ahead = 8;
     for (std::size_t row = 0; row < count; ++row) {
         if (row + ahead < count)
-            __builtin_prefetch(rows.at(row + ahead, column).get());
-        ModelElement const &element = rows.at(row, column);
+            __builtin_prefetch(rows.element(row + ahead, column));
+        ModelElement::Impl const *const element = rows.element(row, column);
         auto const index = static_cast<std::uint32_t>(row);
-        if (!element) {
+        if (!element || !element->isValid()) {
             missing.push_back(index);
             continue;
         }
@@ -258,8 +258,8 @@ void ByPropertySorting::sort(ResultSet &rows) const {
         std::vector<SortKey> keys;
         keys.reserve(count);
         for (std::size_t row = 0; row < count; ++row) {
-            ModelElement const &element = rows.at(row, at);
-            if (!element) {
+            ModelElement::Impl const *const element = rows.element(row, at);
+            if (!element || !element->isValid()) {
                 keys.push_back({Value(type, boost::none), false, false});
                 continue;
             }

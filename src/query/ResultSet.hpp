@@ -1,7 +1,7 @@
 #pragma once
 // Not API: the working table of a query run.
 
-#include <kivra/Handles.hpp>
+#include <kivra/ModelElement.hpp>
 
 #include <cstddef>
 #include <memory>
@@ -36,20 +36,29 @@ using Cells = std::vector<std::size_t, UnwrittenAllocator<std::size_t>>;
 /// allocation, and moving one touches no element.
 struct ResultSet {
     std::vector<std::size_t> instanceIds;
-    /// What the rows name; the table keeps it alive.
-    std::vector<ModelElement> elements;
+    /// What the rows name, null for no element. A run names elements of the model it reads,
+    /// which keeps them alive while the run lasts: a count taken and given back on each
+    /// would be two atomic operations per element for nothing.
+    std::vector<ModelElement::Impl *> elements;
     /// Row after row, one position in `elements` per column.
     Cells cells;
+    /// What `addRow` was given, kept alive with the table.
+    std::vector<ModelElement> held;
 
     std::size_t width() const noexcept { return instanceIds.size(); }
     std::size_t rowCount() const noexcept { return instanceIds.empty() ? 0 : cells.size() / instanceIds.size(); }
     std::size_t const *row(std::size_t index) const noexcept { return cells.data() + index * width(); }
-    ModelElement const &at(std::size_t index, std::size_t column) const { return elements[row(index)[column]]; }
+    ModelElement::Impl *element(std::size_t index, std::size_t column) const noexcept {
+        return elements[row(index)[column]];
+    }
+    /// The element at a row and column, as a handle of its own.
+    ModelElement at(std::size_t index, std::size_t column) const { return ModelElement::fromImpl(element(index, column)); }
     /// Appends a row that names `row`, one element per column.
     void addRow(std::vector<ModelElement> const &row) {
         for (ModelElement const &element : row) {
             cells.push_back(elements.size());
-            elements.push_back(element);
+            elements.push_back(element.get());
+            held.push_back(element);
         }
     }
 };
