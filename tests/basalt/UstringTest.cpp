@@ -57,6 +57,9 @@ TEST(Ustring, CopiesAndMovesAcrossTheInlineBoundary) {
             ustring copied(target);
             copied = original; // keeps the target's block, as the standard string does
             EXPECT_EQ(std::u16string_view(copied), source);
+            ustring const &self = copied;
+            copied = self;
+            EXPECT_EQ(std::u16string_view(copied), source);
             expectHolds(ustring(copied), source);
             expectHolds(original, source);
 

@@ -54,13 +54,24 @@ public:
     }
     ustring(std::nullptr_t) = delete;
 
-    ustring(ustring const &other) { init(other.data(), other.size()); }
+    ustring(ustring const &other) {
+        // An inline text is its representation, and moves already copy that as bytes.
+        if (other.isInline())
+            std::memcpy(static_cast<void *>(&rep_), &other.rep_, sizeof rep_);
+        else
+            init(other.data(), other.size());
+    }
     ustring(ustring &&other) noexcept {
         std::memcpy(static_cast<void *>(&rep_), &other.rep_, sizeof rep_);
         other.setInlineSize(0);
     }
     ustring &operator=(ustring const &other) {
-        if (this != &other)
+        if (this == &other)
+            return *this;
+        // Two inline texts: the bytes of the representation are all there is to copy.
+        if (isInline() && other.isInline())
+            std::memcpy(static_cast<void *>(&rep_), &other.rep_, sizeof rep_);
+        else
             assign(other.data(), other.size());
         return *this;
     }
