@@ -65,99 +65,157 @@ ArenaScope::~ArenaScope() {
 
 RecordLog::~RecordLog() {
     // Later records may name elements that earlier ones keep: the newest go first.
-    for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry)
-        if (ScalarChange *scalar = scalarOf(*entry))
-            scalar->~ScalarChange();
+    forEachReverse([](Entry const &entry) {
+        if (entry.isScalar())
+            entry.element()->removeRef();
         else
-            (*entry)->removeRef();
+            entry.record()->removeRef();
+    });
 }
 
 ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) const {
-    records();
+    if (hasScalars_)
+        const_cast<RecordLog *>(this)->materialize();
     if (!indexed_) {
-        index_.reserve(entries_.size());
-        for (Changes *record : entries_)
-            index_.emplace(record->getElement().get(), record);
+        index_.reserve(count_);
+        forEach([this](Entry const &entry) { index_.emplace(entry.element(), entry.record()); });
         indexed_ = true;
     }
     auto const found = index_.find(element);
     return found == index_.end() ? nullptr : found->second;
 }
 
+void RecordLog::grow() {
+    std::size_t const capacity = capacityOf(chunks_.size());
+    chunks_.reserve(chunks_.size() + 1);
+    chunks_.push_back(static_cast<Entry *>(arena.allocate(capacity * sizeof(Entry))));
+    used_ = 0;
+}
+
+RecordLog::Entry &RecordLog::push() {
+    if (chunks_.empty() || used_ == capacityOf(chunks_.size() - 1)) [[unlikely]]
+        grow();
+    ++count_;
+    return chunks_.back()[used_++];
+}
+
 void RecordLog::append(Changes *record) {
-    entries_.push_back(record);
+    Entry &entry = push();
+    entry.tagged_ = reinterpret_cast<std::uintptr_t>(record);
+    entry.old_ = 0;
     record->addRef();
     if (indexed_)
         index_.emplace(record->getElement().get(), record);
 }
 
-void RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
-    entries_.push_back(nullptr);
-    void *memory;
-    try {
-        memory = arena.allocate(sizeof(ScalarChange));
-    } catch (...) {
-        entries_.pop_back();
-        throw;
+std::size_t RecordLog::shapeOf(Shape const &shape) {
+    if (lastShape_ < shapes_.size() && shapes_[lastShape_] == shape)
+        return lastShape_;
+    if (auto const found = shapeNumbers_.find(shape); found != shapeNumbers_.end())
+        return lastShape_ = found->second;
+    if (shapes_.size() == maxShapes)
+        return maxShapes;
+    shapes_.reserve(shapes_.size() + 1);
+    shapeNumbers_.emplace(shape, std::uint16_t(shapes_.size()));
+    shapes_.push_back(shape);
+    return lastShape_ = shapes_.size() - 1;
+}
+
+bool RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
+    auto const address = reinterpret_cast<std::uintptr_t>(element);
+    if (address & ~pointerBits)
+        return false;
+    std::size_t const shape = shapeOf({index,
+                                       static_cast<std::byte const *>(member) -
+                                           reinterpret_cast<std::byte const *>(element),
+                                       size});
+    if (shape == maxShapes)
+        return false;
+    std::size_t const chunk = chunks_.size();
+    std::size_t const used = used_;
+    Entry &entry = push();
+    entry.old_ = 0;
+    std::memcpy(&entry.old_, member, size);
+    entry.tagged_ = address | scalarBit | std::uintptr_t(shape) << shapeShift;
+    element->addRef(); // as a record holds its element
+    if (!hasScalars_) {
+        // The entry went into a new chunk when the last one was full.
+        bool const fresh = chunk != chunks_.size();
+        firstScalarChunk_ = fresh ? chunk : chunk - 1;
+        firstScalarEntry_ = fresh ? 0 : used;
+        hasScalars_ = true;
     }
-    auto *const scalar = new (memory) ScalarChange{ModelElement::fromImpl(element), 0, index,
-                                                   static_cast<std::byte const *>(member) -
-                                                       reinterpret_cast<std::byte const *>(element),
-                                                   size};
-    std::memcpy(&scalar->old, member, size);
-    if (firstScalar_ == noScalar)
-        firstScalar_ = entries_.size() - 1;
-    entries_.back() = reinterpret_cast<Changes *>(reinterpret_cast<std::uintptr_t>(scalar) | 1);
+    return true;
+}
+
+void RecordLog::restore(Entry const &entry) const noexcept {
+    Shape const &shape = shapes_[entry.tagged_ >> shapeShift];
+    std::memcpy(reinterpret_cast<std::byte *>(entry.element()) + shape.offset, &entry.old_, shape.size);
 }
 
 void RecordLog::erase(Changes *record) noexcept {
-    auto const found = std::find(entries_.rbegin(), entries_.rend(), record);
-    if (found == entries_.rend())
-        return;
-    entries_.erase(std::next(found).base());
-    if (indexed_)
-        index_.erase(record->getElement().get());
-    record->removeRef();
+    for (std::size_t chunk = chunks_.size(); chunk-- > 0;) {
+        Entry *const entries = chunks_[chunk];
+        for (std::size_t i = chunk + 1 == chunks_.size() ? used_ : capacityOf(chunk); i-- > 0;)
+            if (entries[i].tagged_ == reinterpret_cast<std::uintptr_t>(record)) {
+                entries[i].tagged_ = 0;
+                --count_;
+                if (indexed_)
+                    index_.erase(record->getElement().get());
+                record->removeRef();
+                return;
+            }
+    }
 }
 
 void RecordLog::materialize() {
-    for (std::size_t i = firstScalar_; i < entries_.size(); ++i) {
-        ScalarChange *const scalar = scalarOf(entries_[i]);
-        if (!scalar)
-            continue;
-        // A failure leaves this entry and the later ones as they are.
-        firstScalar_ = i;
-        ModelElement::Impl *const element = scalar->element.get();
-        ModelElement::Impl::Storage *record;
-        {
-            ArenaScope const inLog(arena);
-            record = element->createStorage();
+    if (!hasScalars_)
+        return;
+    for (std::size_t chunk = firstScalarChunk_; chunk < chunks_.size(); ++chunk) {
+        Entry *const entries = chunks_[chunk];
+        std::size_t const count = chunk + 1 == chunks_.size() ? used_ : capacityOf(chunk);
+        for (std::size_t i = chunk == firstScalarChunk_ ? firstScalarEntry_ : 0; i < count; ++i) {
+            Entry &entry = entries[i];
+            if (!entry.isScalar())
+                continue;
+            // A failure leaves this entry and the later ones as they are.
+            firstScalarChunk_ = chunk;
+            firstScalarEntry_ = i;
+            ModelElement::Impl *const element = entry.element();
+            Shape const shape = shapes_[entry.tagged_ >> shapeShift];
+            ModelElement::Impl::Storage *record;
+            {
+                ArenaScope const inLog(arena);
+                record = element->createStorage();
+            }
+            record->element_ = ModelElement::fromImpl(element);
+            record->setModified(shape.index);
+            // The element copies its member as it stands into the record: for that moment the
+            // member holds its old bytes again.
+            auto *const member = reinterpret_cast<std::byte *>(element) + shape.offset;
+            struct PutBack {
+                std::byte *member;
+                std::size_t size;
+                std::uint64_t present = 0;
+                ~PutBack() { std::memcpy(member, &present, size); }
+            } putBack{member, shape.size};
+            std::memcpy(&putBack.present, member, shape.size);
+            std::memcpy(member, &entry.old_, shape.size);
+            try {
+                element->copyValue(record, shape.index);
+            } catch (...) {
+                record->release();
+                throw;
+            }
+            record->addRef();
+            element->removeRef(); // the entry's count, the record holds one now
+            entry.tagged_ = reinterpret_cast<std::uintptr_t>(record);
+            entry.old_ = 0;
+            if (indexed_)
+                index_.emplace(element, record);
         }
-        record->element_ = scalar->element;
-        record->setModified(scalar->index);
-        // The element copies its member as it stands into the record: for that moment the
-        // member holds its old bytes again.
-        auto *const member = reinterpret_cast<std::byte *>(element) + scalar->offset;
-        struct PutBack {
-            std::byte *member;
-            std::size_t size;
-            std::uint64_t present = 0;
-            ~PutBack() { std::memcpy(member, &present, size); }
-        } putBack{member, scalar->size};
-        std::memcpy(&putBack.present, member, scalar->size);
-        std::memcpy(member, &scalar->old, scalar->size);
-        element->copyValue(record, scalar->index);
-        record->addRef();
-        entries_[i] = record;
-        if (indexed_)
-            index_.emplace(element, record);
-        scalar->~ScalarChange();
     }
-    firstScalar_ = noScalar;
-}
-
-void ScalarChange::restore() const noexcept {
-    std::memcpy(reinterpret_cast<std::byte *>(element.get()) + offset, &old, size);
+    hasScalars_ = false;
 }
 
 } // namespace detail
