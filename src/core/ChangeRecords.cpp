@@ -12,6 +12,7 @@
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 
@@ -86,31 +87,46 @@ ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) 
 }
 
 void RecordLog::grow() {
-    std::size_t const capacity = capacityOf(chunks_.size());
+    std::size_t const capacity = std::min(firstChunk << std::min<std::size_t>(chunks_.size(), 16), largestChunk);
     chunks_.reserve(chunks_.size() + 1);
-    chunks_.push_back(static_cast<Entry *>(arena.allocate(capacity * sizeof(Entry))));
-    used_ = 0;
+    auto *const slots = static_cast<std::uint64_t *>(arena.allocate(capacity * sizeof(std::uint64_t)));
+    if (!chunks_.empty()) {
+        // An entry never straddles two chunks: the words it does not fit into stay empty.
+        Chunk &last = chunks_.back();
+        std::fill(last.slots + last.used, last.slots + last.capacity, 0);
+        last.used = last.capacity;
+    }
+    chunks_.push_back({slots, 0, 0, std::uint32_t(capacity), false});
 }
 
-RecordLog::Entry &RecordLog::push() {
-    if (chunks_.empty() || used_ == capacityOf(chunks_.size() - 1)) [[unlikely]]
-        grow();
-    ++count_;
-    return chunks_.back()[used_++];
+// The old bytes of a member are the low bytes of a word wherever they are kept, and are
+// put back from its first bytes.
+static_assert(std::endian::native == std::endian::little);
+
+namespace {
+/// The `size` bytes at `member`, in the low bytes of a word: a copy of a size known here,
+/// not a call.
+std::uint64_t bytesOf(void const *member, std::size_t size) noexcept {
+    std::uint64_t bytes = 0;
+    switch (size) {
+    case 1: std::memcpy(&bytes, member, 1); break;
+    case 2: std::memcpy(&bytes, member, 2); break;
+    case 4: std::memcpy(&bytes, member, 4); break;
+    case 8: std::memcpy(&bytes, member, 8); break;
+    default: std::memcpy(&bytes, member, size); break;
+    }
+    return bytes;
 }
+} // namespace
 
 void RecordLog::append(Changes *record) {
-    Entry &entry = push();
-    entry.tagged_ = reinterpret_cast<std::uintptr_t>(record);
-    entry.old_ = 0;
+    *take(1) = reinterpret_cast<std::uintptr_t>(record);
     record->addRef();
     if (indexed_)
         index_.emplace(record->getElement().get(), record);
 }
 
 std::size_t RecordLog::shapeOf(Shape const &shape) {
-    if (lastShape_ < shapes_.size() && shapes_[lastShape_] == shape)
-        return lastShape_;
     if (auto const found = shapeNumbers_.find(shape); found != shapeNumbers_.end())
         return lastShape_ = found->second;
     if (shapes_.size() == maxShapes)
@@ -123,66 +139,91 @@ std::size_t RecordLog::shapeOf(Shape const &shape) {
 
 bool RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
     auto const address = reinterpret_cast<std::uintptr_t>(element);
-    if (address & ~pointerBits)
+    Shape const wanted{index, static_cast<std::byte const *>(member) - reinterpret_cast<std::byte const *>(element),
+                       size};
+    // A transaction mostly changes one member of many elements in a row.
+    std::size_t const shape =
+        lastShape_ < shapes_.size() && shapes_[lastShape_] == wanted ? lastShape_ : shapeOf(wanted);
+    if (shape == maxShapes || (address & ~pointerBits) != 0 || (address & tagBits) != 0)
         return false;
-    std::size_t const shape = shapeOf({index,
-                                       static_cast<std::byte const *>(member) -
-                                           reinterpret_cast<std::byte const *>(element),
-                                       size});
-    if (shape == maxShapes)
-        return false;
-    std::size_t const chunk = chunks_.size();
-    std::size_t const used = used_;
-    Entry &entry = push();
-    entry.old_ = 0;
-    std::memcpy(&entry.old_, member, size);
-    entry.tagged_ = address | scalarBit | std::uintptr_t(shape) << shapeShift;
-    element->addRef(); // as a record holds its element
-    if (!hasScalars_) {
-        // The entry went into a new chunk when the last one was full.
-        bool const fresh = chunk != chunks_.size();
-        firstScalarChunk_ = fresh ? chunk : chunk - 1;
-        firstScalarEntry_ = fresh ? 0 : used;
-        hasScalars_ = true;
+    std::uint64_t const old = bytesOf(member, size);
+    if (size <= 4 && shape < (1u << shortShapeBits) && address % 8 == 0) {
+        if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) [[unlikely]]
+            grow();
+        Chunk &last = chunks_.back();
+        // The first short entry of a chunk sets the base that the others count from.
+        if (last.base == 0)
+            last.base = address;
+        std::intptr_t const distance = std::intptr_t(address - last.base) / 8;
+        if (distance >= -farthest && distance < farthest) [[likely]] {
+            last.slots[last.used++] = old << 32 | std::uint64_t(std::uint32_t(distance) << distanceShift) |
+                                      std::uint64_t(shape) << 2 | shortTag;
+            ++count_;
+            element->addRef(); // as a record holds its element
+            noteScalar(1);
+            return true;
+        }
     }
+    std::uint64_t *const words = take(2);
+    chunks_.back().hasLong = true;
+    words[0] = address | std::uint64_t(shape) << shapeShift | longTag;
+    words[1] = old;
+    element->addRef();
+    noteScalar(2);
     return true;
 }
 
 void RecordLog::restore(Entry const &entry) const noexcept {
-    Shape const &shape = shapes_[entry.tagged_ >> shapeShift];
-    std::memcpy(reinterpret_cast<std::byte *>(entry.element()) + shape.offset, &entry.old_, shape.size);
+    Shape const &shape = shapes_[entry.shape_];
+    auto *const member = reinterpret_cast<std::byte *>(entry.element_) + shape.offset;
+    switch (shape.size) {
+    case 1: std::memcpy(member, &entry.old_, 1); break;
+    case 2: std::memcpy(member, &entry.old_, 2); break;
+    case 4: std::memcpy(member, &entry.old_, 4); break;
+    case 8: std::memcpy(member, &entry.old_, 8); break;
+    default: std::memcpy(member, &entry.old_, shape.size); break;
+    }
 }
 
 void RecordLog::erase(Changes *record) noexcept {
     for (std::size_t chunk = chunks_.size(); chunk-- > 0;) {
-        Entry *const entries = chunks_[chunk];
-        for (std::size_t i = chunk + 1 == chunks_.size() ? used_ : capacityOf(chunk); i-- > 0;)
-            if (entries[i].tagged_ == reinterpret_cast<std::uintptr_t>(record)) {
-                entries[i].tagged_ = 0;
-                --count_;
-                if (indexed_)
-                    index_.erase(record->getElement().get());
-                record->removeRef();
-                return;
-            }
+        Chunk const &in = chunks_[chunk];
+        std::uint64_t *found = nullptr;
+        for (std::size_t at = 0; at < in.used; at += slotsOf(in.slots[at]))
+            if (in.slots[at] == reinterpret_cast<std::uintptr_t>(record))
+                found = in.slots + at;
+        if (found) {
+            *found = 0;
+            --count_;
+            if (indexed_)
+                index_.erase(record->getElement().get());
+            record->removeRef();
+            return;
+        }
     }
 }
 
 void RecordLog::materialize() {
     if (!hasScalars_)
         return;
+    Entry entry;
     for (std::size_t chunk = firstScalarChunk_; chunk < chunks_.size(); ++chunk) {
-        Entry *const entries = chunks_[chunk];
-        std::size_t const count = chunk + 1 == chunks_.size() ? used_ : capacityOf(chunk);
-        for (std::size_t i = chunk == firstScalarChunk_ ? firstScalarEntry_ : 0; i < count; ++i) {
-            Entry &entry = entries[i];
-            if (!entry.isScalar())
+        Chunk const &in = chunks_[chunk];
+        for (std::size_t at = chunk == firstScalarChunk_ ? firstScalarWord_ : 0; at < in.used;) {
+            if (in.slots[at] == 0) {
+                ++at;
                 continue;
+            }
+            std::size_t const words = decode(in, at, entry);
+            if (!entry.isScalar()) {
+                at += words;
+                continue;
+            }
             // A failure leaves this entry and the later ones as they are.
             firstScalarChunk_ = chunk;
-            firstScalarEntry_ = i;
-            ModelElement::Impl *const element = entry.element();
-            Shape const shape = shapes_[entry.tagged_ >> shapeShift];
+            firstScalarWord_ = at;
+            ModelElement::Impl *const element = entry.element_;
+            Shape const shape = shapes_[entry.shape_];
             ModelElement::Impl::Storage *record;
             {
                 ArenaScope const inLog(arena);
@@ -208,11 +249,13 @@ void RecordLog::materialize() {
                 throw;
             }
             record->addRef();
-            element->removeRef(); // the entry's count, the record holds one now
-            entry.tagged_ = reinterpret_cast<std::uintptr_t>(record);
-            entry.old_ = 0;
+            in.slots[at] = reinterpret_cast<std::uintptr_t>(record);
+            if (words == 2)
+                in.slots[at + 1] = 0;
+            element->removeRef(); // the entry's count: the record holds one now
             if (indexed_)
                 index_.emplace(element, record);
+            at += words;
         }
     }
     hasScalars_ = false;
