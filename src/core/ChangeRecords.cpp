@@ -104,18 +104,26 @@ void RecordLog::grow() {
 static_assert(std::endian::native == std::endian::little);
 
 namespace {
-/// The `size` bytes at `member`, in the low bytes of a word: a copy of a size known here,
-/// not a call.
+template <class T> std::uint64_t load(void const *member) noexcept {
+    T value;
+    std::memcpy(&value, member, sizeof value);
+    return value;
+}
+
+/// The `size` bytes at `member`, in the low bytes of a word: one load of a size known here,
+/// neither a call nor a narrow store read back wide.
 std::uint64_t bytesOf(void const *member, std::size_t size) noexcept {
-    std::uint64_t bytes = 0;
     switch (size) {
-    case 1: std::memcpy(&bytes, member, 1); break;
-    case 2: std::memcpy(&bytes, member, 2); break;
-    case 4: std::memcpy(&bytes, member, 4); break;
-    case 8: std::memcpy(&bytes, member, 8); break;
-    default: std::memcpy(&bytes, member, size); break;
+    case 1: return load<std::uint8_t>(member);
+    case 2: return load<std::uint16_t>(member);
+    case 4: return load<std::uint32_t>(member);
+    case 8: return load<std::uint64_t>(member);
+    default: {
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, member, size);
+        return bytes;
     }
-    return bytes;
+    }
 }
 } // namespace
 
