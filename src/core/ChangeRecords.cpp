@@ -12,6 +12,7 @@
 #include <kivra/meta/detail/Metaclasses.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 
@@ -65,99 +66,207 @@ ArenaScope::~ArenaScope() {
 
 RecordLog::~RecordLog() {
     // Later records may name elements that earlier ones keep: the newest go first.
-    for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry)
-        if (ScalarChange *scalar = scalarOf(*entry))
-            scalar->~ScalarChange();
+    forEachReverse([](Entry const &entry) {
+        if (entry.isScalar())
+            entry.element()->removeRef();
         else
-            (*entry)->removeRef();
+            entry.record()->removeRef();
+    });
 }
 
 ModelElement::Impl::Changes *RecordLog::find(ModelElement::Impl const *element) const {
-    records();
+    if (hasScalars_)
+        const_cast<RecordLog *>(this)->materialize();
     if (!indexed_) {
-        index_.reserve(entries_.size());
-        for (Changes *record : entries_)
-            index_.emplace(record->getElement().get(), record);
+        index_.reserve(count_);
+        forEach([this](Entry const &entry) { index_.emplace(entry.element(), entry.record()); });
         indexed_ = true;
     }
     auto const found = index_.find(element);
     return found == index_.end() ? nullptr : found->second;
 }
 
+void RecordLog::grow() {
+    std::size_t const capacity = std::min(firstChunk << std::min<std::size_t>(chunks_.size(), 16), largestChunk);
+    chunks_.reserve(chunks_.size() + 1);
+    auto *const slots = static_cast<std::uint64_t *>(arena.allocate(capacity * sizeof(std::uint64_t)));
+    if (!chunks_.empty()) {
+        // An entry never straddles two chunks: the words it does not fit into stay empty.
+        Chunk &last = chunks_.back();
+        std::fill(last.slots + last.used, last.slots + last.capacity, 0);
+        last.used = last.capacity;
+    }
+    chunks_.push_back({slots, 0, 0, std::uint32_t(capacity), false});
+}
+
+// The old bytes of a member are the low bytes of a word wherever they are kept, and are
+// put back from its first bytes.
+static_assert(std::endian::native == std::endian::little);
+
+namespace {
+template <class T> std::uint64_t load(void const *member) noexcept {
+    T value;
+    std::memcpy(&value, member, sizeof value);
+    return value;
+}
+
+/// The `size` bytes at `member`, in the low bytes of a word: one load of a size known here,
+/// neither a call nor a narrow store read back wide.
+std::uint64_t bytesOf(void const *member, std::size_t size) noexcept {
+    switch (size) {
+    case 1: return load<std::uint8_t>(member);
+    case 2: return load<std::uint16_t>(member);
+    case 4: return load<std::uint32_t>(member);
+    case 8: return load<std::uint64_t>(member);
+    default: {
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, member, size);
+        return bytes;
+    }
+    }
+}
+} // namespace
+
 void RecordLog::append(Changes *record) {
-    entries_.push_back(record);
+    *take(1) = reinterpret_cast<std::uintptr_t>(record);
     record->addRef();
     if (indexed_)
         index_.emplace(record->getElement().get(), record);
 }
 
-void RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
-    entries_.push_back(nullptr);
-    void *memory;
-    try {
-        memory = arena.allocate(sizeof(ScalarChange));
-    } catch (...) {
-        entries_.pop_back();
-        throw;
+std::size_t RecordLog::shapeOf(Shape const &shape) {
+    if (auto const found = shapeNumbers_.find(shape); found != shapeNumbers_.end())
+        return lastShape_ = found->second;
+    if (shapes_.size() == maxShapes)
+        return maxShapes;
+    shapes_.reserve(shapes_.size() + 1);
+    shapeNumbers_.emplace(shape, std::uint16_t(shapes_.size()));
+    shapes_.push_back(shape);
+    return lastShape_ = shapes_.size() - 1;
+}
+
+bool RecordLog::appendScalar(ModelElement::Impl *element, std::uint64_t index, void const *member, std::size_t size) {
+    auto const address = reinterpret_cast<std::uintptr_t>(element);
+    Shape const wanted{index, static_cast<std::byte const *>(member) - reinterpret_cast<std::byte const *>(element),
+                       size};
+    // A transaction mostly changes one member of many elements in a row.
+    std::size_t const shape =
+        lastShape_ < shapes_.size() && shapes_[lastShape_] == wanted ? lastShape_ : shapeOf(wanted);
+    if (shape == maxShapes || (address & ~pointerBits) != 0 || (address & tagBits) != 0)
+        return false;
+    std::uint64_t const old = bytesOf(member, size);
+    if (size <= 4 && shape < (1u << shortShapeBits) && address % 8 == 0) {
+        if (chunks_.empty() || chunks_.back().used == chunks_.back().capacity) [[unlikely]]
+            grow();
+        Chunk &last = chunks_.back();
+        // The first short entry of a chunk sets the base that the others count from.
+        if (last.base == 0)
+            last.base = address;
+        std::intptr_t const distance = std::intptr_t(address - last.base) / 8;
+        if (distance >= -farthest && distance < farthest) [[likely]] {
+            last.slots[last.used++] = old << 32 | std::uint64_t(std::uint32_t(distance) << distanceShift) |
+                                      std::uint64_t(shape) << 2 | shortTag;
+            ++count_;
+            element->addRef(); // as a record holds its element
+            noteScalar(1);
+            return true;
+        }
     }
-    auto *const scalar = new (memory) ScalarChange{ModelElement::fromImpl(element), 0, index,
-                                                   static_cast<std::byte const *>(member) -
-                                                       reinterpret_cast<std::byte const *>(element),
-                                                   size};
-    std::memcpy(&scalar->old, member, size);
-    if (firstScalar_ == noScalar)
-        firstScalar_ = entries_.size() - 1;
-    entries_.back() = reinterpret_cast<Changes *>(reinterpret_cast<std::uintptr_t>(scalar) | 1);
+    std::uint64_t *const words = take(2);
+    chunks_.back().hasLong = true;
+    words[0] = address | std::uint64_t(shape) << shapeShift | longTag;
+    words[1] = old;
+    element->addRef();
+    noteScalar(2);
+    return true;
+}
+
+void RecordLog::restore(Entry const &entry) const noexcept {
+    Shape const &shape = shapes_[entry.shape_];
+    auto *const member = reinterpret_cast<std::byte *>(entry.element_) + shape.offset;
+    switch (shape.size) {
+    case 1: std::memcpy(member, &entry.old_, 1); break;
+    case 2: std::memcpy(member, &entry.old_, 2); break;
+    case 4: std::memcpy(member, &entry.old_, 4); break;
+    case 8: std::memcpy(member, &entry.old_, 8); break;
+    default: std::memcpy(member, &entry.old_, shape.size); break;
+    }
 }
 
 void RecordLog::erase(Changes *record) noexcept {
-    auto const found = std::find(entries_.rbegin(), entries_.rend(), record);
-    if (found == entries_.rend())
-        return;
-    entries_.erase(std::next(found).base());
-    if (indexed_)
-        index_.erase(record->getElement().get());
-    record->removeRef();
+    for (std::size_t chunk = chunks_.size(); chunk-- > 0;) {
+        Chunk const &in = chunks_[chunk];
+        std::uint64_t *found = nullptr;
+        for (std::size_t at = 0; at < in.used; at += slotsOf(in.slots[at]))
+            if (in.slots[at] == reinterpret_cast<std::uintptr_t>(record))
+                found = in.slots + at;
+        if (found) {
+            *found = 0;
+            --count_;
+            if (indexed_)
+                index_.erase(record->getElement().get());
+            record->removeRef();
+            return;
+        }
+    }
 }
 
 void RecordLog::materialize() {
-    for (std::size_t i = firstScalar_; i < entries_.size(); ++i) {
-        ScalarChange *const scalar = scalarOf(entries_[i]);
-        if (!scalar)
-            continue;
-        // A failure leaves this entry and the later ones as they are.
-        firstScalar_ = i;
-        ModelElement::Impl *const element = scalar->element.get();
-        ModelElement::Impl::Storage *record;
-        {
-            ArenaScope const inLog(arena);
-            record = element->createStorage();
+    if (!hasScalars_)
+        return;
+    Entry entry;
+    for (std::size_t chunk = firstScalarChunk_; chunk < chunks_.size(); ++chunk) {
+        Chunk const &in = chunks_[chunk];
+        for (std::size_t at = chunk == firstScalarChunk_ ? firstScalarWord_ : 0; at < in.used;) {
+            if (in.slots[at] == 0) {
+                ++at;
+                continue;
+            }
+            std::size_t const words = decode(in, at, entry);
+            if (!entry.isScalar()) {
+                at += words;
+                continue;
+            }
+            // A failure leaves this entry and the later ones as they are.
+            firstScalarChunk_ = chunk;
+            firstScalarWord_ = at;
+            ModelElement::Impl *const element = entry.element_;
+            Shape const shape = shapes_[entry.shape_];
+            ModelElement::Impl::Storage *record;
+            {
+                ArenaScope const inLog(arena);
+                record = element->createStorage();
+            }
+            record->element_ = ModelElement::fromImpl(element);
+            record->setModified(shape.index);
+            // The element copies its member as it stands into the record: for that moment the
+            // member holds its old bytes again.
+            auto *const member = reinterpret_cast<std::byte *>(element) + shape.offset;
+            struct PutBack {
+                std::byte *member;
+                std::size_t size;
+                std::uint64_t present = 0;
+                ~PutBack() { std::memcpy(member, &present, size); }
+            } putBack{member, shape.size};
+            std::memcpy(&putBack.present, member, shape.size);
+            std::memcpy(member, &entry.old_, shape.size);
+            try {
+                element->copyValue(record, shape.index);
+            } catch (...) {
+                record->release();
+                throw;
+            }
+            record->addRef();
+            in.slots[at] = reinterpret_cast<std::uintptr_t>(record);
+            if (words == 2)
+                in.slots[at + 1] = 0;
+            element->removeRef(); // the entry's count: the record holds one now
+            if (indexed_)
+                index_.emplace(element, record);
+            at += words;
         }
-        record->element_ = scalar->element;
-        record->setModified(scalar->index);
-        // The element copies its member as it stands into the record: for that moment the
-        // member holds its old bytes again.
-        auto *const member = reinterpret_cast<std::byte *>(element) + scalar->offset;
-        struct PutBack {
-            std::byte *member;
-            std::size_t size;
-            std::uint64_t present = 0;
-            ~PutBack() { std::memcpy(member, &present, size); }
-        } putBack{member, scalar->size};
-        std::memcpy(&putBack.present, member, scalar->size);
-        std::memcpy(member, &scalar->old, scalar->size);
-        element->copyValue(record, scalar->index);
-        record->addRef();
-        entries_[i] = record;
-        if (indexed_)
-            index_.emplace(element, record);
-        scalar->~ScalarChange();
     }
-    firstScalar_ = noScalar;
-}
-
-void ScalarChange::restore() const noexcept {
-    std::memcpy(reinterpret_cast<std::byte *>(element.get()) + offset, &old, size);
+    hasScalars_ = false;
 }
 
 } // namespace detail

@@ -152,11 +152,10 @@ void TransactionImpl::removeRef() noexcept {
 void TransactionImpl::clearMarks() noexcept {
     constexpr auto marks = ModelElement::Impl::RecordedMark | ModelElement::Impl::CreatedHereMark |
                            ModelElement::Impl::DestroyedHereMark;
-    for (ModelElement::Impl::Changes *entry : log_->entries()) {
-        detail::ScalarChange const *scalar = detail::RecordLog::scalarOf(entry);
-        if (ModelElement::Impl *element = scalar ? scalar->element.get() : entry->getElement().get())
+    log_->forEach([](detail::RecordLog::Entry const &entry) {
+        if (ModelElement::Impl *element = entry.element())
             element->marks_ &= std::uint8_t(~marks);
-    }
+    });
 }
 
 void TransactionImpl::finish() noexcept {
@@ -198,10 +197,11 @@ TransactionImpl::~TransactionImpl() {
     }
     clearMarks();
     // No roll-back can bring these back now: they let go of what they still hold.
-    for (ModelElement::Impl::Changes const *record : log_->entries())
-        if (!detail::RecordLog::scalarOf(const_cast<ModelElement::Impl::Changes *>(record)) && record->isDestroyed() &&
-            !record->getElement()->isValid())
+    log_->forEach([](detail::RecordLog::Entry const &entry) {
+        if (ModelElement::Impl::Changes const *record = entry.record();
+            record && record->isDestroyed() && !record->getElement()->isValid())
             record->getElement()->basicDisassociateAll();
+    });
 }
 
 void TransactionImpl::elementCreationFailed(ModelElement::Impl *element) {
@@ -232,8 +232,8 @@ std::shared_ptr<ReportData> TransactionImpl::buildReport(boost::optional<Value> 
                                                has(AllElementsDestroying), argument);
     // Each record names its element object, destroyed ones too: no lookup, and an element
     // destroyed and another made with its UUID are two entries.
-    for (ModelElement::Impl::Changes *record : log_->records())
-        report->processElement(record->getElement(), *record);
+    log_->forEachRecord(
+        [&](ModelElement::Impl::Changes *record) { report->processElement(record->getElement(), *record); });
     return report;
 }
 
@@ -450,8 +450,8 @@ void TransactionImpl::elementModifying(ModelElement::Impl *element, std::uint64_
         return;
     // The first change of an element that is one scalar keeps its bytes alone; a second
     // change finds the element marked and makes its whole record.
-    if (scalar && isDeep() && !(element->marks_ & ModelElement::Impl::RecordedMark)) {
-        log_->appendScalar(element, propertyIndex, scalar, size);
+    if (scalar && isDeep() && !(element->marks_ & ModelElement::Impl::RecordedMark) &&
+        log_->appendScalar(element, propertyIndex, scalar, size)) {
         element->marks_ |= ModelElement::Impl::RecordedMark;
         return;
     }
@@ -503,10 +503,12 @@ void TransactionImpl::allElementsDestroyed() {
 }
 
 bool TransactionImpl::isDestroyed(boost::uuids::uuid const &uuid) const {
-    for (ModelElement::Impl::Changes *record : log_->entries())
-        if (!detail::RecordLog::scalarOf(record) && record->isDestroyed() && record->getUuid() == uuid)
-            return true;
-    return false;
+    bool found = false;
+    log_->forEach([&](detail::RecordLog::Entry const &entry) {
+        if (ModelElement::Impl::Changes const *record = entry.record())
+            found = found || (record->isDestroyed() && record->getUuid() == uuid);
+    });
+    return found;
 }
 
 // --- TransactionImpl: roll-back ----------------------------------------------------
@@ -524,27 +526,30 @@ TransactionResult TransactionImpl::revert() {
     Model::Impl *model = model_.get();
     // A scalar entry is of an element neither made nor destroyed here: the last walk alone
     // puts its bytes back.
-    auto const &records = log_->entries();
-    auto const scalar = [](ModelElement::Impl::Changes *entry) { return detail::RecordLog::scalarOf(entry); };
+    using Entry = detail::RecordLog::Entry;
+    detail::RecordLog const &log = *log_;
     flags_ |= ApplyingRollBack;
     // New elements leave first: an element destroyed here may come back under a UUID that a
     // new one took.
-    for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if (!scalar(*record) && (*record)->isCreated() && !(*record)->isDestroyed())
-            if (ModelElement::Impl *element = (*record)->getElement().get(); element->isValid()) {
+    log.forEachReverse([&](Entry const &entry) {
+        if (ModelElement::Impl::Changes *record = entry.record(); record && record->isCreated() && !record->isDestroyed())
+            if (ModelElement::Impl *element = record->getElement().get(); element->isValid()) {
                 element->basicDisassociateAll();
                 model->forgetCreatedElement(element);
                 element->invalidate();
             }
+    });
     // Destroyed elements come back before anything refers to them again.
-    for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if (!scalar(*record) && (*record)->isDestroyed() && !(*record)->isCreated())
-            model->resurrectElement((*record)->getElement().get());
-    for (auto record = records.rbegin(); record != records.rend(); ++record)
-        if (detail::ScalarChange const *change = scalar(*record))
-            change->restore();
-        else if (!(*record)->isCreated())
-            (*record)->getElement()->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(*record));
+    log.forEachReverse([&](Entry const &entry) {
+        if (ModelElement::Impl::Changes *record = entry.record(); record && record->isDestroyed() && !record->isCreated())
+            model->resurrectElement(record->getElement().get());
+    });
+    log.forEachReverse([&](Entry const &entry) {
+        if (entry.isScalar())
+            log.restore(entry);
+        else if (!entry.record()->isCreated())
+            entry.element()->copyStateFromStorage(static_cast<ModelElement::Impl::Storage *>(entry.record()));
+    });
     return TransactionResult::RolledBack;
 }
 

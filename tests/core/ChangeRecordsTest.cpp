@@ -10,6 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -175,6 +179,89 @@ TEST_F(ChangeRecordsTest, AScalarKeepsItsFirstOldValueWhateverFollows) {
         EXPECT_EQ(kept->getTitle(), u"Dune");
         EXPECT_EQ(other->getPages(), 3);
     }
+}
+
+// A long transaction that sets a number of elements near and far apart, with whole records
+// of other elements in between and, early on, of elements it set before: the report names
+// the elements in the order of their first change, each with its first old value, and a
+// roll-back puts every value back.
+TEST_F(ChangeRecordsTest, ALongTransactionKeepsEveryFirstOldValueInOrder) {
+    // Enough elements that those at both ends lie tens of MiB apart.
+    constexpr int bookCount = 200'000;
+    constexpr int shelfCount = 500;
+    constexpr int shelfEvery = bookCount / 2 / shelfCount;
+    std::vector<Book> books;
+    std::vector<Shelf> shelves;
+    boost::posix_time::ptime const epoch(boost::gregorian::date(2020, 1, 1));
+    {
+        Transaction transaction = model->beginTransaction();
+        for (int i = 0; i < bookCount; ++i) {
+            books.push_back(Book::create(model));
+            books.back()->setPages(i);
+        }
+        for (int i = 0; i < shelfCount; ++i) {
+            shelves.push_back(Shelf::create(model));
+            shelves.back()->setOpened(epoch + boost::posix_time::seconds(i));
+        }
+        transaction.commit();
+    }
+    auto const span = reinterpret_cast<std::uintptr_t>(books.back().get()) -
+                      reinterpret_cast<std::uintptr_t>(books.front().get());
+    ASSERT_GT(std::min(span, std::uintptr_t(0) - span), std::uintptr_t(40) << 20) << "books too close together";
+
+    // From both ends inwards, a shelf now and then. Early on, every 100th book changes its
+    // title after its pages: the entries kept so far become whole records, the later ones
+    // stay as they are until the end.
+    std::vector<ModelElement> order;
+    auto const work = [&] {
+        order.clear();
+        for (int i = 0; i < bookCount / 2; ++i) {
+            for (int at : {i, bookCount - 1 - i}) {
+                books[at]->setPages(-1 - at);
+                order.push_back(books[at]);
+                if (i < 1000 && at % 100 == 0)
+                    books[at]->setTitle(u"changed");
+            }
+            if (i % shelfEvery == 0) {
+                shelves[i / shelfEvery]->setOpened(epoch - boost::posix_time::hours(1));
+                order.push_back(shelves[i / shelfEvery]);
+            }
+        }
+    };
+    Report const report = record(work);
+    ASSERT_TRUE(report);
+    EXPECT_TRUE(report->getModified() == order);
+    for (int i = 0; i < bookCount; i += 7)
+        ASSERT_EQ(report->getOldValue(books[i], Book::Impl::pagesProperty()).get<std::int32_t>(), i) << i;
+    for (int i = 0; i < shelfCount; i += 7)
+        ASSERT_EQ(report->getOldValue(shelves[i], Shelf::Impl::openedProperty()).get<boost::posix_time::ptime>(),
+                  epoch + boost::posix_time::seconds(i))
+            << i;
+    EXPECT_EQ(books[bookCount - 100]->getTitle(), u"changed");
+    EXPECT_EQ(books[1]->getPages(), -2);
+
+    {
+        Transaction transaction = model->beginTransaction();
+        for (int i = 0; i < bookCount; ++i) {
+            books[i]->setPages(i);
+            if (i % 100 == 0)
+                books[i]->setTitle(u"");
+        }
+        for (int i = 0; i < shelfCount; ++i)
+            shelves[i]->setOpened(epoch + boost::posix_time::seconds(i));
+        transaction.commit();
+    }
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        work();
+        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+    }
+    for (int i = 0; i < bookCount; ++i) {
+        ASSERT_EQ(books[i]->getPages(), i) << i;
+        ASSERT_EQ(books[i]->getTitle(), u"") << i;
+    }
+    for (int i = 0; i < shelfCount; ++i)
+        ASSERT_EQ(shelves[i]->getOpened(), epoch + boost::posix_time::seconds(i)) << i;
 }
 
 } // namespace
