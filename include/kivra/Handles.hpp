@@ -158,6 +158,7 @@ protected:
 
     friend class Model;
     friend class detail::DeferredReleases;
+    friend class ElementSequenceBase; // takes over the model's reference on a new child
     friend struct std::hash<ModelElement>;
 };
 

@@ -234,6 +234,12 @@ public:
     /// Makes `element` top level again, with no call to the far end; the child records the
     /// change on its end of the composite that held it.
     void _basicSetUncontained(Impl *element);
+    /// For a composite collection of this element that appends `child` on `property` (with
+    /// no opposite): when the model's transaction keeps and tells nothing, and `child` is a
+    /// live top-level element of this model that cannot contain this one, makes `child`
+    /// this element's at once and returns it with the model's reference, which the caller
+    /// now owns. Else null, with nothing changed: the caller takes the general path.
+    Impl *_adoptQuietly(Impl *child, meta::Property::Impl *property);
     void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
 
     // --- The store-only level of collections: for the far end of an association -------

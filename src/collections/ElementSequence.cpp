@@ -234,6 +234,15 @@ std::vector<ModelElement> ElementSequenceBase::getAllValues() const {
 void ElementSequenceBase::push_back(ModelElement const &element) {
     if (!element.get())
         return;
+    if (owner_ && !opposite_ && isComposite()) {
+        // Room first: once the child is taken, nothing may fail.
+        reserveOne();
+        if (ModelElement::Impl *const child = owner_->_adoptQuietly(element.get(), property_.get())) {
+            entries_.push_back(ModelElement(child, /*addReference=*/false));
+            noteAdded(child);
+            return;
+        }
+    }
     checkCompatibleModel(element.get());
     if (unique_ && contains(element))
         return;
@@ -412,15 +421,19 @@ void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &
 
 // --- The store-only level ------------------------------------------------------------
 
-void ElementSequenceBase::basicAdd(ModelElement const &element) {
-    Operation operation(*this);
-    modifying();
+void ElementSequenceBase::reserveOne() {
     // Most lists of a model hold a few entries: the first allocation makes room for two,
     // where growth from one would allocate twice. A long list grows by half, not double:
     // a model's largest lists are most of its memory beside the elements, and a handle is
     // cheap to move.
     if (std::size_t const capacity = entries_.capacity(); entries_.size() == capacity)
         entries_.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
+}
+
+void ElementSequenceBase::basicAdd(ModelElement const &element) {
+    Operation operation(*this);
+    modifying();
+    reserveOne();
     entries_.push_back(element);
     noteAdded(element.get());
     operation.commit();

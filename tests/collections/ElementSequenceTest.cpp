@@ -111,6 +111,60 @@ TEST_F(ElementSequenceTest, CompositeChildrenMoveOrBecomeTopLevel) {
     EXPECT_FALSE(book);
 }
 
+struct Watcher : Listener {
+    void transactionCommitted(std::shared_ptr<ReportData> const &) {}
+};
+
+// A plain transaction fills a composite list by a shorter way than one that records or
+// is watched: each must end in the same model, holding its children exactly once.
+TEST_F(ElementSequenceTest, NewChildrenEndAlikeWhetherTheTransactionKeepsOrTellsOrNot) {
+    enum Kind { Plain, Revertible, Watched };
+    auto const id = [](int n) {
+        boost::uuids::uuid uuid{};
+        uuid.data[15] = std::uint8_t(n);
+        return uuid;
+    };
+    auto const fill = [&](Kind kind) {
+        Model filled = Model::create(ModelConstellation());
+        Book const earlier = Book::create(filled, id(1)); // made by a transaction of its own
+        Watcher watcher;
+        if (kind == Watched)
+            addListener<ListenerRole::Observer>(filled, watcher);
+        {
+            Transaction transaction = filled->beginTransaction(kind == Revertible);
+            Shelf const shelf = Shelf::create(filled, id(2));
+            Shelf const other = Shelf::create(filled, id(3));
+            auto &books = shelf->getBooksMutable();
+            for (int n = 4; n < 8; ++n)
+                books.push_back(Book::create(filled, id(n)));
+            books.push_back(earlier);
+            books.push_back(earlier); // held already: turned away
+            other->getBooksMutable().push_back(books[1]); // a move
+            books.erase(books[0]);                        // top level again
+            transaction.commit();
+        }
+        if (kind == Watched)
+            removeListener(filled, watcher);
+        return filled;
+    };
+    Model const plain = fill(Plain);
+    for (Kind kind : {Revertible, Watched})
+        EXPECT_EQ(describeDifference(snapshot(fill(kind)), snapshot(plain)), "") << kind;
+
+    // Held once: emptied, the lists leave their books to the model, which keeps them alive.
+    auto const shelves = plain->getTopLevelElements();
+    std::size_t const count = plain->elementCount();
+    {
+        Transaction transaction = plain->beginTransaction(false);
+        for (ModelElement const &element : shelves)
+            if (auto *const shelf = dynamic_cast<Shelf::Impl *>(element.get()))
+                shelf->getBooksMutable().clear();
+        transaction.commit();
+    }
+    EXPECT_EQ(plain->elementCount(), count);
+    EXPECT_EQ(plain->getTopLevelElements().size(), count);
+}
+
 // A composite list with opposite: the child's container end and the list agree.
 TEST_F(ElementSequenceTest, ChaptersAndTheirBookAgreeFromEitherEnd) {
     Book outer = Book::create(model);
