@@ -240,6 +240,9 @@ public:
     /// this element's at once and returns it with the model's reference, which the caller
     /// now owns. Else null, with nothing changed: the caller takes the general path.
     Impl *_adoptQuietly(Impl *child, meta::Property::Impl *property);
+    /// True when the model's transaction would keep and tell nothing of a change of this
+    /// element, which is live: a collection may then change without announcing it.
+    bool _changesQuietly() const noexcept;
     void _destroyRecursively(Impl *element, bool modelDestroying, bool multiModel);
 
     // --- The store-only level of collections: for the far end of an association -------

@@ -1,5 +1,6 @@
 #include <kivra/ElementSequence.hpp>
 
+#include "collections/QuietChange.hpp"
 #include "core/DeferredReleases.hpp"
 
 #include <kivra/ElementId.hpp>
@@ -242,6 +243,18 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
             noteAdded(child);
             return;
         }
+    } else if (ModelElement::Impl *const impl = element.get(); owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() &&
+                                                                impl->isValidNonProxy() && !isComposite() && owner_->_changesQuietly()) {
+        // A link between two live elements of the model, in a transaction that keeps and
+        // tells nothing: neither end has anything to check, record or announce.
+        if (unique_ && contains(element))
+            return;
+        reserveOne();
+        entries_.push_back(element);
+        noteAdded(impl);
+        detail::QuietChange const quiet(owner_->getModelImpl());
+        associate(impl);
+        return;
     }
     checkCompatibleModel(element.get());
     if (unique_ && contains(element))

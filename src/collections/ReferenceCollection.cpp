@@ -11,6 +11,7 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include "collections/QuietChange.hpp"
 #include "core/ElementPool.hpp"
 
 namespace kivra {
@@ -49,7 +50,7 @@ void AbstractOwnedCollection::operator delete(AbstractOwnedCollection *collectio
 ModelElement AbstractOwnedCollection::getOwner() const { return ModelElement::fromImpl(owner_); }
 
 void AbstractOwnedCollection::modifying() {
-    if (!owner_ || !property_)
+    if (!owner_ || !property_ || detail::QuietChange::covers(owner_->getModelImpl()))
         return;
     // Extensions, whose collections have no index of their own, are announced by name once
     // they exist; until then a property without index records nothing.

@@ -417,16 +417,22 @@ void ModelElement::Impl::_setContainedByThis(Impl *element, meta::Property const
     element->basicSetContainer(this, property, containerEndIndex(property));
 }
 
+bool ModelElement::Impl::_changesQuietly() const noexcept {
+    Model::Impl const *const model = model_;
+    TransactionImpl const *const transaction = model->currentTransaction_;
+    return transaction && validity_ == Valid && !transaction->isInterested() &&
+           !transaction->has(TransactionImpl::ApplyingRollBack) && model->freezeCount_ == 0 &&
+           model->dataSourceLoadingCount_ == 0 && model->isValid();
+}
+
 ModelElement::Impl *ModelElement::Impl::_adoptQuietly(Impl *child, meta::Property::Impl *property) {
     // Filling a model puts each new element into its container's list: the general path
     // passes a dozen layers that each find nothing to record, check or tell. This one asks
     // once whether any of them would, and otherwise ends where they would end.
     Model::Impl *const model = model_;
-    TransactionImpl const *const transaction = model->currentTransaction_;
-    if (!transaction || transaction->isInterested() || transaction->has(TransactionImpl::ApplyingRollBack) ||
-        model->freezeCount_ != 0 || model->dataSourceLoadingCount_ != 0 || !model->isValid())
+    if (!_changesQuietly())
         return nullptr;
-    if (child->model_ != model || child->validity_ != Valid || validity_ != Valid ||
+    if (child->model_ != model || child->validity_ != Valid ||
         (child->marks_ & (ProxyMark | HeldByModelMark)) != HeldByModelMark || !child->isTopLevel())
         return nullptr;
     for (Impl const *ancestor = this; ancestor; ancestor = ancestor->containerImpl())

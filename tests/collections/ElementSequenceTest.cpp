@@ -115,8 +115,9 @@ struct Watcher : Listener {
     void transactionCommitted(std::shared_ptr<ReportData> const &) {}
 };
 
-// A plain transaction fills a composite list by a shorter way than one that records or
-// is watched: each must end in the same model, holding its children exactly once.
+// A plain transaction fills a composite list and links elements by a shorter way than one
+// that records or is watched: each must end in the same model, both ends of every link in
+// agreement, and the children held exactly once.
 TEST_F(ElementSequenceTest, NewChildrenEndAlikeWhetherTheTransactionKeepsOrTellsOrNot) {
     enum Kind { Plain, Revertible, Watched };
     auto const id = [](int n) {
@@ -141,6 +142,17 @@ TEST_F(ElementSequenceTest, NewChildrenEndAlikeWhetherTheTransactionKeepsOrTells
             books.push_back(earlier); // held already: turned away
             other->getBooksMutable().push_back(books[1]); // a move
             books.erase(books[0]);                        // top level again
+            // Links: a list whose far end is single (a book changes writer), and a list whose
+            // far end is a set.
+            Author const ann = Author::create(filled, id(8));
+            Author const bob = Author::create(filled, id(9));
+            for (std::size_t i = 0; i < books.size(); ++i) {
+                ann->getBooksMutable().push_back(books[i]);
+                books[i]->getCoauthorsMutable().push_back(i % 2 ? ann : bob);
+                books[i]->getCoauthorsMutable().push_back(bob);
+            }
+            bob->getBooksMutable().push_back(books[0]);
+            ann->getBooksMutable().push_back(books[1]); // held already: turned away
             transaction.commit();
         }
         if (kind == Watched)
