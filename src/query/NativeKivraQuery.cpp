@@ -531,7 +531,23 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
     };
     meta::Property::Impl const &described = *property.get();
+    // A read of a holder may resolve its proxies or make its value again, and let go of
+    // entries that an earlier read of it queued: the rows of one holder, which lie together
+    // but for holders that share a line, are read once, and what waits is entered before a
+    // holder of a shared line is read.
+    ModelElement::Impl const *lastHolder = nullptr;
+    ElementSequenceBase const *lastSequence = nullptr;
     for (auto const &[holder, h] : byPlace) {
+        if (holder == lastHolder && lastSequence) {
+            queue(h, *lastSequence);
+            continue;
+        }
+        auto const at = reinterpret_cast<std::uintptr_t>(holder), last = reinterpret_cast<std::uintptr_t>(lastHolder);
+        if (lastHolder && at != last && (at > last ? at - last : last - at) < 64)
+            for (; entered < queued; ++entered)
+                enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
+        lastHolder = holder;
+        lastSequence = nullptr;
         // A generated holder shows a collection it has made where it lies: no value is made
         // to read it. Its proxies are resolved first, as the holder's own read does, or an
         // entry that resolves to a value by an id other than its UUID would be missed.
@@ -540,6 +556,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         if (collection) {
             kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
             if (ElementSequenceBase const *const sequence = sequenceOf(*collection)) {
+                lastSequence = sequence;
                 queue(h, *sequence);
                 continue;
             }
@@ -552,6 +569,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         Value const value = holder->getPropertyValue(property, ReflectiveQuery::privilegedTag);
         collection = single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
         if (ElementSequenceBase const *const sequence = collection ? sequenceOf(*collection) : nullptr) {
+            lastSequence = sequence;
             queue(h, *sequence);
             continue;
         }

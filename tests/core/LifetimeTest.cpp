@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
 #include <vector>
 
 namespace kivra {
@@ -239,6 +240,72 @@ TEST(Lifetime, ElementsHeldAcrossTheEndOfALargeModelKeepOnlyTheUsersReference) {
         EXPECT_FALSE(author);
         EXPECT_EQ(author->referenceCount(), 1u);
     }
+}
+
+// The model's last handle can go while its transaction is open: the transaction then
+// holds it, and what the writer makes meanwhile (elements, collections) holds its memory
+// until the shell goes with the last of them, tombstones' collections made later included.
+TEST(Lifetime, WhatATransactionMakesAfterTheLastModelHandleHoldsTheShell) {
+    using test::library::Author;
+    using test::library::Book;
+    for (bool const commit : {true, false}) {
+        std::vector<Author> authors;
+        std::vector<Book> books;
+        {
+            Model model = Model::createTransientModel();
+            Transaction transaction = model->beginRevertibleTransaction();
+            authors.push_back(Author::create(model));
+            model.reset();
+            for (int i = 0; i < 3; ++i)
+                books.push_back(Book::create(authors[0]->getModel()));
+            books[0]->getCoauthorsMutable().push_back(authors[0]);
+            authors[0]->getRatingsMutable().push_back(5);
+            EXPECT_TRUE(books[1]->getTags().empty());
+            if (commit)
+                transaction.commit();
+        }
+        for (Book const &book : books) {
+            EXPECT_FALSE(book);
+            EXPECT_TRUE(book->getChapters().empty());
+        }
+        EXPECT_TRUE(authors[0]->getBooks().empty());
+        books.clear();
+        authors.clear();
+    }
+}
+
+// Moved elements hold the shell of the model whose memory they live in, and may let go of
+// it from any thread once both models are gone.
+TEST(Lifetime, MovedElementsLetGoOfBothShellsFromOtherThreads) {
+    using test::library::Author;
+    using test::library::Book;
+    std::vector<std::vector<Book>> books(4);
+    {
+        Model target = Model::createTransientModel();
+        Model source = Model::createTransientModel();
+        Transaction transaction = source->beginTransaction();
+        Author const author = Author::create(source);
+        for (int i = 0; i < 200; ++i) {
+            books[i % 4].push_back(Book::create(source));
+            books[i % 4].back()->getCoauthorsMutable().push_back(author);
+        }
+        transaction.commit();
+        source->moveAllContentsTo(target);
+        Transaction more = target->beginTransaction();
+        for (auto const &group : books)
+            for (Book const &book : group)
+                book->getTagsMutable().push_back(u"moved");
+        more.commit();
+    }
+    std::vector<std::thread> threads;
+    for (auto &group : books)
+        threads.emplace_back([&group] {
+            for (Book const &book : group)
+                EXPECT_TRUE(book->getChapters().empty());
+            group.clear();
+        });
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 } // namespace

@@ -462,5 +462,44 @@ TEST(QueryEngineGenerated, AJoinResolvesTheProxiesOfMadeCollectionsAsThePlainWal
     }
 }
 
+// A resolver whose first answer is "not found" and whose later ones find the element, as
+// one does that loads what it looks in along the way.
+class SecondTimeResolver final : public services::ElementIdResolver {
+public:
+    ModelElement target;
+    int asked = 0;
+    ModelElement resolve(Model const &, meta::Class const &, io::ElementId const &) override {
+        return ++asked > 1 ? target : ModelElement();
+    }
+};
+
+// A holder in two rows of the input is read once: a second read resolved the proxy that the
+// first had queued, and the join then read the freed proxy.
+TEST(QueryEngineGenerated, AHolderInSeveralRowsIsReadOnce) {
+    using namespace kivra::test::library;
+    static std::shared_ptr<SecondTimeResolver> const resolver = [] {
+        auto made = std::make_shared<SecondTimeResolver>();
+        services::registerElementIdResolver(u"second", made);
+        return made;
+    }();
+    Model const model = Model::create(ModelConstellation::create());
+    Book const emma = Book::create(model);
+    Book const dune = Book::create(model);
+    // The chapter's only holder is the sequence; no far end needs to agree to its resolution.
+    emma->getChaptersMutable().push_back(Book::createProxy(model, ProxyId(u"second", u"dune", boost::none)));
+    resolver->target = dune;
+    resolver->asked = 0;
+    NativeKivraQuery q;
+    q.setModel(model);
+    // Both books have 100 pages: the first join gives each holder two rows.
+    std::size_t const same = q.addSearchClass(Book::metaClass(), Mode::ExactClass);
+    std::size_t const holder = q.addSearchClass(Book::metaClass(), Mode::ExactClass);
+    q.addPropertyRelationProperty(Book::Impl::pagesProperty(), same, R::equal, Book::Impl::pagesProperty(), holder);
+    q.addAssociatedObject(Book::Impl::chaptersProperty(), holder, q.addSearchClass(Book::metaClass(), Mode::ExactClass));
+    EXPECT_EQ(q.countResults(), 0u);
+    EXPECT_EQ(resolver->asked, 1);
+    resolver->target = ModelElement();
+}
+
 } // namespace
 } // namespace kivra::query
