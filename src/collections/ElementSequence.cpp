@@ -233,18 +233,21 @@ std::vector<ModelElement> ElementSequenceBase::getAllValues() const {
 // --- The public level: with association --------------------------------------------
 
 void ElementSequenceBase::push_back(ModelElement const &element) {
-    if (!element.get())
+    ModelElement::Impl *const impl = element.get();
+    if (!impl)
         return;
-    if (owner_ && !opposite_ && isComposite()) {
-        // Room first: once the child is taken, nothing may fail.
+    if (owner_ && !opposite_ && isComposite() && impl->isValidNonProxy() && impl->isTopLevel()) {
+        // Room first: once the child is taken, nothing may fail. A live top-level element
+        // is none of the entries, which are the owner's children or proxies: growing the
+        // list leaves `element` where it is.
         reserveOne();
-        if (ModelElement::Impl *const child = owner_->_adoptQuietly(element.get(), property_.get())) {
+        if (ModelElement::Impl *const child = owner_->_adoptQuietly(impl, property_.get())) {
             entries_.push_back(ModelElement(child, /*addReference=*/false));
             noteAdded(child);
             return;
         }
-    } else if (ModelElement::Impl *const impl = element.get(); owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() &&
-                                                                impl->isValidNonProxy() && !isComposite() && owner_->_changesQuietly()) {
+    } else if (owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() && impl->isValidNonProxy() &&
+               !isComposite() && owner_->_changesQuietly()) {
         // A link between two live elements of the model, in a transaction that keeps and
         // tells nothing: neither end has anything to check, record or announce.
         if (unique_ && contains(element))

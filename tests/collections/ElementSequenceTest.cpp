@@ -177,6 +177,25 @@ TEST_F(ElementSequenceTest, NewChildrenEndAlikeWhetherTheTransactionKeepsOrTells
     EXPECT_EQ(plain->getTopLevelElements().size(), count);
 }
 
+// A list makes room before it takes a new child, and the handle it is given may be one of
+// its own entries, which growing moves away.
+TEST_F(ElementSequenceTest, AChildHeldAlreadyIsTurnedAwayByAFullList) {
+    Shelf const shelf = Shelf::create(model);
+    auto &books = shelf->getBooksMutable();
+    for (bool const inTransaction : {false, true}) {
+        Transaction transaction = inTransaction ? model->beginTransaction(false) : Transaction();
+        do
+            books.push_back(Book::create(model));
+        while (books.size() != books.toSTLCollection().capacity());
+        std::size_t const size = books.size();
+        Book const last = books.back();
+        books.push_back(books.rawAt(size - 1));
+        EXPECT_EQ(books.size(), size) << inTransaction;
+        EXPECT_EQ(books.back(), last) << inTransaction;
+        transaction.commit();
+    }
+}
+
 // A composite list with opposite: the child's container end and the list agree.
 TEST_F(ElementSequenceTest, ChaptersAndTheirBookAgreeFromEitherEnd) {
     Book outer = Book::create(model);
