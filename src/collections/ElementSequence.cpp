@@ -236,7 +236,10 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
     ModelElement::Impl *const impl = element.get();
     if (!impl)
         return;
-    if (owner_ && !opposite_ && isComposite() && impl->isValidNonProxy() && impl->isTopLevel()) {
+    // A list whose entries' class is known only at run time tests each newcomer as it
+    // stores it: it takes the general path, which stores through that test.
+    bool const typed = entryClass_ != &ModelElement::metaClass;
+    if (typed && owner_ && !opposite_ && isComposite() && impl->isValidNonProxy() && impl->isTopLevel()) {
         // Room first: once the child is taken, nothing may fail. A live top-level element
         // is none of the entries, which are the owner's children or proxies: growing the
         // list leaves `element` where it is.
@@ -246,7 +249,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
             noteAdded(child);
             return;
         }
-    } else if (owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() && impl->isValidNonProxy() &&
+    } else if (typed && owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() && impl->isValidNonProxy() &&
                !isComposite() && owner_->_changesQuietly()) {
         // A link between two live elements of the model, in a transaction that keeps and
         // tells nothing: neither end has anything to check, record or announce.

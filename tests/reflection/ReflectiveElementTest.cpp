@@ -5,6 +5,7 @@
 
 #include <kivra/AbstractPrimitiveCollection.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/Transaction.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -254,6 +255,29 @@ TEST(ReflectiveElement, CollectionsRefuseEntriesOfAnotherClass) {
     // A subclass is an entry of its superclass's collections.
     many(frank, u"books").genericAdd(novel);
     EXPECT_EQ(element(novel, u"writer"), frank);
+}
+
+// A reflective list tests the class of what it is given on every way in: a direct append
+// too, in a transaction that keeps and tells nothing as outside one.
+TEST(ReflectiveElement, DirectAppendsRefuseEntriesOfAnotherClass) {
+    Model model = Model::createTransientModel();
+    Flavour const &lib = runtimeLibrary();
+    ModelElement const shelf = lib.shelf->instantiate(model), dune = lib.book->instantiate(model);
+    ModelElement const frank = lib.author->instantiate(model);
+    auto const sequence = [](ModelElement const &holder, std::u16string_view name) -> ElementSequenceBase & {
+        Value const value = get(holder, name, Access::PRIVILEGED_ACCESS);
+        return dynamic_cast<ElementSequenceBase &>(*static_cast<ReferenceCollection *>(const_cast<void *>(value.getPayload())));
+    };
+    for (bool const inTransaction : {false, true}) {
+        Transaction transaction = inTransaction ? model->beginTransaction(false) : Transaction();
+        // A child, and a link whose far end is a set.
+        EXPECT_THROW(sequence(shelf, u"books").push_back(frank), Error<messages::CannotAddIncompatibleTypes>);
+        EXPECT_THROW(sequence(dune, u"coauthors").push_back(shelf), Error<messages::CannotAddIncompatibleTypes>);
+        EXPECT_TRUE(frank->isTopLevel()) << inTransaction;
+        EXPECT_EQ(sequence(shelf, u"books").size(), 0u) << inTransaction;
+        EXPECT_EQ(sequence(dune, u"coauthors").size(), 0u) << inTransaction;
+        transaction.commit();
+    }
 }
 
 TEST(ReflectiveElement, AContainmentWhoseIndexNamesAnotherPropertyKeepsItsOwn) {
