@@ -230,6 +230,27 @@ std::vector<ModelElement> ElementSequenceBase::getAllValues() const {
     return values;
 }
 
+namespace {
+
+void growForOne(ElementSequenceBase::Container &entries) {
+    // Most lists of a model hold a few entries: the first allocation makes room for two,
+    // where growth from one would allocate twice. A long list grows by half, not double:
+    // a model's largest lists are most of its memory beside the elements, and a handle is
+    // cheap to move.
+    if (std::size_t const capacity = entries.capacity(); entries.size() == capacity)
+        entries.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
+}
+
+/// Appends `element`, which may be one of `entries`: growing moves them away, so it is
+/// counted first, with the count the stored entry takes anyway.
+void appendEntry(ElementSequenceBase::Container &entries, ModelElement const &element) {
+    ModelElement entry = element;
+    growForOne(entries);
+    entries.push_back(std::move(entry));
+}
+
+} // namespace
+
 // --- The public level: with association --------------------------------------------
 
 void ElementSequenceBase::push_back(ModelElement const &element) {
@@ -255,8 +276,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
         // tells nothing: neither end has anything to check, record or announce.
         if (unique_ && contains(element))
             return;
-        reserveOne();
-        entries_.push_back(element);
+        appendEntry(entries_, element);
         noteAdded(impl);
         detail::QuietChange const quiet(owner_->getModelImpl());
         associate(impl);
@@ -440,20 +460,12 @@ void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &
 
 // --- The store-only level ------------------------------------------------------------
 
-void ElementSequenceBase::reserveOne() {
-    // Most lists of a model hold a few entries: the first allocation makes room for two,
-    // where growth from one would allocate twice. A long list grows by half, not double:
-    // a model's largest lists are most of its memory beside the elements, and a handle is
-    // cheap to move.
-    if (std::size_t const capacity = entries_.capacity(); entries_.size() == capacity)
-        entries_.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
-}
+void ElementSequenceBase::reserveOne() { growForOne(entries_); }
 
 void ElementSequenceBase::basicAdd(ModelElement const &element) {
     Operation operation(*this);
     modifying();
-    reserveOne();
-    entries_.push_back(element);
+    appendEntry(entries_, element);
     noteAdded(element.get());
     operation.commit();
 }

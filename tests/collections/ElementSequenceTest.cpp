@@ -196,6 +196,20 @@ TEST_F(ElementSequenceTest, AChildHeldAlreadyIsTurnedAwayByAFullList) {
     }
 }
 
+// A unique list does not count a proxy as held: given one of its own proxy entries while
+// full, it appends it again, and must read it before it grows.
+TEST_F(ElementSequenceTest, AFullListReadsItsOwnEntryBeforeItGrows) {
+    Author const author = Author::create(model);
+    auto &books = author->getBooksMutable();
+    boost::uuids::uuid absent{};
+    absent.data[0] = 1;
+    books.push_back(Book::createProxy(model, idOf(absent)));
+    while (books.size() != books.toSTLCollection().capacity())
+        books.push_back(Book::create(model));
+    books.push_back(books.rawAt(0));
+    EXPECT_TRUE(books.rawAt(books.size() - 1) == books.rawAt(0));
+}
+
 // A composite list with opposite: the child's container end and the list agree.
 TEST_F(ElementSequenceTest, ChaptersAndTheirBookAgreeFromEitherEnd) {
     Book outer = Book::create(model);
