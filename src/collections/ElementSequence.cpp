@@ -286,8 +286,9 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
     if (unique_ && contains(element))
         return;
     Operation operation(*this);
+    // `element` may be one of the entries, which growing moves: `impl` is what it names.
     basicAdd(element);
-    associate(element.get());
+    associate(impl);
     operation.commit();
 }
 
@@ -299,9 +300,11 @@ std::size_t ElementSequenceBase::insert(std::size_t position, ModelElement const
         return std::size_t(std::find(entries_.begin(), entries_.end(), element) - entries_.begin());
     Operation operation(*this);
     modifying();
+    // `element` may be one of the entries, which the insertion moves: `impl` is what it names.
+    ModelElement::Impl *const impl = element.get();
     entries_.insert(entries_.begin() + std::ptrdiff_t(position), element);
-    associate(element.get());
-    noteAdded(element.get());
+    associate(impl);
+    noteAdded(impl);
     operation.commit();
     return position;
 }
@@ -430,7 +433,9 @@ void ElementSequenceBase::assignAt(std::size_t index, ModelElement const &elemen
     replaceElement(index, element);
 }
 
-void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &element) {
+void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &given) {
+    // `given` may be one of the entries, which the far ends may move: a handle of its own.
+    ModelElement const element = given;
     checkCompatibleModel(element.get());
     Operation operation(*this);
     modifying();
@@ -465,8 +470,9 @@ void ElementSequenceBase::reserveOne() { growForOne(entries_); }
 void ElementSequenceBase::basicAdd(ModelElement const &element) {
     Operation operation(*this);
     modifying();
+    ModelElement::Impl *const impl = element.get();
     appendEntry(entries_, element);
-    noteAdded(element.get());
+    noteAdded(impl);
     operation.commit();
 }
 
