@@ -152,8 +152,6 @@ private:
     bool resolveInplace(std::size_t index) const;
     bool holds(ModelElement::Impl const *element) const;
     void noteAdded(ModelElement::Impl const *element);
-    /// Room for one more entry.
-    void reserveOne();
     void noteRemoved(ModelElement::Impl const *element);
     /// Attaches the filter or the index once the size calls for it.
     void grow();

@@ -264,7 +264,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
         // Room first: once the child is taken, nothing may fail. A live top-level element
         // is none of the entries, which are the owner's children or proxies: growing the
         // list leaves `element` where it is.
-        reserveOne();
+        growForOne(entries_);
         if (ModelElement::Impl *const child = owner_->_adoptQuietly(impl, property_.get())) {
             entries_.push_back(ModelElement(child, /*addReference=*/false));
             noteAdded(child);
@@ -464,8 +464,6 @@ void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &
 }
 
 // --- The store-only level ------------------------------------------------------------
-
-void ElementSequenceBase::reserveOne() { growForOne(entries_); }
 
 void ElementSequenceBase::basicAdd(ModelElement const &element) {
     Operation operation(*this);

@@ -177,37 +177,35 @@ TEST_F(ElementSequenceTest, NewChildrenEndAlikeWhetherTheTransactionKeepsOrTells
     EXPECT_EQ(plain->getTopLevelElements().size(), count);
 }
 
-// A list makes room before it takes a new child, and the handle it is given may be one of
-// its own entries, which growing moves away.
-TEST_F(ElementSequenceTest, AChildHeldAlreadyIsTurnedAwayByAFullList) {
-    Shelf const shelf = Shelf::create(model);
-    auto &books = shelf->getBooksMutable();
+// A full list given one of its own entries must read it before it grows: a child held
+// already is turned away (outside and inside a plain transaction), and a proxy, which a
+// unique list does not count as held, is appended again.
+TEST_F(ElementSequenceTest, AFullListReadsItsOwnEntryBeforeItGrows) {
+    auto const fill = [this](auto &list) {
+        do
+            list.push_back(Book::create(model));
+        while (list.size() != list.toSTLCollection().capacity());
+    };
+    auto &shelved = Shelf::create(model)->getBooksMutable();
     for (bool const inTransaction : {false, true}) {
         Transaction transaction = inTransaction ? model->beginTransaction(false) : Transaction();
-        do
-            books.push_back(Book::create(model));
-        while (books.size() != books.toSTLCollection().capacity());
-        std::size_t const size = books.size();
-        Book const last = books.back();
-        books.push_back(books.rawAt(size - 1));
-        EXPECT_EQ(books.size(), size) << inTransaction;
-        EXPECT_EQ(books.back(), last) << inTransaction;
+        fill(shelved);
+        std::size_t const size = shelved.size();
+        Book const last = shelved.back();
+        shelved.push_back(shelved.rawAt(size - 1));
+        EXPECT_EQ(shelved.size(), size) << inTransaction;
+        EXPECT_EQ(shelved.back(), last) << inTransaction;
         transaction.commit();
     }
-}
 
-// A unique list does not count a proxy as held: given one of its own proxy entries while
-// full, it appends it again, and must read it before it grows.
-TEST_F(ElementSequenceTest, AFullListReadsItsOwnEntryBeforeItGrows) {
     Author const author = Author::create(model);
-    auto &books = author->getBooksMutable();
+    auto &written = author->getBooksMutable();
     boost::uuids::uuid absent{};
     absent.data[0] = 1;
-    books.push_back(Book::createProxy(model, idOf(absent)));
-    while (books.size() != books.toSTLCollection().capacity())
-        books.push_back(Book::create(model));
-    books.push_back(books.rawAt(0));
-    EXPECT_TRUE(books.rawAt(books.size() - 1) == books.rawAt(0));
+    written.push_back(Book::createProxy(model, idOf(absent)));
+    fill(written);
+    written.push_back(written.rawAt(0));
+    EXPECT_TRUE(written.rawAt(written.size() - 1) == written.rawAt(0));
 }
 
 // A composite list with opposite: the child's container end and the list agree.
