@@ -46,6 +46,8 @@ ElementPool::~ElementPool() = default;
 
 std::size_t ElementPool::keptHeapBytes() noexcept { return 0; }
 
+void ElementPool::setKeptHeapBytes(std::size_t) noexcept {}
+
 void *ElementPool::allocate(std::size_t size) {
     auto *const bytes = static_cast<char *>(::operator new(prefixSize + size));
     *reinterpret_cast<ElementPool **>(bytes) = this;
@@ -67,13 +69,17 @@ namespace {
 /// Heap slabs of pools that went, kept for the next pool (16 MiB): a small model made after
 /// another then writes into memory the system has handed over already, instead of faulting
 /// in a small page at a time (on a virtual machine that can cost more than making the model).
+void freeSlab(void *slab) noexcept { std::free(slab); }
+
 KeptBlocks &keptSlabs() {
-    static KeptBlocks *const kept = new KeptBlocks(512); // never destroyed: models may outlive statics
+    static KeptBlocks *const kept = new KeptBlocks(512, freeSlab); // never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace
 
 std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabs().count() * slabSize; }
+
+void ElementPool::setKeptHeapBytes(std::size_t bytes) noexcept { keptSlabs().setLimit(bytes / slabSize); }
 
 ElementPool::~ElementPool() {
     for (Slab *slab = slabs_; slab;) {

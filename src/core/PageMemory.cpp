@@ -42,35 +42,55 @@ void unmapHugePages(void *block, std::size_t bytes) noexcept {
     bytesMapped.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
-KeptBlocks::KeptBlocks(std::size_t limit) : blocks_(new void *[limit]), limit_(limit) {}
-
-KeptBlocks::~KeptBlocks() { delete[] blocks_; }
-
 void *KeptBlocks::take() noexcept {
     std::lock_guard const lock(lock_);
-    std::size_t const held = count_.load(std::memory_order_relaxed);
-    if (held == 0)
+    if (blocks_.empty())
         return nullptr;
-    count_.store(held - 1, std::memory_order_relaxed);
-    return blocks_[held - 1];
+    void *const block = blocks_.back();
+    blocks_.pop_back();
+    count_.store(blocks_.size(), std::memory_order_relaxed);
+    return block;
 }
 
 bool KeptBlocks::keep(void *block) noexcept {
     std::lock_guard const lock(lock_);
-    std::size_t const held = count_.load(std::memory_order_relaxed);
-    if (held == limit_)
+    if (blocks_.size() >= limit_)
         return false;
-    blocks_[held] = block;
-    count_.store(held + 1, std::memory_order_relaxed);
+    // The list grows as blocks come rather than to the bound at once: a bound set high is
+    // rarely reached. A list that cannot grow keeps nothing more, and the block goes back.
+    try {
+        blocks_.push_back(block);
+    } catch (std::bad_alloc const &) {
+        return false;
+    }
+    count_.store(blocks_.size(), std::memory_order_relaxed);
     return true;
 }
 
+void KeptBlocks::setLimit(std::size_t limit) noexcept {
+    std::lock_guard const lock(lock_);
+    limit_ = limit;
+    while (blocks_.size() > limit_) {
+        release_(blocks_.back());
+        blocks_.pop_back();
+    }
+    count_.store(blocks_.size(), std::memory_order_relaxed);
+}
+
 namespace {
+// A kept run is no longer counted as mapped: it leaves without touching the count.
+void unmapKeptRun(void *run) noexcept { ::munmap(run, hugePageSize); }
+
 KeptBlocks &keptRuns() {
-    static KeptBlocks *const kept = new KeptBlocks(256); // 512 MiB; never destroyed: models may outlive statics
+    // 512 MiB until the user says otherwise; never destroyed: models may outlive statics.
+    static KeptBlocks *const kept = new KeptBlocks(256, unmapKeptRun);
     return *kept;
 }
 } // namespace
+
+void setKeptHugePageRuns(std::size_t runs) noexcept { keptRuns().setLimit(runs); }
+
+std::size_t keptHugePageRuns() noexcept { return keptRuns().count(); }
 
 void *takeKeptHugePageRun() noexcept {
     void *const run = keptRuns().take();

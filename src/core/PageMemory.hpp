@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <vector>
 
 namespace kivra::detail {
 
@@ -22,21 +23,24 @@ void unmapHugePages(void *block, std::size_t bytes) noexcept;
 /// instead of faulting in fresh pages. Safe from any thread.
 class KeptBlocks {
 public:
-    explicit KeptBlocks(std::size_t limit);
+    /// `release` gives a block back to the system when the bound is lowered below what is kept.
+    KeptBlocks(std::size_t limit, void (*release)(void *) noexcept) noexcept : limit_(limit), release_(release) {}
     KeptBlocks(KeptBlocks const &) = delete;
     KeptBlocks &operator=(KeptBlocks const &) = delete;
-    ~KeptBlocks();
     /// A kept block, or null.
     void *take() noexcept;
     /// Keeps `block`; false, and nothing kept, when the bound is reached.
     bool keep(void *block) noexcept;
     /// How many are kept now.
     std::size_t count() const noexcept { return count_.load(std::memory_order_relaxed); }
+    /// Keeps at most `limit` from now on; those beyond it go back to the system at once.
+    void setLimit(std::size_t limit) noexcept;
 
 private:
     std::mutex lock_;
-    void **blocks_;
-    std::size_t const limit_;
+    std::vector<void *> blocks_;
+    std::size_t limit_;
+    void (*const release_)(void *) noexcept;
     std::atomic<std::size_t> count_{0};
 };
 
@@ -47,9 +51,13 @@ void *takeHugePageRun();
 /// A run given back before, or null when there is none: for a taker that has a cheaper
 /// way than fresh pages. Given back with `giveHugePageRun`.
 void *takeKeptHugePageRun() noexcept;
-/// Gives back a run of `takeHugePageRun`: kept for the next taker up to a bound (512 MiB in
-/// the whole process), unmapped beyond it.
+/// Gives back a run of `takeHugePageRun`: kept for the next taker up to a bound in the whole
+/// process, unmapped beyond it.
 void giveHugePageRun(void *run) noexcept;
+/// How many runs given back the process keeps at most; those beyond go back at once.
+void setKeptHugePageRuns(std::size_t runs) noexcept;
+/// How many runs are kept now.
+std::size_t keptHugePageRuns() noexcept;
 
 /// Bytes held in blocks of `mapHugePages` by the whole process, for measurements: the
 /// heap's own statistics do not see them. Runs kept for reuse are not counted.

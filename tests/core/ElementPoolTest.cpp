@@ -2,6 +2,7 @@
 
 #include <library/Book.hpp>
 
+#include <kivra/RetainedMemory.hpp>
 #include <kivra/Transaction.hpp>
 
 #include <gtest/gtest.h>
@@ -122,6 +123,33 @@ TEST(ElementPool, TheLastElementDroppedOnAnotherThreadFreesTheShellOfItsModel) {
     for (Book const &book : kept)
         EXPECT_FALSE(book->isValid());
     std::thread([&kept] { kept.clear(); }).join();
+}
+
+// A model of this size passes its pool's heap slabs and fills its table's backlog past its
+// first piece: both give memory back to the process's stock when they go.
+TEST(RetainedMemory, KeepsWhatModelsGaveBackUpToItsBoundAndNoMore) {
+    std::size_t const start = getRetainedMemoryLimit();
+    auto const makeAndDrop = [] {
+        Model model = Model::createTransientModel();
+        Transaction transaction = model->beginTransaction(false);
+        for (int i = 0; i < 150'000; ++i)
+            Book::create(model);
+        transaction.commit();
+    };
+    constexpr std::size_t mebibyte = std::size_t(1) << 20;
+    setRetainedMemoryLimit(64 * mebibyte);
+    makeAndDrop();
+    EXPECT_GT(getRetainedMemory(), 0u);
+    EXPECT_LE(getRetainedMemory(), 64 * mebibyte);
+    // A lower bound gives back at once what lies beyond it.
+    setRetainedMemoryLimit(3 * mebibyte);
+    EXPECT_EQ(getRetainedMemoryLimit(), 3 * mebibyte);
+    EXPECT_LE(getRetainedMemory(), 3 * mebibyte);
+    setRetainedMemoryLimit(0);
+    EXPECT_EQ(getRetainedMemory(), 0u);
+    makeAndDrop();
+    EXPECT_EQ(getRetainedMemory(), 0u);
+    setRetainedMemoryLimit(start);
 }
 
 } // namespace
