@@ -241,6 +241,16 @@ void growForOne(ElementSequenceBase::Container &entries) {
         entries.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
 }
 
+/// The list's owner as a handle for one store at the far end, without touching its count:
+/// the store takes its own, and the list's owner lives while the list changes.
+class OwnerForFarEnd : public ModelElement {
+public:
+    explicit OwnerForFarEnd(ModelElement::Impl *owner) noexcept : ModelElement(owner, /*addReference=*/false) {}
+    OwnerForFarEnd(OwnerForFarEnd const &) = delete;
+    OwnerForFarEnd &operator=(OwnerForFarEnd const &) = delete;
+    ~OwnerForFarEnd() { release(); }
+};
+
 /// Appends `element`, which may be one of `entries`: growing moves them away, so it is
 /// counted first, with the count the stored entry takes anyway.
 void appendEntry(ElementSequenceBase::Container &entries, ModelElement const &element) {
@@ -279,7 +289,12 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
         appendEntry(entries_, element);
         noteAdded(impl);
         detail::QuietChange const quiet(owner_->getModelImpl());
-        associate(impl);
+        // A far end whose collection is made already takes the owner straight into it, as
+        // its own hook for the opposite would after finding which property is meant.
+        if (auto const *far = static_cast<ReferenceCollection const *>(impl->nativeValueAddress(*opposite_)))
+            ModelElement::Impl::_basicAdd(const_cast<ReferenceCollection &>(*far), OwnerForFarEnd(owner_));
+        else
+            associate(impl);
         return;
     }
     checkCompatibleModel(element.get());
