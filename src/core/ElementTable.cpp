@@ -77,6 +77,7 @@ void ElementSet::settle() noexcept {
             place(piece[i].element, piece[i].hash);
         }
     };
+    written_ = true;
     std::size_t const firstCapacity = (firstPieceIsRun_ ? hugePageSize : firstPieceLimit) / sizeof(Waiting);
     for (std::size_t p = 0; p < fullPieces_.size(); ++p)
         enter(fullPieces_[p], p == 0 ? firstCapacity : hugePageSize / sizeof(Waiting));

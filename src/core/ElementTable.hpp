@@ -127,6 +127,7 @@ public:
             if (chunk.passing == 0)
                 break;
         }
+        written_ = true;
         if (!freeChunk) {
             place(element, hash);
         } else {
@@ -173,6 +174,7 @@ public:
     void clear() noexcept {
         release();
         chunks_ = nullptr;
+        written_ = false;
         mask_ = size_ = 0;
         dropBacklog();
         backlogSize_.store(0, std::memory_order_relaxed);
@@ -207,6 +209,7 @@ public:
         taken.elements = out;
         taken.count = filled;
         chunks_ = nullptr;
+        written_ = false;
         mask_ = size_ = 0;
         return taken;
     }
@@ -300,7 +303,7 @@ private:
     }
     void release() noexcept {
         if (chunks_)
-            freeZeroed(chunks_, (mask_ + 1) * sizeof(Chunk));
+            freeZeroed(chunks_, (mask_ + 1) * sizeof(Chunk), !written_);
     }
 
     void grow() {
@@ -311,11 +314,13 @@ private:
         struct Release {
             Chunk *chunks;
             std::size_t count;
+            bool written;
             ~Release() {
                 if (chunks)
-                    freeZeroed(chunks, count * sizeof(Chunk));
+                    freeZeroed(chunks, count * sizeof(Chunk), !written);
             }
-        } const release{old, oldChunks};
+        } const release{old, oldChunks, written_};
+        written_ = size_ != 0;
         // A table that holds nothing yet is not read: its memory may never have been touched.
         for (std::size_t c = 0; size_ != 0 && c < oldChunks; ++c) {
             if (c + 1 < oldChunks)
@@ -330,6 +335,10 @@ private:
 
     Chunk *chunks_ = nullptr;
     std::size_t mask_ = 0;
+    /// Whether anything was written into `chunks_`: while a transaction fills a model, the
+    /// table grows many times before its first entry, and a table never written goes back
+    /// as zero, for the next to take without clearing it (or faulting in its pages).
+    bool written_ = false;
     /// Elements in slots; those of the backlog are not counted.
     std::size_t size_ = 0;
     /// The backlog's piece being filled. The first piece is a kept run of one huge page

@@ -78,53 +78,138 @@ void KeptBlocks::setLimit(std::size_t limit) noexcept {
 }
 
 namespace {
-// A kept run is no longer counted as mapped: it leaves without touching the count.
-void unmapKeptRun(void *run) noexcept { ::munmap(run, hugePageSize); }
 
-KeptBlocks &keptRuns() {
-    // 512 MiB until the user says otherwise; never destroyed: models may outlive statics.
-    static KeptBlocks *const kept = new KeptBlocks(256, unmapKeptRun);
+/// Page blocks given back, kept for the next taker of the same size while the bytes kept stay
+/// within a bound: runs of one huge page, and the larger blocks of element tables and record
+/// logs, whose sizes repeat from one model to the next.
+class KeptPages {
+public:
+    /// A kept block of `bytes`, or null; `clean` tells whether it is still all zero.
+    void *take(std::size_t bytes, bool &clean) noexcept {
+        std::lock_guard const lock(lock_);
+        // From the newest: a run, the common size, is most often there.
+        for (std::size_t i = blocks_.size(); i-- > 0;) {
+            if (blocks_[i].bytes != bytes)
+                continue;
+            void *const memory = blocks_[i].memory;
+            clean = blocks_[i].clean;
+            blocks_[i] = blocks_.back();
+            blocks_.pop_back();
+            kept_.store(kept_.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
+            return memory;
+        }
+        return nullptr;
+    }
+
+    bool keep(void *memory, std::size_t bytes, bool clean) noexcept {
+        std::lock_guard const lock(lock_);
+        std::size_t const kept = kept_.load(std::memory_order_relaxed);
+        if (bytes > limit_ || kept > limit_ - bytes)
+            return false;
+        // A list that cannot grow keeps nothing more, and the block goes back.
+        try {
+            blocks_.push_back({memory, bytes, clean});
+        } catch (std::bad_alloc const &) {
+            return false;
+        }
+        kept_.store(kept + bytes, std::memory_order_relaxed);
+        return true;
+    }
+
+    void setLimit(std::size_t bytes) noexcept {
+        std::lock_guard const lock(lock_);
+        limit_ = bytes;
+        std::size_t kept = kept_.load(std::memory_order_relaxed);
+        while (kept > limit_) {
+            // A kept block is no longer counted as mapped: it leaves without touching that count.
+            ::munmap(blocks_.back().memory, blocks_.back().bytes);
+            kept -= blocks_.back().bytes;
+            blocks_.pop_back();
+        }
+        kept_.store(kept, std::memory_order_relaxed);
+    }
+
+    std::size_t keptBytes() const noexcept { return kept_.load(std::memory_order_relaxed); }
+
+private:
+    struct Block {
+        void *memory;
+        std::size_t bytes;
+        /// Never written since it was mapped or cleared: it needs no clearing, and pages of
+        /// it may still be untouched, which clearing would fault in for nothing.
+        bool clean;
+    };
+    std::mutex lock_;
+    std::vector<Block> blocks_;
+    std::size_t limit_ = 256 * hugePageSize; // until the user says otherwise
+    std::atomic<std::size_t> kept_{0};
+};
+
+KeptPages &keptPages() {
+    static KeptPages *const kept = new KeptPages; // never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace
 
-void setKeptHugePageRuns(std::size_t runs) noexcept { keptRuns().setLimit(runs); }
-
-std::size_t keptHugePageRuns() noexcept { return keptRuns().count(); }
-
-void *takeKeptHugePageRun() noexcept {
-    void *const run = keptRuns().take();
-    if (run)
-        bytesMapped.fetch_add(hugePageSize, std::memory_order_relaxed);
-    return run;
+namespace {
+void *takeKept(std::size_t bytes, bool &clean) noexcept {
+    bytes = roundUp(bytes, hugePageSize);
+    void *const block = keptPages().take(bytes, clean);
+    if (block)
+        bytesMapped.fetch_add(bytes, std::memory_order_relaxed);
+    return block;
 }
 
-void *takeHugePageRun() {
-    if (void *const run = takeKeptHugePageRun())
-        return run;
-    return mapHugePages(hugePageSize);
-}
-
-void giveHugePageRun(void *run) noexcept {
-    if (keptRuns().keep(run))
-        bytesMapped.fetch_sub(hugePageSize, std::memory_order_relaxed);
+void giveBack(void *block, std::size_t bytes, bool clean) noexcept {
+    if (!block)
+        return;
+    bytes = roundUp(bytes, hugePageSize);
+    if (keptPages().keep(block, bytes, clean))
+        bytesMapped.fetch_sub(bytes, std::memory_order_relaxed);
     else
-        unmapHugePages(run, hugePageSize);
+        unmapHugePages(block, bytes);
 }
+} // namespace
+
+void *takeKeptPages(std::size_t bytes) noexcept {
+    bool clean = false;
+    return takeKept(bytes, clean);
+}
+
+void *takePages(std::size_t bytes) {
+    if (void *const block = takeKeptPages(bytes))
+        return block;
+    return mapHugePages(bytes);
+}
+
+void givePages(void *block, std::size_t bytes) noexcept { giveBack(block, bytes, false); }
+
+void setKeptPageBytes(std::size_t bytes) noexcept { keptPages().setLimit(bytes); }
+
+std::size_t keptPageBytes() noexcept { return keptPages().keptBytes(); }
 
 std::size_t mappedBytes() noexcept { return bytesMapped.load(std::memory_order_relaxed); }
 
 void *allocateZeroed(std::size_t bytes) {
-    if (bytes >= hugePageSize)
+    if (bytes >= hugePageSize) {
+        // Clearing a block that is mapped already costs a pass over it; fresh pages cost a
+        // fault and the system's clearing each, several times that on a virtual machine.
+        bool clean = false;
+        if (void *const kept = takeKept(bytes, clean)) {
+            if (!clean)
+                std::memset(kept, 0, bytes);
+            return kept;
+        }
         return mapHugePages(bytes);
+    }
     void *const block = ::operator new(bytes, std::align_val_t(64));
     std::memset(block, 0, bytes);
     return block;
 }
 
-void freeZeroed(void *block, std::size_t bytes) noexcept {
+void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept {
     if (bytes >= hugePageSize)
-        unmapHugePages(block, bytes);
+        giveBack(block, bytes, unwritten);
     else
         ::operator delete(block, bytes, std::align_val_t(64));
 }

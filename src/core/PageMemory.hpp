@@ -44,29 +44,38 @@ private:
     std::atomic<std::size_t> count_{0};
 };
 
-/// One huge page of memory whose contents are left to the caller: a run given back before
-/// when there is one, else a fresh `mapHugePages(hugePageSize)`. A model made after another
-/// so reuses the pages the system handed over already instead of faulting in new ones.
-void *takeHugePageRun();
-/// A run given back before, or null when there is none: for a taker that has a cheaper
-/// way than fresh pages. Given back with `giveHugePageRun`.
-void *takeKeptHugePageRun() noexcept;
-/// Gives back a run of `takeHugePageRun`: kept for the next taker up to a bound in the whole
-/// process, unmapped beyond it.
-void giveHugePageRun(void *run) noexcept;
-/// How many runs given back the process keeps at most; those beyond go back at once.
-void setKeptHugePageRuns(std::size_t runs) noexcept;
-/// How many runs are kept now.
-std::size_t keptHugePageRuns() noexcept;
+/// A block of whole huge pages whose contents are left to the caller: one given back before
+/// with the same size when there is one, else a fresh `mapHugePages(bytes)`. A model made
+/// after another so reuses the pages the system handed over already instead of faulting in
+/// new ones. Raises `std::bad_alloc`.
+void *takePages(std::size_t bytes);
+/// A block given back before with the size of `bytes`, or null when there is none: for a
+/// taker that has a cheaper way than fresh pages.
+void *takeKeptPages(std::size_t bytes) noexcept;
+/// Gives back a block of `takePages` or `mapHugePages` with the size it was asked with: kept
+/// for the next taker while the process keeps no more than a bound in all, unmapped beyond.
+void givePages(void *block, std::size_t bytes) noexcept;
+
+/// One huge page, the unit most takers want.
+inline void *takeHugePageRun() { return takePages(hugePageSize); }
+inline void *takeKeptHugePageRun() noexcept { return takeKeptPages(hugePageSize); }
+inline void giveHugePageRun(void *run) noexcept { givePages(run, hugePageSize); }
+
+/// How many bytes of pages given back the process keeps at most; what lies beyond goes back
+/// to the system at once.
+void setKeptPageBytes(std::size_t bytes) noexcept;
+/// How many bytes of pages are kept now.
+std::size_t keptPageBytes() noexcept;
 
 /// Bytes held in blocks of `mapHugePages` by the whole process, for measurements: the
-/// heap's own statistics do not see them. Runs kept for reuse are not counted.
+/// heap's own statistics do not see them. Blocks kept for reuse are not counted.
 std::size_t mappedBytes() noexcept;
 
-/// `bytes` of zeroed memory aligned to 64: from `mapHugePages` from `hugePageSize` up, else
-/// from the heap. Raises `std::bad_alloc`.
+/// `bytes` of zeroed memory aligned to 64: from `hugePageSize` up, a block given back before
+/// and cleared, or fresh pages; else from the heap. Raises `std::bad_alloc`.
 void *allocateZeroed(std::size_t bytes);
-/// Gives back a block of `allocateZeroed` with the size it was asked with.
-void freeZeroed(void *block, std::size_t bytes) noexcept;
+/// Gives back a block of `allocateZeroed` with the size it was asked with; `unwritten` says
+/// that nothing was written into it since, so that its next taker need not clear it.
+void freeZeroed(void *block, std::size_t bytes, bool unwritten = false) noexcept;
 
 } // namespace kivra::detail

@@ -11,7 +11,7 @@ namespace kivra {
 
 namespace {
 // Small models take heap slabs and leave them to the next; this much of the bound is theirs,
-// the rest is runs of huge pages.
+// the rest is blocks of huge pages.
 constexpr std::size_t slabShare = std::size_t(16) << 20;
 std::atomic<std::size_t> retainedLimit{slabShare + 256 * detail::hugePageSize};
 // Two stocks are bounded in turn: concurrent setters must not leave one at each bound.
@@ -22,14 +22,14 @@ void setRetainedMemoryLimit(std::size_t bytes) noexcept {
     std::lock_guard const lock(setting);
     std::size_t const slabs = std::min(bytes, slabShare);
     detail::ElementPool::setKeptHeapBytes(slabs);
-    detail::setKeptHugePageRuns((bytes - slabs) / detail::hugePageSize);
+    detail::setKeptPageBytes(bytes - slabs);
     retainedLimit.store(bytes, std::memory_order_relaxed);
 }
 
 std::size_t getRetainedMemoryLimit() noexcept { return retainedLimit.load(std::memory_order_relaxed); }
 
 std::size_t getRetainedMemory() noexcept {
-    return detail::ElementPool::keptHeapBytes() + detail::keptHugePageRuns() * detail::hugePageSize;
+    return detail::ElementPool::keptHeapBytes() + detail::keptPageBytes();
 }
 
 } // namespace kivra

@@ -125,29 +125,40 @@ TEST(ElementPool, TheLastElementDroppedOnAnotherThreadFreesTheShellOfItsModel) {
     std::thread([&kept] { kept.clear(); }).join();
 }
 
-// A model of this size passes its pool's heap slabs and fills its table's backlog past its
-// first piece: both give memory back to the process's stock when they go.
+// A model of this size passes its pool's heap slabs, fills its table's backlog past its first
+// piece and grows its table to whole huge pages: all of them go back to the process's stock
+// when it goes, and the next model takes them, written over by the one before.
 TEST(RetainedMemory, KeepsWhatModelsGaveBackUpToItsBoundAndNoMore) {
     std::size_t const start = getRetainedMemoryLimit();
-    auto const makeAndDrop = [] {
+    constexpr int count = 150'000;
+    auto const make = [] {
         Model model = Model::createTransientModel();
         Transaction transaction = model->beginTransaction(false);
-        for (int i = 0; i < 150'000; ++i)
+        for (int i = 0; i < count; ++i)
             Book::create(model);
         transaction.commit();
+        return model;
     };
     constexpr std::size_t mebibyte = std::size_t(1) << 20;
     setRetainedMemoryLimit(64 * mebibyte);
-    makeAndDrop();
+    make();
     EXPECT_GT(getRetainedMemory(), 0u);
     EXPECT_LE(getRetainedMemory(), 64 * mebibyte);
+    {
+        // Its table holds its own elements and nothing the last one left there.
+        Model const next = make();
+        std::size_t seen = 0;
+        for (ModelElement const &element : next->getTopLevelElements())
+            seen += element->getModelImpl() == next.get();
+        EXPECT_EQ(seen, std::size_t(count));
+    }
     // A lower bound gives back at once what lies beyond it.
     setRetainedMemoryLimit(3 * mebibyte);
     EXPECT_EQ(getRetainedMemoryLimit(), 3 * mebibyte);
     EXPECT_LE(getRetainedMemory(), 3 * mebibyte);
     setRetainedMemoryLimit(0);
     EXPECT_EQ(getRetainedMemory(), 0u);
-    makeAndDrop();
+    make();
     EXPECT_EQ(getRetainedMemory(), 0u);
     setRetainedMemoryLimit(start);
 }
