@@ -270,6 +270,10 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
     // A list whose entries' class is known only at run time tests each newcomer as it
     // stores it: it takes the general path, which stores through that test.
     bool const typed = entryClass_ != &ModelElement::metaClass;
+    // Whether a newcomer is to be noted: a short list keeps no filter or index of its entries.
+    auto const keepsMembership = [this] {
+        return index_ || filter_ || (unique_ && entries_.size() >= filterThreshold);
+    };
     if (typed && owner_ && !opposite_ && isComposite() && impl->isValidNonProxy() && impl->isTopLevel()) {
         // Room first: once the child is taken, nothing may fail. A live top-level element
         // is none of the entries, which are the owner's children or proxies: growing the
@@ -277,17 +281,20 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
         growForOne(entries_);
         if (ModelElement::Impl *const child = owner_->_adoptQuietly(impl, property_.get())) {
             entries_.push_back(ModelElement(child, /*addReference=*/false));
-            noteAdded(child);
+            if (keepsMembership())
+                noteAdded(child);
             return;
         }
     } else if (typed && owner_ && opposite_ && impl->getModelImpl() == owner_->getModelImpl() && impl->isValidNonProxy() &&
                !isComposite() && owner_->_changesQuietly()) {
         // A link between two live elements of the model, in a transaction that keeps and
         // tells nothing: neither end has anything to check, record or announce.
-        if (unique_ && contains(element))
+        // A far end of many holds the owner as often as the list holds it: the list is asked.
+        if (unique_ && (opposite_->getUpper() == 1 ? contains(element) : holds(impl)))
             return;
         appendEntry(entries_, element);
-        noteAdded(impl);
+        if (keepsMembership())
+            noteAdded(impl);
         detail::QuietChange const quiet(owner_->getModelImpl());
         // A far end whose collection is made already takes the owner straight into it, as
         // its own hook for the opposite would after finding which property is meant.
