@@ -6,17 +6,16 @@
 
 namespace kivra {
 
-/// Bounds the memory, in bytes, that the process keeps once models give it back. A model made
-/// after another then writes into pages the system has handed over already, where fresh ones
-/// cost a fault and a clearing by the system each: about a third of the time of making a model
-/// of millions of elements. What is kept beyond a lowered bound goes back to the system at once.
-/// The bound starts at 528 MiB. A process that makes and drops models of several GiB in turn
-/// gains from a higher one; a process that must give its memory back when a model goes sets 0.
-/// Safe from any thread.
+/// Bounds the memory, in bytes, that the process keeps once models give it back, for the models
+/// it makes next: they write into pages the system has handed over already, where fresh ones cost
+/// a fault and a clearing each (about a third of the time of making a model of millions of
+/// elements). The bound starts at 528 MiB; a process that makes and drops models of several GiB
+/// in turn gains from a higher one. What is kept beyond a lowered bound is freed at once, and a
+/// bound of 0 keeps nothing: a model's memory then leaves with it. Safe from any thread.
 void setRetainedMemoryLimit(std::size_t bytes) noexcept;
 /// The bound set last.
 std::size_t getRetainedMemoryLimit() noexcept;
-/// The memory kept now, in bytes.
+/// The memory kept now, in bytes: within the bound.
 std::size_t getRetainedMemory() noexcept;
 
 } // namespace kivra

@@ -297,8 +297,12 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
             noteAdded(impl);
         detail::QuietChange const quiet(owner_->getModelImpl());
         // A far end whose collection is made already takes the owner straight into it, as
-        // its own hook for the opposite would after finding which property is meant.
-        if (auto const *far = static_cast<ReferenceCollection const *>(impl->nativeValueAddress(*opposite_)))
+        // its own hook for the opposite would after finding which property is meant. While
+        // a document is read, a many-valued far end arrives by itself: the hook's way knows.
+        auto const *far = owner_->getModelImpl()->isParsingInProgress()
+                              ? nullptr
+                              : static_cast<ReferenceCollection const *>(impl->nativeValueAddress(*opposite_));
+        if (far)
             ModelElement::Impl::_basicAdd(const_cast<ReferenceCollection &>(*far), OwnerForFarEnd(owner_));
         else
             associate(impl);
