@@ -66,13 +66,13 @@ Model::Impl *ElementPool::abandon(void *block) noexcept {
 #else
 
 namespace {
-/// Heap slabs of pools that went, kept for the next pool (16 MiB): a small model made after
-/// another then writes into memory the system has handed over already, instead of faulting
-/// in a small page at a time (on a virtual machine that can cost more than making the model).
 void freeSlab(void *slab) noexcept { std::free(slab); }
 
+/// Heap slabs of pools that went, kept for the next pool: a small model made after another
+/// then writes into memory the system has handed over already, instead of faulting in a
+/// small page at a time (on a virtual machine that can cost more than making the model).
 KeptBlocks &keptSlabs() {
-    static KeptBlocks *const kept = new KeptBlocks(512, freeSlab); // never destroyed: models may outlive statics
+    static KeptBlocks *const kept = new KeptBlocks(ElementPool::defaultKeptHeapBytes / ElementPool::slabSize, freeSlab); // never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace

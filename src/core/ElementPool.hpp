@@ -44,6 +44,8 @@ public:
     /// Heap memory that pools which went keep for the next, for measurements: the heap's
     /// statistics count it as in use.
     static std::size_t keptHeapBytes() noexcept;
+    /// The heap memory that pools which went keep at most until told otherwise.
+    static constexpr std::size_t defaultKeptHeapBytes = 512 * slabSize;
     /// Bounds the heap memory that pools which went keep; what lies beyond is freed at once.
     static void setKeptHeapBytes(std::size_t bytes) noexcept;
     /// Says that the model is going: blocks given back from now on are not kept for reuse,

@@ -141,7 +141,7 @@ private:
     };
     std::mutex lock_;
     std::vector<Block> blocks_;
-    std::size_t limit_ = 256 * hugePageSize; // until the user says otherwise
+    std::size_t limit_ = defaultKeptPageBytes;
     std::atomic<std::size_t> kept_{0};
 };
 

@@ -61,6 +61,8 @@ inline void *takeHugePageRun() { return takePages(hugePageSize); }
 inline void *takeKeptHugePageRun() noexcept { return takeKeptPages(hugePageSize); }
 inline void giveHugePageRun(void *run) noexcept { givePages(run, hugePageSize); }
 
+/// How many bytes of pages given back the process keeps at most until told otherwise.
+inline constexpr std::size_t defaultKeptPageBytes = 256 * hugePageSize;
 /// How many bytes of pages given back the process keeps at most; what lies beyond goes back
 /// to the system at once.
 void setKeptPageBytes(std::size_t bytes) noexcept;

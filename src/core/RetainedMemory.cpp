@@ -12,8 +12,8 @@ namespace kivra {
 namespace {
 // Small models take heap slabs and leave them to the next; this much of the bound is theirs,
 // the rest is blocks of huge pages.
-constexpr std::size_t slabShare = std::size_t(16) << 20;
-std::atomic<std::size_t> retainedLimit{slabShare + 256 * detail::hugePageSize};
+constexpr std::size_t slabShare = detail::ElementPool::defaultKeptHeapBytes;
+std::atomic<std::size_t> retainedLimit{slabShare + detail::defaultKeptPageBytes};
 // Two stocks are bounded in turn: concurrent setters must not leave one at each bound.
 std::mutex setting;
 } // namespace
