@@ -219,13 +219,16 @@ TEST_F(ExtensionTest, ChangesAreReportedAndRolledBack) {
     EXPECT_EQ(report->getExtensionOldValue(book, u"tags").extractEntryValues(), std::vector<Value>{text(u"old")});
     expectRaises<messages::NoSuchProperty>([&] { report->getExtensionOldValue(untouched, u"rank"); });
 
-    // Away from the default, and a collection made: rolled back, neither is stored.
+    // Back to the default and away from it, and a collection made: the old value comes
+    // back, and nothing is stored where nothing was.
     record(
         [&] {
+            book->setExtension(u"rank", integer(0));
             untouched->setExtension(u"rank", integer(9));
             entriesOf(untouched->getExtension(u"tags")).genericAdd(text(u"first"));
         },
         /*rollBack=*/true);
+    EXPECT_EQ(book->getExtension(u"rank"), integer(6));
     EXPECT_FALSE(untouched->hasNonDefaultExtension(u"rank"));
     EXPECT_FALSE(untouched->hasNonDefaultExtension(u"tags"));
 }
