@@ -168,7 +168,8 @@ TEST_F(TransactionTest, ASetterIsAPartyOfItsOwnOnTheTransaction) {
 }
 
 // The roll-back gives back the destroyed book as the same object, in its container, and
-// forgets both the element made with its UUID and another made anew, whose UUID is free again.
+// forgets the element made with its UUID, one made and destroyed, and one made anew, whose
+// UUID is free again.
 TEST_F(TransactionTest, RollBackRestoresIdentityContainmentAndBothEnds) {
     Shelf shelf = Shelf::create(model);
     Shelf other = Shelf::create(model);
@@ -188,6 +189,9 @@ TEST_F(TransactionTest, RollBackRestoresIdentityContainmentAndBothEnds) {
     shelf->setFeatured(namesake);
     Book created = Book::create(model);
     auto const createdId = created->getUuid();
+    Book flash = Book::create(model);
+    flash->destroy();
+    EXPECT_TRUE(model->isDestroyedInCurrentTransaction(flash->getUuid())) << "made here, and destroyed";
     other->setFeatured(loose);     // a top-level element made contained
     author->setFavourite(created); // a far end moved to a new element
     EXPECT_EQ(transaction.rollBack(), R::RolledBack);
@@ -199,6 +203,7 @@ TEST_F(TransactionTest, RollBackRestoresIdentityContainmentAndBothEnds) {
     EXPECT_EQ(model->findElement(bookId).get(), bookObject);
     EXPECT_FALSE(namesake);
     EXPECT_FALSE(created);
+    EXPECT_FALSE(flash);
     EXPECT_NO_THROW(Book::create(model, createdId));
 }
 
