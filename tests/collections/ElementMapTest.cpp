@@ -50,6 +50,7 @@ TEST_F(ElementMapTest, AKeyHeldByAnotherElementFollowsTheCollisionRule) {
     EXPECT_EQ(first->getCatalogued(), shelf);
 
     EXPECT_THROW(catalogue.insert(second), Error<messages::UniquenessConstraint>);
+    EXPECT_FALSE(model->isTransactionInProgress()) << "a refused insert ends the transaction it opened";
     catalogue.insert(second, CollisionResolution::KeepExisting);
     EXPECT_EQ(catalogue.at(u"Dune"), first);
     EXPECT_FALSE(second->getCatalogued().get());
@@ -59,6 +60,14 @@ TEST_F(ElementMapTest, AKeyHeldByAnotherElementFollowsTheCollisionRule) {
     EXPECT_EQ(catalogue.at(u"Dune"), second);
     EXPECT_EQ(second->getCatalogued(), shelf);
     EXPECT_FALSE(first->getCatalogued().get()) << "the replaced element is out of the far end's view";
+
+    // The generic view refuses another class and reads by key.
+    auto &view = static_cast<GenericMapInterface &>(*catalogue.getGenericInterface());
+    EXPECT_THROW(view.genericAdd(Author::create(model)), Error<messages::CannotAddIncompatibleTypes>);
+    EXPECT_EQ(view.genericAt(title(u"Dune")), second);
+    EXPECT_FALSE(view.genericAt(title(u"Absent")).get());
+    EXPECT_EQ(view.genericKeys(), std::vector<Value>{title(u"Dune")});
+    EXPECT_EQ(view.genericKeyType(), meta::Type(meta::StandardTypes::stringMeta));
 }
 
 // Either end may link or unlink, and a destroyed element leaves the map.
@@ -86,50 +95,6 @@ TEST_F(ElementMapTest, BothEndsStayConsistent) {
     shelf->getCatalogueMutable().insert(dune);
     dune->destroy();
     EXPECT_TRUE(shelf->getCatalogue().empty());
-}
-
-// A rename moves the entry; a rename to a taken key changes nothing at all.
-TEST_F(ElementMapTest, ChangingAKeyMovesTheEntryOrIsRefusedBeforeAnythingChanges) {
-    Shelf shelf = Shelf::create(model);
-    Book dune = book(u"Dune");
-    Book emma = book(u"Emma");
-    shelf->getCatalogueMutable().insert(dune);
-    shelf->getCatalogueMutable().insert(emma);
-
-    EXPECT_THROW(dune->setTitle(u"Emma"), Error<messages::UniquenessConstraint>);
-    EXPECT_EQ(dune->getTitle(), u"Dune");
-    EXPECT_EQ(shelf->getCatalogue().at(u"Dune"), dune);
-
-    dune->setTitle(u"Arrakis");
-    EXPECT_EQ(shelf->getCatalogue().at(u"Arrakis"), dune);
-    EXPECT_FALSE(shelf->getCatalogue().at(u"Dune").get());
-    EXPECT_EQ(shelf->getCatalogue().size(), 2u);
-    EXPECT_EQ(dune->getCatalogued(), shelf);
-
-    {
-        Transaction transaction = model->beginRevertibleTransaction();
-        dune->setTitle(u"Dune");
-        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
-    }
-    EXPECT_EQ(shelf->getCatalogue().at(u"Arrakis"), dune);
-    EXPECT_FALSE(shelf->getCatalogue().at(u"Dune").get());
-}
-
-// Outside a transaction a refused insert leaves the old contents; a good one commits alone.
-TEST_F(ElementMapTest, AMutationOutsideATransactionIsAtomic) {
-    Shelf shelf = Shelf::create(model);
-    Book dune = book(u"Dune");
-    shelf->getCatalogueMutable().insert(dune);
-    GenericMapInterface &view = static_cast<GenericMapInterface &>(*shelf->getCatalogueMutable().getGenericInterface());
-    EXPECT_THROW(view.genericAdd(book(u"Dune")), Error<messages::UniquenessConstraint>);
-    EXPECT_THROW(view.genericAdd(Author::create(model)), Error<messages::CannotAddIncompatibleTypes>);
-    EXPECT_EQ(shelf->getCatalogue().getAllValues(), std::vector<ModelElement>{dune});
-    EXPECT_FALSE(model->isTransactionInProgress());
-
-    EXPECT_EQ(view.genericAt(title(u"Dune")), dune);
-    EXPECT_FALSE(view.genericAt(title(u"Absent")).get());
-    EXPECT_EQ(view.genericKeys(), std::vector<Value>{title(u"Dune")});
-    EXPECT_EQ(view.genericKeyType(), meta::Type(meta::StandardTypes::stringMeta));
 }
 
 // The composite multimap: children under a shared key, made top level when they leave.

@@ -34,94 +34,32 @@ protected:
     Model model = Model::createTransientModel();
 };
 
-TEST_F(ModelElementTest, OneToOneEndsStayConsistent) {
-    Book first = Book::create(model);
-    Book second = Book::create(model);
-    Author author = Author::create(model);
-
-    first->setAuthor(author);
-    EXPECT_EQ(author->getFavourite(), first);
-
-    // Taking the author over leaves the first book without one.
-    second->setAuthor(author);
-    EXPECT_EQ(author->getFavourite(), second);
-    EXPECT_FALSE(first->getAuthor());
-
-    author->setFavourite(first);
-    EXPECT_EQ(first->getAuthor(), author);
-    EXPECT_FALSE(second->getAuthor());
-
-    author->setFavourite({});
-    EXPECT_FALSE(first->getAuthor());
-}
-
-TEST_F(ModelElementTest, ContainmentMovesBetweenContainers) {
-    Shelf left = Shelf::create(model);
-    Shelf right = Shelf::create(model);
-    Book book = Book::create(model);
-    EXPECT_TRUE(isTopLevel(book));
-
-    left->setFeatured(book);
-    EXPECT_EQ(book->getShelf(), left);
-    EXPECT_EQ(book->container(), left);
-    EXPECT_FALSE(isTopLevel(book));
-
-    // Moved from the child's end: the old container lets go.
-    book->setShelf(right);
-    EXPECT_FALSE(left->getFeatured());
-    EXPECT_EQ(right->getFeatured(), book);
-
-    // Replaced from the container's end: the old child is top level again.
-    Book other = Book::create(model);
-    right->setFeatured(other);
-    EXPECT_TRUE(book->isTopLevel());
-    EXPECT_TRUE(isTopLevel(book));
-    EXPECT_EQ(other->getShelf(), right);
-
-    other->setShelf({});
-    EXPECT_FALSE(right->getFeatured());
-    EXPECT_EQ(topLevel().size(), 4u);
-}
-
-TEST_F(ModelElementTest, CyclesAreRefusedWithNothingChanged) {
-    Book outer = Book::create(model);
-    Book inner = Book::create(model);
-    outer->setAppendix(inner);
-    EXPECT_THROW(outer->setAppendix(outer), Error<messages::CircularContainment>);
-    EXPECT_THROW(inner->setAppendix(outer), Error<messages::CircularContainment>);
-    EXPECT_THROW(outer->setAppendixOf(inner), Error<messages::CircularContainment>);
-    EXPECT_EQ(outer->getAppendix(), inner);
-    EXPECT_FALSE(inner->getAppendix());
-    EXPECT_TRUE(outer->isTopLevel());
-}
-
-TEST_F(ModelElementTest, DestroyTakesTheSubtreeAndTheFarEnds) {
+// A single composite seen from the container's end: a child replaced there is top level
+// again, one destroyed leaves the feature empty, and the container's destruction takes the
+// subtree and tells the far ends.
+TEST_F(ModelElementTest, AContainerLetsGoOfAChildItReplacesOrLoses) {
     Shelf shelf = Shelf::create(model);
     Book book = Book::create(model);
+    Book other = Book::create(model);
+    shelf->setFeatured(book);
+    shelf->setFeatured(other);
+    EXPECT_TRUE(book->isTopLevel());
+    EXPECT_TRUE(isTopLevel(book));
+    EXPECT_FALSE(book->getShelf());
+    other->destroy();
+    EXPECT_FALSE(shelf->getFeatured());
+
     Book appendix = Book::create(model);
     Author author = Author::create(model);
-    Book reader = Book::create(model);
     shelf->setFeatured(book);
     book->setAppendix(appendix);
     book->setAuthor(author);
-    reader->setSequel(appendix); // one way
-
     shelf->destroy();
-    EXPECT_FALSE(shelf);
     EXPECT_FALSE(book);
     EXPECT_FALSE(appendix);
-    EXPECT_FALSE(author->getFavourite()); // the far end forgot the book
-    EXPECT_FALSE(reader->getSequel());    // a one-way reference reads as invalid
-    EXPECT_NE(reader->getSequel().get(), nullptr);
-    EXPECT_EQ(model->elementCount(), 2u);
+    EXPECT_FALSE(author->getFavourite());
+    EXPECT_EQ(model->elementCount(), 1u);
     shelf->destroy(); // twice is harmless
-
-    // A contained element destroyed alone leaves its container.
-    Shelf other = Shelf::create(model);
-    Book held = Book::create(model);
-    other->setFeatured(held);
-    held->destroy();
-    EXPECT_FALSE(other->getFeatured());
 }
 
 TEST_F(ModelElementTest, CrossModelReferencesFollowTheModelKinds) {
@@ -180,55 +118,36 @@ TEST_F(ModelElementTest, ManyValuedFarEndsAreLeftToTheParser) {
     EXPECT_EQ(far->inverseAdds, (std::vector<meta::Property>{favourite, books, books}));
 }
 
-TEST_F(ModelElementTest, ReflectiveAccessFollowsTheTag) {
+// What the flavoured reflective suite does not ask: a subclass reaches the properties it
+// inherits and its own, by index too, and an unknown property's error names it.
+TEST_F(ModelElementTest, ReflectiveAccessReachesInheritedPropertiesAndNamesWhatItLacks) {
     Novel novel = Novel::create(model);
     novel->setTitle(u"Dune");
-    Value const title = novel->getPropertyValue(Book::Impl::titleProperty(), Tag::PUBLIC_ACCESS);
-    EXPECT_EQ(title.get<basalt::ustring>(), u"Dune");
-    EXPECT_EQ(novel->getPropertyValue(Book::Impl::pagesProperty(), Tag::PUBLIC_ACCESS).get<std::int32_t>(), 100);
-
-    novel->setPropertyValue(Novel::Impl::genreProperty(), Value(title.getType(), basalt::ustring(u"SF")),
-                            Tag::PUBLIC_ACCESS);
+    EXPECT_EQ(novel->getPropertyValue(Book::Impl::titleProperty(), Tag::PUBLIC_ACCESS).get<basalt::ustring>(), u"Dune");
+    novel->setPropertyValue(Novel::Impl::genreProperty(), Value(basalt::ustring(u"SF")), Tag::PUBLIC_ACCESS);
     EXPECT_EQ(novel->getGenre().value_or(u""), u"SF");
-    EXPECT_FALSE(novel->hasPropertyValue(Book::Impl::subtitleProperty(), Tag::PUBLIC_ACCESS));
-
-    // A property without public accessor is unknown to public callers.
-    EXPECT_THROW(novel->getPropertyValue(Book::Impl::isbnProperty(), Tag::PUBLIC_ACCESS),
-                 Error<messages::NoSuchProperty>);
     EXPECT_FALSE(novel->getPropertyValue(Book::Impl::isbnProperty(), Tag::PRIVILEGED_ACCESS).hasPayload());
-    // A property of another class is unknown too, and its name is in the error.
     try {
         novel->getPropertyValue(Shelf::Impl::labelProperty(), Tag::PRIVILEGED_ACCESS);
         ADD_FAILURE();
     } catch (Error<messages::NoSuchProperty> const &error) {
         EXPECT_EQ(std::get<basalt::ustring>(error.getRecord().getArguments()[0]), u"label");
     }
-
-    Author author = Author::create(model);
-    novel->setPropertyValue(Book::Impl::authorProperty(), Value(Author::metaClass(), author), Tag::PUBLIC_ACCESS);
-    EXPECT_EQ(author->getFavourite(), novel);
-    EXPECT_THROW(novel->setPropertyValue(Book::Impl::authorProperty(), Value(Book::metaClass(), novel), Tag::PUBLIC_ACCESS),
-                 Error<messages::CannotCastIncompatibleTypes>);
     EXPECT_EQ(novel->getPropertyByIndex(Book::Impl::writerIndex), Book::Impl::writerProperty());
     EXPECT_EQ(novel->getPropertyByIndex(Novel::Impl::genreIndex), Novel::Impl::genreProperty());
     EXPECT_FALSE(novel->getPropertyByIndex(99));
 }
 
-// The present value is what the getter reads: a held proxy stands for its element.
-TEST_F(ModelElementTest, EqualValueMakesNoChange) {
+// The present value is what the getter reads: a held proxy stands for its element, and
+// writing that element opens no transaction.
+TEST_F(ModelElementTest, AnEqualWriteOfAProxysElementMakesNoChange) {
     Book book = Book::create(model);
-    Author author = Author::create(model);
-    book->setAuthor(author);
-    book->setTitle(u"Dune");
     auto const id = ElementImpl::generateNewUuid();
     book->setSequel(Book::createProxy(model, ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)), boost::none)));
     Book sequel = Book::create(model, id);
     {
         auto freezer = model->freeze(); // a change would fail
-        EXPECT_NO_THROW(book->setTitle(u"Dune"));
-        EXPECT_NO_THROW(book->setAuthor(author));
         EXPECT_NO_THROW(book->setSequel(sequel));
-        EXPECT_THROW(book->setTitle(u"Emma"), Error<messages::ModelFrozen>);
     }
     EXPECT_EQ(book->getSequel().get(), sequel.get());
 }
