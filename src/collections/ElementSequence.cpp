@@ -2,6 +2,7 @@
 
 #include "collections/QuietChange.hpp"
 #include "core/DeferredReleases.hpp"
+#include "core/Uncounted.hpp"
 
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
@@ -241,16 +242,6 @@ void growForOne(ElementSequenceBase::Container &entries) {
         entries.reserve(capacity < 2 ? 2 : capacity + capacity / 2);
 }
 
-/// The list's owner as a handle for one store at the far end, without touching its count:
-/// the store takes its own, and the list's owner lives while the list changes.
-class OwnerForFarEnd : public ModelElement {
-public:
-    explicit OwnerForFarEnd(ModelElement::Impl *owner) noexcept : ModelElement(owner, /*addReference=*/false) {}
-    OwnerForFarEnd(OwnerForFarEnd const &) = delete;
-    OwnerForFarEnd &operator=(OwnerForFarEnd const &) = delete;
-    ~OwnerForFarEnd() { release(); }
-};
-
 /// Appends `element`, which may be one of `entries`: growing moves them away, so it is
 /// counted first, with the count the stored entry takes anyway.
 void appendEntry(ElementSequenceBase::Container &entries, ModelElement const &element) {
@@ -303,7 +294,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
                               ? nullptr
                               : static_cast<ReferenceCollection const *>(impl->nativeValueAddress(*opposite_));
         if (far)
-            ModelElement::Impl::_basicAdd(const_cast<ReferenceCollection &>(*far), OwnerForFarEnd(owner_));
+            ModelElement::Impl::_basicAdd(const_cast<ReferenceCollection &>(*far), detail::Uncounted<ModelElement>(owner_));
         else
             associate(impl);
         return;

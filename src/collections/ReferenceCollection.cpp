@@ -13,6 +13,7 @@
 
 #include "collections/QuietChange.hpp"
 #include "core/ElementPool.hpp"
+#include "core/Uncounted.hpp"
 
 namespace kivra {
 
@@ -102,13 +103,7 @@ void ReferenceCollection::copyContents(AbstractOwnedCollection const &other) {
 namespace {
 /// The opposite as a handle for one call, without touching its count: every link passes
 /// it, and the metamodel outlives the model.
-class UncountedProperty : public meta::Property {
-public:
-    explicit UncountedProperty(meta::Property::Impl *impl) noexcept : meta::Property(impl, /*addReference=*/false) {}
-    UncountedProperty(UncountedProperty const &) = delete;
-    UncountedProperty &operator=(UncountedProperty const &) = delete;
-    ~UncountedProperty() { releaseImpl(); }
-};
+using UncountedProperty = detail::Uncounted<meta::Property>;
 } // namespace
 
 void ReferenceCollection::associate(ModelElement::Impl *element) {

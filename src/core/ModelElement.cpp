@@ -2,6 +2,7 @@
 
 #include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
+#include "core/Uncounted.hpp"
 
 #include <kivra/ChangeRecords.hpp>
 #include <kivra/ElementId.hpp>
@@ -365,16 +366,8 @@ void ModelElement::Impl::basicAssociate(ModelElement const &, meta::Property con
 }
 
 namespace {
-/// This element as a handle for one call to its far end, without touching its count: the
-/// caller holds the element, and on a large model the count's line is a miss, and its
-/// locked update waits for every store before it.
-class UncountedSelf : public ModelElement {
-public:
-    explicit UncountedSelf(ModelElement::Impl *impl) noexcept : ModelElement(impl, /*addReference=*/false) {}
-    UncountedSelf(UncountedSelf const &) = delete;
-    UncountedSelf &operator=(UncountedSelf const &) = delete;
-    ~UncountedSelf() { release(); }
-};
+/// This element as a handle for one call to its far end.
+using UncountedSelf = detail::Uncounted<ModelElement>;
 } // namespace
 
 void ModelElement::Impl::_inverseAddThis(Impl *target, meta::Property const &property, bool force) {
