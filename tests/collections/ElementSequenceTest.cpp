@@ -275,6 +275,27 @@ TEST_F(ElementSequenceTest, CoauthorsAndTheirBooksStayConsistent) {
     }
 }
 
+// A unique list keeps its filter or its index as it shrinks: a short list may still have one,
+// and an append by the short way of a quiet transaction must note its newcomer there, or the
+// next append of the same element finds it absent and stores it twice.
+TEST_F(ElementSequenceTest, AShrunkUniqueListStillTurnsAwayWhatItHoldsOnTheShortWay) {
+    for (int const grownTo : {20, 60}) {
+        Book const book = Book::create(model);
+        auto &coauthors = book->getCoauthorsMutable();
+        for (int i = 0; i < grownTo; ++i)
+            coauthors.push_back(Author::create(model));
+        coauthors.erase(coauthors.begin() + 2, coauthors.end());
+        Author const newcomer = Author::create(model);
+        {
+            Transaction transaction = model->beginTransaction(false);
+            coauthors.push_back(newcomer);
+            coauthors.push_back(newcomer);
+            transaction.commit();
+        }
+        EXPECT_EQ(std::count(coauthors.begin(), coauthors.end(), newcomer), 1) << grownTo;
+    }
+}
+
 TEST_F(ElementSequenceTest, EnsureAtExchangesWithTheEntryThere) {
     Author author = Author::create(model);
     std::vector<Book> books;
