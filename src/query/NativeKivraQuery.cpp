@@ -444,6 +444,69 @@ void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
     radixSort(items, lineOf(*high), lineOf);
 }
 
+// Rows by the address of their element, without hashing: the elements are sorted by
+// address, and a directory tells where each stretch of `1 << shift` bytes from the lowest
+// begins among them, the stretch chosen so that there are no more stretches than rows. The
+// elements of one class lie in a few runs of the model's memory, so a look-up is a
+// subtraction, a shift and a step or two among neighbours; elements strewn unevenly cost
+// a binary search in their stretch at worst. Both tables are smaller than a hash table's
+// slots, and a hash of each entry, computed once to prefetch and once to find, was most of
+// what a look-up cost.
+class RowsByAddress {
+public:
+    explicit RowsByAddress(std::vector<Placed, UnwrittenAllocator<Placed>> rows) : sorted_(std::move(rows)) {
+        auto const [low, high] = std::minmax_element(
+            sorted_.begin(), sorted_.end(), [](Placed const &a, Placed const &b) { return a.element < b.element; });
+        low_ = reinterpret_cast<std::uintptr_t>(low->element);
+        std::uintptr_t const span = reinterpret_cast<std::uintptr_t>(high->element) - low_;
+        // Elements are at least word aligned; rows of one element keep their order.
+        radixSort(sorted_, span / alignof(void *), [this](Placed const &item) -> std::uint64_t {
+            return (reinterpret_cast<std::uintptr_t>(item.element) - low_) / alignof(void *);
+        });
+        while ((span >> shift_) >= sorted_.size())
+            ++shift_;
+        stretches_ = (span >> shift_) + 1;
+        starts_.resize(stretches_ + 1);
+        std::size_t at = 0;
+        for (std::size_t stretch = 0; stretch <= stretches_; ++stretch) {
+            while (at < sorted_.size() && stretchOf(sorted_[at].element) < stretch)
+                ++at;
+            starts_[stretch] = at;
+        }
+    }
+
+    void prefetch(ModelElement::Impl const *element) const noexcept {
+        if (std::size_t const stretch = stretchOf(element); stretch < stretches_)
+            __builtin_prefetch(sorted_.data() + starts_[stretch]);
+    }
+    template <typename Visit> void forEach(ModelElement::Impl const *element, Visit visit) const {
+        std::size_t const stretch = stretchOf(element);
+        if (stretch >= stretches_)
+            return;
+        auto at = sorted_.begin() + static_cast<std::ptrdiff_t>(starts_[stretch]);
+        auto const end = sorted_.begin() + static_cast<std::ptrdiff_t>(starts_[stretch + 1]);
+        if (end - at > 4)
+            at = std::lower_bound(at, end, element, [](Placed const &item, ModelElement::Impl const *e) {
+                return item.element < e;
+            });
+        for (; at != end && at->element <= element; ++at)
+            if (at->element == element)
+                visit(at->row);
+    }
+
+private:
+    // Below the lowest, the difference wraps round to a stretch past the last.
+    std::size_t stretchOf(ModelElement::Impl const *element) const noexcept {
+        return (reinterpret_cast<std::uintptr_t>(element) - low_) >> shift_;
+    }
+
+    std::vector<Placed, UnwrittenAllocator<Placed>> sorted_;
+    std::uintptr_t low_ = 0;
+    unsigned shift_ = 0;
+    std::size_t stretches_ = 0;
+    std::vector<std::size_t, UnwrittenAllocator<std::size_t>> starts_;
+};
+
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
 Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement::Impl *> const &elements,
@@ -453,15 +516,16 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     ResultSet const &values = holderInFirst ? second : first;
     std::size_t const holderColumn = columnOf(holders, association.holderInstance);
     std::size_t const valueColumn = columnOf(values, association.valueInstance);
-    RowsByKey<ModelElement::Impl const *> byElement(values.rowCount());
+    std::vector<Placed, UnwrittenAllocator<Placed>> valueRows(values.rowCount());
     bool valuesHoldProxies = false;
     for (std::size_t i = 0; i < values.rowCount(); ++i) {
         if (i + 8 < values.rowCount())
             __builtin_prefetch(elements[values.row(i + 8)[valueColumn]]);
         ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
-        byElement.add(value, i);
+        valueRows[i] = {value, i};
         valuesHoldProxies = valuesHoldProxies || (value && value->isValid() && value->isProxy());
     }
+    RowsByAddress const byElement(std::move(valueRows));
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
     PairCode const code(first.rowCount());
