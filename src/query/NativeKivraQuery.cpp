@@ -536,16 +536,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     auto const add = [&](std::size_t holder, std::size_t value) {
         out.push_back(holderInFirst ? code(value, holder) : code(holder, value));
     };
-    auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
-        // A value row names a live element, and no proxy unless some value is one: an entry
-        // found among them needs no look at the element itself, which lies anywhere.
-        bool found = false;
-        byElement.forEach(entry, [&](std::size_t value) {
-            add(holder, value);
-            found = true;
-        });
-        if ((found && !valuesHoldProxies) || !entry || !entry->isValid() || !entry->isProxy())
-            return;
+    // An entry that names no value row may be a proxy of one.
+    auto const enterProxy = [&](std::size_t holder, ModelElement::Impl const *entry) {
         boost::optional<ProxyId> const id = entry->getProxyId();
         if (!id || id->getIdentifierType() != u"uuid")
             return;
@@ -558,6 +550,17 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         }
         byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
     };
+    auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
+        // A value row names a live element, and no proxy unless some value is one: an entry
+        // found among them needs no look at the element itself, which lies anywhere.
+        bool found = false;
+        byElement.forEach(entry, [&](std::size_t value) {
+            add(holder, value);
+            found = true;
+        });
+        if ((!found || valuesHoldProxies) && entry && entry->isValid() && entry->isProxy())
+            enterProxy(holder, entry);
+    };
     meta::Property const &property = association.property;
     bool const single = property->getUpper() == 1;
     // The pairs are put in order afterwards, so the holders are read in the order of their
@@ -567,21 +570,13 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
         byPlace[h] = {elements[holders.row(h)[holderColumn]], h};
     sortByLine(byPlace);
-    // The entries of sequences, the common collection, are looked up a few entries after
-    // they are read, their place in the table asked for meanwhile. The sequences keep them.
-    constexpr std::size_t ahead = 16;
-    std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
-    std::size_t queued = 0, entered = 0;
-    auto const queue = [&](std::size_t h, ElementSequenceBase const &sequence) {
-        for (std::size_t i = 0; i < sequence.size(); ++i) {
-            ModelElement::Impl const *const entry = sequence.rawAt(i).get();
-            byElement.prefetch(entry);
-            if (queued - entered == ahead) {
-                auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
-                enter(earlierHolder, earlierEntry);
-            }
-            waiting[queued++ % ahead] = {h, entry};
-        }
+    // The entries of a sequence, the common collection, are read where they lie. They are
+    // looked up at once: the table of value rows is small enough to stay in cache, and a
+    // ring that held each entry back until its place in a hash table was fetched cost more
+    // than it saved once there was no hash table.
+    auto const enterAll = [&](std::size_t h, ElementSequenceBase const &sequence) {
+        for (std::size_t i = 0; i < sequence.size(); ++i)
+            enter(h, sequence.rawAt(i).get());
     };
     // The holders of one property share one kind of collection: whether it is a sequence is
     // asked again only of another kind.
@@ -595,21 +590,15 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
     };
     meta::Property::Impl const &described = *property.get();
-    // A read of a holder may resolve its proxies or make its value again, and let go of
-    // entries that an earlier read of it queued: the rows of one holder, which lie together
-    // but for holders that share a line, are read once, and what waits is entered before a
-    // holder of a shared line is read.
+    // The rows of one holder lie together, but for holders that share a line: a holder in
+    // several rows is read once, its sequence kept for the rows that follow.
     ModelElement::Impl const *lastHolder = nullptr;
     ElementSequenceBase const *lastSequence = nullptr;
     for (auto const &[holder, h] : byPlace) {
         if (holder == lastHolder && lastSequence) {
-            queue(h, *lastSequence);
+            enterAll(h, *lastSequence);
             continue;
         }
-        auto const at = reinterpret_cast<std::uintptr_t>(holder), last = reinterpret_cast<std::uintptr_t>(lastHolder);
-        if (lastHolder && at != last && (at > last ? at - last : last - at) < 64)
-            for (; entered < queued; ++entered)
-                enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
         lastHolder = holder;
         lastSequence = nullptr;
         // A generated holder shows a collection it has made where it lies: no value is made
@@ -621,7 +610,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
             kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
             if (ElementSequenceBase const *const sequence = sequenceOf(*collection)) {
                 lastSequence = sequence;
-                queue(h, *sequence);
+                enterAll(h, *sequence);
                 continue;
             }
             for (ModelElement const &entry : collection->getAllValuesAndProxies())
@@ -634,7 +623,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         collection = single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
         if (ElementSequenceBase const *const sequence = collection ? sequenceOf(*collection) : nullptr) {
             lastSequence = sequence;
-            queue(h, *sequence);
+            enterAll(h, *sequence);
             continue;
         }
         if (collection) {
@@ -647,8 +636,6 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
             return false;
         });
     }
-    for (; entered < queued; ++entered)
-        enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
     return out;
 }
 
