@@ -23,6 +23,7 @@
 #include <array>
 #include <bit>
 #include <limits>
+#include <new>
 #include <optional>
 #include <typeinfo>
 #include <utility>
@@ -212,6 +213,7 @@ void NativeKivraQuery::sortByOrdinal(meta::Property const &property, std::size_t
 namespace {
 
 constexpr std::size_t none = ~std::size_t{0};
+constexpr Cell noCell = ~Cell{0};
 
 // Holds what its rows name: the caller may change the model while it reads them.
 class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
@@ -291,7 +293,7 @@ template <typename Keep> ResultSet product(std::vector<ResultSet> const &inputs,
         if (input.rowCount() == 0)
             return out;
     std::vector<std::size_t> at(inputs.size(), 0);
-    std::vector<std::size_t> row(out.width());
+    std::vector<Cell> row(out.width());
     for (;;) {
         auto column = row.begin();
         for (std::size_t k = 0; k < inputs.size(); ++k)
@@ -677,7 +679,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     auto const visit = [&](ModelElement::Impl *element) {
         ++counts.scanned;
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
-        std::size_t place = none;
+        Cell place = noCell;
         for (std::size_t id = 0; id < instances.size(); ++id) {
             SearchInstance const &instance = instances[id];
             if (instance.specificElement && instance.specificElement.get() != element)
@@ -687,8 +689,8 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
             ++counts.tested;
             if (!passesFrom(instance, filterByClass ? 1 : 0, *element))
                 continue;
-            if (place == none) {
-                place = elements.size();
+            if (place == noCell) {
+                place = static_cast<Cell>(elements.size());
                 elements.push_back(element);
             }
             sets[id].cells.push_back(place);
@@ -702,9 +704,15 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     std::array<ModelElement::Impl *, ahead> pending{};
     std::size_t seen = 0;
     kivra::detail::ElementSet const &table = kivra::detail::ElementTableAccess::elementsOf(*model.get());
-    // Room for every element, so that the list is never copied as it grows; memory reserved
-    // and never written costs no page.
+    // Rows name elements in half words; a model this large could not have been made.
+    if (table.size() >= noCell)
+        throw std::bad_alloc();
+    // Room for every element, in the list and in each set, so that none is copied as it
+    // grows: a set of most of a large model otherwise made and filled a score of arrays on
+    // its way, each in fresh pages. Memory reserved and never written costs no page.
     elements.reserve(table.size());
+    for (ResultSet &set : sets)
+        set.cells.reserve(table.size());
     table.forEach([&](ModelElement::Impl *element) {
         for (std::size_t line = 0; line < linesAhead; ++line)
             __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
@@ -746,7 +754,7 @@ void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, s
         at.push_back(columnOf(out, id));
     std::vector<ModelElement::Impl const *> arguments(ids.size());
     std::size_t firstToTest = 0;
-    auto const passes = [&](std::size_t const *row) {
+    auto const passes = [&](Cell const *row) {
         ++counts.combined;
         if (firstToTest == group.size())
             return true;
@@ -776,12 +784,12 @@ void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, s
     PairCode const code(inputs[0].rowCount());
     firstToTest = exact ? 1 : 0;
     std::size_t const split = inputs[0].width();
-    std::vector<std::size_t> row(out.width());
+    std::vector<Cell> row(out.width());
     // Two single columns and nothing left to test, the common join: the pairs are the rows.
     if (firstToTest == group.size() && out.width() == 2) {
         counts.combined += candidates->size();
         out.cells.resize(2 * candidates->size());
-        std::size_t *cell = out.cells.data();
+        Cell *cell = out.cells.data();
         for (std::uint64_t const pair : *candidates) {
             *cell++ = inputs[0].cells[code.first(pair)];
             *cell++ = inputs[1].cells[code.second(pair)];
@@ -815,7 +823,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     if (sets.size() == 1) {
         result = std::move(sets.front());
     } else {
-        result = product(sets, [](std::size_t const *) { return true; });
+        result = product(sets, [](Cell const *) { return true; });
     }
     result.elements = std::move(elements);
 
@@ -876,12 +884,12 @@ std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::
     Cells cells;
     cells.reserve(result.rowCount() * from.size());
     std::vector<ModelElement> kept;
-    std::vector<std::size_t> place(result.elements.size(), none);
+    std::vector<Cell> place(result.elements.size(), noCell);
     for (std::size_t row = 0; row < result.rowCount(); ++row) {
         for (std::size_t const column : from) {
-            std::size_t const element = result.row(row)[column];
-            if (place[element] == none) {
-                place[element] = kept.size();
+            Cell const element = result.row(row)[column];
+            if (place[element] == noCell) {
+                place[element] = static_cast<Cell>(kept.size());
                 kept.push_back(ModelElement::fromImpl(result.elements[element]));
             }
             cells.push_back(place[element]);

@@ -4,6 +4,7 @@
 #include <kivra/ModelElement.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -28,8 +29,11 @@ template <class T> struct UnwrittenAllocator : std::allocator<T> {
     }
 };
 
+/// A position in a run's list of elements. Half a word: a large join's rows are most of
+/// what it writes, and no model holds four thousand million elements.
+using Cell = std::uint32_t;
 /// Positions of elements, row after row.
-using Cells = std::vector<std::size_t, UnwrittenAllocator<std::size_t>>;
+using Cells = std::vector<Cell, UnwrittenAllocator<Cell>>;
 
 /// Rows of elements, one entry per column; `instanceIds` names the instance of each column.
 /// The rows lie flat, one after another, as positions in `elements`: a row costs no
@@ -47,7 +51,7 @@ struct ResultSet {
 
     std::size_t width() const noexcept { return instanceIds.size(); }
     std::size_t rowCount() const noexcept { return instanceIds.empty() ? 0 : cells.size() / instanceIds.size(); }
-    std::size_t const *row(std::size_t index) const noexcept { return cells.data() + index * width(); }
+    Cell const *row(std::size_t index) const noexcept { return cells.data() + index * width(); }
     ModelElement::Impl *element(std::size_t index, std::size_t column) const noexcept {
         return elements[row(index)[column]];
     }
@@ -56,7 +60,7 @@ struct ResultSet {
     /// Appends a row that names `row`, one element per column.
     void addRow(std::vector<ModelElement> const &row) {
         for (ModelElement const &element : row) {
-            cells.push_back(elements.size());
+            cells.push_back(static_cast<Cell>(elements.size()));
             elements.push_back(element.get());
             held.push_back(element);
         }
