@@ -334,7 +334,6 @@ template <typename Key> struct RowsByKey {
         if (!added)
             next[row] = std::exchange(entry->second, row);
     }
-    void prefetch(Key const &key) const { first.prefetch(key); }
     template <typename Visit> void forEach(Key const &key, Visit visit) const {
         if (auto const found = first.find(key); found != first.end())
             for (std::size_t row = found->second; row != none; row = next[row])
@@ -477,10 +476,6 @@ public:
         }
     }
 
-    void prefetch(ModelElement::Impl const *element) const noexcept {
-        if (std::size_t const stretch = stretchOf(element); stretch < stretches_)
-            __builtin_prefetch(sorted_.data() + starts_[stretch]);
-    }
     template <typename Visit> void forEach(ModelElement::Impl const *element, Visit visit) const {
         std::size_t const stretch = stretchOf(element);
         if (stretch >= stretches_)
