@@ -360,7 +360,7 @@ using Pairs = std::vector<std::uint64_t, UnwrittenAllocator<std::uint64_t>>;
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
 // on either side, since only the plain walk raises where the comparator would.
 std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
-                                   std::vector<ModelElement::Impl *> const &elements, ResultSet const &first,
+                                   Elements const &elements, ResultSet const &first,
                                    ResultSet const &second) {
     bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
     // The comparator is the one of property A; elements compare empty or not.
@@ -506,7 +506,7 @@ private:
 
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
-Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement::Impl *> const &elements,
+Pairs associationPairs(AssociatedObjectConstraint const &association, Elements const &elements,
                        ResultSet const &first, ResultSet const &second) {
     bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
     ResultSet const &holders = holderInFirst ? first : second;
@@ -646,7 +646,7 @@ void orderPairs(Pairs &pairs) {
 }
 
 // `exact` tells that every pair passes `constraint`, not only those that may.
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement::Impl *> const &elements,
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, Elements const &elements,
                                     ResultSet const &first, ResultSet const &second, bool &exact) {
     exact = false;
     if (hashableEquality(constraint))
@@ -662,7 +662,7 @@ std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vecto
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> &elements, RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(Elements &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
@@ -721,7 +721,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     return sets;
 }
 
-void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, std::vector<std::size_t> const &ids,
+void NativeKivraQuery::join(Elements const &elements, std::vector<std::size_t> const &ids,
                             std::vector<std::unique_ptr<JoinConstraint>> const &group,
                             std::vector<ResultSet> &sets, RunCounts &counts) const {
     // The sets that hold the ids, each once, in order of first meeting.
@@ -810,7 +810,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
     // The rows name elements by their place here.
-    std::vector<ModelElement::Impl *> elements;
+    Elements elements;
     std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
         join(elements, ids, group, sets, counts);

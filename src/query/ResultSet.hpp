@@ -18,23 +18,26 @@ namespace kivra::query {
 /// Leaves what `resize` adds unwritten: a table of rows is written whole right after it
 /// grows, and zeroing a large one first is a pass over fresh memory for nothing.
 ///
-/// A table of a few megabytes takes whole huge pages of its own. The heap maps a block that
-/// large afresh for each run and gives it back after, and a large join faulted in, zeroed
-/// and unmapped its tables four kilobytes at a time: two fifths of what the run cost. A
-/// huge page is one fault for two megabytes.
+/// A table of a megabyte or more takes whole huge pages of its own. The heap maps a block
+/// that large afresh for each run and gives it back after, and a large join faulted in,
+/// zeroed and unmapped its tables four kilobytes at a time: two fifths of what the run
+/// cost. A huge page is one fault for two megabytes, and a table no smaller than half of
+/// one wastes at most what it uses.
 template <class T> struct UnwrittenAllocator : std::allocator<T> {
+    static constexpr std::size_t hugeFrom = detail::hugePageSize / 2 / sizeof(T);
+
     template <class U> struct rebind {
         using other = UnwrittenAllocator<U>;
     };
     UnwrittenAllocator() noexcept = default;
     template <class U> UnwrittenAllocator(UnwrittenAllocator<U> const &) noexcept {}
     T *allocate(std::size_t n) {
-        if (n >= detail::hugePageSize / sizeof(T))
+        if (n >= hugeFrom)
             return static_cast<T *>(detail::mapHugePages(n * sizeof(T)));
         return std::allocator<T>::allocate(n);
     }
     void deallocate(T *at, std::size_t n) noexcept {
-        if (n >= detail::hugePageSize / sizeof(T))
+        if (n >= hugeFrom)
             detail::unmapHugePages(at, n * sizeof(T));
         else
             std::allocator<T>::deallocate(at, n);
@@ -50,6 +53,8 @@ template <class T> struct UnwrittenAllocator : std::allocator<T> {
 /// A position in a run's list of elements. Half a word: a large join's rows are most of
 /// what it writes, and no model holds four thousand million elements.
 using Cell = std::uint32_t;
+/// The elements that a run's rows name, each once.
+using Elements = std::vector<ModelElement::Impl *, UnwrittenAllocator<ModelElement::Impl *>>;
 /// Positions of elements, row after row.
 using Cells = std::vector<Cell, UnwrittenAllocator<Cell>>;
 
@@ -61,7 +66,7 @@ struct ResultSet {
     /// What the rows name, null for no element. A run names elements of the model it reads,
     /// which keeps them alive while the run lasts: a count taken and given back on each
     /// would be two atomic operations per element for nothing.
-    std::vector<ModelElement::Impl *> elements;
+    Elements elements;
     /// Row after row, one position in `elements` per column.
     Cells cells;
     /// What `addRow` was given, kept alive with the table.
