@@ -702,12 +702,9 @@ std::vector<ResultSet> NativeKivraQuery::scan(Elements &elements, RunCounts &cou
     // Rows name elements in half words; a model this large could not have been made.
     if (table.size() >= noCell)
         throw std::bad_alloc();
-    // Room for every element, in the list and in each set, so that none is copied as it
-    // grows: a set of most of a large model otherwise made and filled a score of arrays on
-    // its way, each in fresh pages. Memory reserved and never written costs no page.
+    // Room for every element, so that the list is never copied as it grows; memory reserved
+    // and never written costs no page.
     elements.reserve(table.size());
-    for (ResultSet &set : sets)
-        set.cells.reserve(table.size());
     table.forEach([&](ModelElement::Impl *element) {
         for (std::size_t line = 0; line < linesAhead; ++line)
             __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
