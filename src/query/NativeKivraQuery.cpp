@@ -23,6 +23,7 @@
 #include <array>
 #include <bit>
 #include <limits>
+#include <new>
 #include <optional>
 #include <typeinfo>
 #include <utility>
@@ -212,6 +213,7 @@ void NativeKivraQuery::sortByOrdinal(meta::Property const &property, std::size_t
 namespace {
 
 constexpr std::size_t none = ~std::size_t{0};
+constexpr Cell noCell = ~Cell{0};
 
 // Holds what its rows name: the caller may change the model while it reads them.
 class NativeResultIterator final : public ReflectiveQuery::ResultIterator {
@@ -291,7 +293,7 @@ template <typename Keep> ResultSet product(std::vector<ResultSet> const &inputs,
         if (input.rowCount() == 0)
             return out;
     std::vector<std::size_t> at(inputs.size(), 0);
-    std::vector<std::size_t> row(out.width());
+    std::vector<Cell> row(out.width());
     for (;;) {
         auto column = row.begin();
         for (std::size_t k = 0; k < inputs.size(); ++k)
@@ -332,7 +334,6 @@ template <typename Key> struct RowsByKey {
         if (!added)
             next[row] = std::exchange(entry->second, row);
     }
-    void prefetch(Key const &key) const { first.prefetch(key); }
     template <typename Visit> void forEach(Key const &key, Visit visit) const {
         if (auto const found = first.find(key); found != first.end())
             for (std::size_t row = found->second; row != none; row = next[row])
@@ -359,7 +360,7 @@ using Pairs = std::vector<std::uint64_t, UnwrittenAllocator<std::uint64_t>>;
 // hashes are. Nothing when an empty value meets a comparator that reads set values only,
 // on either side, since only the plain walk raises where the comparator would.
 std::optional<Pairs> equalityPairs(PropertyRelationPropertyJoinConstraint const &equality,
-                                   std::vector<ModelElement::Impl *> const &elements, ResultSet const &first,
+                                   Elements const &elements, ResultSet const &first,
                                    ResultSet const &second) {
     bool const aInFirst = columnOf(first, equality.instanceA) < first.width();
     // The comparator is the one of property A; elements compare empty or not.
@@ -444,24 +445,84 @@ void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
     radixSort(items, lineOf(*high), lineOf);
 }
 
+// Rows by the address of their element, without hashing: the elements are sorted by
+// address, and a directory tells where each stretch of `1 << shift` bytes from the lowest
+// begins among them, the stretch chosen so that there are no more stretches than rows. The
+// elements of one class lie in a few runs of the model's memory, so a look-up is a
+// subtraction, a shift and a step or two among neighbours; elements strewn unevenly cost
+// a binary search in their stretch at worst. Both tables are smaller than a hash table's
+// slots, and a hash of each entry, computed once to prefetch and once to find, was most of
+// what a look-up cost.
+class RowsByAddress {
+public:
+    explicit RowsByAddress(std::vector<Placed, UnwrittenAllocator<Placed>> rows) : sorted_(std::move(rows)) {
+        auto const [low, high] = std::minmax_element(
+            sorted_.begin(), sorted_.end(), [](Placed const &a, Placed const &b) { return a.element < b.element; });
+        low_ = reinterpret_cast<std::uintptr_t>(low->element);
+        std::uintptr_t const span = reinterpret_cast<std::uintptr_t>(high->element) - low_;
+        // Elements are at least word aligned; rows of one element keep their order.
+        radixSort(sorted_, span / alignof(void *), [this](Placed const &item) -> std::uint64_t {
+            return (reinterpret_cast<std::uintptr_t>(item.element) - low_) / alignof(void *);
+        });
+        while ((span >> shift_) >= sorted_.size())
+            ++shift_;
+        stretches_ = (span >> shift_) + 1;
+        starts_.resize(stretches_ + 1);
+        std::size_t at = 0;
+        for (std::size_t stretch = 0; stretch <= stretches_; ++stretch) {
+            while (at < sorted_.size() && stretchOf(sorted_[at].element) < stretch)
+                ++at;
+            starts_[stretch] = at;
+        }
+    }
+
+    template <typename Visit> void forEach(ModelElement::Impl const *element, Visit visit) const {
+        std::size_t const stretch = stretchOf(element);
+        if (stretch >= stretches_)
+            return;
+        auto at = sorted_.begin() + static_cast<std::ptrdiff_t>(starts_[stretch]);
+        auto const end = sorted_.begin() + static_cast<std::ptrdiff_t>(starts_[stretch + 1]);
+        if (end - at > 4)
+            at = std::lower_bound(at, end, element, [](Placed const &item, ModelElement::Impl const *e) {
+                return item.element < e;
+            });
+        for (; at != end && at->element <= element; ++at)
+            if (at->element == element)
+                visit(at->row);
+    }
+
+private:
+    // Below the lowest, the difference wraps round to a stretch past the last.
+    std::size_t stretchOf(ModelElement::Impl const *element) const noexcept {
+        return (reinterpret_cast<std::uintptr_t>(element) - low_) >> shift_;
+    }
+
+    std::vector<Placed, UnwrittenAllocator<Placed>> sorted_;
+    std::uintptr_t low_ = 0;
+    unsigned shift_ = 0;
+    std::size_t stretches_ = 0;
+    std::vector<std::size_t, UnwrittenAllocator<std::size_t>> starts_;
+};
+
 // Pairs (row of second, row of first) whose holder holds the value element or a proxy
 // that names it by UUID.
-Pairs associationPairs(AssociatedObjectConstraint const &association, std::vector<ModelElement::Impl *> const &elements,
+Pairs associationPairs(AssociatedObjectConstraint const &association, Elements const &elements,
                        ResultSet const &first, ResultSet const &second) {
     bool const holderInFirst = columnOf(first, association.holderInstance) < first.width();
     ResultSet const &holders = holderInFirst ? first : second;
     ResultSet const &values = holderInFirst ? second : first;
     std::size_t const holderColumn = columnOf(holders, association.holderInstance);
     std::size_t const valueColumn = columnOf(values, association.valueInstance);
-    RowsByKey<ModelElement::Impl const *> byElement(values.rowCount());
+    std::vector<Placed, UnwrittenAllocator<Placed>> valueRows(values.rowCount());
     bool valuesHoldProxies = false;
     for (std::size_t i = 0; i < values.rowCount(); ++i) {
         if (i + 8 < values.rowCount())
             __builtin_prefetch(elements[values.row(i + 8)[valueColumn]]);
         ModelElement::Impl const *const value = elements[values.row(i)[valueColumn]];
-        byElement.add(value, i);
+        valueRows[i] = {value, i};
         valuesHoldProxies = valuesHoldProxies || (value && value->isValid() && value->isProxy());
     }
+    RowsByAddress const byElement(std::move(valueRows));
     // Made at the first proxy: most collections hold none.
     std::optional<RowsByKey<basalt::ustring>> byUuidText;
     PairCode const code(first.rowCount());
@@ -472,16 +533,8 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     auto const add = [&](std::size_t holder, std::size_t value) {
         out.push_back(holderInFirst ? code(value, holder) : code(holder, value));
     };
-    auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
-        // A value row names a live element, and no proxy unless some value is one: an entry
-        // found among them needs no look at the element itself, which lies anywhere.
-        bool found = false;
-        byElement.forEach(entry, [&](std::size_t value) {
-            add(holder, value);
-            found = true;
-        });
-        if ((found && !valuesHoldProxies) || !entry || !entry->isValid() || !entry->isProxy())
-            return;
+    // An entry that names no value row may be a proxy of one.
+    auto const enterProxy = [&](std::size_t holder, ModelElement::Impl const *entry) {
         boost::optional<ProxyId> const id = entry->getProxyId();
         if (!id || id->getIdentifierType() != u"uuid")
             return;
@@ -494,6 +547,17 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         }
         byUuidText->forEach(id->getIdentifier(), [&](std::size_t value) { add(holder, value); });
     };
+    auto const enter = [&](std::size_t holder, ModelElement::Impl const *entry) {
+        // A value row names a live element, and no proxy unless some value is one: an entry
+        // found among them needs no look at the element itself, which lies anywhere.
+        bool found = false;
+        byElement.forEach(entry, [&](std::size_t value) {
+            add(holder, value);
+            found = true;
+        });
+        if ((!found || valuesHoldProxies) && entry && entry->isValid() && entry->isProxy())
+            enterProxy(holder, entry);
+    };
     meta::Property const &property = association.property;
     bool const single = property->getUpper() == 1;
     // The pairs are put in order afterwards, so the holders are read in the order of their
@@ -503,21 +567,13 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
     for (std::size_t h = 0; h < holders.rowCount(); ++h)
         byPlace[h] = {elements[holders.row(h)[holderColumn]], h};
     sortByLine(byPlace);
-    // The entries of sequences, the common collection, are looked up a few entries after
-    // they are read, their place in the table asked for meanwhile. The sequences keep them.
-    constexpr std::size_t ahead = 16;
-    std::array<std::pair<std::size_t, ModelElement::Impl const *>, ahead> waiting;
-    std::size_t queued = 0, entered = 0;
-    auto const queue = [&](std::size_t h, ElementSequenceBase const &sequence) {
-        for (std::size_t i = 0; i < sequence.size(); ++i) {
-            ModelElement::Impl const *const entry = sequence.rawAt(i).get();
-            byElement.prefetch(entry);
-            if (queued - entered == ahead) {
-                auto const &[earlierHolder, earlierEntry] = waiting[entered++ % ahead];
-                enter(earlierHolder, earlierEntry);
-            }
-            waiting[queued++ % ahead] = {h, entry};
-        }
+    // The entries of a sequence, the common collection, are read where they lie. They are
+    // looked up at once: the table of value rows is small enough to stay in cache, and a
+    // ring that held each entry back until its place in a hash table was fetched cost more
+    // than it saved once there was no hash table.
+    auto const enterAll = [&](std::size_t h, ElementSequenceBase const &sequence) {
+        for (std::size_t i = 0; i < sequence.size(); ++i)
+            enter(h, sequence.rawAt(i).get());
     };
     // The holders of one property share one kind of collection: whether it is a sequence is
     // asked again only of another kind.
@@ -531,21 +587,15 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         return lastIsSequence ? static_cast<ElementSequenceBase const *>(&collection) : nullptr;
     };
     meta::Property::Impl const &described = *property.get();
-    // A read of a holder may resolve its proxies or make its value again, and let go of
-    // entries that an earlier read of it queued: the rows of one holder, which lie together
-    // but for holders that share a line, are read once, and what waits is entered before a
-    // holder of a shared line is read.
+    // The rows of one holder lie together, but for holders that share a line: a holder in
+    // several rows is read once, its sequence kept for the rows that follow.
     ModelElement::Impl const *lastHolder = nullptr;
     ElementSequenceBase const *lastSequence = nullptr;
     for (auto const &[holder, h] : byPlace) {
         if (holder == lastHolder && lastSequence) {
-            queue(h, *lastSequence);
+            enterAll(h, *lastSequence);
             continue;
         }
-        auto const at = reinterpret_cast<std::uintptr_t>(holder), last = reinterpret_cast<std::uintptr_t>(lastHolder);
-        if (lastHolder && at != last && (at > last ? at - last : last - at) < 64)
-            for (; entered < queued; ++entered)
-                enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
         lastHolder = holder;
         lastSequence = nullptr;
         // A generated holder shows a collection it has made where it lies: no value is made
@@ -557,7 +607,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
             kivra::detail::resolveCollectionOnAccess(*holder, const_cast<ReferenceCollection &>(*collection));
             if (ElementSequenceBase const *const sequence = sequenceOf(*collection)) {
                 lastSequence = sequence;
-                queue(h, *sequence);
+                enterAll(h, *sequence);
                 continue;
             }
             for (ModelElement const &entry : collection->getAllValuesAndProxies())
@@ -570,7 +620,7 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
         collection = single || !value.hasPayload() ? nullptr : managedReferenceCollection(value);
         if (ElementSequenceBase const *const sequence = collection ? sequenceOf(*collection) : nullptr) {
             lastSequence = sequence;
-            queue(h, *sequence);
+            enterAll(h, *sequence);
             continue;
         }
         if (collection) {
@@ -583,8 +633,6 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, std::vecto
             return false;
         });
     }
-    for (; entered < queued; ++entered)
-        enter(waiting[entered % ahead].first, waiting[entered % ahead].second);
     return out;
 }
 
@@ -598,7 +646,7 @@ void orderPairs(Pairs &pairs) {
 }
 
 // `exact` tells that every pair passes `constraint`, not only those that may.
-std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vector<ModelElement::Impl *> const &elements,
+std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, Elements const &elements,
                                     ResultSet const &first, ResultSet const &second, bool &exact) {
     exact = false;
     if (hashableEquality(constraint))
@@ -614,7 +662,7 @@ std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, std::vecto
 
 } // namespace
 
-std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> &elements, RunCounts &counts) const {
+std::vector<ResultSet> NativeKivraQuery::scan(Elements &elements, RunCounts &counts) const {
     std::vector<ResultSet> sets(instances.size());
     for (std::size_t id = 0; id < instances.size(); ++id)
         sets[id].instanceIds.push_back(id);
@@ -626,7 +674,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     auto const visit = [&](ModelElement::Impl *element) {
         ++counts.scanned;
         std::uint64_t const passing = filterByClass ? filter.passing(element->getMetaClass()) : ~std::uint64_t{0};
-        std::size_t place = none;
+        Cell place = noCell;
         for (std::size_t id = 0; id < instances.size(); ++id) {
             SearchInstance const &instance = instances[id];
             if (instance.specificElement && instance.specificElement.get() != element)
@@ -636,8 +684,8 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
             ++counts.tested;
             if (!passesFrom(instance, filterByClass ? 1 : 0, *element))
                 continue;
-            if (place == none) {
-                place = elements.size();
+            if (place == noCell) {
+                place = static_cast<Cell>(elements.size());
                 elements.push_back(element);
             }
             sets[id].cells.push_back(place);
@@ -651,6 +699,9 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     std::array<ModelElement::Impl *, ahead> pending{};
     std::size_t seen = 0;
     kivra::detail::ElementSet const &table = kivra::detail::ElementTableAccess::elementsOf(*model.get());
+    // Rows name elements in half words; a model this large could not have been made.
+    if (table.size() >= noCell)
+        throw std::bad_alloc();
     // Room for every element, so that the list is never copied as it grows; memory reserved
     // and never written costs no page.
     elements.reserve(table.size());
@@ -667,7 +718,7 @@ std::vector<ResultSet> NativeKivraQuery::scan(std::vector<ModelElement::Impl *> 
     return sets;
 }
 
-void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, std::vector<std::size_t> const &ids,
+void NativeKivraQuery::join(Elements const &elements, std::vector<std::size_t> const &ids,
                             std::vector<std::unique_ptr<JoinConstraint>> const &group,
                             std::vector<ResultSet> &sets, RunCounts &counts) const {
     // The sets that hold the ids, each once, in order of first meeting.
@@ -695,7 +746,7 @@ void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, s
         at.push_back(columnOf(out, id));
     std::vector<ModelElement::Impl const *> arguments(ids.size());
     std::size_t firstToTest = 0;
-    auto const passes = [&](std::size_t const *row) {
+    auto const passes = [&](Cell const *row) {
         ++counts.combined;
         if (firstToTest == group.size())
             return true;
@@ -725,12 +776,12 @@ void NativeKivraQuery::join(std::vector<ModelElement::Impl *> const &elements, s
     PairCode const code(inputs[0].rowCount());
     firstToTest = exact ? 1 : 0;
     std::size_t const split = inputs[0].width();
-    std::vector<std::size_t> row(out.width());
+    std::vector<Cell> row(out.width());
     // Two single columns and nothing left to test, the common join: the pairs are the rows.
     if (firstToTest == group.size() && out.width() == 2) {
         counts.combined += candidates->size();
         out.cells.resize(2 * candidates->size());
-        std::size_t *cell = out.cells.data();
+        Cell *cell = out.cells.data();
         for (std::uint64_t const pair : *candidates) {
             *cell++ = inputs[0].cells[code.first(pair)];
             *cell++ = inputs[1].cells[code.second(pair)];
@@ -756,7 +807,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     RunCounts local;
     RunCounts &counts = counted ? *counted : local;
     // The rows name elements by their place here.
-    std::vector<ModelElement::Impl *> elements;
+    Elements elements;
     std::vector<ResultSet> sets = scan(elements, counts);
     for (auto const &[ids, group] : joinGroups)
         join(elements, ids, group, sets, counts);
@@ -764,7 +815,7 @@ ResultSet NativeKivraQuery::evaluate(RunCounts *counted) const {
     if (sets.size() == 1) {
         result = std::move(sets.front());
     } else {
-        result = product(sets, [](std::size_t const *) { return true; });
+        result = product(sets, [](Cell const *) { return true; });
     }
     result.elements = std::move(elements);
 
@@ -825,12 +876,12 @@ std::unique_ptr<ReflectiveQuery::ResultIterator> NativeKivraQuery::execute(std::
     Cells cells;
     cells.reserve(result.rowCount() * from.size());
     std::vector<ModelElement> kept;
-    std::vector<std::size_t> place(result.elements.size(), none);
+    std::vector<Cell> place(result.elements.size(), noCell);
     for (std::size_t row = 0; row < result.rowCount(); ++row) {
         for (std::size_t const column : from) {
-            std::size_t const element = result.row(row)[column];
-            if (place[element] == none) {
-                place[element] = kept.size();
+            Cell const element = result.row(row)[column];
+            if (place[element] == noCell) {
+                place[element] = static_cast<Cell>(kept.size());
                 kept.push_back(ModelElement::fromImpl(result.elements[element]));
             }
             cells.push_back(place[element]);

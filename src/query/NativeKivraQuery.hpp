@@ -106,8 +106,8 @@ public:
 private:
     /// One set per instance, of positions in `elements`, which the scan fills with the
     /// elements that some instance keeps, in the model's table order.
-    std::vector<ResultSet> scan(std::vector<ModelElement::Impl *> &elements, RunCounts &counts) const;
-    void join(std::vector<ModelElement::Impl *> const &elements, std::vector<std::size_t> const &ids,
+    std::vector<ResultSet> scan(Elements &elements, RunCounts &counts) const;
+    void join(Elements const &elements, std::vector<std::size_t> const &ids,
               std::vector<std::unique_ptr<JoinConstraint>> const &group, std::vector<ResultSet> &sets,
               RunCounts &counts) const;
     /// Files a join constraint under its pair of instances, or leaves no trace.

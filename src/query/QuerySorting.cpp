@@ -292,7 +292,7 @@ void ByPropertySorting::sort(ResultSet &rows) const {
 
     std::size_t const width = rows.width();
     Cells sorted(rows.cells.size());
-    std::size_t *to = sorted.data();
+    Cell *to = sorted.data();
     for (std::size_t const index : order)
         to = std::copy_n(rows.row(index), width, to);
     rows.cells = std::move(sorted);

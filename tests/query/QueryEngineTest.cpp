@@ -395,34 +395,60 @@ public:
     }
 };
 
-// Enough pairs that they are put in order by their radix sort, not by a comparison sort.
+// Enough pairs that they are put in order by their radix sort, not by a comparison sort;
+// and value elements far apart, half of them made after many books, each in many rows of
+// the join's value side, which the look-up of entries among value rows must all find.
 TEST(QueryEngineGenerated, ALargeJoinGivesThePlainWalksRowsInItsOrder) {
     using namespace kivra::test::library;
     Model const model = Model::createTransientModel();
     std::vector<Author> authors;
-    for (int a = 0; a < 40; ++a)
-        authors.push_back(Author::create(model));
-    for (int b = 0; b < 60; ++b) {
-        Book const book = Book::create(model);
-        for (int a = 0; a < 40; ++a)
-            if ((a * 7 + b * 3) % 5 != 0)
-                book->getCoauthorsMutable().push_back(authors[static_cast<std::size_t>(a)]);
-    }
+    std::vector<Book> books;
+    auto const makeAuthors = [&](int count) {
+        for (int a = 0; a < count; ++a) {
+            authors.push_back(Author::create(model));
+            authors.back()->setName(u"Ann");
+        }
+    };
+    makeAuthors(20);
+    for (int b = 0; b < 600; ++b)
+        books.push_back(Book::create(model));
+    makeAuthors(20);
+    for (int b = 0; b < 60; ++b)
+        for (std::size_t a = 0; a < authors.size(); ++a)
+            if ((a * 7 + static_cast<std::size_t>(b) * 3) % 5 != 0)
+                books[static_cast<std::size_t>(b) * 10]->getCoauthorsMutable().push_back(authors[a]);
+    auto const rowsOf = [](NativeKivraQuery &q, bool plain) {
+        q.plainEvaluation = plain;
+        ResultSet const result = q.evaluate();
+        std::vector<std::vector<ModelElement>> out;
+        for (std::size_t row = 0; row < result.rowCount(); ++row) {
+            out.emplace_back();
+            for (std::size_t column = 0; column < result.width(); ++column)
+                out.back().push_back(result.at(row, column));
+        }
+        return out;
+    };
+
     NativeKivraQuery q;
     q.setModel(model);
     std::size_t const holder = q.addSearchClass(Book::metaClass(), Mode::ExactClass);
     q.addAssociatedObject(Book::Impl::coauthorsProperty(), holder, q.addSearchClass(Author::metaClass(), Mode::ExactClass));
-    auto const rowsOf = [&](bool plain) {
-        q.plainEvaluation = plain;
-        ResultSet const result = q.evaluate();
-        std::vector<std::pair<ModelElement, ModelElement>> out;
-        for (std::size_t row = 0; row < result.rowCount(); ++row)
-            out.emplace_back(result.at(row, 0), result.at(row, 1));
-        return out;
-    };
-    auto const fast = rowsOf(false);
+    auto const fast = rowsOf(q, false);
     EXPECT_EQ(fast.size(), 60u * 32u);
-    EXPECT_EQ(fast, rowsOf(true));
+    EXPECT_EQ(fast, rowsOf(q, true));
+
+    // The authors are paired with each other first, all sharing a name: each is a value in
+    // forty rows, and the holders come second.
+    NativeKivraQuery wide;
+    wide.setModel(model);
+    std::size_t const other = wide.addSearchClass(Author::metaClass(), Mode::ExactClass);
+    std::size_t const value = wide.addSearchClass(Author::metaClass(), Mode::ExactClass);
+    wide.addPropertyRelationProperty(Author::Impl::nameProperty(), other, R::equal, Author::Impl::nameProperty(), value);
+    wide.addAssociatedObject(Book::Impl::coauthorsProperty(), wide.addSearchClass(Book::metaClass(), Mode::ExactClass),
+                             value);
+    auto const wideRows = rowsOf(wide, false);
+    EXPECT_EQ(wideRows.size(), 60u * 32u * 40u);
+    EXPECT_EQ(wideRows, rowsOf(wide, true));
 }
 
 TEST(QueryEngineGenerated, AJoinResolvesTheProxiesOfMadeCollectionsAsThePlainWalkDoes) {
