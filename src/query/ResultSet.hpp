@@ -18,11 +18,12 @@ namespace kivra::query {
 /// Leaves what `resize` adds unwritten: a table of rows is written whole right after it
 /// grows, and zeroing a large one first is a pass over fresh memory for nothing.
 ///
-/// A table of a megabyte or more takes whole huge pages of its own. The heap maps a block
-/// that large afresh for each run and gives it back after, and a large join faulted in,
-/// zeroed and unmapped its tables four kilobytes at a time: two fifths of what the run
-/// cost. A huge page is one fault for two megabytes, and a table no smaller than half of
-/// one wastes at most what it uses.
+/// A table of a megabyte or more takes whole huge pages of its own, from the process's stock
+/// of pages given back when it has a block of that size. The heap maps a block that large
+/// afresh for each run and gives it back after, and a large join faulted in, zeroed and
+/// unmapped its tables four kilobytes at a time: two fifths of what the run cost. A huge
+/// page is one fault for two megabytes, none when it comes from the stock, and a table no
+/// smaller than half of one wastes at most what it uses.
 template <class T> struct UnwrittenAllocator : std::allocator<T> {
     static constexpr std::size_t hugeFrom = detail::hugePageSize / 2 / sizeof(T);
 
@@ -33,12 +34,12 @@ template <class T> struct UnwrittenAllocator : std::allocator<T> {
     template <class U> UnwrittenAllocator(UnwrittenAllocator<U> const &) noexcept {}
     T *allocate(std::size_t n) {
         if (n >= hugeFrom)
-            return static_cast<T *>(detail::mapHugePages(n * sizeof(T)));
+            return static_cast<T *>(detail::takePages(n * sizeof(T)));
         return std::allocator<T>::allocate(n);
     }
     void deallocate(T *at, std::size_t n) noexcept {
         if (n >= hugeFrom)
-            detail::unmapHugePages(at, n * sizeof(T));
+            detail::givePages(at, n * sizeof(T));
         else
             std::allocator<T>::deallocate(at, n);
     }
