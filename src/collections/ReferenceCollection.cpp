@@ -82,6 +82,10 @@ bool ReferenceCollection::isComposite() const noexcept { return property_ && pro
 void ReferenceCollection::checkCompatibleModel(ModelElement::Impl const *element) const {
     if (!owner_)
         return;
+    // A tombstone takes no container, and a list that held it would name a child that does
+    // not name the list: refused, as by a single composite.
+    if (element && !element->isValid() && isComposite())
+        raise<messages::InvalidValue>();
     owner_->checkCompatibleModel(element, property_);
     // A child may not contain its new container.
     if (element && element->isValidNonProxy() && isComposite())

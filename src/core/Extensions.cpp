@@ -277,7 +277,7 @@ Value ModelElement::Impl::getExtension(basalt::ustring const &name) {
             if (auto found = own.find(name); found != own.end()) {
                 if (record && found->second.extension == record->extension->getUuid())
                     return found->second.read(record->extension);
-                own.erase(found); // stale: the extension it was made for is gone
+                own.retire(found); // stale: the extension it was made for is gone
             }
         }
     if (!record)
@@ -324,7 +324,7 @@ void ModelElement::Impl::setExtension(meta::Extension const &extension, Value co
         own = std::make_unique<ElementExtensionValues>();
     auto found = own->find(name);
     if (found != own->end() && found->second.extension != extension->getUuid()) {
-        own->erase(found);
+        own->retire(found);
         found = own->end();
     }
     if (copy == defaultValue) {
@@ -343,7 +343,7 @@ void ModelElement::Impl::setExtension(meta::Extension const &extension, Value co
         entry.extension = extension->getUuid();
         entry.value = std::move(copy);
     }
-    if (own->empty())
+    if (own->holdsNothing())
         model_->extensions_->values.erase(this);
     transaction.commit();
 }
@@ -416,15 +416,16 @@ void ModelElement::Impl::restoreExtensions(Storage *storage) {
         if (!own)
             own = std::make_unique<ElementExtensionValues>();
         DeclaredExtension const *record = model_->extensions_->find(getMetaClass(), name, /*inherited=*/true);
+        if (auto const stale = own->find(name); stale != own->end() && stale->second.collection)
+            own->retire(stale);
         if (record && record->defaultValue && *record->defaultValue == *slot->value) {
             own->erase(name);
         } else {
             ExtensionValue &entry = (*own)[name];
             entry.extension = uuid;
-            entry.collection.reset();
             entry.value = *slot->value;
         }
-        if (own->empty())
+        if (own->holdsNothing())
             model_->extensions_->values.erase(this);
     }
 }

@@ -47,7 +47,20 @@ struct ExtensionValue : ExtensionSlot {
 };
 
 /// The values an element holds other than the defaults, by extension name.
-using ElementExtensionValues = std::map<basalt::ustring, ExtensionValue, std::less<>>;
+struct ElementExtensionValues : std::map<basalt::ustring, ExtensionValue, std::less<>> {
+    /// Collections of extensions that are gone. A caller may still hold a view of one, as
+    /// of any collection of a live element, so it stays until the element's values go.
+    std::vector<std::unique_ptr<AbstractOwnedCollection>> retired;
+
+    /// Drops the value at `stale`, keeping its collection among the retired.
+    iterator retire(iterator stale) {
+        if (stale->second.collection)
+            retired.push_back(std::move(stale->second.collection));
+        return erase(stale);
+    }
+    /// True when the element may leave the table: no value, and no retired collection.
+    bool holdsNothing() const noexcept { return empty() && retired.empty(); }
+};
 
 /// What a model keeps of its extensions, made at the first need: elements without
 /// extension values cost nothing.

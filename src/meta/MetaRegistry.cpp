@@ -286,11 +286,13 @@ PrimitiveType MetaRegistry::getPrimitiveType(std::u16string_view name) {
 
 void MetaRegistry::registerType(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator,
                                 BuilderFactory factory) {
+    if (!type)
+        raise<messages::NoSuchType>(basalt::ustring());
     registerType(type, type->getQualifiedName(), std::move(instantiator), std::move(factory));
 }
 
 void MetaRegistry::registerType(Type const &type, BuilderFactory factory) {
-    registerType(type, type->getQualifiedName(), nullptr, std::move(factory));
+    registerType(type, nullptr, std::move(factory));
 }
 
 void MetaRegistry::registerType(Type const &type, basalt::ustring const &name,
@@ -326,6 +328,8 @@ void MetaRegistry::unregisterType(Type const &type, basalt::ustring const &name)
 
 void MetaRegistry::registerTypeNames(Type const &type, std::string const &cppName, std::string const &vantorName,
                                      std::string const &typeidName) {
+    if (!type)
+        raise<messages::NoSuchType>(basalt::ustring());
     Lock lock(mutex_);
     if (!tables_->typeNames.try_emplace(type, cppName, vantorName).second)
         raise<messages::DuplicateTypeInRegistry>(type->getQualifiedName());
@@ -367,6 +371,8 @@ bool MetaRegistry::isCorrectTypeForTypeId(PrimitiveType const &type, std::string
 
 void MetaRegistry::updateCollectionInstantiator(Type const &type,
                                                 std::unique_ptr<detail::CollectionInstantiator> instantiator) {
+    if (!type)
+        return;
     Lock lock(mutex_);
     auto const found = tables_->types.find(type->getQualifiedName());
     if (found == tables_->types.end() || !instantiator)
@@ -380,6 +386,8 @@ void MetaRegistry::updateCollectionInstantiator(Type const &type,
 
 void MetaRegistry::unregisterCollectionInstantiator(Type const &type,
                                                     detail::CollectionInstantiator const *instantiator) {
+    if (!type)
+        return;
     Lock lock(mutex_);
     auto const found = tables_->types.find(type->getQualifiedName());
     if (found != tables_->types.end() && found->second.instantiator)
@@ -475,6 +483,8 @@ bool MetaRegistry::isVersionCurrentForFamily(basalt::ustring const &uri) {
 }
 
 void MetaRegistry::registerRootPackage(Package const &package) {
+    if (!package)
+        raise<messages::InvalidValue>();
     Lock lock(mutex_);
     basalt::ustring const &uri = package->getUri();
     tables_->rootPackages.try_emplace(uri, package);
@@ -533,6 +543,8 @@ void MetaRegistry::releaseOwnedValue(Value const &value) {
 // --- Endpoints -------------------------------------------------------------------------------
 
 void MetaRegistry::registerEndpoint(Endpoint const &endpoint) {
+    if (!endpoint)
+        raise<messages::InvalidValue>();
     Lock lock(mutex_);
     basalt::ustring name = qualifiedNameOf(endpoint);
     if (!tables_->endpoints.try_emplace(name, endpoint).second)
@@ -540,6 +552,8 @@ void MetaRegistry::registerEndpoint(Endpoint const &endpoint) {
 }
 
 void MetaRegistry::unregisterEndpoint(Endpoint const &endpoint) {
+    if (!endpoint)
+        return;
     Lock lock(mutex_);
     if (auto const found = tables_->endpoints.find(qualifiedNameOf(endpoint));
         found != tables_->endpoints.end() && found->second == endpoint)

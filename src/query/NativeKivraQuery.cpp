@@ -14,6 +14,7 @@
 #include <kivra/query/AbstractQuery.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
+#include <basalt/regex/Regex.hpp>
 
 #include <absl/container/flat_hash_map.h>
 
@@ -25,6 +26,7 @@
 #include <limits>
 #include <new>
 #include <optional>
+#include <regex>
 #include <typeinfo>
 #include <utility>
 #include <cstddef>
@@ -142,6 +144,19 @@ NativeKivraQuery::makeValueConstraint(meta::Property const &property, ValueMatch
                                                                  std::move(expression), comparator, instance);
     }
     ValueComparator const *const comparator = comparatorFor(relation, relation, property);
+    if ((relation == ValueMatchRelation::regexpMatch || relation == ValueMatchRelation::regexpSearch) &&
+        value.hasPayload()) {
+        // A pattern that does not compile is the caller's to hear of here, in the library's
+        // terms, not from the expression library at the first row of a run. Matched against
+        // itself, as the operand of the right type at hand.
+        try {
+            (*comparator)(value, value);
+        } catch (basalt::regex::regex_error const &) {
+            raise<messages::InvalidValue>();
+        } catch (std::regex_error const &) {
+            raise<messages::InvalidValue>();
+        }
+    }
     return std::make_unique<PropertyRelationValueConstraint>(property, relation, value, comparator, instance);
 }
 

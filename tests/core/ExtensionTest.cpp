@@ -233,6 +233,26 @@ TEST_F(ExtensionTest, ChangesAreReportedAndRolledBack) {
     EXPECT_FALSE(untouched->hasNonDefaultExtension(u"tags"));
 }
 
+// A view of a collection extension is good for as long as its element lives: the removal of
+// the extension, and a value of another declaration under its name, leave it readable.
+TEST_F(ExtensionTest, AViewOfACollectionOutlivesItsExtension) {
+    model->extendMetaclass(Book::metaClass(), scalar(u"tags", u"String").setUpper(5), boost::none);
+    Book const read = Book::create(model), written = Book::create(model);
+    std::vector<Value> views;
+    for (Book const &book : {read, written}) {
+        views.push_back(book->getExtension(u"tags"));
+        entriesOf(views.back()).genericAdd(text(u"old"));
+    }
+    model->unextendMetaclass(Book::metaClass(), u"tags");
+    expectRaises<messages::NoSuchExtension>([&] { read->getExtension(u"tags"); });
+    model->extendMetaclass(Book::metaClass(), scalar(u"tags"), integer(0));
+    written->setExtension(u"tags", integer(3));
+    EXPECT_EQ(read->getExtension(u"tags"), integer(0));
+    EXPECT_EQ(written->getExtension(u"tags"), integer(3));
+    for (Value const &view : views)
+        EXPECT_EQ(view.extractEntryValues(), std::vector<Value>{text(u"old")});
+}
+
 TEST_F(ExtensionTest, DestroyedElementsLetGoOfTheElementsTheirExtensionsName) {
     model->extendMetaclass(Book::metaClass(), scalar(u"patron", Author::metaClass()->getQualifiedName()), boost::none);
     model->extendMetaclass(Author::metaClass(), scalar(u"pick", Book::metaClass()->getQualifiedName()), boost::none);

@@ -261,6 +261,19 @@ TEST(MetaRegistry, UnregisteringTakesOnlyThatVeryType) {
     EXPECT_FALSE(registry().getTypeNoLoad(kept->getQualifiedName()));
 }
 
+// An empty handle is a caller's slip: the entries refuse it, the ways out pass it by.
+TEST(MetaRegistry, EmptyHandlesAreRefusedOrPassedOver) {
+    EXPECT_THROW(registry().registerType(Type()), Error<messages::NoSuchType>);
+    EXPECT_THROW(registry().registerType(Type(), nullptr, {}), Error<messages::NoSuchType>);
+    EXPECT_THROW(registry().registerTypeNames(Type(), "", "", ""), Error<messages::NoSuchType>);
+    EXPECT_THROW(registry().registerRootPackage(Package()), Error<messages::InvalidValue>);
+    EXPECT_THROW(registry().registerEndpoint(Endpoint()), Error<messages::InvalidValue>);
+    registry().updateCollectionInstantiator(Type(), nullptr);
+    registry().unregisterCollectionInstantiator(Type(), nullptr);
+    registry().unregisterEndpoint(Endpoint());
+    EXPECT_FALSE(registry().getTypeNoLoad(u""));
+}
+
 // --- Instantiation -------------------------------------------------------------------------
 
 struct RecordingBuilder : ModelElement::Builder {

@@ -129,6 +129,15 @@ TEST_F(ReflectiveQueryRecords, NothingOfAFailedCall) {
         "ordered elements");
     expectRaised<RelationAndTypeNotSupported>(
         [&] { query.addPropertyRelationValue(pages, R::regexpSearch, hundred, book); }, "pattern on a number");
+    expectRaised<messages::InvalidValue>(
+        [&] { query.createDisjunction()->addPropertyRelationValue(title, R::regexpMatch, text(u"(a"), book); },
+        "pattern that does not compile");
+    expectRaised<messages::InvalidValue>(
+        [&] {
+            query.addPropertyRelationValue(Book::Impl::isbnProperty(), R::regexpSearch,
+                                           Value(meta::StandardTypes::stdstringMeta.get(), std::string("[0-")), book);
+        },
+        "byte pattern that does not compile");
     expectRaised<LikePatternNotString>([&] { query.addPropertyRelationValue(pages, R::like, hundred, book); }, "like number");
     expectRaised<LikePatternNotSingle>(
         [&] { query.addPropertyRelationValue(title, R::like, Value(meta::StandardTypes::stringMeta.get(), boost::none), book); },
@@ -148,7 +157,8 @@ TEST_F(ReflectiveQueryRecords, NothingOfAFailedCall) {
     EXPECT_EQ(query.instances.size(), 2u);
     EXPECT_EQ(query.instances[book].constraints.size(), 1u);
     EXPECT_TRUE(query.joinGroups.empty());
-    EXPECT_TRUE(query.disjunctions[0]->constraints.empty());
+    for (auto const &disjunction : query.disjunctions)
+        EXPECT_TRUE(disjunction->constraints.empty());
     EXPECT_EQ(query.limit, 0u);
     EXPECT_FALSE(query.sorting);
 

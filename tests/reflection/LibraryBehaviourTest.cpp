@@ -151,6 +151,15 @@ TEST_P(LibraryBehaviour, OnlyALiveElementOfTheSameModelBecomesContainerOrChild) 
     EXPECT_FALSE(element(shelf, u"featured"));
     EXPECT_FALSE(element(dune, u"appendix"));
     EXPECT_TRUE(farBook->isTopLevel());
+    // A composite collection, of each shape, as the single end.
+    ModelElement const writer = lib().author->instantiate(here);
+    EXPECT_THROW(many(shelf, u"books").genericAdd(gone), Error<messages::InvalidValue>);
+    EXPECT_THROW(many(dune, u"chapters").genericAdd(gone), Error<messages::InvalidValue>);
+    EXPECT_THROW(many(writer, u"drafts").genericAdd(gone), Error<messages::InvalidValue>);
+    EXPECT_THROW(many(shelf, u"books").genericAdd(farBook), Error<messages::CannotChangeModel>);
+    EXPECT_EQ(many(shelf, u"books").genericSize() + many(dune, u"chapters").genericSize() +
+                  many(writer, u"drafts").genericSize(),
+              0u);
     // A proxy child of this model stands for an element the container holds once it
     // resolves.
     set(shelf, u"featured", ref(proxyBook));

@@ -302,6 +302,33 @@ TEST(ReflectiveDataType, AnElementsRecordIsRecordedAndRolledBack) {
                  Error<messages::CannotCastIncompatibleTypes>);
 }
 
+// Elements and records hold the descriptions they were made of: they outlive the model of
+// their metamodel, through a roll-back that brings an element back.
+TEST(ReflectiveDataType, RecordsAndElementsOutliveTheModelOfTheirTypes) {
+    Model elements = Model::createTransientModel();
+    ModelElement book;
+    Value record = number(0);
+    {
+        Catalogue const t;
+        book = ModelElement::createReflective(elements, t.book, {});
+        ReflectiveDataType changed(t.imprint);
+        changed.setPropertyValue(t.year, number(2024));
+        book->setPropertyValue(t.held, Value::createReflectiveDataTypeValue(changed), Tag::PUBLIC_ACCESS);
+        record = book->getPropertyValue(t.held, Tag::PUBLIC_ACCESS);
+    }
+    Value const copy = record;
+    EXPECT_EQ(copy, record);
+    EXPECT_EQ(copy.hashValues(), record.hashValues());
+    {
+        Transaction transaction = elements->beginTransaction(/*revertible=*/true);
+        book->destroy();
+        transaction.rollBack();
+    }
+    EXPECT_TRUE(book);
+    EXPECT_EQ(book->getMetaClass()->getName(), u"Book");
+    book->destroy();
+}
+
 TEST(ReflectiveDataType, AnElementsListOfRecordsKeepsRepeatsAndRollsBack) {
     Catalogue const t;
     Model elements = Model::createTransientModel();

@@ -123,7 +123,8 @@ public:
 
     /// Enters a type under its qualified name, with the maker of its collections and of
     /// its builders (either may be null). Raises `DuplicateTypeInRegistry` when the name
-    /// is taken, and then registers nothing.
+    /// is taken, and then registers nothing; `NoSuchType` with an empty name for an empty
+    /// handle.
     void registerType(Type const &type, std::unique_ptr<detail::CollectionInstantiator> instantiator,
                       BuilderFactory factory = {});
     void registerType(Type const &type, BuilderFactory factory = {});
@@ -132,7 +133,7 @@ public:
 
     /// Records the native and host names of a type, and the run-time type name
     /// (`typeid(T).name()`) of its payload when not empty. Raises `DuplicateTypeInRegistry`
-    /// when the type has names already.
+    /// when the type has names already, `NoSuchType` for an empty handle.
     void registerTypeNames(Type const &type, std::string const &cppName, std::string const &vantorName,
                            std::string const &typeidName);
     boost::optional<std::string> getCppNameForType(Type const &type) const;
@@ -173,7 +174,8 @@ public:
     /// True when `uri` has the version of the package now registered for its family.
     bool isVersionCurrentForFamily(basalt::ustring const &uri);
     /// Enters a root package under its URI and, when the URI has one, its family. A URI or
-    /// family registered already keeps its first package.
+    /// family registered already keeps its first package. Raises `InvalidValue` for an
+    /// empty handle.
     void registerRootPackage(Package const &package);
     void unregisterRootPackage(basalt::ustring const &uri);
 
@@ -190,7 +192,7 @@ public:
     // --- Endpoints -------------------------------------------------------------------------
 
     /// Enters an endpoint under its qualified name. Raises `DuplicateTypeInRegistry` when
-    /// the name is taken.
+    /// the name is taken, `InvalidValue` for an empty handle.
     void registerEndpoint(Endpoint const &endpoint);
     void unregisterEndpoint(Endpoint const &endpoint);
     /// The endpoint of that qualified name; empty when unknown.

@@ -75,8 +75,9 @@ public:
     /// Relates a property of the instance's element to a constant, which the query copies.
     /// For a collection property, some entry must relate. Raises
     /// `PropertyRelationValueNotPrimitive` for a collection constant,
-    /// `RelationAndTypeNotSupported`, and for `like` `LikePatternNotSingle` or
-    /// `LikePatternNotString`.
+    /// `RelationAndTypeNotSupported`, for `like` `LikePatternNotSingle` or
+    /// `LikePatternNotString`, and `InvalidValue` for a regular expression that does not
+    /// compile.
     virtual void addPropertyRelationValue(meta::Property const &property, ValueMatchRelation relation,
                                           Value const &value, std::size_t instance) = 0;
     /// The instance's element must have no container.
