@@ -41,7 +41,8 @@ public:
     virtual bool isMultimapInterface() const { return false; }
 };
 
-/// The untyped view of an ordered collection.
+/// The untyped view of an ordered collection. A position past the last entry (past one
+/// beyond it, to insert or ensure) raises `InvalidValue` and changes nothing.
 class GenericSequenceInterface : public GenericCollectionInterface {
 public:
     bool isSequenceInterface() const override { return true; }

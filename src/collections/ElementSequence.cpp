@@ -543,6 +543,15 @@ void ElementSequenceBase::assignFrom(ReferenceCollection const &other) {
 
 // --- The generic view ----------------------------------------------------------------
 
+namespace {
+// The generic view serves readers and reflection, whose positions come from outside: a
+// position past the end (or, to insert, past one beyond it) is refused rather than read.
+void checkPosition(std::size_t index, std::size_t size) {
+    if (index >= size)
+        raise<messages::InvalidValue>();
+}
+} // namespace
+
 std::size_t ElementSequenceBase::GenericSequence::genericSize() const { return sequence_.size(); }
 
 void ElementSequenceBase::GenericSequence::genericAdd(ModelElement const &element) {
@@ -555,6 +564,7 @@ void ElementSequenceBase::GenericSequence::genericEnsureAt(ModelElement const &e
     if (!element.get())
         return;
     checkEntryClass(element, sequence_.entryClass_());
+    checkPosition(index, sequence_.size() + 1);
     Operation operation(sequence_);
     std::size_t const at = sequence_.insert(index, element);
     if (at != index && index < sequence_.size()) {
@@ -580,12 +590,14 @@ bool ElementSequenceBase::GenericSequence::genericContains(ModelElement const &e
 }
 
 ModelElement ElementSequenceBase::GenericSequence::genericAt(std::size_t index) {
+    checkPosition(index, sequence_.size());
     return sequence_.resolveAtIndex(index);
 }
 
 void ElementSequenceBase::GenericSequence::genericInsert(ModelElement const &element, std::size_t index) {
     if (element.get())
         checkEntryClass(element, sequence_.entryClass_());
+    checkPosition(index, sequence_.size() + 1);
     sequence_.insert(index, element);
 }
 
@@ -593,10 +605,14 @@ void ElementSequenceBase::GenericSequence::genericReplace(ModelElement const &el
     if (!element.get())
         return;
     checkEntryClass(element, sequence_.entryClass_());
+    checkPosition(index, sequence_.size());
     sequence_.assignAt(index, element);
 }
 
-void ElementSequenceBase::GenericSequence::genericRemoveAt(std::size_t index) { sequence_.erase(index); }
+void ElementSequenceBase::GenericSequence::genericRemoveAt(std::size_t index) {
+    checkPosition(index, sequence_.size());
+    sequence_.erase(index);
+}
 
 int ElementSequenceBase::GenericSequence::genericIndexOf(ModelElement const &element) {
     if (!element.get() || !isEntryClass(element, sequence_.entryClass_()))

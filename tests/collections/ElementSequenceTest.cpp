@@ -312,7 +312,20 @@ TEST_F(ElementSequenceTest, EnsureAtExchangesWithTheEntryThere) {
     EXPECT_THROW(view.genericAdd(Author::create(model)), Error<messages::CannotAddIncompatibleTypes>);
     EXPECT_THROW(sequence.genericReplace(Shelf::create(model), 0), Error<messages::CannotAddIncompatibleTypes>);
     EXPECT_FALSE(view.genericContains(Shelf::create(model)));
-    EXPECT_EQ(author->getBooks().size(), 3u);
+
+    // Positions come from outside through this view: past the end they are refused, and
+    // nothing changes at either end.
+    Book stranger = Book::create(model);
+    EXPECT_THROW(sequence.genericAt(3), Error<messages::InvalidValue>);
+    EXPECT_THROW(sequence.genericInsert(stranger, 4), Error<messages::InvalidValue>);
+    EXPECT_THROW(sequence.genericReplace(stranger, 3), Error<messages::InvalidValue>);
+    EXPECT_THROW(sequence.genericRemoveAt(3), Error<messages::InvalidValue>);
+    EXPECT_THROW(sequence.genericEnsureAt(stranger, 4), Error<messages::InvalidValue>);
+    EXPECT_FALSE(stranger->getWriter());
+    EXPECT_EQ(booksOf(author), (std::vector<Book>{books[2], books[1], books[0]}));
+    sequence.genericInsert(stranger, 3); // one beyond the last is the end
+    EXPECT_EQ(sequence.genericAt(3), stranger);
+    EXPECT_EQ(author->getBooks().size(), 4u);
 }
 
 // A proxy keeps its place until it resolves, in place, with no change of the model.
