@@ -46,6 +46,8 @@ public:
     void eraseEntries(std::vector<ModelElement> const &entries);
     /// Removes every entry with association and empties the side table.
     void clear();
+    /// Empties the entries and the side table with no association, as one change.
+    void basicClearAll();
 
     /// The entries in the container's order, proxies left out.
     std::vector<ModelElement> getAllValues() const override;

@@ -142,6 +142,15 @@ void ReferenceAssociativeBase::basicClear() {
     clearEntries();
 }
 
+void ReferenceAssociativeBase::basicClearAll() {
+    // The far ends keep their side: whoever empties this end this way mends theirs.
+    Operation operation(*this);
+    modifying();
+    clearEntries();
+    clearUnresolved();
+    operation.commit();
+}
+
 void ReferenceAssociativeBase::basicCopyValues(ReferenceCollection const &other) {
     Operation operation(*this);
     modifying();
@@ -206,7 +215,7 @@ void ElementMapBody::MyGenericInterface::genericRemove(ModelElement const &eleme
 
 void ElementMapBody::MyGenericInterface::genericClear() { map_.clear(); }
 
-void ElementMapBody::MyGenericInterface::genericBasicClear() { map_.clear(); }
+void ElementMapBody::MyGenericInterface::genericBasicClear() { map_.basicClearAll(); }
 
 bool ElementMapBody::MyGenericInterface::genericContains(ModelElement const &element) const {
     return element.get() && map_.isEntry(element) && map_.contains(element);
@@ -254,7 +263,7 @@ void ElementMultimapBody::MyGenericInterface::genericRemove(ModelElement const &
 
 void ElementMultimapBody::MyGenericInterface::genericClear() { map_.clear(); }
 
-void ElementMultimapBody::MyGenericInterface::genericBasicClear() { map_.clear(); }
+void ElementMultimapBody::MyGenericInterface::genericBasicClear() { map_.basicClearAll(); }
 
 bool ElementMultimapBody::MyGenericInterface::genericContains(ModelElement const &element) const {
     return element.get() && map_.isEntry(element) && map_.contains(element);

@@ -137,6 +137,19 @@ TEST_F(ElementMapTest, ProxiesWaitAsideAndAContainmentStaysInItsModel) {
     EXPECT_THROW(author->getDraftsMutable().insert(proxyOf(id, basalt::ustring(u"http://elsewhere"))),
                  Error<messages::CannotCreateCrossModelAssociation>);
     EXPECT_TRUE(author->getDrafts().empty());
+
+    // The store-only clear of the generic view empties entries and side table alike and
+    // leaves every far end as it was, in a map as in a composite multimap.
+    Book dune = book(u"Dune");
+    shelf->getCatalogueMutable().insert(dune);
+    shelf->getCatalogueMutable().getGenericInterface()->genericBasicClear();
+    EXPECT_TRUE(shelf->getCatalogue().empty());
+    EXPECT_EQ(dune->getCatalogued(), shelf);
+    Book draft = book(u"draft", 10);
+    author->getDraftsMutable().insert(draft);
+    author->getDraftsMutable().getGenericInterface()->genericBasicClear();
+    EXPECT_TRUE(author->getDrafts().empty());
+    EXPECT_EQ(draft->container(), author);
 }
 
 // The view shows the superset's entries of its class at once, and adds through it.
