@@ -32,6 +32,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
+#include <mutex>
 #include <bit>
 #include <atomic>
 
@@ -272,6 +273,39 @@ void Model::Impl::addListenerHolder(std::unique_ptr<ListenerHolderBase> holder) 
         listenerDepth_ = 2;
 }
 
+namespace {
+// Owned listeners taken off while a transaction of their model runs: one may be taking itself
+// off from inside its own callback, which must not return into a deleted object. They are
+// told at once and deleted once no transaction of the model runs or tells its observers.
+std::mutex retiredLock;
+std::vector<std::pair<Model::Impl const *, Listener *>> &retiredListeners() {
+    static auto *const retired = new std::vector<std::pair<Model::Impl const *, Listener *>>; // never destroyed
+    return *retired;
+}
+/// How many wait, so that the end of a transaction asks for no lock while none does.
+std::atomic<std::size_t> retiredCount{0};
+} // namespace
+
+void detail::deleteRetiredListeners(Model::Impl const *model) noexcept {
+    // One at a time, the lock let go before each is deleted: a listener's destructor may
+    // take a listener off another model.
+    while (retiredCount.load(std::memory_order_acquire) != 0) {
+        Listener *doomed = nullptr;
+        {
+            std::lock_guard const lock(retiredLock);
+            auto &retired = retiredListeners();
+            auto const found = std::find_if(retired.begin(), retired.end(),
+                                            [&](auto const &entry) { return entry.first == model; });
+            if (found == retired.end())
+                return;
+            doomed = found->second;
+            retired.erase(found);
+            retiredCount.store(retired.size(), std::memory_order_release);
+        }
+        delete doomed;
+    }
+}
+
 void Model::Impl::removeListener(Listener const &listener) {
     auto const found = std::find_if(listeners_.begin(), listeners_.end(),
                                     [&](ListenerHolderBase const *holder) { return holder->getListener() == &listener; });
@@ -280,6 +314,21 @@ void Model::Impl::removeListener(Listener const &listener) {
     std::unique_ptr<ListenerHolderBase> const holder(*found);
     listeners_.erase(found);
     removeListenerFromTransaction(holder.get());
+    if (holder->ownsListener_ && (currentTransaction_ || !notifying_.empty())) {
+        Listener *const owned = holder->getListener();
+        bool retired = true;
+        try {
+            std::lock_guard const lock(retiredLock);
+            retiredListeners().push_back({this, owned});
+            retiredCount.store(retiredListeners().size(), std::memory_order_release);
+        } catch (std::bad_alloc const &) {
+            retired = false; // deleted at once, as the holder would
+        }
+        if (retired) {
+            holder->forgetListener();
+            owned->listenerRemoved();
+        }
+    }
     listenerDepth_ = std::all_of(listeners_.begin(), listeners_.end(),
                                  [](ListenerHolderBase const *remaining) { return remaining->isShallow(); })
                          ? 1
@@ -301,6 +350,7 @@ void Model::Impl::dropListeners() noexcept {
         removeListenerFromTransaction(holder);
         delete holder;
     }
+    detail::deleteRetiredListeners(this);
 }
 
 namespace detail {
@@ -847,6 +897,8 @@ void Model::Impl::transactionEnded(TransactionImpl *transaction) {
         currentTransaction_ = nullptr;
         writer_.store(nullptr, std::memory_order_relaxed);
         table_->elements.settle();
+        if (notifying_.empty())
+            detail::deleteRetiredListeners(this);
     }
 }
 

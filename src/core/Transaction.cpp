@@ -219,6 +219,8 @@ void TransactionImpl::endNotifying() noexcept {
     auto &stack = model_->notifying_;
     if (auto const found = std::find(stack.rbegin(), stack.rend(), this); found != stack.rend())
         stack.erase(std::next(found).base());
+    if (stack.empty() && !model_->currentTransaction_)
+        detail::deleteRetiredListeners(model_.get());
 }
 
 void TransactionImpl::removeListener(ListenerHolderBase *holder) noexcept {

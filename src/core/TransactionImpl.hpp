@@ -46,6 +46,9 @@ protected:
 
 namespace detail {
 class RecordLog;
+/// Deletes the owned listeners of `model` that were taken off while a transaction of it ran;
+/// called once none runs or tells its observers any more.
+void deleteRetiredListeners(Model::Impl const *model) noexcept;
 } // namespace detail
 
 /// The one transaction in progress on a model. Its reference count counts the parties

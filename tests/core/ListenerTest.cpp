@@ -262,6 +262,45 @@ TEST(Listeners, ASecondAddOfTheSameListenerDoesNothing) {
     EXPECT_EQ(Counted::alive, 0);
 }
 
+// An owned listener that takes itself off in any phase is told at once and lives on until
+// its callback has returned and the transaction is over: deleted at once, it returned
+// into freed memory.
+TEST(Listeners, AnOwnedListenerTakesItselfOffInItsOwnCallback) {
+    struct Leaving : Counted {
+        Model model;
+        int phase = 0;
+        int calls = 0;
+        explicit Leaving(Model m, int p) : model(std::move(m)), phase(p) {}
+        void leave(int now) {
+            if (now != phase)
+                return;
+            removeListener(model, *this);
+            EXPECT_EQ(Counted::removals, 1);
+            EXPECT_EQ(Counted::alive, 1);
+            ++calls; // its own member, after the removal
+        }
+        void modify(Report const &) { leave(0); }
+        bool validate(Report const &) {
+            leave(1);
+            return true;
+        }
+        void transactionCommitted(Report const &) { leave(2); }
+    };
+    for (int phase : {0, 1, 2}) {
+        Counted::alive = Counted::removals = 0;
+        Model model = Model::createTransientModel();
+        addOwnedListener<ListenerRole::Modifier | ListenerRole::Validator | ListenerRole::Observer>(
+            model, std::make_unique<Leaving>(model, phase));
+        {
+            Transaction transaction = model->beginTransaction();
+            Book::create(model);
+            EXPECT_EQ(transaction.commit(), TransactionResult::Committed) << phase;
+        }
+        EXPECT_EQ(Counted::removals, 1) << phase;
+        EXPECT_EQ(Counted::alive, 0) << phase;
+    }
+}
+
 // A modifier that throws rolls the transaction back, and the report it was given goes
 // with the phase, not with the transaction: it holds the model's elements.
 TEST_F(ListenerTest, AFailingModifierLeavesNoReportBehind) {
