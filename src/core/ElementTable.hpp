@@ -10,6 +10,11 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <mutex>
@@ -19,51 +24,53 @@
 #include <cstring>
 #include <memory>
 #include <utility>
+#include <vector>
 
 namespace kivra::detail {
 
-/// An open-addressing set of raw element pointers, keyed by the element's UUID, in
-/// chunks of one cache line: seven slots, their seven tag bytes (7 bits of the hash and a
-/// mark of use) and a count of the entries that had to pass the chunk because it was
-/// full. A probe reads one line in the common case and touches an element only when a tag
-/// matches. A full chunk sends an entry on by an odd stride drawn from its tag, so that
-/// runs do not pile up behind one another; the passing counts tell a search where to stop,
-/// and an entry leaves by taking its own counts back, with nothing to move and no element
-/// to read. At most 6/7 of the slots are used. The slot order, and with it iteration,
-/// depends on nothing but the UUIDs and the sequence of operations.
+/// The live elements of a model, in the order they were entered, and an index to find them
+/// by UUID.
 ///
-/// An element whose UUID was just drawn at random, and so is no other's, can wait in a
-/// backlog for its slot: a transaction that makes many elements then enters them all at
-/// once, each asking for its chunk a few entries ahead, instead of waiting on a cache miss
-/// per element. The model settles the backlog when its
-/// transaction ends and when it freezes; any read settles what still waits first, under a
-/// lock, so that readers of a frozen model (or of a constellation's other member, through
-/// a proxy) on several threads settle it once and then only read.
+/// The elements stand in a list in segments, each position written once: an element that
+/// leaves leaves a hole, and when holes are the greater part the list closes up, keeping
+/// its order. A walk so meets the elements in the order they were made, which is the order
+/// of their memory as the model's pools hand it out: a scan streams instead of jumping at
+/// random, and two runs of the same operations walk alike.
+///
+/// The index is an open-addressing table of positions in the list, in chunks of one cache
+/// line: twelve slots, their tag bytes (7 bits of the hash and a mark of use) and a count
+/// of the entries that had to pass the chunk because it was full. A probe reads one line in
+/// the common case and reads an element only when a tag matches. A full chunk sends an
+/// entry on by an odd stride drawn from its tag, so that runs do not pile up behind one
+/// another; the passing counts tell a search where to stop, and an entry leaves by taking
+/// its own counts back, with nothing to move. At most 7/8 of the slots are used.
+///
+/// An element whose UUID was just drawn at random, and so is no other's, joins the list at
+/// once but waits for its slot in the index: a transaction that makes many elements then
+/// enters them all at once, each asking for its chunk a few entries ahead, instead of
+/// waiting on a cache miss per element. The model settles what waits when its transaction
+/// ends and when it freezes; a search settles it first, under a lock, so that readers of a
+/// frozen model (or of a constellation's other member, through a proxy) on several threads
+/// settle it once and then only read. Walks and counts need no index.
 class ElementSet {
 public:
     using Element = ModelElement::Impl;
     ElementSet() = default;
     ElementSet(ElementSet const &) = delete;
     ElementSet &operator=(ElementSet const &) = delete;
-    ~ElementSet() {
-        release();
-        dropBacklog();
-    }
+    ~ElementSet() { clear(); }
 
-    std::size_t size() const noexcept {
-        settleWaiting();
-        return size_;
-    }
+    std::size_t size() const noexcept { return end_ - holes_; }
     bool empty() const noexcept { return size() == 0; }
 
-    /// How many elements ahead a walk asks for the element it will visit: slot order is
-    /// random in memory, and the walk would otherwise wait for each element in turn.
+    /// How many elements ahead a walk asks for the element it will visit: neighbours in
+    /// the list mostly lie side by side in memory, but not always.
     static constexpr std::size_t prefetchDistance = 8;
 
     /// The element with `uuid`, or null.
     Element *find(boost::uuids::uuid const &uuid) const noexcept {
         settleWaiting();
-        if (size_ == 0)
+        if (indexed() == 0)
             return nullptr;
         std::size_t const hash = uuidHash(uuid);
         std::uint8_t const tag = tagOf(hash);
@@ -73,8 +80,8 @@ public:
         std::size_t c = hash & mask_;
         for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
             Chunk const &chunk = chunks_[c];
-            for (std::uint64_t m = matches(chunk, tag); m; m &= m - 1)
-                if (Element *candidate = chunk.slots[slotOf(m)]; candidate->getUuid() == uuid)
+            for (unsigned m = matches(chunk, tag); m; m &= m - 1)
+                if (Element *candidate = at(chunk.positions[slotOf(m)]); candidate->getUuid() == uuid)
                     return candidate;
             if (chunk.passing == 0)
                 break;
@@ -82,277 +89,176 @@ public:
         return nullptr;
     }
 
-    /// Puts `element`, whose UUID was drawn at random for it and so is no other's, in the
-    /// backlog. Raises `std::bad_alloc`, and nothing changes.
+    /// Puts `element`, whose UUID was drawn at random for it and so is no other's, at the
+    /// end of the list, to wait for its slot in the index. Raises `std::bad_alloc`, and
+    /// nothing changes.
     void defer(Element *element) {
-        // The table is sized for the backlog now, so that settling needs no memory: while
-        // a model fills, the table is mostly empty and growing it moves little.
-        std::size_t const waiting = backlogSize_.load(std::memory_order_relaxed);
-        if ((size_ + waiting + 1) * 7 > capacity() * 6)
+        // The index is sized for what waits now, so that settling needs no memory: while a
+        // model fills, the index is mostly empty and growing it moves little.
+        std::size_t const waiting = waiting_.load(std::memory_order_relaxed);
+        if (needsGrowth(1))
             grow();
-        if (pieceUsed_ == pieceCapacity_)
-            growBacklog();
-        backlog_[pieceUsed_++] = {element, uuidHash(element->getUuid())};
-        backlogSize_.store(waiting + 1, std::memory_order_relaxed);
+        if (tailRoom_ == 0) [[unlikely]]
+            addSegment();
+        // Its hash waits beside it: settling then reads no element, whose line is long
+        // gone from the cache in a large transaction.
+        if (hashRoom_ != tailRoom_) [[unlikely]]
+            findHashTail();
+        *hashTail_++ = uuidHash(element->getUuid());
+        --hashRoom_;
+        *tail_++ = element;
+        --tailRoom_;
+        ++end_;
+        waiting_.store(waiting + 1, std::memory_order_relaxed);
     }
 
-    /// Enters every element of the backlog and gives back its memory.
+    /// Enters every waiting element in the index.
     void settle() noexcept;
 
     /// Enters `element`; false, and nothing changes, when its UUID is taken.
-    bool insert(Element *element) {
-        settle();
-        if ((size_ + 1) * 7 > capacity() * 6)
-            grow();
-        // One walk both looks for a namesake and finds the first free slot: the path of a
-        // search ends where nothing passed, and a free slot never lies beyond it.
-        boost::uuids::uuid const &uuid = element->getUuid();
-        std::size_t const hash = uuidHash(uuid);
-        std::uint8_t const tag = tagOf(hash);
-        std::size_t const stride = strideOf(tag);
-        std::size_t const home = hash & mask_;
-        Chunk *freeChunk = nullptr;
-        int freeSlot = 0;
-        std::size_t c = home;
-        for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
-            Chunk &chunk = chunks_[c];
-            for (std::uint64_t m = matches(chunk, tag); m; m &= m - 1)
-                if (chunk.slots[slotOf(m)]->getUuid() == uuid)
-                    return false;
-            if (!freeChunk)
-                if (std::uint64_t const m = empties(chunk)) {
-                    freeChunk = &chunk;
-                    freeSlot = slotOf(m);
-                }
-            if (chunk.passing == 0)
-                break;
-        }
-        written_ = true;
-        if (!freeChunk) {
-            place(element, hash);
-        } else {
-            freeChunk->tags[freeSlot] = tag;
-            freeChunk->slots[freeSlot] = element;
-            for (std::size_t p = home; &chunks_[p] != freeChunk; p = (p + stride) & mask_)
-                if (chunks_[p].passing != saturated)
-                    ++chunks_[p].passing;
-        }
-        ++size_;
-        return true;
-    }
+    bool insert(Element *element);
 
     /// Takes out this very element (not a namesake); false when it is not in.
-    bool erase(Element const *element) noexcept {
-        settle();
-        if (size_ == 0)
-            return false;
-        std::size_t const hash = uuidHash(element->getUuid());
-        std::uint8_t const tag = tagOf(hash);
-        std::size_t const stride = strideOf(tag);
-        std::size_t const home = hash & mask_;
-        std::size_t c = home;
-        for (std::size_t visited = 0; visited <= mask_; ++visited, c = (c + stride) & mask_) {
-            Chunk &chunk = chunks_[c];
-            for (int i = 0; i < slotsPerChunk; ++i) {
-                if (chunk.slots[i] != element || chunk.tags[i] == 0)
-                    continue;
-                chunk.tags[i] = 0;
-                chunk.slots[i] = nullptr;
-                // The chunks the entry passed count it no more.
-                for (std::size_t p = home; p != c; p = (p + stride) & mask_)
-                    if (chunks_[p].passing != saturated)
-                        --chunks_[p].passing;
-                --size_;
-                return true;
-            }
-            if (chunk.passing == 0)
-                break;
-        }
-        return false;
-    }
+    bool erase(Element const *element) noexcept;
 
-    void clear() noexcept {
-        release();
-        chunks_ = nullptr;
-        written_ = false;
-        mask_ = size_ = 0;
-        dropBacklog();
-        backlogSize_.store(0, std::memory_order_relaxed);
-    }
+    void clear() noexcept;
 
-    /// The elements, moved to the front of the table's own memory, which the caller now
-    /// owns and gives back with `freeZeroed(elements, bytes)`; the set is left empty. For a
-    /// model that goes as a whole: it walks its elements once more in an order of its own,
-    /// and a copy of a large table would cost fresh pages that the walk does not repay.
-    struct Detached {
-        Element **elements = nullptr;
-        std::size_t count = 0;
-        std::size_t bytes = 0;
-    };
-    Detached detach() noexcept {
-        settle();
-        Detached taken;
-        if (!chunks_)
-            return taken;
-        taken.bytes = (mask_ + 1) * sizeof(Chunk);
-        auto **const out = reinterpret_cast<Element **>(static_cast<void *>(chunks_));
-        std::size_t filled = 0;
-        // A chunk is read whole before anything is written: the entries written so far end
-        // below the chunk's last word, but may reach its first ones.
-        for (std::size_t c = 0; c <= mask_; ++c) {
-            Chunk chunk;
-            std::memcpy(static_cast<void *>(&chunk), &chunks_[c], sizeof chunk);
-            for (int i = 0; i < slotsPerChunk; ++i)
-                if (chunk.tags[i] != 0)
-                    out[filled++] = chunk.slots[i];
-        }
-        taken.elements = out;
-        taken.count = filled;
-        chunks_ = nullptr;
-        written_ = false;
-        mask_ = size_ = 0;
-        return taken;
-    }
-
-    /// Calls `f` with every element, in slot order; `f` must not change the set.
+    /// Calls `f` with every element, in the list's order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
-        settleWaiting();
-        if (size_ == 0)
-            return;
-        for (std::size_t c = 0; c <= mask_; ++c) {
-            if (c + 1 <= mask_)
-                for (int i = 0; i < slotsPerChunk; ++i)
-                    if (chunks_[c + 1].tags[i] != 0)
-                        __builtin_prefetch(chunks_[c + 1].slots[i]);
-            Chunk const &chunk = chunks_[c];
-            for (int i = 0; i < slotsPerChunk; ++i)
-                if (chunk.tags[i] != 0)
-                    f(chunk.slots[i]);
-        }
+        forRange(0, end_, [&f](std::size_t, Element *const *at, Element *const *segmentEnd) {
+            if (at + prefetchDistance < segmentEnd)
+                __builtin_prefetch(at[prefetchDistance]);
+            f(*at);
+        });
     }
 
 private:
-    static constexpr int slotsPerChunk = 7;
-    struct Waiting {
-        Element *element;
-        std::size_t hash;
-    };
+    static constexpr int slotsPerChunk = 12;
+    static constexpr unsigned slotBits = (1u << slotsPerChunk) - 1;
     static constexpr std::uint8_t saturated = 255;
 
     struct alignas(64) Chunk {
         std::uint8_t tags[slotsPerChunk] = {};
         /// Entries whose home lies before this chunk on their path and that passed it.
         std::uint8_t passing = 0;
-        Element *slots[slotsPerChunk] = {};
+        std::uint8_t unused[3] = {};
+        std::uint32_t positions[slotsPerChunk] = {};
     };
     static_assert(sizeof(Chunk) == 64);
 
+    // The list's first segment holds 16 positions, each next one twice as many up to
+    // 2^15, and every one from there on 2^15: a small model wastes little, a large one
+    // finds a position with two reads.
+    static constexpr unsigned firstSegmentBits = 4;
+    static constexpr unsigned segmentBits = 15;
+    static constexpr std::size_t doublingSegments = segmentBits - firstSegmentBits + 1;
+    static std::size_t segmentLength(std::size_t s) noexcept {
+        if (s == 0)
+            return std::size_t(1) << firstSegmentBits;
+        return s < doublingSegments ? std::size_t(1) << (s + firstSegmentBits - 1) : std::size_t(1) << segmentBits;
+    }
+    static std::size_t segmentOf(std::size_t p) noexcept {
+        if (p < (std::size_t(1) << firstSegmentBits))
+            return 0;
+        if (p < (std::size_t(1) << segmentBits))
+            return std::size_t(std::bit_width(p)) - firstSegmentBits;
+        return doublingSegments - 1 + (p >> segmentBits);
+    }
+    static std::size_t offsetOf(std::size_t p) noexcept {
+        if (p < (std::size_t(1) << firstSegmentBits))
+            return p;
+        if (p < (std::size_t(1) << segmentBits))
+            return p ^ std::bit_floor(p);
+        return p & ((std::size_t(1) << segmentBits) - 1);
+    }
+    Element *&at(std::size_t p) const noexcept { return segments_[segmentOf(p)][offsetOf(p)]; }
+    /// Calls `f(position, cell, end of its segment)` for every cell of [first, end) that
+    /// holds an element.
+    template <class F> void forRange(std::size_t first, std::size_t end, F &&f) const {
+        for (std::size_t p = first; p < end;) {
+            std::size_t const s = segmentOf(p);
+            Element *const *const segment = segments_[s];
+            Element *const *const segmentEnd = segment + segmentLength(s);
+            Element *const *cell = segment + offsetOf(p);
+            Element *const *const stop = cell + std::min(end - p, std::size_t(segmentEnd - cell));
+            for (; cell != stop; ++cell, ++p)
+                if (*cell)
+                    f(p, cell, segmentEnd);
+        }
+    }
+
     static std::uint8_t tagOf(std::size_t hash) noexcept { return std::uint8_t(0x80 | (hash >> 57)); }
-
-    // The seven tags and the passing count read as one word, tested a byte at a time with
-    // no loop: a byte of the result has its high bit set where the test holds.
-    static constexpr std::uint64_t tagOnes = 0x0001010101010101ull;
-    static constexpr std::uint64_t tagHighs = 0x0080808080808080ull;
-    static_assert(std::endian::native == std::endian::little, "slot i is byte i of the tag word");
-    static std::uint64_t tagWord(Chunk const &chunk) noexcept {
-        std::uint64_t word;
-        std::memcpy(&word, chunk.tags, sizeof word);
-        return word;
-    }
-    static std::uint64_t zeroBytes(std::uint64_t word) noexcept { return (word - tagOnes) & ~word & tagHighs; }
-    /// Slots whose tag may equal `tag`: a byte above an equal one can show falsely, so the
-    /// caller compares UUIDs.
-    static std::uint64_t matches(Chunk const &chunk, std::uint8_t tag) noexcept {
-        return zeroBytes(tagWord(chunk) ^ (tagOnes * tag));
-    }
-    /// Free slots, exactly: a used tag has its high bit set, so no borrow can fake one.
-    static std::uint64_t empties(Chunk const &chunk) noexcept { return zeroBytes(tagWord(chunk)); }
-    static int slotOf(std::uint64_t mask) noexcept { return __builtin_ctzll(mask) / 8; }
     static std::size_t strideOf(std::uint8_t tag) noexcept { return 2 * std::size_t(tag) + 1; }
-    std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
+    static int slotOf(unsigned mask) noexcept { return std::countr_zero(mask); }
 
-    void growBacklog();
-    void dropBacklog() noexcept;
-    /// A read's first step: a backlog left waiting is settled, once, whichever thread asks.
+    /// Slots whose tag equals `tag`, one bit each.
+    static unsigned matches(Chunk const &chunk, std::uint8_t tag) noexcept {
+#if defined(__SSE2__)
+        __m128i const tags = _mm_load_si128(reinterpret_cast<__m128i const *>(chunk.tags));
+        return unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(tags, _mm_set1_epi8(char(tag))))) & slotBits;
+#else
+        unsigned mask = 0;
+        for (int i = 0; i < slotsPerChunk; ++i)
+            mask |= unsigned(chunk.tags[i] == tag) << i;
+        return mask;
+#endif
+    }
+    /// Free slots: a used tag has its high bit set and is never zero.
+    static unsigned empties(Chunk const &chunk) noexcept { return matches(chunk, 0); }
+
+    std::size_t capacity() const noexcept { return chunks_ ? (mask_ + 1) * slotsPerChunk : 0; }
+    /// Whether the index must grow before `more` entries join the list, whose elements it
+    /// holds or awaits.
+    bool needsGrowth(std::size_t more) const noexcept { return (size() + more) * 8 > capacity() * 7; }
+    /// Elements that have their slot in the index.
+    std::size_t indexed() const noexcept { return size() - waiting_.load(std::memory_order_relaxed); }
+
+    /// A read's first step: what was left waiting is settled, once, whichever thread asks.
     void settleWaiting() const noexcept {
-        if (backlogSize_.load(std::memory_order_acquire) != 0) [[unlikely]]
+        if (waiting_.load(std::memory_order_acquire) != 0) [[unlikely]]
             const_cast<ElementSet *>(this)->settle();
     }
 
-    /// Puts an element known to be absent into the first free slot of its path.
-    void place(Element *element, std::size_t hash) noexcept {
-        std::uint8_t const tag = tagOf(hash);
-        std::size_t const stride = strideOf(tag);
-        for (std::size_t c = hash & mask_;; c = (c + stride) & mask_) {
-            Chunk &chunk = chunks_[c];
-            if (std::uint64_t const m = empties(chunk)) {
-                chunk.tags[slotOf(m)] = tag;
-                chunk.slots[slotOf(m)] = element;
-                return;
-            }
-            if (chunk.passing != saturated)
-                ++chunk.passing;
-        }
-    }
-
-    // Large tables come zeroed from the system in huge pages: every probe is a random
-    // access, and small pages would cost a fault per 4 KiB as the table fills and a
-    // translation miss on most probes once it is big.
-    static Chunk *allocateChunks(std::size_t count) {
-        return static_cast<Chunk *>(allocateZeroed(count * sizeof(Chunk)));
-    }
-    void release() noexcept {
-        if (chunks_)
-            freeZeroed(chunks_, (mask_ + 1) * sizeof(Chunk), !written_);
-    }
-
-    void grow() {
-        std::size_t const newChunks = chunks_ ? 2 * (mask_ + 1) : 2;
-        Chunk *const old = std::exchange(chunks_, allocateChunks(newChunks));
-        std::size_t const oldChunks = old ? mask_ + 1 : 0;
-        mask_ = newChunks - 1;
-        struct Release {
-            Chunk *chunks;
-            std::size_t count;
-            bool written;
-            ~Release() {
-                if (chunks)
-                    freeZeroed(chunks, count * sizeof(Chunk), !written);
-            }
-        } const release{old, oldChunks, written_};
-        written_ = size_ != 0;
-        // A table that holds nothing yet is not read: its memory may never have been touched.
-        for (std::size_t c = 0; size_ != 0 && c < oldChunks; ++c) {
-            if (c + 1 < oldChunks)
-                for (int i = 0; i < slotsPerChunk; ++i)
-                    if (old[c + 1].tags[i] != 0)
-                        __builtin_prefetch(old[c + 1].slots[i]);
-            for (int i = 0; i < slotsPerChunk; ++i)
-                if (old[c].tags[i] != 0)
-                    place(old[c].slots[i], uuidHash(old[c].slots[i]->getUuid()));
-        }
-    }
+    /// Makes room at the end of the list: the next segment, made when there is none.
+    void addSegment();
+    /// Points `tail_` at the end of the list after the end moved.
+    void findTail() noexcept;
+    /// Points `hashTail_` beside `tail_`, making its segment when there is none.
+    void findHashTail();
+    void dropHashes() noexcept;
+    /// Closes the list up over its holes, in order, and enters every element afresh.
+    void closeUp() noexcept;
+    void grow();
+    /// Enters the element at position `p`, whose hash is `hash` and which is not in the index.
+    void place(std::uint32_t p, std::size_t hash) noexcept;
+    /// Enters the elements at positions [first, end) that are not holes.
+    void placeRange(std::size_t first, std::size_t end) noexcept;
+    void releaseIndex() noexcept;
 
     Chunk *chunks_ = nullptr;
     std::size_t mask_ = 0;
     /// Whether anything was written into `chunks_`: while a transaction fills a model, the
-    /// table grows many times before its first entry, and a table never written goes back
+    /// index grows many times before its first entry, and an index never written goes back
     /// as zero, for the next to take without clearing it (or faulting in its pages).
     bool written_ = false;
-    /// Elements in slots; those of the backlog are not counted.
-    std::size_t size_ = 0;
-    /// The backlog's piece being filled. The first piece is a kept run of one huge page
-    /// when the process has one, else it comes from the heap and doubles up to half a huge
-    /// page; beyond, full pieces stand in `fullPieces_` and each further one is a run.
-    Waiting *backlog_ = nullptr;
-    std::size_t pieceUsed_ = 0;
-    std::size_t pieceCapacity_ = 0;
-    std::vector<Waiting *> fullPieces_;
-    /// Whether the first piece is a run rather than the heap's.
-    bool firstPieceIsRun_ = false;
-    /// Written by the writer as it defers, and set to 0 by the settling thread once every
-    /// entry is in its slot.
-    std::atomic<std::size_t> backlogSize_{0};
+    std::vector<Element **> segments_;
+    /// Positions used, holes included.
+    std::size_t end_ = 0;
+    /// The cell of position `end_`, and how many cells its segment has from there on.
+    Element **tail_ = nullptr;
+    std::size_t tailRoom_ = 0;
+    /// The hashes of the waiting elements, in segments beside the list's: made as elements
+    /// wait, dropped once they are settled.
+    std::vector<std::size_t *> hashSegments_;
+    /// The hash cell beside `tail_` while `hashRoom_` equals `tailRoom_`; any other value
+    /// says that it must be found again.
+    std::size_t *hashTail_ = nullptr;
+    std::size_t hashRoom_ = noRoom;
+    static constexpr std::size_t noRoom = ~std::size_t{0};
+    std::size_t holes_ = 0;
+    /// How many elements at the end of the list wait for their slot. Written by the writer
+    /// as it defers, and set to 0 by the settling thread once every one is in.
+    std::atomic<std::size_t> waiting_{0};
     std::mutex settling_;
 };
 

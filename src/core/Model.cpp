@@ -42,59 +42,6 @@ namespace {
 
 std::atomic<std::uint64_t> modelSerialNumbers{0};
 
-/// Puts `count` elements in the order of their addresses: a radix sort in place, from the
-/// highest bit in which the addresses differ down, that needs no memory beyond a few counts
-/// on the stack. (A walk that kept only to each page, in any order inside it, measured
-/// slower: the blocks it frees go back out of the order they were taken in.)
-void sortByAddress(ModelElement::Impl **elements, std::size_t count) noexcept {
-    constexpr unsigned granuleBits = 3; // elements are 8-byte aligned
-    constexpr unsigned digitBits = 8;
-    constexpr std::size_t buckets = std::size_t(1) << digitBits;
-    auto const address = [](ModelElement::Impl *element) { return reinterpret_cast<std::uintptr_t>(element); };
-    if (count <= 64) {
-        // The counts below would cost more than the sort.
-        std::sort(elements, elements + count, std::less<>());
-        return;
-    }
-    std::uintptr_t low = address(elements[0]);
-    std::uintptr_t high = low;
-    for (std::size_t i = 1; i < count; ++i) {
-        low = std::min(low, address(elements[i]));
-        high = std::max(high, address(elements[i]));
-    }
-    // Above the highest differing bit every address is the same.
-    std::uintptr_t const differing = (low ^ high) >> granuleBits;
-    if (differing == 0)
-        return;
-    unsigned const top = granuleBits + unsigned(std::bit_width(differing));
-    unsigned const shift = top > granuleBits + digitBits ? top - digitBits : granuleBits;
-    auto const digit = [&](ModelElement::Impl *element) { return (address(element) >> shift) & (buckets - 1); };
-    std::size_t next[buckets] = {};
-    for (std::size_t i = 0; i < count; ++i)
-        ++next[digit(elements[i])];
-    std::size_t end[buckets];
-    std::size_t total = 0;
-    for (std::size_t b = 0; b < buckets; ++b) {
-        total += next[b];
-        end[b] = total;
-        next[b] = total - next[b];
-    }
-    // Each element moves once, straight to its bucket, displacing one that moves on.
-    for (std::size_t b = 0; b < buckets; ++b) {
-        while (next[b] < end[b]) {
-            ModelElement::Impl *element = elements[next[b]];
-            for (std::size_t d = digit(element); d != b; d = digit(element))
-                std::swap(element, elements[next[d]++]);
-            elements[next[b]++] = element;
-        }
-    }
-    if (shift == granuleBits)
-        return;
-    for (std::size_t b = 0, start = 0; b < buckets; start = end[b], ++b)
-        if (end[b] - start > 1)
-            sortByAddress(elements + start, end[b] - start);
-}
-
 // Tables start small and never grow past one element per bucket: lookups stay at one
 // probe on average.
 template <class Table> void shapeTable(Table &table) {
@@ -685,8 +632,7 @@ void Model::Impl::destroy() noexcept {
     if (sharedPool_)
         sharedPool_->close();
     // The top-level elements, raw: the model's own references keep them until they are
-    // released one by one below. The table is left empty as the walk begins: its memory
-    // becomes the walk's list (see `elementDestroying`, which leaves it alone meanwhile).
+    // released one by one below.
     std::vector<ModelElement::Impl *> topLevel;
     std::size_t released = 0;
     bool collected = false;
@@ -697,48 +643,36 @@ void Model::Impl::destroy() noexcept {
         bool const multi = isInMultiModelConstellation();
         // While every element still lives, references let go (into proxies where a class
         // keeps them), so that nothing outside keeps this model's elements. Letting go frees
-        // no element of the table: each is held by the model or by its container.
-        //
-        // Elements are visited in the order of their memory, not of the table: an element,
-        // and the collections it made as it was filled, then follow their neighbours, and
-        // the allocator takes back blocks next to the ones it just took back, instead of
-        // chasing a random address for each. The top-level elements come out in the same
-        // order. The list lives in the table's own memory: fresh pages for a copy would
-        // cost a large model more than the walk gains.
+        // no element of the table: each is held by the model or by its container. The
+        // table's order is the order the elements were made in, which is mostly the order
+        // of their memory: an element, and the collections it made as it was filled, follow
+        // their neighbours, and the allocator takes back blocks next to the ones it just
+        // took back. The top-level elements come out in the same order.
         topLevel.reserve(topLevelCount_);
-        {
-            detail::ElementSet::Detached const all = table_->elements.detach();
-            struct Release {
-                detail::ElementSet::Detached const &all;
-                ~Release() {
-                    if (all.elements)
-                        detail::freeZeroed(all.elements, all.bytes);
-                }
-            } const release{all};
-            sortByAddress(all.elements, all.count);
-            try {
-                // Dropped by the end of the walk, before the first element is destroyed.
-                detail::DeferredReleases const releases(this);
-                for (std::size_t i = 0; i < all.count; ++i) {
-                    if (i + detail::ElementSet::prefetchDistance < all.count)
-                        __builtin_prefetch(all.elements[i + detail::ElementSet::prefetchDistance]);
-                    ModelElement::Impl *const element = all.elements[i];
-                    boost::optional<ProxyId> proxyId;
-                    element->convertReferencesToProxies(multi, proxyId);
-                    if (element->marks_ & ModelElement::Impl::HeldByModelMark)
-                        topLevel.push_back(element);
-                }
-            } catch (...) {
-                // Nothing is destroyed yet and every element lives: the trees all stay
-                // standing, to be released below.
-                topLevel.clear();
-                for (std::size_t i = 0; i < all.count; ++i)
-                    if (all.elements[i]->marks_ & ModelElement::Impl::HeldByModelMark)
-                        topLevel.push_back(all.elements[i]);
-                collected = true;
-                throw;
-            }
+        auto const collectTopLevel = [&](ModelElement::Impl *element) {
+            if (element->marks_ & ModelElement::Impl::HeldByModelMark)
+                topLevel.push_back(element);
+        };
+        try {
+            // Dropped by the end of the walk, before the first element is destroyed.
+            detail::DeferredReleases const releases(this);
+            table_->elements.forEach([&](ModelElement::Impl *element) {
+                boost::optional<ProxyId> proxyId;
+                element->convertReferencesToProxies(multi, proxyId);
+                collectTopLevel(element);
+            });
+        } catch (...) {
+            // Nothing is destroyed yet and every element lives: the trees all stay
+            // standing, to be released below.
+            topLevel.clear();
+            table_->elements.forEach(collectTopLevel);
+            table_->elements.clear();
+            collected = true;
+            throw;
         }
+        // The trees go without the table (see `elementDestroying`): a freed element then
+        // finds nothing of itself to take out.
+        table_->elements.clear();
         collected = true;
         // Each tree goes with its root: once destroyed and released, nothing of it is
         // needed by the trees still to come.

@@ -174,8 +174,8 @@ TEST(RetainedMemory, ATableThatWasWrittenComesBackClearedToTheNextTaker) {
     constexpr std::size_t mebibyte = std::size_t(1) << 20;
     setRetainedMemoryLimit(0);
     setRetainedMemoryLimit(64 * mebibyte);
-    // 10^5 entries need a table of one huge page, twice as many one of two.
-    static constexpr std::size_t half = 100'000;
+    // 2*10^5 entries need an index of one huge page, twice as many one of two.
+    static constexpr std::size_t half = 200'000;
     Model model = Model::createTransientModel();
     std::vector<ModelElement::Impl *> elements;
     {
@@ -195,7 +195,7 @@ TEST(RetainedMemory, ATableThatWasWrittenComesBackClearedToTheNextTaker) {
         detail::ElementSet set;
         for (std::size_t i = 0; i < half; ++i)
             set.defer(elements[i]);
-        std::thread([&set] { EXPECT_EQ(set.size(), half); }).join();
+        std::thread([&] { EXPECT_EQ(set.find(elements[half / 2]->getUuid()), elements[half / 2]); }).join();
         set.clear();
         expectZeroWhenTaken(detail::hugePageSize);
     }

@@ -207,6 +207,56 @@ TEST(Model, ElementsThatShareOnePathOfTheTableStayFindable) {
     expectRaises<messages::UUIDConflict>([&] { Book::create(model, ids[3]); });
 }
 
+// The table keeps its elements in the order they were entered, through holes, closing up,
+// growth and elements that leave while they wait for their slot; every one stays findable.
+TEST(Model, TheTableWalksItsElementsInTheOrderTheyCameAndFindsEachOfThem) {
+    Model model = Model::createTransientModel();
+    std::vector<Book> pool;
+    for (int i = 0; i < 3000; ++i)
+        pool.push_back(Book::create(model));
+    std::mt19937_64 random(11);
+    detail::ElementSet set;
+    std::vector<ModelElement::Impl *> expected;
+    std::vector<bool> in(pool.size());
+    auto const check = [&](int step) {
+        std::vector<ModelElement::Impl *> walked;
+        set.forEach([&](ModelElement::Impl *element) { walked.push_back(element); });
+        ASSERT_EQ(walked, expected) << step;
+        ASSERT_EQ(set.size(), expected.size()) << step;
+        for (std::size_t i = 0; i < pool.size(); ++i)
+            ASSERT_EQ(set.find(pool[i]->getUuid()), in[i] ? pool[i].get() : nullptr) << step << ' ' << i;
+    };
+    for (int step = 0; step < 80; ++step) {
+        // A burst of entries, waiting or not, then one of leaving, often from the end: a
+        // few at a time, as a roll-back of the newest, or many.
+        int const waits = int(random() % 3); // none, all, or either
+        for (int n = int(random() % 400); n > 0; --n) {
+            std::size_t const i = random() % pool.size();
+            if (in[i]) {
+                EXPECT_FALSE(set.insert(pool[i].get()));
+                continue;
+            }
+            if (waits == 1 || (waits == 2 && random() % 2))
+                set.defer(pool[i].get());
+            else
+                ASSERT_TRUE(set.insert(pool[i].get()));
+            in[i] = true;
+            expected.push_back(pool[i].get());
+        }
+        for (int n = int(random() % 2 ? random() % 4 : random() % 500); n > 0 && !expected.empty(); --n) {
+            std::size_t const at = random() % 3 ? expected.size() - 1 : random() % expected.size();
+            ModelElement::Impl *const element = expected[at];
+            ASSERT_TRUE(set.erase(element));
+            EXPECT_FALSE(set.erase(element));
+            expected.erase(expected.begin() + std::ptrdiff_t(at));
+            for (std::size_t i = 0; i < pool.size(); ++i)
+                if (pool[i].get() == element)
+                    in[i] = false;
+        }
+        check(step);
+    }
+}
+
 TEST(Model, ElementsMadeInATransactionAreThereForEverythingThatFollows) {
     // Elements made inside a transaction may be entered in the table later than they are
     // made: every search, walk, count, destruction, clash and roll-back must see them all
