@@ -446,20 +446,6 @@ template <class Items, class KeyOf> void radixSort(Items &items, std::uint64_t h
     }
 }
 
-// In the order of the elements' memory, to a cache line; what lies on one line keeps its
-// order. Elements of a model lie close together: their lines' distances from the lowest
-// take two or three digits.
-void sortByLine(std::vector<Placed, UnwrittenAllocator<Placed>> &items) {
-    if (items.size() < 2)
-        return;
-    auto const [low, high] = std::minmax_element(
-        items.begin(), items.end(), [](Placed const &a, Placed const &b) { return a.element < b.element; });
-    auto const lineOf = [base = reinterpret_cast<std::uintptr_t>(low->element)](Placed const &item) -> std::uint64_t {
-        return (reinterpret_cast<std::uintptr_t>(item.element) - base) >> 6;
-    };
-    radixSort(items, lineOf(*high), lineOf);
-}
-
 // Rows by the address of their element, without hashing: the elements are sorted by
 // address, and a directory tells where each stretch of `1 << shift` bytes from the lowest
 // begins among them, the stretch chosen so that there are no more stretches than rows. The
@@ -575,13 +561,6 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, Elements c
     };
     meta::Property const &property = association.property;
     bool const single = property->getUpper() == 1;
-    // The pairs are put in order afterwards, so the holders are read in the order of their
-    // memory, where elements made one after another lie side by side, and not in the
-    // table's order, which sends each read, and the reads of its collection, to a new place.
-    std::vector<Placed, UnwrittenAllocator<Placed>> byPlace(holders.rowCount());
-    for (std::size_t h = 0; h < holders.rowCount(); ++h)
-        byPlace[h] = {elements[holders.row(h)[holderColumn]], h};
-    sortByLine(byPlace);
     // The entries of a sequence, the common collection, are read where they lie. They are
     // looked up at once: the table of value rows is small enough to stay in cache, and a
     // ring that held each entry back until its place in a hash table was fetched cost more
@@ -606,7 +585,13 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, Elements c
     // several rows is read once, its sequence kept for the rows that follow.
     ModelElement::Impl const *lastHolder = nullptr;
     ElementSequenceBase const *lastSequence = nullptr;
-    for (auto const &[holder, h] : byPlace) {
+    // The holders are read in their rows' order, which is the table's: elements made one
+    // after another lie side by side, and so, mostly, do the collections they filled.
+    std::size_t const holderRows = holders.rowCount();
+    for (std::size_t h = 0; h < holderRows; ++h) {
+        if (h + 8 < holderRows)
+            __builtin_prefetch(elements[holders.row(h + 8)[holderColumn]]);
+        ModelElement::Impl const *const holder = elements[holders.row(h)[holderColumn]];
         if (holder == lastHolder && lastSequence) {
             enterAll(h, *lastSequence);
             continue;
@@ -651,25 +636,44 @@ Pairs associationPairs(AssociatedObjectConstraint const &association, Elements c
     return out;
 }
 
+// How far pairs come in order: not at all, by row of first (a holder's pairs follow the
+// holders' rows, the holders in first), or by row of second (the holders in second).
+enum class PairsCome { Unordered, ByFirst, BySecond };
+
 // The pairs in the plain walk's order, each once: by row of second, then by row of first.
-void orderPairs(Pairs &pairs) {
-    if (pairs.size() < 256)
+void orderPairs(Pairs &pairs, PairCode const &code, std::size_t secondRows, PairsCome come) {
+    if (pairs.size() < 256) {
         std::sort(pairs.begin(), pairs.end());
-    else
-        radixSort(pairs, *std::max_element(pairs.begin(), pairs.end()), [](std::uint64_t code) { return code; });
+    } else if (come == PairsCome::ByFirst) {
+        // One stable pass by row of second keeps each row's pairs in order of first.
+        radixSort(pairs, secondRows - 1, [&code](std::uint64_t pair) -> std::uint64_t { return code.second(pair); });
+    } else if (come == PairsCome::BySecond) {
+        // Only the pairs of one holder row need ordering among themselves: a handful each.
+        for (auto run = pairs.begin(); run != pairs.end();) {
+            std::uint64_t const row = code.second(*run);
+            auto const end = std::find_if(run, pairs.end(), [&](std::uint64_t pair) { return code.second(pair) != row; });
+            std::sort(run, end);
+            run = end;
+        }
+    } else {
+        radixSort(pairs, *std::max_element(pairs.begin(), pairs.end()), [](std::uint64_t pair) { return pair; });
+    }
     pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
 }
 
-// `exact` tells that every pair passes `constraint`, not only those that may.
+// `exact` tells that every pair passes `constraint`, not only those that may; `come`, how
+// far the pairs are in order.
 std::optional<Pairs> candidatePairs(JoinConstraint const &constraint, Elements const &elements,
-                                    ResultSet const &first, ResultSet const &second, bool &exact) {
+                                    ResultSet const &first, ResultSet const &second, bool &exact, PairsCome &come) {
     exact = false;
+    come = PairsCome::Unordered;
     if (hashableEquality(constraint))
         return equalityPairs(static_cast<PropertyRelationPropertyJoinConstraint const &>(constraint), elements,
                              first, second);
     if (auto const *association = dynamic_cast<AssociatedObjectConstraint const *>(&constraint);
         association && association->holderInstance != association->valueInstance) {
         exact = true;
+        come = columnOf(first, association->holderInstance) < first.width() ? PairsCome::ByFirst : PairsCome::BySecond;
         return associationPairs(*association, elements, first, second);
     }
     return std::nullopt;
@@ -706,13 +710,6 @@ std::vector<ResultSet> NativeKivraQuery::scan(Elements &elements, RunCounts &cou
             sets[id].cells.push_back(place);
         }
     };
-    // Slot order is random in memory, and a constraint reads past an element's first line:
-    // each element is asked for, its first lines whole, a fixed number of visits before
-    // its own, so that the misses overlap instead of coming one after another.
-    constexpr std::size_t ahead = 16;
-    constexpr std::size_t linesAhead = 3;
-    std::array<ModelElement::Impl *, ahead> pending{};
-    std::size_t seen = 0;
     kivra::detail::ElementSet const &table = kivra::detail::ElementTableAccess::elementsOf(*model.get());
     // Rows name elements in half words; a model this large could not have been made.
     if (table.size() >= noCell)
@@ -720,6 +717,14 @@ std::vector<ResultSet> NativeKivraQuery::scan(Elements &elements, RunCounts &cou
     // Room for every element, so that the list is never copied as it grows; memory reserved
     // and never written costs no page.
     elements.reserve(table.size());
+    // A constraint reads past an element's first line, and neighbours in the table are
+    // not always neighbours in memory: each element is asked for, its first lines whole, a
+    // fixed number of visits before its own, so that the misses overlap instead of coming
+    // one after another.
+    constexpr std::size_t ahead = 16;
+    constexpr std::size_t linesAhead = 3;
+    std::array<ModelElement::Impl *, ahead> pending{};
+    std::size_t seen = 0;
     table.forEach([&](ModelElement::Impl *element) {
         for (std::size_t line = 0; line < linesAhead; ++line)
             __builtin_prefetch(reinterpret_cast<char const *>(element) + 64 * line);
@@ -778,16 +783,17 @@ void NativeKivraQuery::join(Elements const &elements, std::vector<std::size_t> c
     // still tests each of them in full.
     std::optional<Pairs> candidates;
     bool exact = false;
+    PairsCome come = PairsCome::Unordered;
     // A pair's code holds both rows.
     constexpr std::size_t pairRows = std::numeric_limits<std::uint32_t>::max();
     if (!plainEvaluation && inputs.size() == 2 && inputs[0].rowCount() != 0 && inputs[1].rowCount() != 0 &&
         inputs[0].rowCount() <= pairRows && inputs[1].rowCount() <= pairRows)
-        candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact);
+        candidates = candidatePairs(*group.front(), elements, inputs[0], inputs[1], exact, come);
     if (!candidates) {
         sets.push_back(product(inputs, passes));
         return;
     }
-    orderPairs(*candidates);
+    orderPairs(*candidates, PairCode(inputs[0].rowCount()), inputs[1].rowCount(), come);
     PairCode const code(inputs[0].rowCount());
     firstToTest = exact ? 1 : 0;
     std::size_t const split = inputs[0].width();
