@@ -10,6 +10,29 @@
 
 namespace kivra::detail {
 
+namespace {
+
+// Segments of a whole huge page come from the process's stock of pages given back, as the
+// index does: a large model then neither faults in fresh pages for its list nor hands them
+// to the system when it goes. Smaller ones are the heap's.
+void *takeSegment(std::size_t bytes) {
+    if (bytes == hugePageSize)
+        return takeHugePageRun();
+    void *const segment = std::malloc(bytes);
+    if (!segment)
+        throw std::bad_alloc();
+    return segment;
+}
+
+void giveSegment(void *segment, std::size_t bytes) noexcept {
+    if (bytes == hugePageSize)
+        giveHugePageRun(segment);
+    else
+        std::free(segment);
+}
+
+} // namespace
+
 void ElementSet::addSegment() {
     std::size_t const s = segmentOf(end_);
     if (s == segments_.size()) {
@@ -17,10 +40,7 @@ void ElementSet::addSegment() {
         if (end_ >= std::numeric_limits<std::uint32_t>::max() - segmentLength(s))
             throw std::bad_alloc();
         segments_.reserve(s + 1);
-        auto *const segment = static_cast<Element **>(std::malloc(segmentLength(s) * sizeof(Element *)));
-        if (!segment)
-            throw std::bad_alloc();
-        segments_.push_back(segment);
+        segments_.push_back(static_cast<Element **>(takeSegment(segmentLength(s) * sizeof(Element *))));
     }
     findTail();
 }
@@ -30,17 +50,16 @@ void ElementSet::findHashTail() {
     if (hashSegments_.size() <= s)
         hashSegments_.resize(s + 1);
     if (!hashSegments_[s]) {
-        hashSegments_[s] = static_cast<std::size_t *>(std::malloc(segmentLength(s) * sizeof(std::size_t)));
-        if (!hashSegments_[s])
-            throw std::bad_alloc();
+        hashSegments_[s] = static_cast<std::size_t *>(takeSegment(segmentLength(s) * sizeof(std::size_t)));
     }
     hashTail_ = hashSegments_[s] + offsetOf(end_);
     hashRoom_ = tailRoom_;
 }
 
 void ElementSet::dropHashes() noexcept {
-    for (std::size_t *segment : hashSegments_)
-        std::free(segment);
+    for (std::size_t s = 0; s < hashSegments_.size(); ++s)
+        if (hashSegments_[s])
+            giveSegment(hashSegments_[s], segmentLength(s) * sizeof(std::size_t));
     hashSegments_.clear();
     hashTail_ = nullptr;
     hashRoom_ = noRoom;
@@ -231,7 +250,7 @@ void ElementSet::closeUp() noexcept {
     holes_ = 0;
     // Segments past the end hold nothing: what a model no longer needs goes back.
     while (!segments_.empty() && segmentOf(end_) < segments_.size() - 1) {
-        std::free(segments_.back());
+        giveSegment(segments_.back(), segmentLength(segments_.size() - 1) * sizeof(Element *));
         segments_.pop_back();
     }
     findTail();
@@ -266,8 +285,8 @@ void ElementSet::releaseIndex() noexcept {
 
 void ElementSet::clear() noexcept {
     releaseIndex();
-    for (Element **segment : segments_)
-        std::free(segment);
+    for (std::size_t s = 0; s < segments_.size(); ++s)
+        giveSegment(segments_[s], segmentLength(s) * sizeof(Element *));
     std::vector<Element **>().swap(segments_);
     end_ = holes_ = 0;
     tail_ = nullptr;

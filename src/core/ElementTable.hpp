@@ -146,11 +146,12 @@ private:
     };
     static_assert(sizeof(Chunk) == 64);
 
-    // The list's first segment holds 16 positions, each next one twice as many up to
-    // 2^15, and every one from there on 2^15: a small model wastes little, a large one
-    // finds a position with two reads.
+    // The list's first segment holds 16 positions, each next one twice as many up to one
+    // huge page, and every one from there on a huge page: a small model wastes little, a
+    // large one finds a position with two reads.
     static constexpr unsigned firstSegmentBits = 4;
-    static constexpr unsigned segmentBits = 15;
+    static constexpr unsigned segmentBits = 18;
+    static_assert((std::size_t(1) << segmentBits) * sizeof(Element *) == hugePageSize);
     static constexpr std::size_t doublingSegments = segmentBits - firstSegmentBits + 1;
     static std::size_t segmentLength(std::size_t s) noexcept {
         if (s == 0)
