@@ -66,25 +66,25 @@ Model::Impl *ElementPool::abandon(void *block) noexcept {
 #else
 
 namespace {
-void freeSlab(void *slab) noexcept { std::free(slab); }
+void freeSlab(void *slab, std::size_t) noexcept { std::free(slab); }
 
 /// Heap slabs of pools that went, kept for the next pool: a small model made after another
 /// then writes into memory the system has handed over already, instead of faulting in a
 /// small page at a time (on a virtual machine that can cost more than making the model).
 KeptBlocks &keptSlabs() {
-    static KeptBlocks *const kept = new KeptBlocks(ElementPool::defaultKeptHeapBytes / ElementPool::slabSize, freeSlab); // never destroyed: models may outlive statics
+    static KeptBlocks *const kept = new KeptBlocks(ElementPool::defaultKeptHeapBytes, freeSlab); // never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace
 
-std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabs().count() * slabSize; }
+std::size_t ElementPool::keptHeapBytes() noexcept { return keptSlabs().keptBytes(); }
 
-void ElementPool::setKeptHeapBytes(std::size_t bytes) noexcept { keptSlabs().setLimit(bytes / slabSize); }
+void ElementPool::setKeptHeapBytes(std::size_t bytes) noexcept { keptSlabs().setLimit(bytes); }
 
 ElementPool::~ElementPool() {
     for (Slab *slab = slabs_; slab;) {
         Slab *const next = slab->next;
-        if (slab->kind == SlabKind::heap && !keptSlabs().keep(slab))
+        if (slab->kind == SlabKind::heap && !keptSlabs().keep(slab, slabSize))
             std::free(slab);
         slab = next;
     }
@@ -135,7 +135,7 @@ void *ElementPool::allocateFromNewSlab(std::size_t bytes) {
 
 ElementPool::Slab *ElementPool::takeSlab() {
     if (slabCount_ < heapSlabs) {
-        void *const kept = keptSlabs().take();
+        void *const kept = keptSlabs().take(slabSize);
         auto *const slab = static_cast<Slab *>(kept ? kept : newSlab(slabSize));
         slab->kind = SlabKind::heap;
         ++slabCount_;

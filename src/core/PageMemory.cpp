@@ -42,111 +42,59 @@ void unmapHugePages(void *block, std::size_t bytes) noexcept {
     bytesMapped.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
-void *KeptBlocks::take() noexcept {
+void *KeptBlocks::take(std::size_t bytes, bool &clean) noexcept {
     std::lock_guard const lock(lock_);
-    if (blocks_.empty())
-        return nullptr;
-    void *const block = blocks_.back();
-    blocks_.pop_back();
-    count_.store(blocks_.size(), std::memory_order_relaxed);
-    return block;
+    // From the newest: the common size is most often there.
+    for (std::size_t i = blocks_.size(); i-- > 0;) {
+        if (blocks_[i].bytes != bytes)
+            continue;
+        void *const memory = blocks_[i].memory;
+        clean = blocks_[i].clean;
+        blocks_[i] = blocks_.back();
+        blocks_.pop_back();
+        kept_.store(kept_.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
+        return memory;
+    }
+    return nullptr;
 }
 
-bool KeptBlocks::keep(void *block) noexcept {
+bool KeptBlocks::keep(void *block, std::size_t bytes, bool clean) noexcept {
     std::lock_guard const lock(lock_);
-    if (blocks_.size() >= limit_)
+    std::size_t const kept = kept_.load(std::memory_order_relaxed);
+    if (bytes > limit_ || kept > limit_ - bytes)
         return false;
     // The list grows as blocks come rather than to the bound at once: a bound set high is
     // rarely reached. A list that cannot grow keeps nothing more, and the block goes back.
     try {
-        blocks_.push_back(block);
+        blocks_.push_back({block, bytes, clean});
     } catch (std::bad_alloc const &) {
         return false;
     }
-    count_.store(blocks_.size(), std::memory_order_relaxed);
+    kept_.store(kept + bytes, std::memory_order_relaxed);
     return true;
 }
 
 void KeptBlocks::setLimit(std::size_t limit) noexcept {
     std::lock_guard const lock(lock_);
     limit_ = limit;
-    while (blocks_.size() > limit_) {
-        release_(blocks_.back());
+    std::size_t kept = kept_.load(std::memory_order_relaxed);
+    while (kept > limit_) {
+        release_(blocks_.back().memory, blocks_.back().bytes);
+        kept -= blocks_.back().bytes;
         blocks_.pop_back();
     }
-    count_.store(blocks_.size(), std::memory_order_relaxed);
+    kept_.store(kept, std::memory_order_relaxed);
 }
 
 namespace {
 
-/// Page blocks given back, kept for the next taker of the same size while the bytes kept stay
-/// within a bound: runs of one huge page, and the larger blocks of element tables and record
-/// logs, whose sizes repeat from one model to the next.
-class KeptPages {
-public:
-    /// A kept block of `bytes`, or null; `clean` tells whether it is still all zero.
-    void *take(std::size_t bytes, bool &clean) noexcept {
-        std::lock_guard const lock(lock_);
-        // From the newest: a run, the common size, is most often there.
-        for (std::size_t i = blocks_.size(); i-- > 0;) {
-            if (blocks_[i].bytes != bytes)
-                continue;
-            void *const memory = blocks_[i].memory;
-            clean = blocks_[i].clean;
-            blocks_[i] = blocks_.back();
-            blocks_.pop_back();
-            kept_.store(kept_.load(std::memory_order_relaxed) - bytes, std::memory_order_relaxed);
-            return memory;
-        }
-        return nullptr;
-    }
+// A kept block is no longer counted as mapped: it leaves without touching that count.
+void unmapKept(void *block, std::size_t bytes) noexcept { ::munmap(block, bytes); }
 
-    bool keep(void *memory, std::size_t bytes, bool clean) noexcept {
-        std::lock_guard const lock(lock_);
-        std::size_t const kept = kept_.load(std::memory_order_relaxed);
-        if (bytes > limit_ || kept > limit_ - bytes)
-            return false;
-        // A list that cannot grow keeps nothing more, and the block goes back.
-        try {
-            blocks_.push_back({memory, bytes, clean});
-        } catch (std::bad_alloc const &) {
-            return false;
-        }
-        kept_.store(kept + bytes, std::memory_order_relaxed);
-        return true;
-    }
-
-    void setLimit(std::size_t bytes) noexcept {
-        std::lock_guard const lock(lock_);
-        limit_ = bytes;
-        std::size_t kept = kept_.load(std::memory_order_relaxed);
-        while (kept > limit_) {
-            // A kept block is no longer counted as mapped: it leaves without touching that count.
-            ::munmap(blocks_.back().memory, blocks_.back().bytes);
-            kept -= blocks_.back().bytes;
-            blocks_.pop_back();
-        }
-        kept_.store(kept, std::memory_order_relaxed);
-    }
-
-    std::size_t keptBytes() const noexcept { return kept_.load(std::memory_order_relaxed); }
-
-private:
-    struct Block {
-        void *memory;
-        std::size_t bytes;
-        /// Never written since it was mapped or cleared: it needs no clearing, and pages of
-        /// it may still be untouched, which clearing would fault in for nothing.
-        bool clean;
-    };
-    std::mutex lock_;
-    std::vector<Block> blocks_;
-    std::size_t limit_ = defaultKeptPageBytes;
-    std::atomic<std::size_t> kept_{0};
-};
-
-KeptPages &keptPages() {
-    static KeptPages *const kept = new KeptPages; // never destroyed: models may outlive statics
+/// Runs of one huge page, and the larger blocks of element tables and record logs, whose
+/// sizes repeat from one model to the next.
+KeptBlocks &keptPages() {
+    static KeptBlocks *const kept = new KeptBlocks(defaultKeptPageBytes, unmapKept); // never destroyed: models may outlive statics
     return *kept;
 }
 } // namespace

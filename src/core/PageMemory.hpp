@@ -18,30 +18,42 @@ void *mapHugePages(std::size_t bytes);
 /// Gives back a block of `mapHugePages` with the size it was asked with.
 void unmapHugePages(void *block, std::size_t bytes) noexcept;
 
-/// Blocks of one kind that their owners gave back, kept for the next taker up to a bound:
-/// memory the system has handed over already, which a model made after another reuses
-/// instead of faulting in fresh pages. Safe from any thread.
+/// Blocks that their owners gave back, kept for the next taker of the same size while the
+/// bytes kept stay within a bound: memory the system has handed over already, which a model
+/// made after another reuses instead of faulting in fresh pages. Safe from any thread.
 class KeptBlocks {
 public:
     /// `release` gives a block back to the system when the bound is lowered below what is kept.
-    KeptBlocks(std::size_t limit, void (*release)(void *) noexcept) noexcept : limit_(limit), release_(release) {}
+    KeptBlocks(std::size_t limit, void (*release)(void *, std::size_t) noexcept) noexcept
+        : limit_(limit), release_(release) {}
     KeptBlocks(KeptBlocks const &) = delete;
     KeptBlocks &operator=(KeptBlocks const &) = delete;
-    /// A kept block, or null.
-    void *take() noexcept;
-    /// Keeps `block`; false, and nothing kept, when the bound is reached.
-    bool keep(void *block) noexcept;
-    /// How many are kept now.
-    std::size_t count() const noexcept { return count_.load(std::memory_order_relaxed); }
-    /// Keeps at most `limit` from now on; those beyond it go back to the system at once.
+    /// A kept block of `bytes`, or null; `clean` tells whether it was kept as never written.
+    void *take(std::size_t bytes, bool &clean) noexcept;
+    void *take(std::size_t bytes) noexcept {
+        bool clean = false;
+        return take(bytes, clean);
+    }
+    /// Keeps `block` of `bytes`; false, and nothing kept, when the bound is reached.
+    bool keep(void *block, std::size_t bytes, bool clean = false) noexcept;
+    /// How many bytes are kept now.
+    std::size_t keptBytes() const noexcept { return kept_.load(std::memory_order_relaxed); }
+    /// Keeps at most `limit` bytes from now on; what lies beyond goes back to the system at once.
     void setLimit(std::size_t limit) noexcept;
 
 private:
+    struct Block {
+        void *memory;
+        std::size_t bytes;
+        /// Never written since it was mapped or cleared: it needs no clearing, and pages of
+        /// it may still be untouched, which clearing would fault in for nothing.
+        bool clean;
+    };
     std::mutex lock_;
-    std::vector<void *> blocks_;
+    std::vector<Block> blocks_;
     std::size_t limit_;
-    void (*const release_)(void *) noexcept;
-    std::atomic<std::size_t> count_{0};
+    void (*const release_)(void *, std::size_t) noexcept;
+    std::atomic<std::size_t> kept_{0};
 };
 
 /// A block of whole huge pages whose contents are left to the caller: one given back before
