@@ -644,8 +644,19 @@ enum class PairsCome { Unordered, ByFirst, BySecond };
 void orderPairs(Pairs &pairs, PairCode const &code, std::size_t secondRows, PairsCome come) {
     if (pairs.size() < 256) {
         std::sort(pairs.begin(), pairs.end());
+    } else if (come == PairsCome::ByFirst && secondRows <= 4 * pairs.size()) {
+        // One stable pass by row of second keeps each row's pairs in order of first: a
+        // count per row, where a radix sort would take two or three passes of digits.
+        std::vector<std::size_t, UnwrittenAllocator<std::size_t>> next(secondRows + 1, 0);
+        for (std::uint64_t const pair : pairs)
+            ++next[code.second(pair) + 1];
+        for (std::size_t row = 1; row < secondRows; ++row)
+            next[row] += next[row - 1];
+        Pairs ordered(pairs.size());
+        for (std::uint64_t const pair : pairs)
+            ordered[next[code.second(pair)]++] = pair;
+        pairs.swap(ordered);
     } else if (come == PairsCome::ByFirst) {
-        // One stable pass by row of second keeps each row's pairs in order of first.
         radixSort(pairs, secondRows - 1, [&code](std::uint64_t pair) -> std::uint64_t { return code.second(pair); });
     } else if (come == PairsCome::BySecond) {
         // Only the pairs of one holder row need ordering among themselves: a handful each.
