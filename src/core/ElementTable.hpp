@@ -146,31 +146,42 @@ private:
     };
     static_assert(sizeof(Chunk) == 64);
 
-    // The list's first segment holds 16 positions, each next one twice as many up to one
-    // huge page, and every one from there on a huge page: a small model wastes little, a
-    // large one finds a position with two reads.
+    // The list's first segment holds 16 positions and each next one twice as many up to
+    // 2^12; then every one holds 2^12 up to position 2^18, and from there on a huge page
+    // of them. A small model wastes little, a large one takes its list from the page stock,
+    // and a position is found with two reads.
     static constexpr unsigned firstSegmentBits = 4;
-    static constexpr unsigned segmentBits = 18;
-    static_assert((std::size_t(1) << segmentBits) * sizeof(Element *) == hugePageSize);
+    static constexpr unsigned segmentBits = 12;
+    static constexpr unsigned hugeSegmentBits = 18;
+    static_assert((std::size_t(1) << hugeSegmentBits) * sizeof(Element *) == hugePageSize);
+    /// Segments before position 2^12, and before position 2^18.
     static constexpr std::size_t doublingSegments = segmentBits - firstSegmentBits + 1;
+    static constexpr std::size_t steadySegments =
+        doublingSegments + (std::size_t(1) << (hugeSegmentBits - segmentBits)) - 1;
     static std::size_t segmentLength(std::size_t s) noexcept {
         if (s == 0)
             return std::size_t(1) << firstSegmentBits;
-        return s < doublingSegments ? std::size_t(1) << (s + firstSegmentBits - 1) : std::size_t(1) << segmentBits;
+        if (s < doublingSegments)
+            return std::size_t(1) << (s + firstSegmentBits - 1);
+        return std::size_t(1) << (s < steadySegments ? segmentBits : hugeSegmentBits);
     }
     static std::size_t segmentOf(std::size_t p) noexcept {
         if (p < (std::size_t(1) << firstSegmentBits))
             return 0;
         if (p < (std::size_t(1) << segmentBits))
             return std::size_t(std::bit_width(p)) - firstSegmentBits;
-        return doublingSegments - 1 + (p >> segmentBits);
+        if (p < (std::size_t(1) << hugeSegmentBits))
+            return doublingSegments - 1 + (p >> segmentBits);
+        return steadySegments - 1 + (p >> hugeSegmentBits);
     }
     static std::size_t offsetOf(std::size_t p) noexcept {
         if (p < (std::size_t(1) << firstSegmentBits))
             return p;
         if (p < (std::size_t(1) << segmentBits))
             return p ^ std::bit_floor(p);
-        return p & ((std::size_t(1) << segmentBits) - 1);
+        if (p < (std::size_t(1) << hugeSegmentBits))
+            return p & ((std::size_t(1) << segmentBits) - 1);
+        return p & ((std::size_t(1) << hugeSegmentBits) - 1);
     }
     Element *&at(std::size_t p) const noexcept { return segments_[segmentOf(p)][offsetOf(p)]; }
     /// Calls `f(position, cell, end of its segment)` for every cell of [first, end) that

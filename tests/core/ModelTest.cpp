@@ -212,7 +212,7 @@ TEST(Model, ElementsThatShareOnePathOfTheTableStayFindable) {
 TEST(Model, TheTableWalksItsElementsInTheOrderTheyCameAndFindsEachOfThem) {
     Model model = Model::createTransientModel();
     std::vector<Book> pool;
-    for (int i = 0; i < 3000; ++i)
+    for (int i = 0; i < 6000; ++i)
         pool.push_back(Book::create(model));
     std::mt19937_64 random(11);
     detail::ElementSet set;
@@ -230,7 +230,7 @@ TEST(Model, TheTableWalksItsElementsInTheOrderTheyCameAndFindsEachOfThem) {
         // A burst of entries, waiting or not, then one of leaving, often from the end: a
         // few at a time, as a roll-back of the newest, or many.
         int const waits = int(random() % 3); // none, all, or either
-        for (int n = int(random() % 400); n > 0; --n) {
+        for (int n = int(random() % 1200); n > 0; --n) {
             std::size_t const i = random() % pool.size();
             if (in[i]) {
                 EXPECT_FALSE(set.insert(pool[i].get()));
