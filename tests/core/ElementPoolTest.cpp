@@ -127,12 +127,13 @@ TEST(ElementPool, TheLastElementDroppedOnAnotherThreadFreesTheShellOfItsModel) {
     std::thread([&kept] { kept.clear(); }).join();
 }
 
-// A model of this size passes its pool's heap slabs, fills its table's backlog past its first
-// piece and grows its table to whole huge pages: all of them go back to the process's stock
-// when it goes, and the next model takes them, written over by the one before.
+// A model of this size passes its pool's heap slabs and grows its table's index to a whole
+// huge page: all of them go back to the process's stock when it goes, and the next model
+// takes them, written over by the one before.
 TEST(RetainedMemory, KeepsWhatModelsGaveBackUpToItsBoundAndNoMore) {
     std::size_t const start = getRetainedMemoryLimit();
-    constexpr int count = 150'000;
+    // 2*10^5 entries need an index of one huge page; fewer fit in the heap.
+    constexpr int count = 200'000;
     auto const make = [] {
         Model model = Model::createTransientModel();
         Transaction transaction = model->beginTransaction(false);
