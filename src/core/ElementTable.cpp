@@ -254,7 +254,27 @@ void ElementSet::closeUp() noexcept {
         segments_.pop_back();
     }
     findTail();
-    std::memset(static_cast<void *>(chunks_), 0, (mask_ + 1) * sizeof(Chunk));
+    // An index sized for a set that was once much larger would be cleared whole at every
+    // close-up, for a few elements, and keep its memory: a smaller one, with room for the
+    // set to grow fourfold, takes its place. Without memory for it, the old one serves.
+    std::size_t fitting = mask_ + 1;
+    while (fitting > 1 && 4 * size() * 8 <= (fitting / 2) * slotsPerChunk * 7)
+        fitting /= 2;
+    Chunk *fresh = nullptr;
+    if (fitting * 8 <= mask_ + 1) {
+        try {
+            fresh = static_cast<Chunk *>(allocateZeroed(fitting * sizeof(Chunk)));
+        } catch (std::bad_alloc const &) {
+        }
+    }
+    if (fresh) {
+        releaseIndex();
+        chunks_ = fresh;
+        mask_ = fitting - 1;
+        written_ = size() != 0;
+    } else {
+        std::memset(static_cast<void *>(chunks_), 0, (mask_ + 1) * sizeof(Chunk));
+    }
     placeRange(0, end_);
 }
 

@@ -127,12 +127,13 @@ TEST(ElementPool, TheLastElementDroppedOnAnotherThreadFreesTheShellOfItsModel) {
     std::thread([&kept] { kept.clear(); }).join();
 }
 
-// A model of this size passes its pool's heap slabs, fills its table's backlog past its first
-// piece and grows its table to whole huge pages: all of them go back to the process's stock
-// when it goes, and the next model takes them, written over by the one before.
+// A model of this size passes its pool's heap slabs and grows its table's index to a whole
+// huge page: all of them go back to the process's stock when it goes, and the next model
+// takes them, written over by the one before.
 TEST(RetainedMemory, KeepsWhatModelsGaveBackUpToItsBoundAndNoMore) {
     std::size_t const start = getRetainedMemoryLimit();
-    constexpr int count = 150'000;
+    // 2*10^5 entries need an index of one huge page; fewer fit in the heap.
+    constexpr int count = 200'000;
     auto const make = [] {
         Model model = Model::createTransientModel();
         Transaction transaction = model->beginTransaction(false);
@@ -212,6 +213,37 @@ TEST(RetainedMemory, ATableThatWasWrittenComesBackClearedToTheNextTaker) {
     // Blocks that went to the stock and came back out left the count as they found it.
     EXPECT_EQ(detail::mappedBytes(), mapped);
     setRetainedMemoryLimit(start);
+}
+
+// A set that was large and is now small closes up over an index of its own size: one of
+// the old size would be cleared whole at every close-up, for a few elements, and keep its
+// pages all the while.
+TEST(RetainedMemory, ASetThatShrankGivesItsLargeIndexBack) {
+    // 2*10^5 entries need an index of one huge page.
+    static constexpr std::size_t count = 200'000;
+    static constexpr std::size_t left = 100;
+    Model model = Model::createTransientModel();
+    std::vector<ModelElement::Impl *> elements;
+    {
+        Transaction transaction = model->beginTransaction(false);
+        for (std::size_t i = 0; i < count; ++i)
+            elements.push_back(Book::create(model).get());
+        transaction.commit();
+    }
+    std::size_t const mapped = detail::mappedBytes();
+    detail::ElementSet set;
+    for (ModelElement::Impl *element : elements)
+        ASSERT_TRUE(set.insert(element));
+    EXPECT_GE(detail::mappedBytes(), mapped + detail::hugePageSize);
+    // The oldest leave first: holes pile up in front, and the list closes up many times.
+    for (std::size_t i = 0; i < count - left; ++i)
+        ASSERT_TRUE(set.erase(elements[i]));
+    EXPECT_EQ(detail::mappedBytes(), mapped);
+    std::vector<ModelElement::Impl *> walked;
+    set.forEach([&](ModelElement::Impl *element) { walked.push_back(element); });
+    EXPECT_EQ(walked, std::vector<ModelElement::Impl *>(elements.end() - left, elements.end()));
+    for (std::size_t i = count - 2 * left; i < count; ++i)
+        EXPECT_EQ(set.find(elements[i]->getUuid()), i < count - left ? nullptr : elements[i]) << i;
 }
 
 } // namespace
