@@ -197,6 +197,9 @@ bool ElementSet::erase(Element const *element) noexcept {
         --end_;
         findTail();
         waiting_.store(waiting - 1, std::memory_order_relaxed);
+        // A transaction whose creations all went back leaves no hashes behind.
+        if (waiting == 1)
+            dropHashes();
         return true;
     }
     settle();

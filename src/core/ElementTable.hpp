@@ -125,8 +125,8 @@ public:
 
     /// Calls `f` with every element, in the list's order; `f` must not change the set.
     template <class F> void forEach(F &&f) const {
-        forRange(0, end_, [&f](std::size_t, Element *const *at, Element *const *segmentEnd) {
-            if (at + prefetchDistance < segmentEnd)
+        forRange(0, end_, [&f](std::size_t, Element *const *at, Element *const *stop) {
+            if (at + prefetchDistance < stop)
                 __builtin_prefetch(at[prefetchDistance]);
             f(*at);
         });
@@ -184,18 +184,17 @@ private:
         return p & ((std::size_t(1) << hugeSegmentBits) - 1);
     }
     Element *&at(std::size_t p) const noexcept { return segments_[segmentOf(p)][offsetOf(p)]; }
-    /// Calls `f(position, cell, end of its segment)` for every cell of [first, end) that
-    /// holds an element.
+    /// Calls `f(position, cell, end of the cells walked in its segment)` for every cell of
+    /// [first, end) that holds an element.
     template <class F> void forRange(std::size_t first, std::size_t end, F &&f) const {
         for (std::size_t p = first; p < end;) {
             std::size_t const s = segmentOf(p);
             Element *const *const segment = segments_[s];
-            Element *const *const segmentEnd = segment + segmentLength(s);
             Element *const *cell = segment + offsetOf(p);
-            Element *const *const stop = cell + std::min(end - p, std::size_t(segmentEnd - cell));
+            Element *const *const stop = cell + std::min(end - p, segmentLength(s) - offsetOf(p));
             for (; cell != stop; ++cell, ++p)
                 if (*cell)
-                    f(p, cell, segmentEnd);
+                    f(p, cell, stop);
         }
     }
 
