@@ -185,6 +185,15 @@ void ElementSequenceBase::resolveLocal() {
 }
 
 void ElementSequenceBase::replaceProxy(ModelElement const &element, std::size_t index) {
+    // Reached through the untyped base by whoever resolved the proxy, with a position and an
+    // element of its own: a live entry replaced here would keep its far end, and an element
+    // of another class would be read as the entry class.
+    if (!element.get())
+        return;
+    if (index >= entries_.size() || !isProxy(entries_[index]) || !element->isValidNonProxy())
+        raise<messages::InvalidValue>();
+    checkEntryClass(element, entryClass_());
+    checkCompatibleModel(element.get());
     basicReplaceProxy(element, index);
     associate(element.get());
 }
