@@ -8,6 +8,7 @@
 
 #include <kivra/Model.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/PrimitiveCollection.hpp>
@@ -234,6 +235,55 @@ TEST(FrozenSetReaders, ReadASetWithoutResolvingIntoIt) {
     }
     EXPECT_EQ(shelf->getRecommended().size(), std::size_t(count));
     EXPECT_EQ(shelf->getRecommended().unresolvedSize(), 0u);
+}
+
+// A list keeps its proxies in place, and a read resolves them there: on several threads of
+// a frozen model each reader gets the element, and the entries stay proxies until the thaw.
+TEST(FrozenListReaders, ReadAListResolvingNothingInPlace) {
+    constexpr int count = 64;
+    constexpr int threads = 8;
+    Model model = Model::create(ModelConstellation());
+    Author const author = Author::create(model);
+    std::vector<boost::uuids::uuid> ids;
+    for (int i = 0; i < count; ++i) {
+        ids.push_back(ElementImpl::generateNewUuid());
+        author->getBooksMutable().push_back(Book::createProxy(model, ProxyId(u"uuid", textOf(ids.back()), boost::none)));
+    }
+    std::vector<Book> books;
+    for (boost::uuids::uuid const &id : ids) {
+        books.push_back(Book::create(model, id));
+        books.back()->basicAssociate(author, Book::Impl::writerProperty()); // the far end confirms
+    }
+    auto const proxies = [&] {
+        int left = 0;
+        for (ModelElement const &entry : author->getBooks().toSTLCollection())
+            left += entry->isProxy();
+        return left;
+    };
+    {
+        Model::Freezer const frozen = model->freeze();
+        std::latch start(threads);
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&] {
+                start.arrive_and_wait();
+                ElementSequence<Book> const &list = author->getBooks();
+                for (int pass = 0; pass < 10; ++pass) {
+                    int i = 0;
+                    for (Book const &book : list)
+                        wrong += book != books[std::size_t(i++)];
+                    wrong += list.front() != books.front() || list[1] != books[1];
+                    wrong += list.getAllValues().size() != std::size_t(count);
+                }
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(proxies(), count);
+    }
+    EXPECT_EQ(author->getBooks().front(), books.front());
+    EXPECT_EQ(proxies(), 0); // thawed, a read stores again
 }
 
 } // namespace
