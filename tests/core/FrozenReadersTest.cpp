@@ -27,6 +27,7 @@
 #include <latch>
 #include <memory>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace kivra::test::library {
@@ -284,6 +285,32 @@ TEST(FrozenListReaders, ReadAListResolvingNothingInPlace) {
     }
     EXPECT_EQ(author->getBooks().front(), books.front());
     EXPECT_EQ(proxies(), 0); // thawed, a read stores again
+}
+
+// Resolving an entry asks its far end whether it holds the owner; a far end that holds a
+// proxy of the owner answers yes, and, frozen, keeps its proxy, single or in a set.
+TEST(FrozenListReaders, AFarEndAskedWhileResolvingKeepsItsProxy) {
+    Model model = Model::create(ModelConstellation());
+    Author const author = Author::create(model);
+    Book const book = Book::create(model);
+    auto const proxyOf = [&](auto const &element) {
+        using Handle = std::decay_t<decltype(element)>;
+        return Handle::createProxy(model, ProxyId(u"uuid", textOf(element->getUuid()), boost::none));
+    };
+    author->getBooksMutable().push_back(proxyOf(book));
+    book->setWriter(proxyOf(author));
+    book->getCoauthorsMutable().push_back(proxyOf(author));
+    author->getCoauthoredMutable().insert(proxyOf(book));
+    {
+        Model::Freezer const frozen = model->freeze();
+        EXPECT_EQ(author->getBooks().front(), book);
+        EXPECT_EQ(book->getCoauthors().front(), author);
+        EXPECT_TRUE(storedIn(book, Book::Impl::writerProperty())->isProxy());
+        EXPECT_EQ(author->getCoauthored().unresolvedSize(), 1u);
+        EXPECT_TRUE(author->getBooks().rawAt(0)->isProxy());
+    }
+    EXPECT_EQ(author->getBooks().front(), book); // thawed, both ends store
+    EXPECT_FALSE(storedIn(book, Book::Impl::writerProperty())->isProxy());
 }
 
 } // namespace
