@@ -81,9 +81,9 @@ public:
     /// Replaces the entry at `index`, telling the new far end first, then the old one.
     virtual void replaceElement(std::size_t index, ModelElement const &element);
 
-    /// The entry at `index`, resolved in place first when it is a proxy; an unresolved
-    /// proxy comes back as the proxy.
-    ModelElement const &resolveAtIndex(std::size_t index) const;
+    /// The entry at `index`, resolved in place first when it is a proxy (in a frozen model
+    /// for the answer alone); an unresolved proxy comes back as the proxy.
+    ModelElement resolveAtIndex(std::size_t index) const;
     /// The entry at `index` as it is stored.
     ModelElement const &rawAt(std::size_t index) const noexcept { return entries_[index]; }
 
@@ -150,6 +150,8 @@ private:
 
     /// Tries to resolve the proxy at `index`; true when the entry is no proxy afterwards.
     bool resolveInplace(std::size_t index) const;
+    /// The element the proxy at `index` stands for when it may take its place; else null.
+    ModelElement resolutionOf(std::size_t index) const;
     bool holds(ModelElement::Impl const *element) const;
     void noteAdded(ModelElement::Impl const *element);
     void noteRemoved(ModelElement::Impl const *element);
@@ -177,6 +179,12 @@ template <class V> V entryAs(ModelElement const &element) {
         return element;
     else
         return V::fromImpl(static_cast<typename V::Impl *>(element.get()));
+}
+/// The same, taking over the reference of a handle that goes.
+template <class V> V entryAs(ModelElement &&element) {
+    V handle;
+    static_cast<ModelElement &>(handle) = std::move(element);
+    return handle;
 }
 
 /// A slot of a sequence: reads it as stored, and assigning to it is the checked replacement.

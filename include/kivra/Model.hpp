@@ -232,7 +232,7 @@ public:
 
     /// Queues an update to run with this model once no transaction is in progress: at
     /// the end of the current one, or at once when none is open. A constellation model
-    /// uses its constellation's queue; a destroyed model drops the update.
+    /// uses its constellation's queue; a destroyed model drops it, even one that waits.
     void addToWorkQueue(std::unique_ptr<ModelUpdater> &&updater);
     void addToWorkQueue(std::function<void(Model const &)> update);
     /// Runs the model's own queue, if it has one.

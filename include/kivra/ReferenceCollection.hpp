@@ -101,7 +101,7 @@ public:
     GenericCollectionInterface *getGenericInterface() const noexcept { return genericInterface_; }
 
     /// A proxy was resolved to `element`: it takes the proxy's place (in an ordered
-    /// collection the one at `index`) and is associated.
+    /// collection the one at `index`, else `InvalidValue`, as for a dead `element`).
     virtual void replaceProxy(ModelElement const &element, std::size_t index) = 0;
     /// Tries to resolve every proxy held.
     virtual void resolveAll() = 0;

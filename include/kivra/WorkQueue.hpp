@@ -60,8 +60,8 @@ public:
 
     /// Queues `item` and runs what may run. Dropped when the coordinator is destroyed.
     void addToWorkQueue(WorkItem &&item);
-    /// Runs items while `isOkToProcess()`. An update that fails is logged and the next
-    /// one runs; an `InterruptException` is logged and rethrown, leaving the rest queued.
+    /// Runs items while `isOkToProcess()`, dropping those of a model destroyed or dying. An
+    /// update that fails is logged and the next one runs; an interrupt is rethrown.
     void processWorkQueue();
     /// Drops every queued item without running it.
     void discardWorkQueue() noexcept;

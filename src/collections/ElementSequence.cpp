@@ -4,6 +4,8 @@
 #include "core/DeferredReleases.hpp"
 #include "core/Uncounted.hpp"
 
+#include <kivra/detail/References.hpp>
+
 #include <kivra/ElementId.hpp>
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
@@ -144,24 +146,40 @@ void ElementSequenceBase::rebuildMembership() {
 
 // --- Proxies ---------------------------------------------------------------------------
 
+ModelElement ElementSequenceBase::resolutionOf(std::size_t index) const {
+    ModelElement resolved = resolveProxy(entries_[index]);
+    if (!resolved.get() || resolved->isProxy())
+        return {};
+    // Across a non-composite association the far end must hold the owner too.
+    if (opposite_ && !isComposite()) {
+        if (!owner_ || !owner_->_inverseContainsThis(resolved.get(), meta::Property::fromImpl(opposite_)))
+            return {};
+    }
+    return resolved;
+}
+
 bool ElementSequenceBase::resolveInplace(std::size_t index) const {
     ModelElement &entry = entries_[index];
     if (!isProxy(entry))
         return true;
-    ModelElement resolved = resolveProxy(entry);
-    if (!resolved.get() || resolved->isProxy())
+    ModelElement resolved = resolutionOf(index);
+    if (!resolved.get())
         return false;
-    // Across a non-composite association the far end must hold the owner too.
-    if (opposite_ && !isComposite()) {
-        if (!owner_ || !owner_->_inverseContainsThis(resolved.get(), meta::Property::fromImpl(opposite_)))
-            return false;
-    }
     entry = std::move(resolved);
     const_cast<ElementSequenceBase *>(this)->noteAdded(entry.get());
     return true;
 }
 
-ModelElement const &ElementSequenceBase::resolveAtIndex(std::size_t index) const {
+ModelElement ElementSequenceBase::resolveAtIndex(std::size_t index) const {
+    ModelElement const &entry = entries_[index];
+    if (!isProxy(entry))
+        return entry;
+    // Readers of a frozen model, on several threads at once, store nothing: each gets the
+    // element, and the entry stays the proxy until the thaw, as a single reference's does.
+    if (owner_ && !detail::mayStoreOnRead(*owner_)) {
+        ModelElement resolved = resolutionOf(index);
+        return resolved.get() ? resolved : entry;
+    }
     resolveInplace(index);
     return entries_[index];
 }
@@ -185,6 +203,15 @@ void ElementSequenceBase::resolveLocal() {
 }
 
 void ElementSequenceBase::replaceProxy(ModelElement const &element, std::size_t index) {
+    // Reached through the untyped base by whoever resolved the proxy, with a position and an
+    // element of its own: a live entry replaced here would keep its far end, and an element
+    // of another class would be read as the entry class.
+    if (!element.get())
+        return;
+    if (index >= entries_.size() || !isProxy(entries_[index]) || !element->isValidNonProxy())
+        raise<messages::InvalidValue>();
+    checkEntryClass(element, entryClass_());
+    checkCompatibleModel(element.get());
     basicReplaceProxy(element, index);
     associate(element.get());
 }
@@ -226,8 +253,8 @@ std::vector<ModelElement> ElementSequenceBase::getAllValues() const {
     std::vector<ModelElement> values;
     values.reserve(entries_.size());
     for (std::size_t i = 0; i < entries_.size(); ++i)
-        if (resolveInplace(i))
-            values.push_back(entries_[i]);
+        if (ModelElement entry = resolveAtIndex(i); !isProxy(entry))
+            values.push_back(std::move(entry));
     return values;
 }
 

@@ -9,6 +9,7 @@
 #include <kivra/Messages.hpp>
 #include <kivra/Model.hpp>
 #include <kivra/ModelConstellation.hpp>
+#include <kivra/ReferenceCollection.hpp>
 #include <kivra/UuidLiteral.hpp>
 #include <kivra/Value.hpp>
 #include <kivra/detail/References.hpp>
@@ -390,7 +391,42 @@ void ModelElement::Impl::_inverseRemoveThis(Impl *target, meta::Property const &
     target->inverseRemove(UncountedSelf(this), property);
 }
 
+namespace {
+
+/// Whether `far`'s `property` holds `owner`, or a proxy that stands for it, read off its
+/// values: the far end's own question puts `owner` in place of the proxy it finds.
+bool holdsWithoutStoring(ModelElement::Impl &far, meta::Property const &property, ModelElement::Impl const *owner) {
+    // The far end of a composite is the link to the container, which holds no proxy.
+    if (meta::Property const opposite = property ? property->getOpposite() : meta::Property();
+        opposite && opposite->getIsComposite())
+        return true;
+    auto const standsFor = [&](ModelElement const &entry) {
+        return entry.get() == owner ||
+               (entry.get() && entry->isProxy() && detail::peekResolveHeldProxy(far, entry).get() == owner);
+    };
+    Value const value = far.getPropertyValue(property, Tag::NO_PROXY_RESOLVE);
+    if (!isCollection(value.getFlags()))
+        return standsFor(value.getElement());
+    if (value.isManaged() && value.getPayload()) {
+        auto const *collection = static_cast<ReferenceCollection const *>(value.getPayload());
+        for (ModelElement const &entry : collection->getAllValuesAndProxies())
+            if (standsFor(entry))
+                return true;
+        return false;
+    }
+    for (Value const &entry : value.extractEntryValues())
+        if (standsFor(entry.getElement()))
+            return true;
+    return false;
+}
+
+} // namespace
+
 bool ModelElement::Impl::_inverseContainsThis(Impl *target, meta::Property const &property) {
+    // Readers of a frozen model, on several threads at once, store nothing: they resolve a
+    // proxy whose far end may hold a proxy too, which its own answer would replace.
+    if (!detail::mayStoreOnRead(*target))
+        return holdsWithoutStoring(*target, property, this);
     return target->inverseContainsProxyTo(UncountedSelf(this), property);
 }
 

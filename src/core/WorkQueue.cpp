@@ -40,6 +40,11 @@ void WorkQueue::processWorkQueue() {
     while (isOkToProcess()) {
         WorkItem item = std::move(items_.front());
         items_.pop_front();
+        // A constellation's queue outlives its members, and a member may be destroyed by an
+        // update ahead of its own, whose commit re-enters here in the middle of the
+        // destruction: the work of a member that is not live is dropped.
+        if (Model::Impl const *model = item.getModel().get(); model && model->getValidity() != ElementImpl::Valid)
+            continue;
         try {
             item.execute();
         } catch (basalt::InterruptException const &) {

@@ -338,6 +338,34 @@ TEST_F(ElementSequenceTest, ProxiesResolveInPlace) {
     EXPECT_EQ(books.size(), 2u) << "the proxy is replaced, not joined";
 }
 
+// Whoever resolves a proxy hands the element over through the untyped base, with a
+// position of its own: a position with no proxy, or an element that cannot stand in the
+// list, is refused before anything changes.
+TEST_F(ElementSequenceTest, ReplacingAProxyNamesAProxyWithAnElementThatFits) {
+    Book book = Book::create(model);
+    Author held = Author::create(model);
+    Author resolved = Author::create(model);
+    auto &coauthors = book->getCoauthorsMutable();
+    coauthors.push_back(held);
+    coauthors.push_back(Author::createProxy(model, idOf(resolved->getUuid())));
+    ReferenceCollection &untyped = coauthors;
+
+    EXPECT_THROW(untyped.replaceProxy(resolved, 2), Error<messages::InvalidValue>);
+    EXPECT_THROW(untyped.replaceProxy(resolved, 0), Error<messages::InvalidValue>) << "a live entry is no proxy";
+    EXPECT_THROW(untyped.replaceProxy(Book::create(model), 1), Error<messages::CannotAddIncompatibleTypes>);
+    Author gone = Author::create(model);
+    gone->destroy();
+    EXPECT_THROW(untyped.replaceProxy(gone, 1), Error<messages::InvalidValue>);
+    ASSERT_EQ(coauthors.size(), 2u);
+    EXPECT_EQ(coauthors.rawAt(0), held);
+    EXPECT_TRUE(coauthors.rawAt(1)->isProxy());
+    EXPECT_EQ(held->getCoauthored().size(), 1u);
+
+    untyped.replaceProxy(resolved, 1);
+    EXPECT_EQ(coauthors.rawAt(1), resolved);
+    EXPECT_TRUE(resolved->getCoauthored().contains(book)) << "the far end hears of it";
+}
+
 // Each access reads through the reflective interface as through the typed one.
 TEST_F(ElementSequenceTest, ReflectiveAccessIsAViewOfTheCollection) {
     Author author = Author::create(model);

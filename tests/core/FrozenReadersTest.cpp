@@ -8,6 +8,7 @@
 
 #include <kivra/Model.hpp>
 #include <kivra/ElementId.hpp>
+#include <kivra/ElementSequence.hpp>
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/PrimitiveCollection.hpp>
@@ -26,6 +27,7 @@
 #include <latch>
 #include <memory>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace kivra::test::library {
@@ -234,6 +236,81 @@ TEST(FrozenSetReaders, ReadASetWithoutResolvingIntoIt) {
     }
     EXPECT_EQ(shelf->getRecommended().size(), std::size_t(count));
     EXPECT_EQ(shelf->getRecommended().unresolvedSize(), 0u);
+}
+
+// A list keeps its proxies in place, and a read resolves them there: on several threads of
+// a frozen model each reader gets the element, and the entries stay proxies until the thaw.
+TEST(FrozenListReaders, ReadAListResolvingNothingInPlace) {
+    constexpr int count = 64;
+    constexpr int threads = 8;
+    Model model = Model::create(ModelConstellation());
+    Author const author = Author::create(model);
+    std::vector<boost::uuids::uuid> ids;
+    for (int i = 0; i < count; ++i) {
+        ids.push_back(ElementImpl::generateNewUuid());
+        author->getBooksMutable().push_back(Book::createProxy(model, ProxyId(u"uuid", textOf(ids.back()), boost::none)));
+    }
+    std::vector<Book> books;
+    for (boost::uuids::uuid const &id : ids) {
+        books.push_back(Book::create(model, id));
+        books.back()->basicAssociate(author, Book::Impl::writerProperty()); // the far end confirms
+    }
+    auto const proxies = [&] {
+        int left = 0;
+        for (ModelElement const &entry : author->getBooks().toSTLCollection())
+            left += entry->isProxy();
+        return left;
+    };
+    {
+        Model::Freezer const frozen = model->freeze();
+        std::latch start(threads);
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&] {
+                start.arrive_and_wait();
+                ElementSequence<Book> const &list = author->getBooks();
+                for (int pass = 0; pass < 10; ++pass) {
+                    int i = 0;
+                    for (Book const &book : list)
+                        wrong += book != books[std::size_t(i++)];
+                    wrong += list.front() != books.front() || list[1] != books[1];
+                    wrong += list.getAllValues().size() != std::size_t(count);
+                }
+            });
+        for (std::thread &thread : pool)
+            thread.join();
+        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(proxies(), count);
+    }
+    EXPECT_EQ(author->getBooks().front(), books.front());
+    EXPECT_EQ(proxies(), 0); // thawed, a read stores again
+}
+
+// Resolving an entry asks its far end whether it holds the owner; a far end that holds a
+// proxy of the owner answers yes, and, frozen, keeps its proxy, single or in a set.
+TEST(FrozenListReaders, AFarEndAskedWhileResolvingKeepsItsProxy) {
+    Model model = Model::create(ModelConstellation());
+    Author const author = Author::create(model);
+    Book const book = Book::create(model);
+    auto const proxyOf = [&](auto const &element) {
+        using Handle = std::decay_t<decltype(element)>;
+        return Handle::createProxy(model, ProxyId(u"uuid", textOf(element->getUuid()), boost::none));
+    };
+    author->getBooksMutable().push_back(proxyOf(book));
+    book->setWriter(proxyOf(author));
+    book->getCoauthorsMutable().push_back(proxyOf(author));
+    author->getCoauthoredMutable().insert(proxyOf(book));
+    {
+        Model::Freezer const frozen = model->freeze();
+        EXPECT_EQ(author->getBooks().front(), book);
+        EXPECT_EQ(book->getCoauthors().front(), author);
+        EXPECT_TRUE(storedIn(book, Book::Impl::writerProperty())->isProxy());
+        EXPECT_EQ(author->getCoauthored().unresolvedSize(), 1u);
+        EXPECT_TRUE(author->getBooks().rawAt(0)->isProxy());
+    }
+    EXPECT_EQ(author->getBooks().front(), book); // thawed, both ends store
+    EXPECT_FALSE(storedIn(book, Book::Impl::writerProperty())->isProxy());
 }
 
 } // namespace

@@ -82,6 +82,39 @@ TEST(WorkQueue, DestroyedModelDropsItsWork) {
     EXPECT_EQ(ran, 0);
 }
 
+// A member's work waits on its constellation's queue, which outlives the member: work of a
+// member that is destroyed meanwhile is dropped there too, also when the destruction runs
+// from an update ahead of it, whose own commit would otherwise run it in the middle.
+TEST(WorkQueue, AConstellationMemberDestroyedDropsItsWaitingWork) {
+    ModelConstellation constellation = ModelConstellation::create();
+    Model a = Model::create(constellation);
+    Model b = Model::create(constellation);
+    Model c = Model::create(constellation);
+    std::vector<char> ran;
+    {
+        Transaction transaction = a->beginTransaction();
+        b->addToWorkQueue([&](Model const &) { ran.push_back('b'); });
+        b->destroy();
+        transaction.commit();
+    }
+    EXPECT_TRUE(ran.empty());
+
+    {
+        Transaction transaction = a->beginTransaction();
+        a->addToWorkQueue([&](Model const &) {
+            ran.push_back('a');
+            c->destroy();
+        });
+        c->addToWorkQueue([&](Model const &m) {
+            ran.push_back('c');
+            test::library::Book::create(m); // would be lost with the dying model's memory
+        });
+        a->addToWorkQueue([&](Model const &) { ran.push_back('A'); });
+        transaction.commit();
+    }
+    EXPECT_EQ(ran, (std::vector<char>{'a', 'A'}));
+}
+
 TEST(Freezer, FreezesAddUpAndThawsNestOnce) {
     Model model = Model::createTransientModel();
     auto first = model->freeze();
