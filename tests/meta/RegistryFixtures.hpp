@@ -59,11 +59,11 @@ inline Property makeProperty(basalt::ustring const &name, Type const &type, bool
 struct SamplePackageOptions {
     basalt::ustring version = u"1";
     /// A class without a package, named by its bare name, made after the others.
-    basalt::ustring strayClass;
+    basalt::ustring strayClass{};
     /// Receives the UUIDs of the elements as they are made.
     std::vector<boost::uuids::uuid> *made = nullptr;
     /// The builder factory of the first class.
-    MetaRegistry::BuilderFactory factory;
+    MetaRegistry::BuilderFactory factory{};
 };
 
 /// A root package of `family` with one class per name, described as generated packages
