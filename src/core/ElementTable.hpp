@@ -40,10 +40,10 @@ namespace kivra::detail {
 /// The index is an open-addressing table of positions in the list, in chunks of one cache
 /// line: twelve slots, their tag bytes (7 bits of the hash and a mark of use) and a count
 /// of the entries that had to pass the chunk because it was full. A probe reads one line in
-/// the common case and reads an element only when a tag matches. A full chunk sends an
-/// entry on by an odd stride drawn from its tag, so that runs do not pile up behind one
-/// another; the passing counts tell a search where to stop, and an entry leaves by taking
-/// its own counts back, with nothing to move. At most 7/8 of the slots are used.
+/// the common case, and the list and an element only when a tag matches. A full chunk
+/// sends an entry on by an odd stride drawn from its tag, so that runs do not pile up
+/// behind one another; the passing counts tell a search where to stop, and an entry leaves
+/// by taking its own counts back, with nothing to move. At most 7/8 of the slots are used.
 ///
 /// An element whose UUID was just drawn at random, and so is no other's, joins the list at
 /// once but waits for its slot in the index: a transaction that makes many elements then
