@@ -155,6 +155,8 @@ private:
     bool holds(ModelElement::Impl const *element) const;
     void noteAdded(ModelElement::Impl const *element);
     void noteRemoved(ModelElement::Impl const *element);
+    /// Whether the size calls for a filter or an index of the entries.
+    bool wantsMembership() const noexcept { return unique_ && entries_.size() >= filterThreshold; }
     /// Attaches the filter or the index once the size calls for it.
     void grow();
     void rebuildMembership();

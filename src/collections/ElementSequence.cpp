@@ -119,7 +119,7 @@ void ElementSequenceBase::noteRemoved(ModelElement::Impl const *element) {
 }
 
 void ElementSequenceBase::grow() {
-    if (!unique_ || index_ || entries_.size() < filterThreshold)
+    if (index_ || !wantsMembership())
         return;
     if (entries_.size() >= indexThreshold || !filter_)
         rebuildMembership();
@@ -129,7 +129,7 @@ void ElementSequenceBase::rebuildMembership() {
     filter_.reset();
     index_.reset();
     mayHoldProxies_ = std::any_of(entries_.begin(), entries_.end(), isProxy);
-    if (!unique_ || entries_.size() < filterThreshold)
+    if (!wantsMembership())
         return;
     if (entries_.size() >= indexThreshold) {
         index_ = std::make_unique<detail::MembershipIndex>();
@@ -289,9 +289,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
     // stores it: it takes the general path, which stores through that test.
     bool const typed = entryClass_ != &ModelElement::metaClass;
     // Whether a newcomer is to be noted: a short list keeps no filter or index of its entries.
-    auto const keepsMembership = [this] {
-        return index_ || filter_ || (unique_ && entries_.size() >= filterThreshold);
-    };
+    auto const keepsMembership = [this] { return index_ || filter_ || wantsMembership(); };
     if (typed && owner_ && !opposite_ && isComposite() && impl->isValidNonProxy() && impl->isTopLevel()) {
         // Room first: once the child is taken, nothing may fail. A live top-level element
         // is none of the entries, which are the owner's children or proxies: growing the
