@@ -1,5 +1,6 @@
 #include <kivra/ModelElement.hpp>
 
+#include "collections/HeldElements.hpp"
 #include "core/ElementPool.hpp"
 #include "core/TransactionImpl.hpp"
 #include "core/Uncounted.hpp"
@@ -400,24 +401,11 @@ bool holdsWithoutStoring(ModelElement::Impl &far, meta::Property const &property
     if (meta::Property const opposite = property ? property->getOpposite() : meta::Property();
         opposite && opposite->getIsComposite())
         return true;
-    auto const standsFor = [&](ModelElement const &entry) {
+    Value const value = far.getPropertyValue(property, Tag::NO_PROXY_RESOLVE);
+    return detail::anyHeldElement(value, !isCollection(value.getFlags()), [&](ModelElement const &entry) {
         return entry.get() == owner ||
                (entry.get() && entry->isProxy() && detail::peekResolveHeldProxy(far, entry).get() == owner);
-    };
-    Value const value = far.getPropertyValue(property, Tag::NO_PROXY_RESOLVE);
-    if (!isCollection(value.getFlags()))
-        return standsFor(value.getElement());
-    if (value.isManaged() && value.getPayload()) {
-        auto const *collection = static_cast<ReferenceCollection const *>(value.getPayload());
-        for (ModelElement const &entry : collection->getAllValuesAndProxies())
-            if (standsFor(entry))
-                return true;
-        return false;
-    }
-    for (Value const &entry : value.extractEntryValues())
-        if (standsFor(entry.getElement()))
-            return true;
-    return false;
+    });
 }
 
 } // namespace

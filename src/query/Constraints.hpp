@@ -1,6 +1,8 @@
 #pragma once
 // Not API: the constraints a query records, and how each repeats itself into another query.
 
+#include "collections/HeldElements.hpp"
+
 #include <kivra/ElementSequence.hpp>
 #include <kivra/ModelElement.hpp>
 #include <kivra/ReferenceCollection.hpp>
@@ -19,12 +21,9 @@
 
 namespace kivra::query {
 
-/// The collection of elements that an element owns behind `value`, or null for any other
-/// value.
-ReferenceCollection const *managedReferenceCollection(Value const &value);
-
-/// `collection` as a sequence, whose entries can be read in place; null for any other kind.
-ElementSequenceBase const *asElementSequence(ReferenceCollection const &collection) noexcept;
+using kivra::detail::anyHeldElement;
+using kivra::detail::asElementSequence;
+using kivra::detail::managedReferenceCollection;
 
 /// A test of one element of one instance.
 class SingleObjectConstraint {
@@ -154,33 +153,6 @@ public:
     std::size_t instanceB;
     ValueComparator const *comparator;
 };
-
-/// Calls `visit` with each element that `value` holds: the one reference of a `single`
-/// valued property, or every entry of a collection, proxies included, until `visit` gives
-/// true. Raises `CannotCastIncompatibleTypes` for entries that are not elements.
-template <class Visit> bool anyHeldElement(Value const &value, bool single, Visit &&visit) {
-    if (single)
-        return visit(value.getElement());
-    if (!value.hasPayload())
-        return false;
-    if (ReferenceCollection const *const collection = managedReferenceCollection(value)) {
-        // A sequence, the common collection of references, is read without a copy.
-        if (ElementSequenceBase const *const sequence = asElementSequence(*collection)) {
-            for (std::size_t i = 0; i < sequence->size(); ++i)
-                if (visit(sequence->rawAt(i)))
-                    return true;
-            return false;
-        }
-        for (ModelElement const &entry : collection->getAllValuesAndProxies())
-            if (visit(entry))
-                return true;
-        return false;
-    }
-    for (Value const &entry : value.extractEntryValues())
-        if (visit(entry.getElement()))
-            return true;
-    return false;
-}
 
 /// Whether `comparator` holds between the value of `property` on `element` and
 /// `constant`; for a collection, whether it holds for some entry.
