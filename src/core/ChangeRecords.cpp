@@ -35,17 +35,14 @@ namespace detail {
 
 RecordArena::~RecordArena() {
     for (Block const &block : blocks_)
-        if (block.size >= hugePageSize)
-            givePages(block.memory, block.size);
-        else
-            ::operator delete(block.memory, block.size);
+        giveBlock(block.memory, block.size);
 }
 
 void RecordArena::grow(std::size_t size) {
     std::size_t const unit = blocks_.size() < heapBlocks ? heapBlock : hugePageSize;
     std::size_t const blockSize = (size + unit - 1) / unit * unit;
     blocks_.reserve(blocks_.size() + 1);
-    void *const memory = blockSize >= hugePageSize ? takePages(blockSize) : ::operator new(blockSize);
+    void *const memory = takeBlock(blockSize);
     blocks_.push_back({memory, blockSize});
     next_ = static_cast<std::byte *>(memory);
     left_ = blockSize;

@@ -1,7 +1,6 @@
 #include "core/ElementTable.hpp"
 #include "core/PageMemory.hpp"
 
-#include <cstdlib>
 
 #include <limits>
 #include <mutex>
@@ -12,24 +11,12 @@ namespace kivra::detail {
 
 namespace {
 
-// Segments of a whole huge page come from the process's stock of pages given back, as the
-// index does: a large model then neither faults in fresh pages for its list nor hands them
-// to the system when it goes. Smaller ones are the heap's.
-void *takeSegment(std::size_t bytes) {
-    if (bytes == hugePageSize)
-        return takeHugePageRun();
-    void *const segment = std::malloc(bytes);
-    if (!segment)
-        throw std::bad_alloc();
-    return segment;
-}
+// Segments come from the process's stock of blocks given back, as the index does: a large
+// model then neither faults in fresh pages for its list nor hands them to the system when it
+// goes.
+void *takeSegment(std::size_t bytes) { return takeBlock(bytes); }
 
-void giveSegment(void *segment, std::size_t bytes) noexcept {
-    if (bytes == hugePageSize)
-        giveHugePageRun(segment);
-    else
-        std::free(segment);
-}
+void giveSegment(void *segment, std::size_t bytes) noexcept { giveBlock(segment, bytes); }
 
 } // namespace
 

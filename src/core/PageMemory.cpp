@@ -2,7 +2,9 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -138,28 +140,80 @@ std::size_t keptPageBytes() noexcept { return keptPages().keptBytes(); }
 
 std::size_t mappedBytes() noexcept { return bytesMapped.load(std::memory_order_relaxed); }
 
-void *allocateZeroed(std::size_t bytes) {
+namespace {
+
+bool keptOnHeap(std::size_t bytes) noexcept { return bytes >= smallestKeptBlock && bytes < hugePageSize; }
+
+/// The size a heap block of `bytes` is taken with: one of eight steps between two powers of
+/// two, so that arrays that grow by any factor meet the sizes that others gave back, for at
+/// most an eighth more than they asked.
+std::size_t heapBlockSize(std::size_t bytes) noexcept {
+    if (!keptOnHeap(bytes))
+        return bytes;
+    std::size_t const step = std::max(smallestKeptBlock, std::bit_floor(bytes) / 8);
+    return (bytes + step - 1) / step * step;
+}
+
+void freeHeapBlock(void *block, std::size_t bytes) noexcept { ::operator delete(block, bytes, std::align_val_t(64)); }
+
+/// Heap blocks of the sizes that doubling arrays pass through: the heap gives the larger of
+/// them back to the system when they are freed, and the next model that grows to that size
+/// faults their pages in again, a fault and a clearing for every 4 KiB.
+KeptBlocks &keptHeapBlocks() {
+    static KeptBlocks *const kept = new KeptBlocks(defaultKeptBlockBytes, freeHeapBlock); // never destroyed: models may outlive statics
+    return *kept;
+}
+
+void *takeBlock(std::size_t bytes, bool &clean) {
     if (bytes >= hugePageSize) {
-        // Clearing a block that is mapped already costs a pass over it; fresh pages cost a
-        // fault and the system's clearing each, several times that on a virtual machine.
-        bool clean = false;
-        if (void *const kept = takeKept(bytes, clean)) {
-            if (!clean)
-                std::memset(kept, 0, bytes);
+        if (void *const kept = takeKept(bytes, clean))
             return kept;
-        }
+        clean = true;
         return mapHugePages(bytes);
     }
-    void *const block = ::operator new(bytes, std::align_val_t(64));
-    std::memset(block, 0, bytes);
+    bytes = heapBlockSize(bytes);
+    if (keptOnHeap(bytes))
+        if (void *const kept = keptHeapBlocks().take(bytes, clean))
+            return kept;
+    clean = false;
+    return ::operator new(bytes, std::align_val_t(64));
+}
+
+void giveBlock(void *block, std::size_t bytes, bool clean) noexcept {
+    if (!block)
+        return;
+    if (bytes >= hugePageSize) {
+        giveBack(block, bytes, clean);
+        return;
+    }
+    bytes = heapBlockSize(bytes);
+    if (!keptOnHeap(bytes) || !keptHeapBlocks().keep(block, bytes, clean))
+        freeHeapBlock(block, bytes);
+}
+
+} // namespace
+
+void *takeBlock(std::size_t bytes) {
+    bool clean = false;
+    return takeBlock(bytes, clean);
+}
+
+void giveBlock(void *block, std::size_t bytes) noexcept { giveBlock(block, bytes, false); }
+
+void setKeptBlockBytes(std::size_t bytes) noexcept { keptHeapBlocks().setLimit(bytes); }
+
+std::size_t keptBlockBytes() noexcept { return keptHeapBlocks().keptBytes(); }
+
+void *allocateZeroed(std::size_t bytes) {
+    // Clearing a block that is mapped already costs a pass over it; fresh pages cost a
+    // fault and the system's clearing each, several times that on a virtual machine.
+    bool clean = false;
+    void *const block = takeBlock(bytes, clean);
+    if (!clean)
+        std::memset(block, 0, bytes);
     return block;
 }
 
-void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept {
-    if (bytes >= hugePageSize)
-        giveBack(block, bytes, unwritten);
-    else
-        ::operator delete(block, bytes, std::align_val_t(64));
-}
+void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept { giveBlock(block, bytes, unwritten); }
 
 } // namespace kivra::detail

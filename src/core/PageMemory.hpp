@@ -85,8 +85,27 @@ std::size_t keptPageBytes() noexcept;
 /// heap's own statistics do not see them. Blocks kept for reuse are not counted.
 std::size_t mappedBytes() noexcept;
 
-/// `bytes` of zeroed memory aligned to 64: from `hugePageSize` up, a block given back before
-/// and cleared, or fresh pages; else from the heap. Raises `std::bad_alloc`.
+/// `bytes` aligned to 64 whose contents are left to the caller. The sizes that growing
+/// arrays take, and that repeat from one model to the next, come from blocks given back
+/// before when there are: whole huge pages from `hugePageSize` up (as `takePages`), and heap
+/// blocks from `smallestKeptBlock` up, in eight sizes between two powers of two, which the
+/// heap would hand to the system and fault in afresh. Raises `std::bad_alloc`.
+void *takeBlock(std::size_t bytes);
+/// Gives back a block of `takeBlock` with the size it was asked with.
+void giveBlock(void *block, std::size_t bytes) noexcept;
+
+/// Heap blocks from this size up are kept for reuse.
+inline constexpr std::size_t smallestKeptBlock = 4096;
+/// How many bytes of heap blocks given back the process keeps at most until told otherwise.
+inline constexpr std::size_t defaultKeptBlockBytes = std::size_t(16) << 20;
+/// How many bytes of heap blocks given back the process keeps at most; what lies beyond goes
+/// back to the heap at once.
+void setKeptBlockBytes(std::size_t bytes) noexcept;
+/// How many bytes of heap blocks are kept now.
+std::size_t keptBlockBytes() noexcept;
+
+/// `bytes` of zeroed memory aligned to 64, as `takeBlock`: a block given back before is
+/// cleared, fresh pages are zero already. Raises `std::bad_alloc`.
 void *allocateZeroed(std::size_t bytes);
 /// Gives back a block of `allocateZeroed` with the size it was asked with; `unwritten` says
 /// that nothing was written into it since, so that its next taker need not clear it.

@@ -10,26 +10,30 @@
 namespace kivra {
 
 namespace {
-// Small models take heap slabs and leave them to the next; this much of the bound is theirs,
-// the rest is blocks of huge pages.
+// Small models take heap slabs and leave them to the next, growing arrays pass through heap
+// blocks of the same sizes from one model to the next: this much of the bound is theirs, the
+// rest is blocks of huge pages.
 constexpr std::size_t slabShare = detail::ElementPool::defaultKeptHeapBytes;
-std::atomic<std::size_t> retainedLimit{slabShare + detail::defaultKeptPageBytes};
-// Two stocks are bounded in turn: concurrent setters must not leave one at each bound.
+constexpr std::size_t blockShare = detail::defaultKeptBlockBytes;
+std::atomic<std::size_t> retainedLimit{slabShare + blockShare + detail::defaultKeptPageBytes};
+// Three stocks are bounded in turn: concurrent setters must not leave them at mixed bounds.
 std::mutex setting;
 } // namespace
 
 void setRetainedMemoryLimit(std::size_t bytes) noexcept {
     std::lock_guard const lock(setting);
     std::size_t const slabs = std::min(bytes, slabShare);
+    std::size_t const blocks = std::min(bytes - slabs, blockShare);
     detail::ElementPool::setKeptHeapBytes(slabs);
-    detail::setKeptPageBytes(bytes - slabs);
+    detail::setKeptBlockBytes(blocks);
+    detail::setKeptPageBytes(bytes - slabs - blocks);
     retainedLimit.store(bytes, std::memory_order_relaxed);
 }
 
 std::size_t getRetainedMemoryLimit() noexcept { return retainedLimit.load(std::memory_order_relaxed); }
 
 std::size_t getRetainedMemory() noexcept {
-    return detail::ElementPool::keptHeapBytes() + detail::keptPageBytes();
+    return detail::ElementPool::keptHeapBytes() + detail::keptBlockBytes() + detail::keptPageBytes();
 }
 
 } // namespace kivra

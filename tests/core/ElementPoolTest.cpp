@@ -215,6 +215,28 @@ TEST(RetainedMemory, ATableThatWasWrittenComesBackClearedToTheNextTaker) {
     setRetainedMemoryLimit(start);
 }
 
+// Growing arrays ask for sizes of their own (a list grows by half); the stock serves any size
+// of the same step with the block given back last, and a zeroed one comes back cleared.
+TEST(RetainedMemory, AHeapBlockGivenBackServesTheNextTakerOfItsStep) {
+    std::size_t const start = getRetainedMemoryLimit();
+    setRetainedMemoryLimit(0);
+    setRetainedMemoryLimit(std::size_t(64) << 20);
+    auto *const block = static_cast<unsigned char *>(detail::takeBlock(100'000));
+    std::fill_n(block, 100'000, 0xA5);
+    detail::giveBlock(block, 100'000);
+    EXPECT_GE(getRetainedMemory(), 100'000u);
+    void *const again = detail::takeBlock(99'000);
+    EXPECT_EQ(again, block);
+    detail::giveBlock(again, 99'000);
+    auto *const zeroed = static_cast<unsigned char *>(detail::allocateZeroed(100'100));
+    EXPECT_EQ(zeroed, block);
+    EXPECT_EQ(std::count(zeroed, zeroed + 100'100, 0), 100'100);
+    detail::freeZeroed(zeroed, 100'100);
+    setRetainedMemoryLimit(0);
+    EXPECT_EQ(getRetainedMemory(), 0u);
+    setRetainedMemoryLimit(start);
+}
+
 // A set that was large and is now small closes up over an index of its own size: one of
 // the old size would be cleared whole at every close-up, for a few elements, and keep its
 // pages all the while.
