@@ -2,6 +2,16 @@
 
 #include <sys/mman.h>
 
+#if defined(__has_include)
+#if __has_include(<sanitizer/asan_interface.h>)
+#include <sanitizer/asan_interface.h>
+#endif
+#endif
+#ifndef ASAN_POISON_MEMORY_REGION
+#define ASAN_POISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#endif
+
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -51,6 +61,7 @@ void *KeptBlocks::take(std::size_t bytes, bool &clean) noexcept {
         if (blocks_[i].bytes != bytes)
             continue;
         void *const memory = blocks_[i].memory;
+        ASAN_UNPOISON_MEMORY_REGION(memory, bytes);
         clean = blocks_[i].clean;
         blocks_[i] = blocks_.back();
         blocks_.pop_back();
@@ -73,6 +84,9 @@ bool KeptBlocks::keep(void *block, std::size_t bytes, bool clean) noexcept {
         return false;
     }
     kept_.store(kept + bytes, std::memory_order_relaxed);
+    // A kept block is no one's: under AddressSanitizer a use of it by the owner that gave it
+    // back is caught as if it had gone to the heap.
+    ASAN_POISON_MEMORY_REGION(block, bytes);
     return true;
 }
 
@@ -81,6 +95,7 @@ void KeptBlocks::setLimit(std::size_t limit) noexcept {
     limit_ = limit;
     std::size_t kept = kept_.load(std::memory_order_relaxed);
     while (kept > limit_) {
+        ASAN_UNPOISON_MEMORY_REGION(blocks_.back().memory, blocks_.back().bytes);
         release_(blocks_.back().memory, blocks_.back().bytes);
         kept -= blocks_.back().bytes;
         blocks_.pop_back();

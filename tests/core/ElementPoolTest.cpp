@@ -237,6 +237,15 @@ TEST(RetainedMemory, AHeapBlockGivenBackServesTheNextTakerOfItsStep) {
     setRetainedMemoryLimit(start);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+// Under AddressSanitizer a block in the stock is no one's: its last owner's use is caught.
+TEST(RetainedMemoryDeathTest, AHeapBlockInTheStockIsNoOnesToWrite) {
+    auto *const block = static_cast<char volatile *>(detail::takeBlock(100'000));
+    detail::giveBlock(const_cast<char *>(block), 100'000);
+    EXPECT_DEATH(block[10] = 1, "use-after-poison");
+}
+#endif
+
 // A set that was large and is now small closes up over an index of its own size: one of
 // the old size would be cleared whole at every close-up, for a few elements, and keep its
 // pages all the while.
