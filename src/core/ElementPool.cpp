@@ -5,14 +5,6 @@
 #include <mutex>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KIVRA_POOL_EACH_OBJECT 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KIVRA_POOL_EACH_OBJECT 1
-#endif
-#endif
-
 namespace kivra::detail {
 
 namespace {
@@ -21,23 +13,16 @@ namespace {
 std::mutex sharedAllocation;
 } // namespace
 
-void *ModelMemory::allocate(Model::Impl *model, std::size_t size) {
-    void *block;
-    if (model->isWriterThread()) {
-        block = model->elementPool().allocate(size);
-        model->holdAsWriter();
-    } else {
-        std::lock_guard const lock(sharedAllocation);
-        block = model->sharedPool().allocate(size);
-        model->hold();
-    }
+void *ModelMemory::allocateShared(Model::Impl *model, std::size_t size) {
+    std::lock_guard const lock(sharedAllocation);
+    void *const block = model->sharedPool().allocate(size);
+    model->hold();
     return block;
 }
 
 #ifdef KIVRA_POOL_EACH_OBJECT
 
-// Under AddressSanitizer every object is a heap block of its own, so that a use after
-// free of an element is caught rather than hidden in a slab; a prefix names the pool.
+// A prefix names the pool of each object.
 namespace {
 constexpr std::size_t prefixSize = 16;
 }
@@ -48,7 +33,7 @@ std::size_t ElementPool::keptHeapBytes() noexcept { return 0; }
 
 void ElementPool::setKeptHeapBytes(std::size_t) noexcept {}
 
-void *ElementPool::allocate(std::size_t size) {
+void *ElementPool::allocateSlowly(std::size_t size) {
     auto *const bytes = static_cast<char *>(::operator new(prefixSize + size));
     *reinterpret_cast<ElementPool **>(bytes) = this;
     return bytes + prefixSize;
@@ -102,7 +87,7 @@ void *ElementPool::newSlab(std::size_t bytes) {
     return memory;
 }
 
-void *ElementPool::allocate(std::size_t size) {
+void *ElementPool::allocateSlowly(std::size_t size) {
     if (size > largestPooled)
         return allocateLarge(size);
     std::size_t const sizeClass = classOf(size);

@@ -8,6 +8,16 @@
 #include <cstdint>
 #include <utility>
 
+// Under AddressSanitizer every object is a heap block of its own, so that a use after free
+// of an element is caught rather than hidden in a slab.
+#if defined(__SANITIZE_ADDRESS__)
+#define KIVRA_POOL_EACH_OBJECT 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KIVRA_POOL_EACH_OBJECT 1
+#endif
+#endif
+
 namespace kivra::detail {
 
 /// Element objects of one model, carved from slabs that the model frees when its shell
@@ -37,8 +47,26 @@ public:
     ~ElementPool();
 
     /// A block of at least `size` bytes, aligned to 8: element classes hold nothing that asks
-    /// for more. Raises `std::bad_alloc`.
-    void *allocate(std::size_t size);
+    /// for more. Raises `std::bad_alloc`. The common way, a block of the writer's own list
+    /// or the next of the slab, is the caller's: every element and collection takes it.
+    void *allocate(std::size_t size) {
+#ifndef KIVRA_POOL_EACH_OBJECT
+        if (size <= largestPooled) {
+            std::size_t const sizeClass = classOf(size);
+            if (FreeBlock *const block = local_[sizeClass]) {
+                local_[sizeClass] = block->next;
+                return block;
+            }
+            std::size_t const bytes = (sizeClass + 1) * granule;
+            if (!returned_[sizeClass].load(std::memory_order_relaxed) && std::size_t(end_ - cursor_) >= bytes) {
+                void *const fresh = cursor_;
+                cursor_ += bytes;
+                return fresh;
+            }
+        }
+#endif
+        return allocateSlowly(size);
+    }
     /// Takes back a block of `size` bytes, from any thread; gives the model it belongs to.
     static Model::Impl *deallocate(void *block, std::size_t size) noexcept;
     /// Heap memory that pools which went keep for the next, for measurements: the heap's
@@ -87,6 +115,8 @@ private:
     }
     static std::size_t classOf(std::size_t size) noexcept { return (size + granule - 1) / granule - 1; }
     static void *newSlab(std::size_t bytes);
+    /// `allocate` for a large block, blocks given back by other threads, or a new slab.
+    void *allocateSlowly(std::size_t size);
     void *allocateLarge(std::size_t size);
     void *allocateFromNewSlab(std::size_t bytes);
     Slab *takeSlab();
@@ -145,6 +175,8 @@ private:
 class ModelMemory {
 public:
     static void *allocate(Model::Impl *model, std::size_t size);
+    /// `allocate` on a thread other than the writer's.
+    static void *allocateShared(Model::Impl *model, std::size_t size);
     /// Takes back a block of `allocate`, from any thread.
     static void giveBack(void *block, std::size_t size) noexcept {
         BulkHoldRelease::release(ElementPool::deallocate(block, size));

@@ -131,9 +131,15 @@ ModelSpec &ModelSpec::setConstellation(ModelConstellation const &constellation) 
 
 Model::Impl::~Impl() = default;
 
+namespace {
+[[gnu::noinline, gnu::cold]] void makePool(std::unique_ptr<detail::ElementPool> &pool, Model::Impl *model) {
+    pool = std::make_unique<detail::ElementPool>(model);
+}
+} // namespace
+
 detail::ElementPool &Model::Impl::elementPool() {
-    if (!pool_)
-        pool_ = std::make_unique<detail::ElementPool>(this);
+    if (!pool_) [[unlikely]]
+        makePool(pool_, this);
     return *pool_;
 }
 
@@ -154,6 +160,31 @@ bool Model::Impl::isWriterThread() const noexcept {
     // Only this thread ever stores its own token, so the answer is exact for it.
     return writer_.load(std::memory_order_relaxed) == &threadToken;
 }
+
+// Beside the writer's token and pool: the writer's way, which every element and collection
+// takes, is then one call.
+void *ModelElement::Impl::operator new(std::size_t size, Model const &model) {
+    if (!model)
+        raise<messages::CannotCreateWithoutModel>();
+    void *const block = model->elementPool().allocate(size);
+    // Elements are made by the model's writer, which holds without a locked instruction
+    // inside its transaction; outside one, `isWriterThread` is false.
+    if (model->isWriterThread())
+        model->holdAsWriter();
+    else
+        model->hold();
+    return block;
+}
+
+namespace detail {
+void *ModelMemory::allocate(Model::Impl *model, std::size_t size) {
+    if (!model->isWriterThread())
+        return allocateShared(model, size);
+    void *const block = model->elementPool().allocate(size);
+    model->holdAsWriter();
+    return block;
+}
+} // namespace detail
 
 void Model::Impl::retire() noexcept {
     // From here on handles of the shell count up and down from a value that never

@@ -62,19 +62,6 @@ void ModelElement::initializeType(meta::MetaRegistry &registry) {
 
 // The hold on the model is taken with the memory and given up with it: the pool lives in
 // the model, so the shell must outlast the return of the last block.
-void *ModelElement::Impl::operator new(std::size_t size, Model const &model) {
-    if (!model)
-        raise<messages::CannotCreateWithoutModel>();
-    void *const block = model->elementPool().allocate(size);
-    // Elements are made by the model's writer, which holds without a locked instruction
-    // inside its transaction; outside one, `isWriterThread` is false.
-    if (model->isWriterThread())
-        model->holdAsWriter();
-    else
-        model->hold();
-    return block;
-}
-
 void ModelElement::Impl::operator delete(void *block, Model const &) noexcept {
     detail::ElementPool::abandon(block)->releaseHold();
 }
