@@ -3,6 +3,7 @@
 #include "core/ElementPool.hpp"
 
 #include <bit>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -183,9 +184,11 @@ void ElementHashSet::growEntries(ModelElement::Impl *owner) {
             throw;
         }
     }
-    // Handles move without a count touched, so nothing here can throw or end an element.
-    std::uninitialized_move(entries_, entries_ + size_, grown);
-    std::destroy_n(entries_, size_);
+    // A handle is a pointer whose count goes with it: its bytes move, its count untouched, so
+    // nothing here can throw or end an element, and the old array holds nothing to destroy.
+    static_assert(sizeof(ModelElement) == sizeof(void *));
+    if (size_ != 0)
+        std::memcpy(static_cast<void *>(grown), static_cast<void const *>(entries_), size_ * sizeof(ModelElement));
     freeArray(std::exchange(entries_, grown), capacity_ * sizeof(ModelElement), entriesPooled_);
     entriesPooled_ = pooled;
     capacity_ = capacity;
