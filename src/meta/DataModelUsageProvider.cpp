@@ -7,6 +7,8 @@
 #include <kivra/meta/MetaRegistry.hpp>
 #include <kivra/meta/Package.hpp>
 
+#include <algorithm>
+
 namespace kivra::meta {
 
 std::vector<std::u16string> DataModelUsageProvider::getUsedPackageUris() const {
@@ -23,25 +25,27 @@ std::vector<Package> MetaRegistryUsageProvider::getUsedPackages() const {
 
 std::vector<Package> DefaultModelUsageProvider::getUsedPackages() const {
     std::vector<Package> used;
-    for (auto const &[package, uses] : counts_)
-        if (uses != 0)
-            used.push_back(package);
+    Class const &root = ModelElement::metaClass();
+    for (auto const &[metaClass, live] : counts_) {
+        if (live == 0)
+            continue;
+        for (Class cls = metaClass; cls.get() && cls != root; cls = cls->getSuperclass())
+            if (Package const package = cls->getOwningPackage();
+                package.get() && std::find(used.begin(), used.end(), package) == used.end())
+                used.push_back(package);
+    }
     return used;
 }
 
 void DefaultModelUsageProvider::count(ModelElement::Impl const *element, int delta) {
+    // One counter per class, found by the class's address in the common run of one class:
+    // creating an element costs an addition, and the packages are walked only when asked.
     Class const &metaClass = element->getMetaClass();
-    if (metaClass.get() != lastClass_ || !lastClass_) {
-        // The map's nodes stay where they are, so the counters of a class can be kept.
-        lastCounters_.clear();
-        Class const &root = ModelElement::metaClass();
-        for (Class cls = metaClass; cls.get() && cls != root; cls = cls->getSuperclass())
-            if (Package const package = cls->getOwningPackage(); package.get())
-                lastCounters_.push_back(&counts_[package]);
+    if (metaClass.get() != lastClass_ || !lastClass_) [[unlikely]] {
+        lastCounter_ = &counts_[metaClass];
         lastClass_ = metaClass.get();
     }
-    for (int *counter : lastCounters_)
-        *counter += delta;
+    *lastCounter_ += delta;
 }
 
 void DefaultModelUsageProvider::elementDestroying(ModelElement::Impl *element) { count(element, -1); }
@@ -64,7 +68,7 @@ void DefaultModelUsageProvider::elementCreated(ModelElement::Impl *element) {
 
 void DefaultModelUsageProvider::allElementsDestroyed() {
     lastClass_ = nullptr;
-    lastCounters_.clear();
+    lastCounter_ = nullptr;
     counts_.clear();
     if (content_ != ModelContent::DeclaredReified && content_ != ModelContent::DeclaredReflective)
         content_ = ModelContent::Undetermined;

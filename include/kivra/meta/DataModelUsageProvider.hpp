@@ -6,6 +6,7 @@
 #include <kivra/Model.hpp>
 #include <kivra/meta/Handles.hpp>
 
+#include <cstdint>
 #include <unordered_map>
 
 #include <string>
@@ -43,16 +44,17 @@ public:
     void allElementsDestroyed() override;
 
 private:
-    /// Adds `delta` to the count of each package along the element's class chain.
+    /// Adds `delta` to the count of the element's class.
     void count(ModelElement::Impl const *element, int delta);
 
-    struct PackageHash {
-        std::size_t operator()(Package const &package) const noexcept { return std::hash<ModelElement>()(package); }
+    struct ClassHash {
+        std::size_t operator()(Class const &cls) const noexcept { return std::hash<ModelElement>()(cls); }
     };
-    std::unordered_map<Package, int, PackageHash> counts_;
-    /// The counters of the last class counted: elements come in runs of one class.
+    /// Live elements by class; the packages along each class chain are found when asked.
+    std::unordered_map<Class, std::int64_t, ClassHash> counts_;
+    /// The counter of the last class counted: elements come in runs of one class.
     Class::Impl const *lastClass_ = nullptr;
-    std::vector<int *> lastCounters_;
+    std::int64_t *lastCounter_ = nullptr;
     ModelContent content_;
 };
 
