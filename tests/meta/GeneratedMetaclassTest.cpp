@@ -1,4 +1,5 @@
 #include <library/LibraryPackage.hpp>
+#include <library/Novel.hpp>
 
 #include <kivra/PrimitiveCollection.hpp>
 #include <kivra/meta/Class.hpp>
@@ -49,6 +50,30 @@ TEST(GeneratedMetaclass, ThePackageClosureFollowsImports) {
     model->setUsageProvider(std::move(uses));
     EXPECT_EQ(model->getDescriptivePackageURIClosure(),
               (std::set<std::u16string>{u"urn:importer", u"urn:plain", std::u16string(library)}));
+}
+
+// A model uses the packages along the classes of its live elements, each package once, and
+// no longer one whose elements are all gone.
+TEST(GeneratedMetaclass, AModelUsesThePackagesOfItsLiveElements) {
+    using test::library::Novel;
+    Model model = Model::createTransientModel();
+    auto const uris = [&] {
+        std::multiset<std::u16string> found;
+        for (Package const &package : model->getUsedPackages())
+            found.insert(std::u16string(package->getUri()));
+        return found;
+    };
+    std::u16string const library(test::library::LibraryPackage::getInstance().getPackage()->getUri());
+    Novel const first = Novel::create(model);
+    Novel const second = Novel::create(model);
+    Package const described = Package::create(model);
+    std::u16string const meta(described->getMetaClass()->getOwningPackage()->getUri());
+    ASSERT_NE(meta, library);
+    EXPECT_EQ(uris(), (std::multiset<std::u16string>{library, meta}));
+    first->destroy();
+    EXPECT_EQ(uris(), (std::multiset<std::u16string>{library, meta}));
+    second->destroy();
+    EXPECT_EQ(uris(), (std::multiset<std::u16string>{meta}));
 }
 
 } // namespace
