@@ -229,6 +229,12 @@ void *allocateZeroed(std::size_t bytes) {
     return block;
 }
 
-void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept { giveBlock(block, bytes, unwritten); }
+void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept {
+    // Only the bytes asked for were cleared: past them, up to the size the block is kept
+    // with, lies what its owner before wrote, which the next taker of the whole would read
+    // as zero.
+    std::size_t const whole = bytes >= hugePageSize ? roundUp(bytes, hugePageSize) : heapBlockSize(bytes);
+    giveBlock(block, bytes, unwritten && whole == bytes);
+}
 
 } // namespace kivra::detail
