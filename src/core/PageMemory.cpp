@@ -161,7 +161,8 @@ bool keptOnHeap(std::size_t bytes) noexcept { return bytes >= smallestKeptBlock 
 
 /// The size a heap block of `bytes` is taken with: one of eight steps between two powers of
 /// two, so that arrays that grow by any factor meet the sizes that others gave back, for at
-/// most an eighth more than they asked.
+/// most an eighth more than they asked. No step is finer than `smallestKeptBlock`: below
+/// 32 KiB a block may take up to that much more.
 std::size_t heapBlockSize(std::size_t bytes) noexcept {
     if (!keptOnHeap(bytes))
         return bytes;
