@@ -161,7 +161,8 @@ bool keptOnHeap(std::size_t bytes) noexcept { return bytes >= smallestKeptBlock 
 
 /// The size a heap block of `bytes` is taken with: one of eight steps between two powers of
 /// two, so that arrays that grow by any factor meet the sizes that others gave back, for at
-/// most an eighth more than they asked.
+/// most an eighth more than they asked. No step is finer than `smallestKeptBlock`: below
+/// 32 KiB a block may take up to that much more.
 std::size_t heapBlockSize(std::size_t bytes) noexcept {
     if (!keptOnHeap(bytes))
         return bytes;
@@ -229,6 +230,12 @@ void *allocateZeroed(std::size_t bytes) {
     return block;
 }
 
-void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept { giveBlock(block, bytes, unwritten); }
+void freeZeroed(void *block, std::size_t bytes, bool unwritten) noexcept {
+    // Only the bytes asked for were cleared: past them, up to the size the block is kept
+    // with, lies what its owner before wrote, which the next taker of the whole would read
+    // as zero.
+    std::size_t const whole = bytes >= hugePageSize ? roundUp(bytes, hugePageSize) : heapBlockSize(bytes);
+    giveBlock(block, bytes, unwritten && whole == bytes);
+}
 
 } // namespace kivra::detail

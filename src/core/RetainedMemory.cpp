@@ -24,10 +24,17 @@ void setRetainedMemoryLimit(std::size_t bytes) noexcept {
     std::lock_guard const lock(setting);
     std::size_t const slabs = std::min(bytes, slabShare);
     std::size_t const blocks = std::min(bytes - slabs, blockShare);
+    // While the stocks move from the old bound to the new, a reader is told the higher of the
+    // two, so that what they keep never exceeds it: a raised bound is told before they may
+    // fill to it, a lowered one once they are within it.
+    bool const raising = bytes > retainedLimit.load(std::memory_order_relaxed);
+    if (raising)
+        retainedLimit.store(bytes, std::memory_order_relaxed);
     detail::ElementPool::setKeptHeapBytes(slabs);
     detail::setKeptBlockBytes(blocks);
     detail::setKeptPageBytes(bytes - slabs - blocks);
-    retainedLimit.store(bytes, std::memory_order_relaxed);
+    if (!raising)
+        retainedLimit.store(bytes, std::memory_order_relaxed);
 }
 
 std::size_t getRetainedMemoryLimit() noexcept { return retainedLimit.load(std::memory_order_relaxed); }

@@ -237,6 +237,29 @@ TEST(RetainedMemory, AHeapBlockGivenBackServesTheNextTakerOfItsStep) {
     setRetainedMemoryLimit(start);
 }
 
+// A zeroed block is cleared as far as its taker asked, but kept whole: what lies past that
+// was someone else's, and an unwritten block must not pass it on as clear to a taker of the
+// whole. Heap blocks are rounded to a step, huge ones to a page.
+TEST(RetainedMemory, AZeroedBlockComesBackClearPastTheSizeItWasAskedWith) {
+    std::size_t const start = getRetainedMemoryLimit();
+    setRetainedMemoryLimit(0);
+    setRetainedMemoryLimit(std::size_t(64) << 20);
+    for (std::size_t const whole : {std::size_t(8192), 2 * detail::hugePageSize}) {
+        std::size_t const asked = whole - whole / 4;
+        auto *const dirty = static_cast<unsigned char *>(detail::takeBlock(whole));
+        std::fill_n(dirty, whole, 0xA5);
+        detail::giveBlock(dirty, whole);
+        void *const zeroed = detail::allocateZeroed(asked);
+        ASSERT_EQ(zeroed, dirty);
+        detail::freeZeroed(zeroed, asked, /*unwritten=*/true);
+        auto *const again = static_cast<unsigned char *>(detail::allocateZeroed(whole));
+        ASSERT_EQ(again, dirty);
+        EXPECT_EQ(std::count(again, again + whole, 0), std::ptrdiff_t(whole)) << whole;
+        detail::freeZeroed(again, whole);
+    }
+    setRetainedMemoryLimit(start);
+}
+
 #if defined(__SANITIZE_ADDRESS__)
 // Under AddressSanitizer a block in the stock is no one's: its last owner's use is caught.
 TEST(RetainedMemoryDeathTest, AHeapBlockInTheStockIsNoOnesToWrite) {
