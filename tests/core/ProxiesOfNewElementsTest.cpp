@@ -197,6 +197,21 @@ TEST(ProxiesOfNewElements, AReferenceIntoAnotherModelGetsItsProxyBackOnRollBack)
     EXPECT_EQ(reader->getSequel(), sequel);
     EXPECT_EQ(storedIn(reader, Book::Impl::sequelProperty()), sequel);
     EXPECT_TRUE(shelf->getRecommended().contains(sequel));
+
+    // Destroyed by a transaction that rolls back, the element reads as none meanwhile and
+    // is still held when it comes back.
+    {
+        Transaction transaction = b->beginRevertibleTransaction();
+        sequel->destroy();
+        EXPECT_FALSE(reader->getSequel().get());
+        transaction.rollBack();
+    }
+    EXPECT_EQ(reader->getSequel(), sequel);
+    Transaction destruction = b->beginRevertibleTransaction();
+    sequel->destroy();
+    destruction.commit();
+    EXPECT_FALSE(reader->getSequel().get());
+    EXPECT_FALSE(storedIn(reader, Book::Impl::sequelProperty()).get());
 }
 
 } // namespace

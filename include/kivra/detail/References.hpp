@@ -26,9 +26,10 @@ inline bool mayStoreResolution(ModelElement::Impl const &holder, ModelElement::I
 
 /// Reads a reference member: a proxy that resolves is replaced in place by its element,
 /// with no transaction and no notice; a destroyed element of another model reads as no
-/// reference at all, and the member lets go of it. In a frozen model the member stays as
-/// it is and only the answer changes, so that readers on several threads never write; so
-/// it does while the element is new in a transaction that may yet roll back.
+/// reference at all, and the member lets go of it once no roll-back can bring it back. In
+/// a frozen model the member stays as it is and only the answer changes, so that readers
+/// on several threads never write; so it does while the element is new in a transaction
+/// that may yet roll back.
 /// A plain reference costs a null, a validity and a pointer test.
 /// Resolving may load the model that the proxy names; while a shallow group runs that
 /// model cannot join it, and the read raises `CannotJoinShallowTransaction` with the
@@ -50,7 +51,9 @@ template <class H> H readReference(ModelElement::Impl const &holder, H &member) 
         return member;
     }
     if (target->getModelImpl() != holder.getModelImpl()) {
-        if (!mayStoreOnRead(holder))
+        // Destroyed by a transaction still running, the element may come back: the member
+        // keeps it until the transaction ends.
+        if (!mayStoreOnRead(holder) || target->isDestroyedInTransaction())
             return H();
         member.reset();
     }
