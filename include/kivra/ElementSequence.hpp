@@ -81,8 +81,9 @@ public:
     /// Replaces the entry at `index`, telling the new far end first, then the old one.
     virtual void replaceElement(std::size_t index, ModelElement const &element);
 
-    /// The entry at `index`, resolved in place first when it is a proxy (in a frozen model
-    /// for the answer alone); an unresolved proxy comes back as the proxy.
+    /// The entry at `index`, resolved in place first when it is a proxy (in a frozen model,
+    /// or to an element new in a transaction, for the answer alone); an unresolved proxy
+    /// comes back as the proxy.
     ModelElement resolveAtIndex(std::size_t index) const;
     /// The entry at `index` as it is stored.
     ModelElement const &rawAt(std::size_t index) const noexcept { return entries_[index]; }
@@ -149,7 +150,11 @@ private:
     };
 
     /// Tries to resolve the proxy at `index`; true when the entry is no proxy afterwards.
-    bool resolveInplace(std::size_t index) const;
+    /// An element new in a transaction takes the proxy's place only once the change that
+    /// needs it is `recorded`, so that a roll-back finds the proxy again.
+    bool resolveInplace(std::size_t index, bool recorded = false) const;
+    /// Whether the entry at `index` is `element`, or a proxy that reads as it.
+    bool readsAs(std::size_t index, ModelElement const &element) const;
     /// The element the proxy at `index` stands for when it may take its place; else null.
     ModelElement resolutionOf(std::size_t index) const;
     bool holds(ModelElement::Impl const *element) const;

@@ -78,6 +78,12 @@ public:
     /// True when the element has no container.
     bool isTopLevel() const noexcept { return containment_ == 0; }
     bool isProxy() const noexcept { return (marks_ & ProxyMark) != 0; }
+    /// True while the transaction that created the element runs: its roll-back would take
+    /// the element away again.
+    bool isNewInTransaction() const noexcept { return (marks_ & CreatedHereMark) != 0; }
+    /// True while the transaction that destroyed the element runs: its roll-back would
+    /// bring the element back.
+    bool isDestroyedInTransaction() const noexcept { return (marks_ & DestroyedHereMark) != 0; }
     /// True when `other` is not null and in the same model.
     bool isSameModel(Impl const *other) const noexcept { return other && other->model_ == model_; }
     /// The containing element, as a counted handle; null when top level or destroyed.

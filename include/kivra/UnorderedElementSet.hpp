@@ -22,7 +22,8 @@ class ProxyTable;
 /// The base of every collection that cannot hold a proxy in place (a proxy has no key,
 /// and its hash is not that of the element it stands for): unresolved proxies wait in a
 /// side table under their `ProxyId`, made when the first one arrives, invisible to the
-/// size and to iteration. Resolving moves them into the container.
+/// size and to iteration. Resolving moves them into the container, but not while the
+/// element is new in a transaction that may yet roll back.
 class ReferenceCollectionWithProxies : public ReferenceCollection {
 public:
     ~ReferenceCollectionWithProxies() override;

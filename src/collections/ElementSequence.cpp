@@ -158,16 +158,21 @@ ModelElement ElementSequenceBase::resolutionOf(std::size_t index) const {
     return resolved;
 }
 
-bool ElementSequenceBase::resolveInplace(std::size_t index) const {
+bool ElementSequenceBase::resolveInplace(std::size_t index, bool recorded) const {
     ModelElement &entry = entries_[index];
     if (!isProxy(entry))
         return true;
     ModelElement resolved = resolutionOf(index);
-    if (!resolved.get())
+    if (!resolved.get() || (!recorded && resolved->isNewInTransaction()))
         return false;
     entry = std::move(resolved);
     const_cast<ElementSequenceBase *>(this)->noteAdded(entry.get());
     return true;
+}
+
+bool ElementSequenceBase::readsAs(std::size_t index, ModelElement const &element) const {
+    ModelElement const &entry = entries_[index];
+    return entry == element || (isProxy(entry) && resolveAtIndex(index) == element);
 }
 
 ModelElement ElementSequenceBase::resolveAtIndex(std::size_t index) const {
@@ -176,12 +181,17 @@ ModelElement ElementSequenceBase::resolveAtIndex(std::size_t index) const {
         return entry;
     // Readers of a frozen model, on several threads at once, store nothing: each gets the
     // element, and the entry stays the proxy until the thaw, as a single reference's does.
-    if (owner_ && !detail::mayStoreOnRead(*owner_)) {
-        ModelElement resolved = resolutionOf(index);
-        return resolved.get() ? resolved : entry;
-    }
-    resolveInplace(index);
-    return entries_[index];
+    // An element new in a transaction is an answer alone until the transaction ends.
+    if (!owner_)
+        return entry;
+    ModelElement resolved = resolutionOf(index);
+    if (!resolved.get())
+        return entry;
+    if (!detail::mayStoreResolution(*owner_, *resolved.get()))
+        return resolved;
+    entries_[index] = resolved;
+    const_cast<ElementSequenceBase *>(this)->noteAdded(resolved.get());
+    return resolved;
 }
 
 void ElementSequenceBase::resolveAll() {
@@ -359,7 +369,7 @@ std::size_t ElementSequenceBase::insert(std::size_t position, ModelElement const
 
 void ElementSequenceBase::dissociateAt(std::size_t index) {
     if (hasFarEnd())
-        resolveInplace(index);
+        resolveInplace(index, /*recorded=*/true);
     dissociate(entries_[index].get());
 }
 
@@ -367,7 +377,7 @@ std::size_t ElementSequenceBase::erase(std::size_t position) {
     Operation operation(*this);
     modifying();
     if (hasFarEnd() || filter_ || index_)
-        resolveInplace(position);
+        resolveInplace(position, /*recorded=*/true);
     ModelElement const entry = entries_[position];
     dissociate(entry.get());
     // The far end reaches back only through the store-only level; should it have taken
@@ -412,13 +422,13 @@ void ElementSequenceBase::erase(std::size_t first, std::size_t last) {
 void ElementSequenceBase::erase(ModelElement const &element) {
     if (!element.get())
         return;
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        resolveInplace(i);
-        if (entries_[i] == element) {
+    // Compared by what each entry reads as: the erase stores a proxy's element only once
+    // the change is recorded.
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+        if (readsAs(i, element)) {
             erase(i);
             return;
         }
-    }
 }
 
 void ElementSequenceBase::swap(std::size_t a, std::size_t b) {
@@ -471,8 +481,7 @@ void ElementSequenceBase::doResize(std::size_t n, ModelElement::Builder *builder
 }
 
 void ElementSequenceBase::assignAt(std::size_t index, ModelElement const &element) {
-    resolveInplace(index);
-    if (entries_[index] == element)
+    if (resolveAtIndex(index) == element)
         return;
     if (!element.get())
         raise<messages::CannotAddNonExistentObject>();
@@ -487,7 +496,7 @@ void ElementSequenceBase::replaceElement(std::size_t index, ModelElement const &
     checkCompatibleModel(element.get());
     Operation operation(*this);
     modifying();
-    resolveInplace(index);
+    resolveInplace(index, /*recorded=*/true);
     ModelElement const old = entries_[index];
     // The new far end is told first, then the old one.
     if (opposite_) {
@@ -524,8 +533,7 @@ void ElementSequenceBase::basicAdd(ModelElement const &element) {
 
 void ElementSequenceBase::basicRemove(ModelElement const &element) {
     for (std::size_t i = 0; i < entries_.size(); ++i) {
-        resolveInplace(i);
-        if (entries_[i] != element)
+        if (!readsAs(i, element))
             continue;
         Operation operation(*this);
         modifying();

@@ -143,7 +143,10 @@ void ReferenceCollectionWithProxies::resolveAll() {
     auto &entries = unresolved_->entries();
     for (auto at = entries.begin(); at != entries.end();) {
         ModelElement const resolved = resolveProxy(at->second);
-        bool const accepted = resolved.get() && !resolved->isProxy() &&
+        // An element new in a transaction leaves the proxy where it is: a roll-back would
+        // take the element away with nothing to bring the proxy back. Like any proxy that
+        // has not resolved, it stays out of the size and the iteration till the commit.
+        bool const accepted = resolved.get() && !resolved->isProxy() && !resolved->isNewInTransaction() &&
                               (!opposite_ || owner_->_inverseContainsThis(resolved.get(), getOpposite()));
         if (accepted && resolveAdd(resolved))
             at = unresolved_->erase(at);
@@ -162,7 +165,7 @@ void ReferenceCollectionWithProxies::resolveLocal() {
             continue;
         }
         ModelElement const resolved = resolveProxy(at->second);
-        if (resolved.get() && !resolved->isProxy() && resolveAdd(resolved))
+        if (resolved.get() && !resolved->isProxy() && !resolved->isNewInTransaction() && resolveAdd(resolved))
             at = unresolved_->erase(at);
         else
             ++at;

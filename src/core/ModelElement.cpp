@@ -399,8 +399,10 @@ bool holdsWithoutStoring(ModelElement::Impl &far, meta::Property const &property
 
 bool ModelElement::Impl::_inverseContainsThis(Impl *target, meta::Property const &property) {
     // Readers of a frozen model, on several threads at once, store nothing: they resolve a
-    // proxy whose far end may hold a proxy too, which its own answer would replace.
-    if (!detail::mayStoreOnRead(*target))
+    // proxy whose far end may hold a proxy too, which its own answer would replace. Nor
+    // does the far end keep this element while it is new in a transaction: a roll-back
+    // would leave it there dead, in place of the proxy.
+    if (!detail::mayStoreOnRead(*target) || isNewInTransaction())
         return holdsWithoutStoring(*target, property, this);
     return target->inverseContainsProxyTo(UncountedSelf(this), property);
 }

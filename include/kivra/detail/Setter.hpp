@@ -55,16 +55,18 @@ template <class H>
 void setReference(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
                   std::uint64_t index) {
     element.checkModifiable();
-    if (readReference(element, member) == value)
+    // A proxy may read as an element it does not hold yet: that element's far end lets go.
+    H const present = readReference(element, member);
+    if (present == value)
         return;
     element.checkCompatibleModel(value.get(), property);
     meta::Property const opposite = property ? property->getOpposite() : meta::Property();
     if (opposite && value.get() && !value->isProxy())
         checkKeyFree(element, *value.get(), opposite);
     auto transaction = element.beginModification(index);
-    H const old = std::exchange(member, value);
+    member = value;
     if (opposite) {
-        element._inverseRemoveThis(old.get(), opposite);
+        element._inverseRemoveThis(present.get(), opposite);
         element._inverseAddThis(value.get(), opposite, /*force=*/false);
     }
     transaction.commit();
@@ -78,7 +80,8 @@ template <class H>
 void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::Property const &property,
                   std::uint64_t index) {
     element.checkModifiable();
-    if (readReference(element, member) == value)
+    H const present = readReference(element, member);
+    if (present == value)
         return;
     if (value.get() && !value->isValid())
         raise<messages::InvalidValue>();
@@ -91,9 +94,9 @@ void setComposite(ModelElement::Impl &element, H &member, H const &value, meta::
     auto transaction = element.beginModification(index);
     if (value.get())
         element._setContainedByThis(value.get(), property);
-    H const old = std::exchange(member, value);
-    if (old.get() && old->containerImpl() == &element)
-        element._basicSetUncontained(old.get());
+    member = value;
+    if (present.get() && present->containerImpl() == &element)
+        element._basicSetUncontained(present.get());
     transaction.commit();
 }
 
