@@ -1,7 +1,6 @@
 #include "core/ElementTable.hpp"
 #include "core/PageMemory.hpp"
 
-
 #include <limits>
 #include <mutex>
 #include <new>
@@ -9,17 +8,8 @@
 
 namespace kivra::detail {
 
-namespace {
-
-// Segments come from the process's stock of blocks given back, as the index does: a large
-// model then neither faults in fresh pages for its list nor hands them to the system when it
-// goes.
-void *takeSegment(std::size_t bytes) { return takeBlock(bytes); }
-
-void giveSegment(void *segment, std::size_t bytes) noexcept { giveBlock(segment, bytes); }
-
-} // namespace
-
+// Segments, as the index, come from the process's stock of blocks given back: a large model
+// then neither faults in fresh pages for its list nor hands them to the system when it goes.
 void ElementSet::addSegment() {
     std::size_t const s = segmentOf(end_);
     if (s == segments_.size()) {
@@ -27,7 +17,7 @@ void ElementSet::addSegment() {
         if (end_ >= std::numeric_limits<std::uint32_t>::max() - segmentLength(s))
             throw std::bad_alloc();
         segments_.reserve(s + 1);
-        segments_.push_back(static_cast<Element **>(takeSegment(segmentLength(s) * sizeof(Element *))));
+        segments_.push_back(static_cast<Element **>(takeBlock(segmentLength(s) * sizeof(Element *))));
     }
     findTail();
 }
@@ -37,7 +27,7 @@ void ElementSet::findHashTail() {
     if (hashSegments_.size() <= s)
         hashSegments_.resize(s + 1);
     if (!hashSegments_[s]) {
-        hashSegments_[s] = static_cast<std::size_t *>(takeSegment(segmentLength(s) * sizeof(std::size_t)));
+        hashSegments_[s] = static_cast<std::size_t *>(takeBlock(segmentLength(s) * sizeof(std::size_t)));
     }
     hashTail_ = hashSegments_[s] + offsetOf(end_);
     hashRoom_ = tailRoom_;
@@ -46,7 +36,7 @@ void ElementSet::findHashTail() {
 void ElementSet::dropHashes() noexcept {
     for (std::size_t s = 0; s < hashSegments_.size(); ++s)
         if (hashSegments_[s])
-            giveSegment(hashSegments_[s], segmentLength(s) * sizeof(std::size_t));
+            giveBlock(hashSegments_[s], segmentLength(s) * sizeof(std::size_t));
     hashSegments_.clear();
     hashTail_ = nullptr;
     hashRoom_ = noRoom;
@@ -240,7 +230,7 @@ void ElementSet::closeUp() noexcept {
     holes_ = 0;
     // Segments past the end hold nothing: what a model no longer needs goes back.
     while (!segments_.empty() && segmentOf(end_) < segments_.size() - 1) {
-        giveSegment(segments_.back(), segmentLength(segments_.size() - 1) * sizeof(Element *));
+        giveBlock(segments_.back(), segmentLength(segments_.size() - 1) * sizeof(Element *));
         segments_.pop_back();
     }
     findTail();
@@ -296,7 +286,7 @@ void ElementSet::releaseIndex() noexcept {
 void ElementSet::clear() noexcept {
     releaseIndex();
     for (std::size_t s = 0; s < segments_.size(); ++s)
-        giveSegment(segments_[s], segmentLength(s) * sizeof(Element *));
+        giveBlock(segments_[s], segmentLength(s) * sizeof(Element *));
     std::vector<Element **>().swap(segments_);
     end_ = holes_ = 0;
     tail_ = nullptr;

@@ -215,35 +215,21 @@ TEST(RetainedMemory, ATableThatWasWrittenComesBackClearedToTheNextTaker) {
     setRetainedMemoryLimit(start);
 }
 
-// Growing arrays ask for sizes of their own (a list grows by half); the stock serves any size
-// of the same step with the block given back last, and a zeroed one comes back cleared.
-TEST(RetainedMemory, AHeapBlockGivenBackServesTheNextTakerOfItsStep) {
+// Growing arrays ask for sizes of their own (a list grows by half): the stock serves any size
+// of the same step with the block given back last. A zeroed block is cleared as far as its
+// taker asked, but kept whole: what lies past that was someone else's, and an unwritten
+// block must not pass it on as clear to a taker of the whole. Heap blocks are rounded to a
+// step, huge ones to a page.
+TEST(RetainedMemory, AGivenBackBlockServesItsStepAndComesBackClearWhenZeroed) {
     std::size_t const start = getRetainedMemoryLimit();
     setRetainedMemoryLimit(0);
     setRetainedMemoryLimit(std::size_t(64) << 20);
-    auto *const block = static_cast<unsigned char *>(detail::takeBlock(100'000));
-    std::fill_n(block, 100'000, 0xA5);
+    void *const block = detail::takeBlock(100'000);
     detail::giveBlock(block, 100'000);
     EXPECT_GE(getRetainedMemory(), 100'000u);
     void *const again = detail::takeBlock(99'000);
     EXPECT_EQ(again, block);
     detail::giveBlock(again, 99'000);
-    auto *const zeroed = static_cast<unsigned char *>(detail::allocateZeroed(100'100));
-    EXPECT_EQ(zeroed, block);
-    EXPECT_EQ(std::count(zeroed, zeroed + 100'100, 0), 100'100);
-    detail::freeZeroed(zeroed, 100'100);
-    setRetainedMemoryLimit(0);
-    EXPECT_EQ(getRetainedMemory(), 0u);
-    setRetainedMemoryLimit(start);
-}
-
-// A zeroed block is cleared as far as its taker asked, but kept whole: what lies past that
-// was someone else's, and an unwritten block must not pass it on as clear to a taker of the
-// whole. Heap blocks are rounded to a step, huge ones to a page.
-TEST(RetainedMemory, AZeroedBlockComesBackClearPastTheSizeItWasAskedWith) {
-    std::size_t const start = getRetainedMemoryLimit();
-    setRetainedMemoryLimit(0);
-    setRetainedMemoryLimit(std::size_t(64) << 20);
     for (std::size_t const whole : {std::size_t(8192), 2 * detail::hugePageSize}) {
         std::size_t const asked = whole - whole / 4;
         auto *const dirty = static_cast<unsigned char *>(detail::takeBlock(whole));
@@ -252,11 +238,13 @@ TEST(RetainedMemory, AZeroedBlockComesBackClearPastTheSizeItWasAskedWith) {
         void *const zeroed = detail::allocateZeroed(asked);
         ASSERT_EQ(zeroed, dirty);
         detail::freeZeroed(zeroed, asked, /*unwritten=*/true);
-        auto *const again = static_cast<unsigned char *>(detail::allocateZeroed(whole));
-        ASSERT_EQ(again, dirty);
-        EXPECT_EQ(std::count(again, again + whole, 0), std::ptrdiff_t(whole)) << whole;
-        detail::freeZeroed(again, whole);
+        auto *const clear = static_cast<unsigned char *>(detail::allocateZeroed(whole));
+        ASSERT_EQ(clear, dirty);
+        EXPECT_EQ(std::count(clear, clear + whole, 0), std::ptrdiff_t(whole)) << whole;
+        detail::freeZeroed(clear, whole);
     }
+    setRetainedMemoryLimit(0);
+    EXPECT_EQ(getRetainedMemory(), 0u);
     setRetainedMemoryLimit(start);
 }
 
