@@ -120,6 +120,7 @@ public:
 protected:
     friend class ModelElement::Impl;
     friend class SubsettedElementSetBase;
+    friend class ElementSequenceBase;
 
     ReferenceCollection(ModelElement::Impl *owner, meta::Property::Impl *property, meta::Property::Impl *opposite,
                         GenericCollectionInterface *genericInterface)
@@ -128,6 +129,9 @@ protected:
     /// Resolves the proxies whose id names no other model.
     virtual void resolveLocal() = 0;
     virtual void basicAdd(ModelElement const &element) = 0;
+    /// As `basicAdd`, for a live element of the owner's model in a change that the caller
+    /// found to keep and tell nothing: a set then skips asking again.
+    virtual void basicAddQuietly(ModelElement const &element) { basicAdd(element); }
     /// As `basicAdd`; collections that keep proxies aside send them there.
     virtual void basicAddWithProxy(ModelElement const &element) { basicAdd(element); }
     virtual void basicRemove(ModelElement const &element) = 0;

@@ -104,6 +104,7 @@ protected:
                    EntryClass entryClass);
 
     void basicAdd(ModelElement const &element) override;
+    void basicAddQuietly(ModelElement const &element) override;
     void basicRemove(ModelElement const &element) override;
     void basicAssign(std::vector<ModelElement> const &elements) override;
     void basicClear() override;

@@ -338,7 +338,7 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
             noteAdded(impl);
         detail::QuietChange const quiet(owner_->getModelImpl());
         if (far)
-            ModelElement::Impl::_basicAdd(const_cast<ReferenceCollection &>(*far), detail::Uncounted<ModelElement>(owner_));
+            const_cast<ReferenceCollection *>(far)->basicAddQuietly(detail::Uncounted<ModelElement>(owner_));
         else
             associate(impl);
         return;

@@ -311,6 +311,8 @@ void ElementSetBase::basicAdd(ModelElement const &element) {
     operation.commit();
 }
 
+void ElementSetBase::basicAddQuietly(ModelElement const &element) { entries_.insert(element, owner_); }
+
 void ElementSetBase::basicRemove(ModelElement const &element) {
     if (element.get() && element->isProxy()) {
         removeProxy(element);
