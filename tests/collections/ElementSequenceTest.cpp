@@ -408,6 +408,35 @@ TEST_F(ElementSequenceTest, AMutationOutsideATransactionIsOneOfItsOwn) {
     removeListener(model, veto);
 }
 
+// A destroyed element takes no change through a collection that its user still holds: an
+// entry there would be out of its far end's view, and a child of a dead container neither
+// contained nor top level.
+TEST_F(ElementSequenceTest, ACollectionOfADestroyedElementTakesNoChange) {
+    Shelf shelf = Shelf::create(model);
+    Author author = Author::create(model);
+    Book child = Book::create(model);
+    Book book = Book::create(model);
+    book->setTitle(u"k");
+    Transaction transaction = model->beginRevertibleTransaction();
+    auto &children = shelf->getBooksMutable();
+    auto &catalogue = shelf->getCatalogueMutable();
+    auto &books = author->getBooksMutable();
+    auto &coauthored = author->getCoauthoredMutable();
+    shelf->destroy();
+    author->destroy();
+    EXPECT_THROW(children.push_back(child), Error<messages::InvalidValue>);
+    EXPECT_THROW(catalogue.insert(book), Error<messages::InvalidValue>);
+    EXPECT_THROW(books.push_back(book), Error<messages::InvalidValue>);
+    EXPECT_THROW(coauthored.insert(book), Error<messages::InvalidValue>);
+    EXPECT_TRUE(children.empty() && catalogue.empty() && books.empty() && coauthored.empty());
+    EXPECT_TRUE(child->isTopLevel());
+    EXPECT_FALSE(book->getCatalogued() || book->getWriter());
+    EXPECT_TRUE(book->getCoauthors().empty());
+    transaction.commit();
+    auto const topLevel = model->getTopLevelElements();
+    EXPECT_NE(std::find(topLevel.begin(), topLevel.end(), child), topLevel.end());
+}
+
 // A roll-back gives back each kind of reference collection exactly: a list's order and its
 // proxies in place, a set's and a map's proxies in their side tables, a map's keys, the far
 // ends, and the index a long unique list keeps.
