@@ -51,7 +51,13 @@ void AbstractOwnedCollection::operator delete(AbstractOwnedCollection *collectio
 ModelElement AbstractOwnedCollection::getOwner() const { return ModelElement::fromImpl(owner_); }
 
 void AbstractOwnedCollection::modifying() {
-    if (!owner_ || !property_ || detail::QuietChange::covers(owner_->getModelImpl()))
+    if (!owner_)
+        return;
+    // A tombstone's collections stay readable while the transaction that destroyed it
+    // runs, but take no change: its far ends and children have let go of it already.
+    if (!owner_->isValid()) [[unlikely]]
+        owner_->checkModifiable();
+    if (!property_ || detail::QuietChange::covers(owner_->getModelImpl()))
         return;
     // Extensions, whose collections have no index of their own, are announced by name once
     // they exist; until then a property without index records nothing.
