@@ -93,9 +93,14 @@ void ReferenceCollection::checkCompatibleModel(ModelElement::Impl const *element
     if (element && !element->isValid() && isComposite())
         raise<messages::InvalidValue>();
     owner_->checkCompatibleModel(element, property_);
-    // A child may not contain its new container.
-    if (element && element->isValidNonProxy() && isComposite())
+    if (element && element->isValidNonProxy() && isComposite()) {
+        // A child never changes model by joining a container. Its container would refuse it
+        // only after the entry is stored, which a shallow transaction cannot take back.
+        if (element->getModelImpl() != owner_->getModelImpl())
+            raise<messages::CannotChangeModel>();
+        // A child may not contain its new container.
         element->checkCircularContainment(owner_);
+    }
 }
 
 ModelElement ReferenceCollection::resolveProxy(ModelElement const &proxy) const {
