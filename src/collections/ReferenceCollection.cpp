@@ -232,11 +232,16 @@ void assignCollection(ReferenceCollection &collection, Value const &value) {
         return;
     std::vector<Value> const entries = value.extractEntryValues();
     GenericCollectionInterface &view = *collection.getGenericInterface();
-    AbstractOwnedCollection::Operation operation(collection);
+    // An entry may still be refused after the old ones have gone: with no transaction open,
+    // the assignment takes one that keeps old values, so that a refusal puts them back.
+    ModelElement::Impl *const owner = collection.getOwnerImpl();
+    Transaction own;
+    if (owner && !owner->getModelImpl()->currentTransaction())
+        own = owner->getModelImpl()->beginTransaction(/*revertible=*/true);
     view.genericClear();
     for (Value const &entry : entries)
         view.genericAdd(entry.getElement());
-    operation.commit();
+    own.commit();
 }
 
 void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection, std::uint64_t index,
