@@ -136,6 +136,11 @@ TEST_F(UnorderedElementSetTest, ErasingWhileWalkingMeetsEveryEntry) {
             EXPECT_TRUE(set.contains(book) && book->getCoauthors().contains(author)) << count;
         for (Book const &book : dropped)
             EXPECT_FALSE(set.contains(book) || book->getCoauthors().contains(author)) << count;
+        // The rest go as a range of the typed iterators, with their far ends.
+        set.erase(std::next(set.begin()), set.end());
+        ASSERT_EQ(set.size(), 1u);
+        for (Book const &book : kept)
+            EXPECT_EQ(book->getCoauthors().contains(author), set.contains(book)) << count;
     }
 }
 
