@@ -189,6 +189,7 @@ public:
     using ElementSetBase::erase;
     using ElementSetBase::insert;
     iterator erase(iterator position) { return iterator(ElementSetBase::erase(position.base())); }
+    void erase(iterator first, iterator last) { ElementSetBase::erase(first.base(), last.base()); }
 };
 
 } // namespace kivra
