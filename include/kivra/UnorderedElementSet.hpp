@@ -81,7 +81,8 @@ public:
     /// Adds with association. An empty handle gives (end, false); a proxy goes to the side
     /// table and gives (end, false); a present element gives its position and false.
     std::pair<const_iterator, bool> insert(ModelElement const &element);
-    /// Removes with association.
+    /// Removes with association; gives the position of the entry to walk next, so that a
+    /// loop that erases as it goes meets every entry.
     const_iterator erase(const_iterator position);
     void erase(const_iterator first, const_iterator last);
     /// Removes with association; a proxy leaves the side table; an absent element is no error.
@@ -188,6 +189,7 @@ public:
     using ElementSetBase::erase;
     using ElementSetBase::insert;
     iterator erase(iterator position) { return iterator(ElementSetBase::erase(position.base())); }
+    void erase(iterator first, iterator last) { ElementSetBase::erase(first.base(), last.base()); }
 };
 
 } // namespace kivra

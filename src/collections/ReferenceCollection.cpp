@@ -51,7 +51,13 @@ void AbstractOwnedCollection::operator delete(AbstractOwnedCollection *collectio
 ModelElement AbstractOwnedCollection::getOwner() const { return ModelElement::fromImpl(owner_); }
 
 void AbstractOwnedCollection::modifying() {
-    if (!owner_ || !property_ || detail::QuietChange::covers(owner_->getModelImpl()))
+    if (!owner_)
+        return;
+    // A tombstone's collections stay readable while the transaction that destroyed it
+    // runs, but take no change: its far ends and children have let go of it already.
+    if (!owner_->isValid()) [[unlikely]]
+        owner_->checkModifiable();
+    if (!property_ || detail::QuietChange::covers(owner_->getModelImpl()))
         return;
     // Extensions, whose collections have no index of their own, are announced by name once
     // they exist; until then a property without index records nothing.
@@ -87,9 +93,14 @@ void ReferenceCollection::checkCompatibleModel(ModelElement::Impl const *element
     if (element && !element->isValid() && isComposite())
         raise<messages::InvalidValue>();
     owner_->checkCompatibleModel(element, property_);
-    // A child may not contain its new container.
-    if (element && element->isValidNonProxy() && isComposite())
+    if (element && element->isValidNonProxy() && isComposite()) {
+        // A child never changes model by joining a container. Its container would refuse it
+        // only after the entry is stored, which a shallow transaction cannot take back.
+        if (element->getModelImpl() != owner_->getModelImpl())
+            raise<messages::CannotChangeModel>();
+        // A child may not contain its new container.
         element->checkCircularContainment(owner_);
+    }
 }
 
 ModelElement ReferenceCollection::resolveProxy(ModelElement const &proxy) const {
@@ -221,11 +232,16 @@ void assignCollection(ReferenceCollection &collection, Value const &value) {
         return;
     std::vector<Value> const entries = value.extractEntryValues();
     GenericCollectionInterface &view = *collection.getGenericInterface();
-    AbstractOwnedCollection::Operation operation(collection);
+    // An entry may still be refused after the old ones have gone: with no transaction open,
+    // the assignment takes one that keeps old values, so that a refusal puts them back.
+    ModelElement::Impl *const owner = collection.getOwnerImpl();
+    Transaction own;
+    if (owner && !owner->getModelImpl()->currentTransaction())
+        own = owner->getModelImpl()->beginTransaction(/*revertible=*/true);
     view.genericClear();
     for (Value const &entry : entries)
         view.genericAdd(entry.getElement());
-    operation.commit();
+    own.commit();
 }
 
 void destroyChildren(ModelElement::Impl &owner, ReferenceCollection &collection, std::uint64_t index,

@@ -256,9 +256,11 @@ ElementSetBase::const_iterator ElementSetBase::erase(const_iterator position) {
     modifying();
     ModelElement const entry = *position;
     dissociate(entry.get());
-    entries_.erase(entry);
+    // Found again: the far end that let go may have reached this set on the way.
+    const_iterator const found = entries_.find(entry);
+    const_iterator const next = found == entries_.end() ? found : entries_.erase(found);
     operation.commit();
-    return entries_.end();
+    return next;
 }
 
 void ElementSetBase::erase(const_iterator first, const_iterator last) {

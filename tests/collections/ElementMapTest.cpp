@@ -10,6 +10,7 @@
 #include <kivra/ModelConstellation.hpp>
 #include <kivra/SubsettedElementSet.hpp>
 #include <kivra/Value.hpp>
+#include <kivra/meta/Property.hpp>
 #include <kivra/meta/StandardTypes.hpp>
 
 #include <basalt/i18n/Unicode.hpp>
@@ -37,6 +38,26 @@ protected:
 
     Model model = Model::create(ModelConstellation());
 };
+
+// A collection set whole through reflection is one change: when an entry fails half-way,
+// here a second book of one title, the map keeps what it held and its far ends theirs,
+// also outside a transaction, where a single change would not be kept for a roll-back.
+TEST_F(ElementMapTest, AFailedAssignmentOfAWholeMapChangesNothing) {
+    Shelf shelf = Shelf::create(model);
+    Author author = Author::create(model);
+    Book const kept = book(u"k");
+    shelf->getCatalogueMutable().insert(kept);
+    for (char16_t const *each : {u"a", u"b", u"a"})
+        author->getBooksMutable().push_back(book(each));
+    using Tag = ModelElement::Impl::ReflectionPrivateTag;
+    Value const books = author->getPropertyValue(Author::Impl::booksProperty(), Tag::PUBLIC_ACCESS);
+    EXPECT_THROW(shelf->setPropertyValue(Shelf::Impl::catalogueProperty(), books, Tag::PUBLIC_ACCESS),
+                 Error<messages::UniquenessConstraint>);
+    EXPECT_EQ(shelf->getCatalogue().getAllValues(), std::vector<ModelElement>{kept});
+    EXPECT_EQ(kept->getCatalogued(), shelf);
+    for (Book const &each : author->getBooks())
+        EXPECT_FALSE(each->getCatalogued());
+}
 
 // Each collision rule, seen from both ends of the association.
 TEST_F(ElementMapTest, AKeyHeldByAnotherElementFollowsTheCollisionRule) {

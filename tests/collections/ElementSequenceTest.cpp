@@ -29,6 +29,9 @@ protected:
     static std::vector<Book> booksOf(Author const &author) {
         return {author->getBooks().begin(), author->getBooks().end()};
     }
+    static std::vector<Book> booksOf(Shelf const &shelf) {
+        return {shelf->getBooks().begin(), shelf->getBooks().end()};
+    }
     ProxyId idOf(boost::uuids::uuid const &id) const {
         return ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(id)), boost::none);
     }
@@ -109,6 +112,35 @@ TEST_F(ElementSequenceTest, CompositeChildrenMoveOrBecomeTopLevel) {
     right->getBooksMutable().push_back(book);
     right->destroy();
     EXPECT_FALSE(book);
+}
+
+// A child never changes model by joining a container. Refused before anything is stored,
+// since a mutation outside a transaction takes a shallow one, which cannot put the
+// collection back: neither a list nor a keyed container may be left naming an element
+// that does not name it as container.
+TEST_F(ElementSequenceTest, AChildOfAnotherModelIsRefusedBeforeItIsStored) {
+    ModelConstellation const constellation;
+    Model const here = Model::create(constellation);
+    Model const there = Model::create(constellation);
+    Shelf shelf = Shelf::create(here);
+    Author author = Author::create(here);
+    Book book = Book::create(here);
+    Book child = Book::create(here);
+    shelf->getBooksMutable().push_back(child);
+    Book const stranger = Book::create(there);
+
+    EXPECT_THROW(shelf->getBooksMutable().push_back(stranger), Error<messages::CannotChangeModel>);
+    EXPECT_THROW(shelf->getBooksMutable()[0] = stranger, Error<messages::CannotChangeModel>);
+    EXPECT_THROW(book->getChaptersMutable().push_back(stranger), Error<messages::CannotChangeModel>);
+    EXPECT_THROW(author->getDraftsMutable().insert(stranger), Error<messages::CannotChangeModel>);
+    EXPECT_THROW(shelf->getBooksMutable().resize(3, Book::BuilderWrapper(std::make_unique<Book::Builder>(there))),
+                 Error<messages::CannotChangeModel>);
+    EXPECT_EQ(booksOf(shelf), std::vector<Book>{child});
+    EXPECT_EQ(child->container(), shelf);
+    EXPECT_TRUE(book->getChapters().empty());
+    EXPECT_TRUE(author->getDrafts().empty());
+    EXPECT_TRUE(stranger->isTopLevel());
+    EXPECT_FALSE(stranger->getChapterOf());
 }
 
 struct Watcher : Listener {
@@ -406,6 +438,35 @@ TEST_F(ElementSequenceTest, AMutationOutsideATransactionIsOneOfItsOwn) {
     EXPECT_EQ(describeDifference(before, snapshot(model)), "");
     EXPECT_EQ(book->getWriter(), author);
     removeListener(model, veto);
+}
+
+// A destroyed element takes no change through a collection that its user still holds: an
+// entry there would be out of its far end's view, and a child of a dead container neither
+// contained nor top level.
+TEST_F(ElementSequenceTest, ACollectionOfADestroyedElementTakesNoChange) {
+    Shelf shelf = Shelf::create(model);
+    Author author = Author::create(model);
+    Book child = Book::create(model);
+    Book book = Book::create(model);
+    book->setTitle(u"k");
+    Transaction transaction = model->beginRevertibleTransaction();
+    auto &children = shelf->getBooksMutable();
+    auto &catalogue = shelf->getCatalogueMutable();
+    auto &books = author->getBooksMutable();
+    auto &coauthored = author->getCoauthoredMutable();
+    shelf->destroy();
+    author->destroy();
+    EXPECT_THROW(children.push_back(child), Error<messages::InvalidValue>);
+    EXPECT_THROW(catalogue.insert(book), Error<messages::InvalidValue>);
+    EXPECT_THROW(books.push_back(book), Error<messages::InvalidValue>);
+    EXPECT_THROW(coauthored.insert(book), Error<messages::InvalidValue>);
+    EXPECT_TRUE(children.empty() && catalogue.empty() && books.empty() && coauthored.empty());
+    EXPECT_TRUE(child->isTopLevel());
+    EXPECT_FALSE(book->getCatalogued() || book->getWriter());
+    EXPECT_TRUE(book->getCoauthors().empty());
+    transaction.commit();
+    auto const topLevel = model->getTopLevelElements();
+    EXPECT_NE(std::find(topLevel.begin(), topLevel.end(), child), topLevel.end());
 }
 
 // A roll-back gives back each kind of reference collection exactly: a list's order and its

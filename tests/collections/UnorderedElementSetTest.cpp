@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <new>
 #include <random>
 #include <utility>
@@ -109,6 +110,38 @@ TEST_F(UnorderedElementSetTest, WrongTypesAreRefusedOnlyThroughTheGenericView) {
     EXPECT_THROW(view.genericRemove(Shelf::create(model)), Error<messages::CannotAddIncompatibleTypes>);
     EXPECT_TRUE(view.genericEmpty());
     EXPECT_TRUE(shelf->getRecommended().empty());
+}
+
+// The usual loop that erases some entries of a set as it walks it must meet every entry:
+// `erase` gives the place of the entry behind the one that went, which is where the last
+// one now stands. Small sets and those that keep an index alike.
+TEST_F(UnorderedElementSetTest, ErasingWhileWalkingMeetsEveryEntry) {
+    for (int const count : {5, 40}) {
+        Author author = Author::create(model);
+        std::vector<Book> kept;
+        std::vector<Book> dropped;
+        for (int i = 0; i < count; ++i) {
+            Book const book = Book::create(model);
+            book->setPages(i % 3 == 0 ? 0 : 1);
+            author->getCoauthoredMutable().insert(book);
+            (i % 3 == 0 ? dropped : kept).push_back(book);
+        }
+        auto &set = author->getCoauthoredMutable();
+        std::size_t met = 0;
+        for (auto it = set.begin(); it != set.end(); ++met)
+            it = (*it)->getPages() == 0 ? set.erase(it) : std::next(it);
+        EXPECT_EQ(met, std::size_t(count)) << count;
+        EXPECT_EQ(set.size(), kept.size()) << count;
+        for (Book const &book : kept)
+            EXPECT_TRUE(set.contains(book) && book->getCoauthors().contains(author)) << count;
+        for (Book const &book : dropped)
+            EXPECT_FALSE(set.contains(book) || book->getCoauthors().contains(author)) << count;
+        // The rest go as a range of the typed iterators, with their far ends.
+        set.erase(std::next(set.begin()), set.end());
+        ASSERT_EQ(set.size(), 1u);
+        for (Book const &book : kept)
+            EXPECT_EQ(book->getCoauthors().contains(author), set.contains(book)) << count;
+    }
 }
 
 // While a document is read, both ends of a many-to-many pair arrive by themselves; a

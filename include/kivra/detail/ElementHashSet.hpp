@@ -57,6 +57,13 @@ public:
     }
     /// Takes `element` out; false when it was not there.
     bool erase(ModelElement const &element) noexcept;
+    /// Takes out the entry at `position`, a valid position of this set, and gives the same
+    /// place: the last entry, not yet walked, has moved into it.
+    const_iterator erase(const_iterator position) noexcept {
+        std::size_t const at = std::size_t(&*position - entries_);
+        erase(entries_[at]);
+        return this->at(at);
+    }
     void clear() noexcept;
 
 private:
