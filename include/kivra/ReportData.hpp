@@ -63,7 +63,9 @@ public:
     /// The value `property` of `element` had before the transaction. Raises
     /// `GetOldValueFromNonDeep` for a shallow transaction; an element or property the
     /// report does not hold gives the property's empty value; a property that did not
-    /// change raises `NoSuchProperty` (ask `isChanged` first).
+    /// change raises `NoSuchProperty` (ask `isChanged` first). The old value of a
+    /// multi-valued property views the collection the report keeps, uncopied: it and its
+    /// copies are good while the report lives (`extractEntryValues` keeps the entries).
     Value getOldValue(ModelElement const &element, meta::Property const &property) const;
 
     std::vector<ModelElement> const &getCreated() const noexcept { return created_; }
