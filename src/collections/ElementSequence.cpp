@@ -1,5 +1,6 @@
 #include <kivra/ElementSequence.hpp>
 
+#include "collections/OwnFarEnd.hpp"
 #include "collections/QuietChange.hpp"
 #include "core/DeferredReleases.hpp"
 #include "core/Uncounted.hpp"
@@ -150,8 +151,11 @@ ModelElement ElementSequenceBase::resolutionOf(std::size_t index) const {
     ModelElement resolved = resolveProxy(entries_[index]);
     if (!resolved.get() || resolved->isProxy())
         return {};
-    // Across a non-composite association the far end must hold the owner too.
-    if (opposite_ && !isComposite()) {
+    // Across a non-composite association the far end must hold the owner too; the owner's
+    // own far end is this list, which holds the proxy, and asked it would resolve the proxy
+    // behind the caller's back.
+    if (opposite_ && !isComposite() &&
+        !detail::isOwnFarEnd(resolved.get(), owner_, property_.get(), opposite_)) {
         if (!owner_ || !owner_->_inverseContainsThis(resolved.get(), meta::Property::fromImpl(opposite_)))
             return {};
     }
@@ -336,6 +340,9 @@ void ElementSequenceBase::push_back(ModelElement const &element) {
         appendEntry(entries_, element);
         if (keepsMembership())
             noteAdded(impl);
+        // An owner linked to itself is its own far end: this list, which holds it now.
+        if (far == this)
+            return;
         detail::QuietChange const quiet(owner_->getModelImpl());
         if (far)
             const_cast<ReferenceCollection *>(far)->basicAddQuietly(detail::Uncounted<ModelElement>(owner_));

@@ -11,6 +11,7 @@
 #include <kivra/meta/Class.hpp>
 #include <kivra/meta/Property.hpp>
 
+#include "collections/OwnFarEnd.hpp"
 #include "collections/QuietChange.hpp"
 #include "core/ElementPool.hpp"
 #include "core/Uncounted.hpp"
@@ -124,17 +125,24 @@ using UncountedProperty = detail::Uncounted<meta::Property>;
 void ReferenceCollection::associate(ModelElement::Impl *element) {
     if (!owner_ || !element || element->isProxy())
         return;
-    if (opposite_)
-        owner_->_inverseAddThis(element, UncountedProperty(opposite_), /*force=*/false);
-    else if (isComposite())
+    if (opposite_) {
+        // An owner linked to itself has this collection as far end: told again, it would
+        // hold the owner twice.
+        if (!detail::isOwnFarEnd(element, owner_, property_.get(), opposite_))
+            owner_->_inverseAddThis(element, UncountedProperty(opposite_), /*force=*/false);
+    } else if (isComposite()) {
         owner_->_setContainedByThis(element, property_);
+    }
 }
 
 void ReferenceCollection::dissociate(ModelElement::Impl *element) {
     if (!owner_ || !element || element->isProxy())
         return;
     if (opposite_) {
-        owner_->_inverseRemoveThis(element, UncountedProperty(opposite_));
+        // Nor may it let go of the owner before its own removal, which would then take
+        // whatever moved into the owner's place.
+        if (!detail::isOwnFarEnd(element, owner_, property_.get(), opposite_))
+            owner_->_inverseRemoveThis(element, UncountedProperty(opposite_));
     } else if (isComposite()) {
         // Only a child that this collection still holds leaves its container.
         if (element->containerImpl() == owner_ && element->containmentFeatureImpl() == property_.get())

@@ -1,5 +1,6 @@
 #include <kivra/UnorderedElementSet.hpp>
 
+#include "collections/OwnFarEnd.hpp"
 #include "core/DeferredReleases.hpp"
 #include "core/UuidHash.hpp"
 
@@ -146,8 +147,12 @@ void ReferenceCollectionWithProxies::resolveAll() {
         // An element new in a transaction leaves the proxy where it is: a roll-back would
         // take the element away with nothing to bring the proxy back. Like any proxy that
         // has not resolved, it stays out of the size and the iteration till the commit.
-        bool const accepted = resolved.get() && !resolved->isProxy() && !resolved->isNewInTransaction() &&
-                              (!opposite_ || owner_->_inverseContainsThis(resolved.get(), getOpposite()));
+        // The owner's own far end is this set, which holds the proxy: asked, it would take
+        // the proxy out from under this loop.
+        bool const accepted =
+            resolved.get() && !resolved->isProxy() && !resolved->isNewInTransaction() &&
+            (!opposite_ || detail::isOwnFarEnd(resolved.get(), owner_, property_.get(), opposite_) ||
+             owner_->_inverseContainsThis(resolved.get(), getOpposite()));
         if (accepted && resolveAdd(resolved))
             at = unresolved_->erase(at);
         else

@@ -316,6 +316,91 @@ TEST_F(ElementSequenceTest, AShrunkUniqueListStillTurnsAwayWhatItHoldsOnTheShort
     }
 }
 
+// A property may be its own opposite, and an element its own peer: the far end of that link
+// is the very list that changes. The element stands in it once and in its place however it
+// comes and goes, while links with other elements keep both ends.
+TEST_F(ElementSequenceTest, AnElementThatIsItsOwnPeerStandsOnceInItsPlace) {
+    using Peers = std::vector<Author>;
+    auto const peersOf = [](Author const &author) { return Peers(author->getPeers().begin(), author->getPeers().end()); };
+    // Outside a transaction by the general way; in a plain one by the short way of a quiet link.
+    for (bool const quiet : {false, true}) {
+        SCOPED_TRACE(quiet ? "quiet" : "general");
+        Author const ann = Author::create(model);
+        Author const bob = Author::create(model);
+        Author const cat = Author::create(model);
+        Transaction transaction = quiet ? model->beginTransaction(false) : Transaction();
+        auto &peers = ann->getPeersMutable();
+        for (Author const &each : {bob, ann, cat, ann})
+            peers.push_back(each);
+        transaction.commit();
+        EXPECT_EQ(peersOf(ann), (Peers{bob, ann, cat}));
+        EXPECT_EQ(peersOf(bob), (Peers{ann}));
+        EXPECT_EQ(peersOf(cat), (Peers{ann}));
+    }
+
+    Author const ann = Author::create(model);
+    Author const bob = Author::create(model);
+    Author const cat = Author::create(model);
+    Author const dan = Author::create(model);
+    auto &peers = ann->getPeersMutable();
+    for (Author const &each : {bob, cat})
+        peers.push_back(each);
+    peers.insert(peers.begin() + 1, ann);
+    EXPECT_EQ(peersOf(ann), (Peers{bob, ann, cat}));
+    peers.erase(peers.begin() + 1);
+    EXPECT_EQ(peersOf(ann), (Peers{bob, cat}));
+    peers.insert(peers.begin(), ann);
+    peers.erase(ann);
+    EXPECT_EQ(peersOf(ann), (Peers{bob, cat}));
+
+    // Replaced by itself, and itself replaced: the other end of the entry it meets lets go
+    // or takes hold, and the order stands.
+    peers[0] = ann;
+    EXPECT_EQ(peersOf(ann), (Peers{ann, cat}));
+    EXPECT_TRUE(bob->getPeers().empty());
+    peers[0] = dan;
+    EXPECT_EQ(peersOf(ann), (Peers{dan, cat}));
+    EXPECT_EQ(peersOf(dan), (Peers{ann}));
+
+    // A roll-back gives back the list as it was.
+    peers.insert(peers.begin() + 1, ann);
+    ModelSnapshot const before = snapshot(model, Identity::Object);
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        peers.erase(ann);
+        peers.push_back(ann);
+        peers[0] = bob;
+        peers.clear();
+        peers.push_back(ann);
+        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+    }
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+    EXPECT_EQ(peersOf(ann), (Peers{dan, ann, cat}));
+
+    // A proxy of the element resolves in its own list, which is the far end that confirms
+    // it: a list long enough to keep an index counts it once.
+    Author const eve = Author::create(model);
+    auto &many = eve->getPeersMutable();
+    for (int i = 0; i < 60; ++i)
+        many.push_back(Author::create(model));
+    many.push_back(Author::createProxy(model, idOf(eve->getUuid())));
+    EXPECT_EQ(eve->getPeers().back(), eve);
+    many.erase(eve);
+    many.push_back(eve);
+    EXPECT_EQ(std::count(many.begin(), many.end(), eve), 1);
+
+    // Emptied, and the element destroyed, with itself among its peers.
+    peers.clear();
+    EXPECT_TRUE(peers.empty());
+    EXPECT_TRUE(cat->getPeers().empty());
+    EXPECT_TRUE(dan->getPeers().empty());
+    for (Author const &each : {cat, ann, dan})
+        peers.push_back(each);
+    ann->destroy();
+    EXPECT_TRUE(cat->getPeers().empty());
+    EXPECT_TRUE(dan->getPeers().empty());
+}
+
 TEST_F(ElementSequenceTest, EnsureAtExchangesWithTheEntryThere) {
     Author author = Author::create(model);
     std::vector<Book> books;

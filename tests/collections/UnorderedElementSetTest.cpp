@@ -1,3 +1,5 @@
+#include "ModelSnapshot.hpp"
+
 #include <library/Author.hpp>
 #include <library/Book.hpp>
 #include <library/Shelf.hpp>
@@ -220,6 +222,54 @@ TEST_F(UnorderedElementSetTest, TheTableAgreesWithAPlainModelThroughAnyMixOfChan
     model.reset();
     EXPECT_EQ(copy.size(), expected.size());
     owned.reset();
+}
+
+// A set whose property is its own opposite may hold its owner: the far end of that link is
+// the set itself, which holds the element once and lets it go once, while links with other
+// elements keep both ends.
+TEST_F(UnorderedElementSetTest, AnElementThatIsItsOwnFriendIsHeldOnce) {
+    Author const ann = Author::create(model);
+    Author const bob = Author::create(model);
+    Author const cat = Author::create(model);
+    auto &friends = ann->getFriendsMutable();
+    for (Author const &each : {bob, ann, cat, ann})
+        friends.insert(each);
+    EXPECT_EQ(friends.size(), 3u);
+    EXPECT_TRUE(friends.contains(ann));
+    EXPECT_TRUE(bob->getFriends().contains(ann));
+    friends.erase(ann);
+    EXPECT_EQ(friends.size(), 2u);
+    EXPECT_FALSE(friends.contains(ann));
+    EXPECT_TRUE(cat->getFriends().contains(ann));
+
+    friends.insert(ann);
+    ModelSnapshot const before = snapshot(model, Identity::Object);
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        friends.erase(bob);
+        friends.erase(ann);
+        friends.insert(ann);
+        friends.clear();
+        friends.insert(ann);
+        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+    }
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+    EXPECT_EQ(friends.size(), 3u);
+
+    friends.clear();
+    EXPECT_TRUE(friends.empty());
+    EXPECT_TRUE(bob->getFriends().empty());
+    EXPECT_TRUE(cat->getFriends().empty());
+    // A proxy of the owner resolves in the set: the far end that confirms it is the set.
+    friends.insert(bob);
+    friends.insert(Author::createProxy(
+        model, ProxyId(u"uuid", basalt::i18n::utf8_to_ustring(boost::uuids::to_string(ann->getUuid())), boost::none)));
+    EXPECT_EQ(friends.unresolvedSize(), 1u);
+    EXPECT_TRUE(ann->getFriends().contains(ann));
+    EXPECT_EQ(friends.size(), 2u);
+    EXPECT_EQ(friends.unresolvedSize(), 0u);
+    ann->destroy();
+    EXPECT_TRUE(bob->getFriends().empty());
 }
 
 // Memory running out while the set grows, builds its index or is copied leaves it as it was

@@ -1,3 +1,4 @@
+#include "ModelSnapshot.hpp"
 #include "Probes.hpp"
 
 #include <library/Author.hpp>
@@ -60,6 +61,40 @@ TEST_F(ModelElementTest, AContainerLetsGoOfAChildItReplacesOrLoses) {
     EXPECT_FALSE(author->getFavourite());
     EXPECT_EQ(model->elementCount(), 1u);
     shelf->destroy(); // twice is harmless
+}
+
+// A single reference that is its own opposite may name its owner: the element is then its
+// own far end, holds itself once and lets itself go once, and a pair with another element
+// it joins or leaves keeps both ends.
+TEST_F(ModelElementTest, AnElementThatIsItsOwnPartnerKeepsBothEndsOfEachPair) {
+    Author const ann = Author::create(model);
+    Author const bob = Author::create(model);
+    ann->setPartner(bob);
+    ann->setPartner(ann);
+    EXPECT_EQ(ann->getPartner(), ann);
+    EXPECT_FALSE(bob->getPartner());
+    bob->setPartner(ann);
+    EXPECT_EQ(ann->getPartner(), bob);
+    EXPECT_EQ(bob->getPartner(), ann);
+    ann->setPartner(ann);
+    EXPECT_FALSE(bob->getPartner());
+
+    ModelSnapshot const before = snapshot(model, Identity::Object);
+    {
+        Transaction transaction = model->beginRevertibleTransaction();
+        ann->setPartner({});
+        bob->setPartner(ann);
+        bob->setPartner(bob);
+        ann->setPartner(ann);
+        EXPECT_EQ(transaction.rollBack(), TransactionResult::RolledBack);
+    }
+    EXPECT_EQ(describeDifference(before, snapshot(model, Identity::Object)), "");
+
+    ann->setPartner({});
+    EXPECT_FALSE(ann->getPartner());
+    ann->setPartner(ann);
+    ann->destroy();
+    EXPECT_FALSE(bob->getPartner());
 }
 
 TEST_F(ModelElementTest, CrossModelReferencesFollowTheModelKinds) {

@@ -62,6 +62,21 @@ Class const &Author::Impl::getMetaClass() const { return Author::metaClass(); }
     return slot;
 }
 
+::kivra::meta::Property const &Author::Impl::peersProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fedd6bf6-b494-3184-9e66-c5598a04978a")));
+    return slot;
+}
+
+::kivra::meta::Property const &Author::Impl::friendsProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("7d2a83cc-75f0-3276-8adc-382d653e45d8")));
+    return slot;
+}
+
+::kivra::meta::Property const &Author::Impl::partnerProperty() {
+    static ::kivra::meta::Property const &slot = (LibraryPackage::getInstance(), ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5354fcd-9409-3ae5-8be3-4660e77e02c1")));
+    return slot;
+}
+
 Author Author::create(::kivra::Model const &model, boost::uuids::uuid const &uuid) {
     Impl *const made = new (model) Impl(model, uuid);
     made->addRefWhileUnshared();
@@ -94,10 +109,16 @@ void Author::Impl::doDestroy(bool modelDestroying, bool multiModel) {
 void Author::Impl::disassociateIncoming() {
     if (favourite_.get())
         setFavourite({});
+    if (partner_.get())
+        setPartner({});
     if (books_)
         books_->clear();
     if (coauthored_)
         coauthored_->clear();
+    if (peers_)
+        peers_->clear();
+    if (friends_)
+        friends_->clear();
     ::kivra::ModelElement::Impl::disassociateIncoming();
 }
 
@@ -107,6 +128,9 @@ void Author::Impl::basicDisassociateAll() {
     books_.reset();
     coauthored_.reset();
     drafts_.reset();
+    peers_.reset();
+    friends_.reset();
+    partner_.reset();
     ::kivra::ModelElement::Impl::basicDisassociateAll();
 }
 
@@ -115,6 +139,9 @@ void Author::Impl::convertReferencesToProxies(bool multiModel, boost::optional<:
     favourite_.reset();
     books_.reset();
     coauthored_.reset();
+    peers_.reset();
+    friends_.reset();
+    partner_.reset();
     ::kivra::ModelElement::Impl::convertReferencesToProxies(multiModel, proxyId);
 }
 
@@ -239,6 +266,50 @@ bool Author::Impl::hasVisits() const noexcept {
 
 ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &Author::Impl::getVisitsMutable() { return const_cast<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &>(getVisits()); }
 
+::kivra::ElementSequence<Author> &Author::Impl::ensurePeers() const {
+    return peers_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::ElementSequence<Author>> made(new (self) ::kivra::ElementSequence<Author>(_privateTag(), self, true, peersProperty().get(), ::kivra::detail::oppositeOf(peersProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
+}
+
+::kivra::ElementSequence<Author> const &Author::Impl::getPeers() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::ElementSequence<Author> &collection = ensurePeers();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
+}
+
+::kivra::ElementSequence<Author> &Author::Impl::getPeersMutable() { return const_cast<::kivra::ElementSequence<Author> &>(getPeers()); }
+
+::kivra::UnorderedElementSet<Author> &Author::Impl::ensureFriends() const {
+    return friends_.ensure(*this, [](Impl &owner) {
+        auto *const self = &owner;
+        std::unique_ptr<::kivra::UnorderedElementSet<Author>> made(new (self) ::kivra::UnorderedElementSet<Author>(_privateTag(), self, friendsProperty().get(), ::kivra::detail::oppositeOf(friendsProperty())));
+        self->_loadCollectionContents(*made);
+        return made.release();
+    });
+}
+
+::kivra::UnorderedElementSet<Author> const &Author::Impl::getFriends() const {
+    ::kivra::detail::checkCollectionOwner(*this);
+    ::kivra::UnorderedElementSet<Author> &collection = ensureFriends();
+    ::kivra::detail::resolveCollectionOnAccess(*this, collection);
+    return collection;
+}
+
+::kivra::UnorderedElementSet<Author> &Author::Impl::getFriendsMutable() { return const_cast<::kivra::UnorderedElementSet<Author> &>(getFriends()); }
+
+Author Author::Impl::getPartner() const {
+    return ::kivra::detail::readReference(*this, const_cast<Author &>(partner_));
+}
+
+void Author::Impl::setPartner(Author const &value) {
+    ::kivra::detail::setReference(*this, partner_, value, partnerProperty(), partnerIndex);
+}
+
 Author::Impl::Impl(BuilderImpl &level, boost::uuids::uuid const &uuid) : ::kivra::ModelElement::Impl(level.root(), uuid), name_(level.name_) {
     if (level.root().isSet(pseudonymsIndex) && !level.pseudonyms_.empty())
         for (auto const &entry : level.pseudonyms_)
@@ -283,6 +354,20 @@ std::uint64_t Author::Impl::BuilderImpl::doSetOrAdd(::kivra::meta::Property cons
         ::kivra::detail::stageValues(visits_, value);
         return visitsIndex;
     }
+    if (property == peersProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            peers_.push_back(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(entry)));
+        return peersIndex;
+    }
+    if (property == friendsProperty()) {
+        for (::kivra::Value const &entry : value.extractEntryValues())
+            friends_.push_back(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(entry)));
+        return friendsIndex;
+    }
+    if (property == partnerProperty()) {
+        partner_ = Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value));
+        return partnerIndex;
+    }
     return notOwn;
 }
 
@@ -313,6 +398,14 @@ void Author::Impl::BuilderImpl::applyReferences(::kivra::ModelElement::Impl &ele
     if (root().isSet(coauthoredIndex))
         for (Book const &entry : coauthored_)
             addTo(self.getCoauthoredMutable(), entry);
+    if (root().isSet(peersIndex))
+        for (Author const &entry : peers_)
+            addTo(self.getPeersMutable(), entry);
+    if (root().isSet(friendsIndex))
+        for (Author const &entry : friends_)
+            addTo(self.getFriendsMutable(), entry);
+    if (root().isSet(partnerIndex))
+        self.setPartner(partner_);
 }
 
 Author::Builder::Builder() : Builder(::kivra::Model()) {}
@@ -372,6 +465,18 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
         if (property == visitsProperty())
             return hasVisits();
         break;
+    case 9:
+        if (property == peersProperty())
+            return hasPeers();
+        break;
+    case 10:
+        if (property == friendsProperty())
+            return hasFriends();
+        break;
+    case 11:
+        if (property == partnerProperty())
+            return partner_.get() != nullptr;
+        break;
     default:
         break;
     }
@@ -413,6 +518,18 @@ bool Author::Impl::hasPropertyValue(::kivra::meta::Property const &property, ::k
     case 8:
         if (property == visitsProperty())
             return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getVisitsMutable() : ensureVisits(), property);
+        break;
+    case 9:
+        if (property == peersProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getPeersMutable() : ensurePeers(), property);
+        break;
+    case 10:
+        if (property == friendsProperty())
+            return ::kivra::Value(tag.resolveProxies() ? const_cast<Impl *>(this)->getFriendsMutable() : ensureFriends(), property);
+        break;
+    case 11:
+        if (property == partnerProperty())
+            return ::kivra::Value(property->getType(), tag.resolveProxies() ? ::kivra::ModelElement(getPartner()) : ::kivra::ModelElement(partner_));
         break;
     default:
         break;
@@ -456,6 +573,18 @@ void Author::Impl::setPropertyValue(::kivra::meta::Property const &property, ::k
         if (property == visitsProperty())
             return ::kivra::detail::assignValues(getVisitsMutable(), value);
         break;
+    case 9:
+        if (property == peersProperty())
+            return ::kivra::detail::assignCollection(getPeersMutable(), value);
+        break;
+    case 10:
+        if (property == friendsProperty())
+            return ::kivra::detail::assignCollection(getFriendsMutable(), value);
+        break;
+    case 11:
+        if (property == partnerProperty())
+            return setPartner(Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(value)));
+        break;
     default:
         break;
     }
@@ -475,6 +604,14 @@ void const *Author::Impl::nativeValueAddress(::kivra::meta::Property::Impl const
     case 4:
         if (&property == coauthoredProperty().get())
             return static_cast<::kivra::ReferenceCollection const *>(coauthored_.get());
+        break;
+    case 9:
+        if (&property == peersProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(peers_.get());
+        break;
+    case 10:
+        if (&property == friendsProperty().get())
+            return static_cast<::kivra::ReferenceCollection const *>(friends_.get());
         break;
     default:
         break;
@@ -502,6 +639,12 @@ void const *Author::Impl::nativeValueAddress(::kivra::meta::Property::Impl const
         return ratingsProperty();
     case 8:
         return visitsProperty();
+    case 9:
+        return peersProperty();
+    case 10:
+        return friendsProperty();
+    case 11:
+        return partnerProperty();
     default:
         return {};
     }
@@ -527,6 +670,12 @@ void const *Author::Impl::nativeValueAddress(::kivra::meta::Property::Impl const
         return ratingsProperty().get();
     case 8:
         return visitsProperty().get();
+    case 9:
+        return peersProperty().get();
+    case 10:
+        return friendsProperty().get();
+    case 11:
+        return partnerProperty().get();
     default:
         return nullptr;
     }
@@ -567,6 +716,15 @@ void Author::Impl::copyValue(::kivra::ModelElement::Impl::Storage *storage, std:
     case visitsIndex:
         own->visits_ = visits_ ? visits_->cloneFreeStanding() : nullptr;
         return;
+    case peersIndex:
+        own->peers_ = ::kivra::detail::cloneCollection(peers_.get());
+        return;
+    case friendsIndex:
+        own->friends_ = ::kivra::detail::cloneCollection(friends_.get());
+        return;
+    case partnerIndex:
+        own->partner_ = partner_;
+        return;
     default:
         ::kivra::ModelElement::Impl::copyValue(storage, index);
     }
@@ -590,6 +748,12 @@ void Author::Impl::copyStateFromStorage(::kivra::ModelElement::Impl::Storage *st
         ensureRatings().restoreFrom(own->ratings_.get());
     if (own->isChanged(visitsIndex) && (visits_ || own->visits_))
         ensureVisits().restoreFrom(own->visits_.get());
+    if (own->isChanged(peersIndex))
+        ::kivra::detail::restoreCollection(ensurePeers(), own->peers_.get());
+    if (own->isChanged(friendsIndex))
+        ::kivra::detail::restoreCollection(ensureFriends(), own->friends_.get());
+    if (own->isChanged(partnerIndex))
+        partner_ = own->partner_;
     ::kivra::ModelElement::Impl::copyStateFromStorage(storage);
 }
 
@@ -628,6 +792,12 @@ bool Author::Impl::Storage::revertUnchanged(::kivra::ModelElement::Impl *element
             visits_.reset(new (nullptr) ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>());
         return ::kivra::Value(*visits_, property);
     }
+    if (property == Impl::peersProperty() && isChanged(Impl::peersIndex))
+        return ::kivra::detail::oldCollectionValue(peers_, property);
+    if (property == Impl::friendsProperty() && isChanged(Impl::friendsIndex))
+        return ::kivra::detail::oldCollectionValue(friends_, property);
+    if (property == Impl::partnerProperty() && isChanged(Impl::partnerIndex))
+        return ::kivra::Value(property->getType(), ::kivra::ModelElement(partner_));
     return ::kivra::ModelElement::Impl::Storage::getOldValue(property, tag);
 }
 
@@ -649,6 +819,21 @@ void Author::Impl::inverseAdd(::kivra::ModelElement const &other, ::kivra::meta:
     }
     if (property.get() && property == draftsProperty()) {
         _basicAdd(ensureDrafts(), other);
+        return;
+    }
+    if (property.get() && property == peersProperty()) {
+        _basicAdd(ensurePeers(), other);
+        return;
+    }
+    if (property.get() && property == friendsProperty()) {
+        _basicAdd(ensureFriends(), other);
+        return;
+    }
+    if (property.get() && property == partnerProperty()) {
+        notifyModifying(partnerIndex);
+        Author const old = std::exchange(partner_, Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(other)));
+        if (old.get() && old != partner_ && property->getOpposite())
+            _inverseRemoveThis(old.get(), property->getOpposite());
         return;
     }
     ::kivra::ModelElement::Impl::inverseAdd(other, property);
@@ -677,6 +862,23 @@ void Author::Impl::inverseRemove(::kivra::ModelElement const &other, ::kivra::me
             _basicRemove(*drafts_, other);
         return;
     }
+    if (property.get() && property == peersProperty()) {
+        if (peers_)
+            _basicRemove(*peers_, other);
+        return;
+    }
+    if (property.get() && property == friendsProperty()) {
+        if (friends_)
+            _basicRemove(*friends_, other);
+        return;
+    }
+    if (property.get() && property == partnerProperty()) {
+        if (partner_ == other) {
+            notifyModifying(partnerIndex);
+            partner_.reset();
+        }
+        return;
+    }
     ::kivra::ModelElement::Impl::inverseRemove(other, property);
 }
 
@@ -689,6 +891,12 @@ bool Author::Impl::inverseContainsProxyTo(::kivra::ModelElement const &other, ::
         return coauthored_ && _basicContainsProxyTo(*coauthored_, other);
     if (property.get() && property == draftsProperty())
         return drafts_ && _basicContainsProxyTo(*drafts_, other);
+    if (property.get() && property == peersProperty())
+        return peers_ && _basicContainsProxyTo(*peers_, other);
+    if (property.get() && property == friendsProperty())
+        return friends_ && _basicContainsProxyTo(*friends_, other);
+    if (property.get() && property == partnerProperty())
+        return ::kivra::detail::holdsProxyTo(*this, const_cast<Author &>(partner_), other);
     return ::kivra::ModelElement::Impl::inverseContainsProxyTo(other, property);
 }
 
@@ -708,6 +916,19 @@ void Author::Impl::basicAssociate(::kivra::ModelElement const &other, ::kivra::m
     }
     if (property.get() && property == draftsProperty()) {
         _basicAdd(ensureDrafts(), other);
+        return;
+    }
+    if (property.get() && property == peersProperty()) {
+        _basicAdd(ensurePeers(), other);
+        return;
+    }
+    if (property.get() && property == friendsProperty()) {
+        _basicAdd(ensureFriends(), other);
+        return;
+    }
+    if (property.get() && property == partnerProperty()) {
+        notifyModifying(partnerIndex);
+        partner_ = Author::fromImpl(::kivra::detail::elementAs<Author::Impl>(other));
         return;
     }
     ::kivra::ModelElement::Impl::basicAssociate(other, property);

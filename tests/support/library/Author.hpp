@@ -35,8 +35,11 @@ public:
     static constexpr std::uint64_t pseudonymsIndex = 6;
     static constexpr std::uint64_t ratingsIndex = 7;
     static constexpr std::uint64_t visitsIndex = 8;
+    static constexpr std::uint64_t peersIndex = 9;
+    static constexpr std::uint64_t friendsIndex = 10;
+    static constexpr std::uint64_t partnerIndex = 11;
     /// The number of change-tracked properties along the class chain.
-    static constexpr std::uint64_t propertyCount = 8;
+    static constexpr std::uint64_t propertyCount = 11;
 
     /// The description of `name`; empty until the metamodel is described.
     static ::kivra::meta::Property const &nameProperty();
@@ -54,6 +57,12 @@ public:
     static ::kivra::meta::Property const &ratingsProperty();
     /// The description of `visits`; empty until the metamodel is described.
     static ::kivra::meta::Property const &visitsProperty();
+    /// The description of `peers`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &peersProperty();
+    /// The description of `friends`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &friendsProperty();
+    /// The description of `partner`; empty until the metamodel is described.
+    static ::kivra::meta::Property const &partnerProperty();
 
     Class const &getMetaClass() const override;
     class BuilderImpl;
@@ -102,6 +111,22 @@ public:
     /// True when the collection was made and holds anything.
     bool hasVisits() const noexcept;
 
+    /// The `peers`, made on first use; each access resolves the proxies it holds.
+    ::kivra::ElementSequence<Author> const &getPeers() const;
+    ::kivra::ElementSequence<Author> &getPeersMutable();
+    /// True when the collection was made and holds anything.
+    bool hasPeers() const noexcept { auto const *made = peers_.get(); return made && !made->empty(); }
+
+    /// The `friends`, made on first use; each access resolves the proxies it holds.
+    ::kivra::UnorderedElementSet<Author> const &getFriends() const;
+    ::kivra::UnorderedElementSet<Author> &getFriendsMutable();
+    /// True when the collection was made and holds anything.
+    bool hasFriends() const noexcept { auto const *made = friends_.get(); return made && !made->empty(); }
+
+    /// The referenced `Author`, resolved when it is a proxy; empty when none.
+    Author getPartner() const;
+    void setPartner(Author const &value);
+
     bool hasPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     ::kivra::Value getPropertyValue(::kivra::meta::Property const &property, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) const override;
     void setPropertyValue(::kivra::meta::Property const &property, ::kivra::Value const &value, ::kivra::ModelElement::Impl::ReflectionPrivateTag const &tag) override;
@@ -142,6 +167,10 @@ protected:
     ::kivra::PrimitiveSequence<std::int32_t> &ensureRatings() const;
     /// The collection, made when missing.
     ::kivra::UnorderedPrimitiveSet<boost::uuids::uuid> &ensureVisits() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::ElementSequence<Author> &ensurePeers() const;
+    /// The collection, made when missing; no proxy is resolved.
+    ::kivra::UnorderedElementSet<Author> &ensureFriends() const;
 
     basalt::ustring name_{};
     Book favourite_;
@@ -157,6 +186,11 @@ protected:
     ::kivra::detail::CollectionSlot<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
     /// Null until first used: an untouched collection costs this pointer only.
     ::kivra::detail::CollectionSlot<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    ::kivra::detail::CollectionSlot<::kivra::ElementSequence<Author>> peers_;
+    /// Null until first used: an untouched collection costs this pointer only.
+    ::kivra::detail::CollectionSlot<::kivra::UnorderedElementSet<Author>> friends_;
+    Author partner_;
 };
 
 /// The old values of `Author`'s own members in a deep transaction.
@@ -177,6 +211,9 @@ private:
     mutable std::unique_ptr<::kivra::PrimitiveSet<std::string>> pseudonyms_;
     mutable std::unique_ptr<::kivra::PrimitiveSequence<std::int32_t>> ratings_;
     mutable std::unique_ptr<::kivra::UnorderedPrimitiveSet<boost::uuids::uuid>> visits_;
+    mutable std::unique_ptr<::kivra::ElementSequence<Author>> peers_;
+    mutable std::unique_ptr<::kivra::UnorderedElementSet<Author>> friends_;
+    Author partner_;
 };
 
 /// The values of `Author`'s own properties staged in a builder, before the element exists.
@@ -199,6 +236,9 @@ private:
     std::vector<std::string> pseudonyms_;
     std::vector<std::int32_t> ratings_;
     std::vector<boost::uuids::uuid> visits_;
+    std::vector<Author> peers_;
+    std::vector<Author> friends_;
+    Author partner_;
 };
 
 /// The fluent setters of `Author`'s own properties, returning the most derived builder `B`.
@@ -238,6 +278,17 @@ public:
     B &addVisits(std::initializer_list<boost::uuids::uuid> values) { level().visits_.insert(level().visits_.end(), values); this->markSet(Author::Impl::visitsIndex); return self(); }
     B &clearVisits() { level().visits_.clear(); this->clearSet(Author::Impl::visitsIndex); return self(); }
     std::vector<boost::uuids::uuid> const &getVisits() const noexcept { return level().visits_; }
+    B &addPeers(Author const &value) { level().peers_.push_back(value); this->markSet(Author::Impl::peersIndex); return self(); }
+    B &addPeers(std::initializer_list<Author> values) { level().peers_.insert(level().peers_.end(), values); this->markSet(Author::Impl::peersIndex); return self(); }
+    B &clearPeers() { level().peers_.clear(); this->clearSet(Author::Impl::peersIndex); return self(); }
+    std::vector<Author> const &getPeers() const noexcept { return level().peers_; }
+    B &addFriends(Author const &value) { level().friends_.push_back(value); this->markSet(Author::Impl::friendsIndex); return self(); }
+    B &addFriends(std::initializer_list<Author> values) { level().friends_.insert(level().friends_.end(), values); this->markSet(Author::Impl::friendsIndex); return self(); }
+    B &clearFriends() { level().friends_.clear(); this->clearSet(Author::Impl::friendsIndex); return self(); }
+    std::vector<Author> const &getFriends() const noexcept { return level().friends_; }
+    /// An empty handle clears the staged value.
+    B &setPartner(Author const &value) { level().partner_ = value; value ? this->markSet(Author::Impl::partnerIndex) : this->clearSet(Author::Impl::partnerIndex); return self(); }
+    Author const &getPartner() const noexcept { return level().partner_; }
 
 protected:
     BuilderBase(::kivra::Model const &model, std::size_t bitCount) : ::kivra::ModelElement::Builder(model, bitCount) {}

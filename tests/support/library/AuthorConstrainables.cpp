@@ -14,7 +14,10 @@ Author::Constrainables::Constrainables(::kivra::query::AbstractQuery &query, ::k
       drafts(Impl::draftsProperty(), ::kivra::query::InstanceAttachment(*this)),
       pseudonyms(Impl::pseudonymsProperty(), ::kivra::query::InstanceAttachment(*this)),
       ratings(Impl::ratingsProperty(), ::kivra::query::InstanceAttachment(*this)),
-      visits(Impl::visitsProperty(), ::kivra::query::InstanceAttachment(*this)) {}
+      visits(Impl::visitsProperty(), ::kivra::query::InstanceAttachment(*this)),
+      peers(Impl::peersProperty(), ::kivra::query::InstanceAttachment(*this)),
+      friends(Impl::friendsProperty(), ::kivra::query::InstanceAttachment(*this)),
+      partner(Impl::partnerProperty(), ::kivra::query::InstanceAttachment(*this)) {}
 
 Author::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &, ::kivra::query::SearchClassMatchMode const> const &on)
     : Constrainables(on.first, Author::metaClass(), on.second) {}
@@ -36,5 +39,11 @@ Author::Constrainables::Constrainables(std::pair<::kivra::query::AbstractQuery &
 ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Author>, 0> Author::ratings() { return {Impl::ratingsProperty(), {}}; }
 
 ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Author>, 0> Author::visits() { return {Impl::visitsProperty(), {}}; }
+
+::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> Author::peers() { return {Impl::peersProperty(), {}}; }
+
+::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> Author::friends() { return {Impl::friendsProperty(), {}}; }
+
+::kivra::query::ConstrainableRelationWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> Author::partner() { return {Impl::partnerProperty(), {}}; }
 
 } // namespace kivra::test::library

@@ -34,6 +34,9 @@ public:
     ::kivra::query::ConstrainableWithAttachment<std::string, ::kivra::query::InstanceAttachment, 0> pseudonyms;
     ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::InstanceAttachment, 0> ratings;
     ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::InstanceAttachment, 0> visits;
+    ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::InstanceAttachment> peers;
+    ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::InstanceAttachment> friends;
+    ::kivra::query::ConstrainableRelationWithAttachment<Author, ::kivra::query::InstanceAttachment> partner;
 };
 
 } // namespace kivra::test::library

@@ -246,6 +246,12 @@ public:
     static ::kivra::query::ConstrainableWithAttachment<std::int32_t, ::kivra::query::MetaclassAttachment<Author>, 0> ratings();
     /// `visits` in a query, before its instance is chosen.
     static ::kivra::query::ConstrainableWithAttachment<boost::uuids::uuid, ::kivra::query::MetaclassAttachment<Author>, 0> visits();
+    /// `peers` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> peers();
+    /// `friends` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableCollectionWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> friends();
+    /// `partner` in a query, before its instance is chosen.
+    static ::kivra::query::ConstrainableRelationWithAttachment<Author, ::kivra::query::MetaclassAttachment<Author>> partner();
 
 protected:
     Author(Impl *impl, bool addReference) noexcept;

@@ -197,6 +197,12 @@ void LibraryPackage::instantiate() {
     e.p_Author_ratings->setIsUnique(false);
     e.p_Author_visits = createProperty(u"visits", ::kivra::ValueFlags::HashSet, false, "1559e4b1-5f8b-31ac-a934-51fed6f58ef7");
     setPropertyIndex(e.p_Author_visits, 8);
+    e.p_Author_peers = createProperty(u"peers", ::kivra::ValueFlags::Sequence, false, "fedd6bf6-b494-3184-9e66-c5598a04978a");
+    setPropertyIndex(e.p_Author_peers, 9);
+    e.p_Author_friends = createProperty(u"friends", ::kivra::ValueFlags::HashSet, false, "7d2a83cc-75f0-3276-8adc-382d653e45d8");
+    setPropertyIndex(e.p_Author_friends, 10);
+    e.p_Author_partner = createProperty(u"partner", ::kivra::ValueFlags::Single, false, "a5354fcd-9409-3ae5-8be3-4660e77e02c1");
+    setPropertyIndex(e.p_Author_partner, 11);
     e.d_Edition = createDataType(u"Edition", "library.Edition", "c99e691d-b3dc-3399-929f-adf2431b5478");
     e.p_Edition_number = createProperty(u"number", ::kivra::ValueFlags::Single, false, "c337d38e-8ac2-3aae-b55d-df3a55232f7a");
     setPropertyIndex(e.p_Edition_number, 1);
@@ -248,6 +254,9 @@ void LibraryPackage::instantiate() {
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("c7cede21-0153-3aea-a023-39edddd1fa8b")) = e.p_Author_pseudonyms;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("78425e9d-e32e-3314-9927-ead24f482294")) = e.p_Author_ratings;
     ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("1559e4b1-5f8b-31ac-a934-51fed6f58ef7")) = e.p_Author_visits;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("fedd6bf6-b494-3184-9e66-c5598a04978a")) = e.p_Author_peers;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("7d2a83cc-75f0-3276-8adc-382d653e45d8")) = e.p_Author_friends;
+    ::kivra::meta::detail::propertySlot(::kivra::parseUuidLiteral("a5354fcd-9409-3ae5-8be3-4660e77e02c1")) = e.p_Author_partner;
 }
 
 void LibraryPackage::weave([[maybe_unused]] ::kivra::meta::PropertySerializerRegistry &serializers) {
@@ -351,6 +360,15 @@ void LibraryPackage::weave([[maybe_unused]] ::kivra::meta::PropertySerializerReg
     e.p_Author_ratings->setType(registry().getType(u"Integer"));
     e.p_Author_visits->setOwningType(e.c_Author);
     e.p_Author_visits->setType(registry().getType(u"UUID"));
+    e.p_Author_peers->setOwningType(e.c_Author);
+    e.p_Author_peers->setType(e.c_Author);
+    e.p_Author_peers->setOpposite(e.p_Author_peers);
+    e.p_Author_friends->setOwningType(e.c_Author);
+    e.p_Author_friends->setType(e.c_Author);
+    e.p_Author_friends->setOpposite(e.p_Author_friends);
+    e.p_Author_partner->setOwningType(e.c_Author);
+    e.p_Author_partner->setType(e.c_Author);
+    e.p_Author_partner->setOpposite(e.p_Author_partner);
     e.d_Edition->setOwningPackage(package_);
     e.p_Edition_number->setOwningType(e.d_Edition);
     e.p_Edition_number->setType(registry().getType(u"Integer"));

@@ -63,6 +63,9 @@ public:
         ::kivra::meta::Property p_Author_pseudonyms;
         ::kivra::meta::Property p_Author_ratings;
         ::kivra::meta::Property p_Author_visits;
+        ::kivra::meta::Property p_Author_peers;
+        ::kivra::meta::Property p_Author_friends;
+        ::kivra::meta::Property p_Author_partner;
         ::kivra::meta::DataType d_Edition;
         ::kivra::meta::Property p_Edition_number;
         ::kivra::meta::Property p_Edition_publisher;
