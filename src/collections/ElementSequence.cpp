@@ -464,6 +464,11 @@ void ElementSequenceBase::resize(std::size_t n, ModelElement::BuilderWrapper con
         if (!cls || !cls->isA(entryClass))
             raise<messages::CannotAddIncompatibleTypes>(cls ? cls->getQualifiedName() : basalt::ustring(),
                                                         entryClass ? entryClass->getQualifiedName() : basalt::ustring());
+        // A builder of another model would make the first child there before the list
+        // refuses it, and leave it behind.
+        if (n > entries_.size() && owner_ && isComposite() && builder->getModel() &&
+            builder->getModel().get() != owner_->getModelImpl())
+            raise<messages::CannotChangeModel>();
     }
     doResize(n, builder.get());
 }

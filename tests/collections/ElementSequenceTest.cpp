@@ -141,6 +141,7 @@ TEST_F(ElementSequenceTest, AChildOfAnotherModelIsRefusedBeforeItIsStored) {
     EXPECT_TRUE(author->getDrafts().empty());
     EXPECT_TRUE(stranger->isTopLevel());
     EXPECT_FALSE(stranger->getChapterOf());
+    EXPECT_EQ(there->elementCount(), 1u); // the builder of the other model made nothing there
 }
 
 struct Watcher : Listener {
